@@ -1,0 +1,300 @@
+// The controller unit: register lookups, address text, the merge decision, Modbus RTU
+// request frames and the reply check.
+#include "rtu_plc.h"
+
+#include <array>
+#include <climits>
+#include <cstring>
+
+#include "serviceForProtocol.h"
+
+// ---------------------------------------------------------------------------------
+// Register lookups.
+
+int getIndexFromRegName(const QString &name)
+{
+    for (int i = 0; i < REG_COUNT; ++i) {
+        if (REG_LIST[i] == name)
+            return i;
+    }
+    return -1;
+}
+
+namespace {
+// The numeric columns of the table, parsed once: they are read for every frame.
+struct NumericColumns {
+    int v[REG_COUNT][REG_COLUMNS];
+    NumericColumns()
+    {
+        for (int r = 0; r < REG_COUNT; ++r)
+            for (int c = 0; c < REG_COLUMNS; ++c)
+                v[r][c] = ADDRESS_RANGE_PRO[r][c].toInt();
+    }
+};
+} // namespace
+
+int regColumnInt(int regIndex, int col)
+{
+    static const NumericColumns columns;
+    if (regIndex < 0 || regIndex >= REG_COUNT || col < 0 || col >= REG_COLUMNS)
+        return 0;
+    return columns.v[regIndex][col];
+}
+
+QString regPrefixOf(const QString &regName)
+{
+    const int cut = regName.indexOf(QLatin1Char('_'));
+    return cut < 0 ? regName : regName.left(cut);
+}
+
+int a2i(QString text, int &value, QString notation, QString name)
+{
+    Q_UNUSED(name);
+    int base = 10;
+    if (!notation.isEmpty()) {
+        const QChar last = notation.at(notation.size() - 1);
+        if (last == QLatin1Char('O'))
+            base = 8;
+        else if (last == QLatin1Char('H'))
+            base = 16;
+    }
+    bool ok = false;
+    value = text.toInt(&ok, base);
+    return ok ? 1 : -1;
+}
+
+int addrOffset(QString name, int addr)
+{
+    Q_UNUSED(name);
+    return addr;
+}
+
+int judgeMerge(int blockStation, const QString &blockName, int64_t blockStart, int64_t blockLen, int itemStation,
+               const QString &itemName, int64_t itemStart, int gapSwitch, int64_t maxGap)
+{
+    if (blockStation != itemStation || blockName != itemName)
+        return 1;
+    // 64-bit: addresses near the ends of int must not overflow into a false join.
+    const int64_t gap = itemStart - (blockStart + blockLen);
+    if (gapSwitch == 0)
+        return gap > 0 ? 1 : 0;
+    return gap > maxGap ? 1 : 0;
+}
+
+int judgeAddrMerge(const KEY_ADDRESS &block, const KEY_ADDRESS &item, int gapSwitch)
+{
+    return judgeMerge(block.station, block.regName, block.startAddr, block.len, item.station, item.regName,
+                      item.startAddr, gapSwitch, driver.maxBlockLen);
+}
+
+// ---------------------------------------------------------------------------------
+// CRC.
+
+namespace {
+constexpr std::array<uint16_t, 256> makeCrcTable()
+{
+    std::array<uint16_t, 256> t{};
+    for (unsigned b = 0; b < 256; ++b) {
+        uint16_t crc = static_cast<uint16_t>(b);
+        for (int k = 0; k < 8; ++k)
+            crc = (crc & 1) ? static_cast<uint16_t>((crc >> 1) ^ 0xA001) : static_cast<uint16_t>(crc >> 1);
+        t[b] = crc;
+    }
+    return t;
+}
+constexpr std::array<uint16_t, 256> kCrcTable = makeCrcTable();
+} // namespace
+
+uint16_t crc16(const unsigned char *data, size_t len)
+{
+    uint16_t crc = 0xFFFF;
+    for (size_t i = 0; i < len; ++i)
+        crc = static_cast<uint16_t>((crc >> 8) ^ kCrcTable[(crc ^ data[i]) & 0xFF]);
+    return crc;
+}
+
+unsigned short computate_check(const unsigned char *data, unsigned short len)
+{
+    return crc16(data, len);
+}
+
+// ---------------------------------------------------------------------------------
+// Frames.
+
+namespace {
+
+int clampToInt(int64_t v)
+{
+    if (v > INT_MAX)
+        return INT_MAX;
+    if (v < INT_MIN)
+        return INT_MIN;
+    return static_cast<int>(v);
+}
+
+// Writes a 16-bit field high byte first.
+void putWord(uint8_t *p, int64_t v)
+{
+    p[0] = static_cast<uint8_t>((v >> 8) & 0xFF);
+    p[1] = static_cast<uint8_t>(v & 0xFF);
+}
+
+void appendCrc(FRAME_PRO &f, int len)
+{
+    const uint16_t crc = crc16(f.frame, static_cast<size_t>(len));
+    f.frame[len] = static_cast<uint8_t>(crc & 0xFF);
+    f.frame[len + 1] = static_cast<uint8_t>(crc >> 8);
+    f.frameLen = len + 2;
+}
+
+void copyVariable(FRAME_PRO &f, const VARIABLE &v)
+{
+    f.reqKind = v.reqKind;
+    f.station = v.station;
+    f.regName = v.regName;
+    f.startAddr = v.startAddr;
+    f.len = v.len;
+    std::memcpy(f.data, v.data, sizeof f.data);
+}
+
+// Request header shared by every function: station, code, address, quantity.
+void putHeader(FRAME_PRO &f, int station, uint8_t function, int64_t address, int64_t quantity)
+{
+    f.frame[0] = static_cast<uint8_t>(station & 0xFF);
+    f.frame[1] = function;
+    putWord(f.frame + 2, address);
+    putWord(f.frame + 4, quantity);
+}
+
+constexpr int kWriteHeaderBytes = 7; // header plus the byte-count byte
+constexpr int kCrcBytes = 2;
+constexpr int kMaxWriteDataBytes = FRAME_BYTES - kWriteHeaderBytes - kCrcBytes;
+
+} // namespace
+
+int wireRegisterCount(int regIndex, int len)
+{
+    const float units = static_cast<float>(regColumnInt(regIndex, COL_UNIT_WIDTH)) * 0.0625f;
+    const float q = units * static_cast<float>(len);
+    if (q >= 2147483647.0f)
+        return INT_MAX;
+    if (q <= -2147483648.0f)
+        return INT_MIN;
+    return static_cast<int>(q);
+}
+
+int getReadFrame(QList<VARIABLE> vars)
+{
+    if (vars.isEmpty())
+        return 0;
+    const VARIABLE &v = vars.first();
+    if (v.station == 0) // broadcasts are never read: nobody would answer
+        return 0;
+    const int reg = getIndexFromRegName(v.regName);
+    if (reg < 0)
+        return 0;
+
+    FRAME_PRO f;
+    const int64_t address = int64_t(ADDRESS_FUNC[reg][1]) + v.startAddr;
+    if (ADDRESS_FUNC[reg][0] == 1) {
+        // Bits are counted the Modbus way: one coil per address, packed 8 per byte.
+        putHeader(f, v.station, FC_READ_COILS, address, v.len);
+        f.replyLen = clampToInt(readBitsReplyLen(v.len));
+    } else {
+        const int q = wireRegisterCount(reg, v.len);
+        putHeader(f, v.station, FC_READ_HOLDING, address, q);
+        f.replyLen = clampToInt(readRegistersReplyLen(q));
+    }
+    appendCrc(f, 6);
+    f.dataPos = 3;
+    f.dataLen = v.len;
+    copyVariable(f, v);
+    driver.frameList.append(f);
+    return 1;
+}
+
+void getWriteFrame(VARIABLE &v)
+{
+    const int reg = getIndexFromRegName(v.regName);
+    if (reg < 0)
+        return;
+
+    FRAME_PRO f;
+    const int64_t address = int64_t(ADDRESS_FUNC[reg][1]) + v.startAddr;
+    int dataBytes = 0;
+    if (ADDRESS_FUNC[reg][0] == 1) {
+        const int64_t n = v.len;
+        const int64_t c = (n + 7) / 8;
+        // The queue and recipe planning keep writes far below this; a record that
+        // would overrun the frame or its own data builds nothing rather than garbage.
+        if (n < 0 || c > kMaxWriteDataBytes || n > RECORD_DATA_BYTES)
+            return;
+        putHeader(f, v.station, FC_WRITE_COILS, address, n);
+        f.frame[6] = static_cast<uint8_t>(c);
+        for (int64_t i = 0; i < c; ++i) {
+            const int bitsHere = (i == c - 1 && n % 8 != 0) ? int(n % 8) : 8;
+            uint8_t packed = 0;
+            for (int j = 0; j < bitsHere; ++j) {
+                if (v.data[8 * i + j] != 0)
+                    packed = static_cast<uint8_t>(packed | (1u << j));
+            }
+            f.frame[kWriteHeaderBytes + i] = packed;
+        }
+        dataBytes = static_cast<int>(c);
+    } else {
+        const int q = wireRegisterCount(reg, v.len);
+        if (q < 0 || 2 * int64_t(q) > kMaxWriteDataBytes)
+            return;
+        putHeader(f, v.station, FC_WRITE_REGISTERS, address, q);
+        f.frame[6] = static_cast<uint8_t>((2 * q) & 0xFF);
+        uint8_t *out = f.frame + kWriteHeaderBytes;
+        if (regColumnInt(reg, COL_VALUE_WIDTH) == 16) {
+            // Each register high byte first; the record holds them low byte first.
+            const int words = qMin(qMin(v.len, q), RECORD_DATA_BYTES / 2);
+            for (int i = 0; i < words; ++i) {
+                out[2 * i] = v.data[2 * i + 1];
+                out[2 * i + 1] = v.data[2 * i];
+            }
+        } else {
+            // A 32-bit value goes most significant byte first, so its high register
+            // travels first.
+            const int values = qMin(q / 2, RECORD_DATA_BYTES / 4);
+            for (int i = 0; i < values; ++i) {
+                out[4 * i] = v.data[4 * i + 3];
+                out[4 * i + 1] = v.data[4 * i + 2];
+                out[4 * i + 2] = v.data[4 * i + 1];
+                out[4 * i + 3] = v.data[4 * i];
+            }
+        }
+        dataBytes = 2 * q;
+    }
+    appendCrc(f, kWriteHeaderBytes + dataBytes);
+    // The controller answers a broadcast with silence, so no reply is expected.
+    f.replyLen = v.station != 0 ? WRITE_ECHO_BYTES : 0;
+    f.dataPos = 0;
+    f.dataLen = 0;
+    copyVariable(f, v);
+    driver.frameList.append(f);
+}
+
+void handShakeFrame()
+{
+    // Carries no bytes and expects none: the host just gets a turn of its loop.
+    driver.frameList.append(FRAME_PRO());
+}
+
+int check_rcv_data(const unsigned char *reply, QList<VARIABLE> vars, int len)
+{
+    Q_UNUSED(vars);
+    if (driver.frameList.isEmpty())
+        return 0;
+    const FRAME_PRO &head = driver.frameList.first();
+    if (len == 0)
+        return head.replyLen == 0 ? 2 : 0;
+    if (len != head.replyLen || len < 2 || reply == nullptr)
+        return 0;
+    const uint16_t crc = crc16(reply, static_cast<size_t>(len - 2));
+    if (reply[len - 1] != (crc >> 8) || reply[len - 2] != (crc & 0xFF))
+        return 0;
+    return head.dataLen != 0 ? 1 : 2;
+}

@@ -1,0 +1,164 @@
+// The controller's register model and Modbus RTU framing.
+//
+// This header holds the constant tables that describe the controller's 14 register
+// areas and the driver's identity strings. They are C++17 inline variables defined
+// here, in dependency order, so that every translation unit that includes this header
+// before defining the global driver object is guaranteed to see them constructed
+// first (the driver's constructor copies REG_LIST), and so that teardown runs in the
+// reverse order.
+#ifndef RTUPLC_DEVICE_RTU_PLC_H
+#define RTUPLC_DEVICE_RTU_PLC_H
+
+#include <QString>
+#include <QByteArray>
+#include <QList>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "rtuplc.h"
+
+struct VARIABLE;
+
+// ---------------------------------------------------------------------------------
+// Identity strings. The default device address is the loopback address, so that the
+// built-in simulator is what a fresh panel reaches.
+inline const QString PROCOTOL_DEFALT_COM_PAR = QStringLiteral("9600,8,EVEN,1");
+inline const QString PROCOTOL_DEFALT_IP_PAR = QStringLiteral("127.0.0.1,8000");
+inline const QString PROCOTOL_NAME = QStringLiteral("rtu_plc");
+inline const QString PROCOTOL_VERSION = QStringLiteral("2.0.0.0");
+inline const QString PROCOTOL_PAR_HMI_SET_MODE = QStringLiteral("0_0");
+
+// ---------------------------------------------------------------------------------
+// Register areas.
+constexpr int REG_COUNT = 14;
+constexpr int REG_COLUMNS = 7;
+
+inline const QString REG_LIST[REG_COUNT] = {
+    QStringLiteral("X"),  QStringLiteral("Y"),   QStringLiteral("M"),  QStringLiteral("SM"),
+    QStringLiteral("S"),  QStringLiteral("T"),   QStringLiteral("C"),  QStringLiteral("32C"),
+    QStringLiteral("CV"), QStringLiteral("TV"),  QStringLiteral("Z"),  QStringLiteral("SD"),
+    QStringLiteral("D_D"), QStringLiteral("D_W"),
+};
+
+// Columns of ADDRESS_RANGE_PRO.
+enum AddressRangeColumn {
+    COL_NOTATION = 0,   // D decimal, O octal, H hexadecimal; one letter per digit
+    COL_LOWEST = 1,     // lowest address, in the notation
+    COL_HIGHEST = 2,    // highest address, in the notation
+    COL_VALUE_WIDTH = 3,// bits of one value: "1" marks a bit area
+    COL_ACCESS = 4,     // "RW", "R" or "W"
+    COL_UNIT_WIDTH = 5, // bits one address step covers on the wire
+    COL_PLAIN_NAME = 6, // "1": name stands alone; "0": prefix plus width suffix
+};
+
+#define RTUPLC_ROW(a, b, c, d, e, f, g)                                                  \
+    {                                                                                    \
+        QStringLiteral(a), QStringLiteral(b), QStringLiteral(c), QStringLiteral(d),      \
+            QStringLiteral(e), QStringLiteral(f), QStringLiteral(g)                      \
+    }
+inline const QString ADDRESS_RANGE_PRO[REG_COUNT][REG_COLUMNS] = {
+    RTUPLC_ROW("OOO", "0", "377", "1", "RW", "1", "1"),       // X
+    RTUPLC_ROW("OOO", "0", "377", "1", "RW", "1", "1"),       // Y
+    RTUPLC_ROW("DDDD", "0", "1999", "1", "RW", "1", "1"),     // M
+    RTUPLC_ROW("DDD", "0", "255", "1", "RW", "1", "1"),       // SM
+    RTUPLC_ROW("DDD", "0", "991", "1", "RW", "1", "1"),       // S
+    RTUPLC_ROW("DDD", "0", "255", "1", "RW", "1", "1"),       // T
+    RTUPLC_ROW("DDD", "0", "255", "1", "RW", "1", "1"),       // C
+    RTUPLC_ROW("DDD", "200", "255", "32", "RW", "32", "1"),   // 32C
+    RTUPLC_ROW("DDD", "0", "199", "16", "RW", "16", "1"),     // CV
+    RTUPLC_ROW("DDD", "0", "255", "16", "RW", "16", "1"),     // TV
+    RTUPLC_ROW("DD", "0", "15", "16", "RW", "16", "1"),       // Z
+    RTUPLC_ROW("DDD", "0", "255", "16", "RW", "16", "1"),     // SD
+    RTUPLC_ROW("DDDD", "0", "7998", "32", "RW", "16", "0"),   // D_D
+    RTUPLC_ROW("DDDD", "0", "7999", "16", "RW", "16", "0"),   // D_W
+};
+#undef RTUPLC_ROW
+
+// Read function class (1 = coils, 3 = holding registers) and the Modbus address of
+// each area's address 0. "32C" and "CV" share 9500: CV is 0..199, 32C is 200..255.
+inline constexpr int32_t ADDRESS_FUNC[REG_COUNT][2] = {
+    {1, 1200}, {1, 0},    {1, 2000}, {1, 4400}, {1, 6000}, {1, 8000}, {1, 9200},
+    {3, 9500}, {3, 9500}, {3, 9000}, {3, 8500}, {3, 8000}, {3, 0},    {3, 0},
+};
+
+// ---------------------------------------------------------------------------------
+// Limits of the link. The controller reads up to 128 units per request (standard
+// Modbus slaves stop at 125 registers); Modbus caps a write at 123 registers or 1968
+// coils, and the byte-count byte of a write must hold its data; a record carries 1024
+// data bytes.
+constexpr int MAX_READ_UNITS = 128;
+constexpr int STD_MAX_READ_REGISTERS = 125;
+constexpr int MAX_WRITE_WORDS = 122;        // keeps 2 x q within the byte-count byte
+constexpr int MAX_WRITE_BITS = 1968;
+constexpr int RECORD_DATA_BYTES = 1024;
+constexpr int MAX_SETDATA_WORDS = RECORD_DATA_BYTES / 2;
+constexpr int MAX_SETDATA_BITS = RECORD_DATA_BYTES;
+constexpr int FRAME_BYTES = 1024;
+constexpr int DEFAULT_SPLIT_WORDS = 64;     // used while maxBlockLen is 0 or less
+constexpr int DEFAULT_SPLIT_BITS = DEFAULT_SPLIT_WORDS * 8;
+constexpr int RTU_FRAMING_BYTES = 5;        // station, function, byte count, CRC
+constexpr int WRITE_ECHO_BYTES = 8;
+constexpr uint8_t FC_READ_COILS = 0x01;
+constexpr uint8_t FC_READ_HOLDING = 0x03;
+constexpr uint8_t FC_WRITE_COILS = 0x0F;
+constexpr uint8_t FC_WRITE_REGISTERS = 0x10;
+
+// Offsets of the recipe command bytes in the host memory block.
+constexpr int HOST_RCP_DOWNLOAD_BYTE = 60115;
+constexpr int HOST_RCP_UPLOAD_BYTE = 60116;
+
+// ---------------------------------------------------------------------------------
+// Register lookups.
+
+// Index 0..13 of the name in REG_LIST (exact, case-sensitive), or -1.
+int getIndexFromRegName(const QString &name);
+
+// Column `col` of the area's row read as a decimal number (0 if not a number).
+int regColumnInt(int regIndex, int col);
+
+// True when the area is a bit area (value width "1").
+inline bool isBitArea(int regIndex) { return ADDRESS_RANGE_PRO[regIndex][COL_VALUE_WIDTH] == QLatin1String("1"); }
+
+// Area name under which the data areas of a register are kept: the part before the
+// first '_' (D_D and D_W share "D").
+QString regPrefixOf(const QString &regName);
+
+// Converts address text in a notation (last letter D, O or H picks base 10, 8, 16).
+// Stores 0 into value when the text is not a number in that base.
+int a2i(QString text, int &value, QString notation, QString name);
+
+// The device's address offset hook: this controller uses addresses as they are.
+int addrOffset(QString name, int addr);
+
+// 1 when `item` must open a new block, 0 when it may join `block`: different station
+// or area, or a gap (switch 0: any gap; switch 1: a gap above maxGap).
+int judgeAddrMerge(const KEY_ADDRESS &block, const KEY_ADDRESS &item, int gapSwitch);
+int judgeMerge(int blockStation, const QString &blockName, int64_t blockStart, int64_t blockLen, int itemStation,
+               const QString &itemName, int64_t itemStart, int gapSwitch, int64_t maxGap);
+
+// ---------------------------------------------------------------------------------
+// Framing.
+
+// Modbus CRC-16 (initial 0xFFFF, reflected polynomial 0xA001); sent low byte first.
+unsigned short computate_check(const unsigned char *data, unsigned short len);
+uint16_t crc16(const unsigned char *data, size_t len);
+
+// Expected reply sizes, the one place that knows the layout of a Modbus reply.
+inline int64_t readBitsReplyLen(int64_t bits) { return (bits + 7) / 8 + RTU_FRAMING_BYTES; }
+inline int64_t readRegistersReplyLen(int64_t registers) { return 2 * registers + RTU_FRAMING_BYTES; }
+
+// Registers on the wire for `len` units of a word area: col5 x 0.0625 x len, in single
+// precision as the controller's original tooling computes it.
+int wireRegisterCount(int regIndex, int len);
+
+// Builders append one FRAME_PRO to driver.frameList.
+int getReadFrame(QList<VARIABLE> vars);
+void getWriteFrame(VARIABLE &var);
+void handShakeFrame();
+
+// Judges a reply against the head of driver.frameList:
+// 0 rejected, 1 accepted with data, 2 accepted without data.
+int check_rcv_data(const unsigned char *reply, QList<VARIABLE> vars, int len);
+
+#endif

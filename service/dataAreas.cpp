@@ -1,0 +1,477 @@
+// The value cache: data areas, their index, decoding of read replies into them, the
+// change reports to the host, and the host's reads.
+#include "serviceForProtocol.h"
+
+#include <climits>
+#include <cstring>
+
+// ---------------------------------------------------------------------------------
+// Index of the data areas.
+
+namespace {
+constexpr size_t kInitialSlots = 64;
+
+uint64_t mix64(uint64_t x)
+{
+    x ^= x >> 33;
+    x *= 0xff51afd7ed558ccdULL;
+    x ^= x >> 33;
+    x *= 0xc4ceb9fe1a85ec53ULL;
+    x ^= x >> 33;
+    return x;
+}
+} // namespace
+
+uint64_t DataAreaIndex::hashKey(int station, int prefix, int addr)
+{
+    const uint64_t k = (uint64_t(uint32_t(station)) << 32) | uint32_t(addr);
+    return mix64(k ^ (uint64_t(uint32_t(prefix)) * 0x9E3779B97F4A7C15ULL));
+}
+
+int DataAreaIndex::prefixId(const QString &name)
+{
+    for (size_t i = 0; i < prefixes_.size(); ++i) {
+        if (prefixes_[i].name == name)
+            return static_cast<int>(i);
+    }
+    Prefix p;
+    p.name = name;
+    const QString plain = name.split(QLatin1Char('_')).first();
+    p.texts.plain = plain;
+    p.texts.word = plain + QStringLiteral("_W");
+    p.texts.dword = plain + QStringLiteral("_D");
+    prefixes_.push_back(p);
+    return static_cast<int>(prefixes_.size() - 1);
+}
+
+void DataAreaIndex::clear()
+{
+    slots_.clear();
+    used_ = 0;
+    indexed_ = 0;
+}
+
+void DataAreaIndex::insert(int station, int prefix, int addr, int index)
+{
+    const size_t mask = slots_.size() - 1;
+    size_t i = hashKey(station, prefix, addr) & mask;
+    while (slots_[i].index >= 0)
+        i = (i + 1) & mask;
+    slots_[i] = Slot{station, addr, prefix, index};
+    ++used_;
+}
+
+void DataAreaIndex::grow()
+{
+    std::vector<Slot> old;
+    old.swap(slots_);
+    slots_.assign(old.empty() ? kInitialSlots : old.size() * 2, Slot{0, 0, 0, -1});
+    used_ = 0;
+    for (const Slot &s : old) {
+        if (s.index >= 0)
+            insert(s.station, s.prefix, s.addr, s.index);
+    }
+}
+
+void DataAreaIndex::rebuild(const QList<_DATA_> &areas)
+{
+    clear();
+    for (int i = 0; i < areas.size(); ++i) {
+        const _DATA_ &a = areas.at(i);
+        const int p = prefixId(a.regPrefix);
+        indexed_ = i; // let find() probe what is indexed so far without recursing
+        if (find(areas, a.station, p, a.addr) < 0) {
+            if ((used_ + 1) * 2 > slots_.size())
+                grow();
+            insert(a.station, p, a.addr, i);
+        }
+    }
+    indexed_ = areas.size();
+}
+
+int DataAreaIndex::find(const QList<_DATA_> &areas, int station, int prefix, int addr)
+{
+    if (indexed_ != areas.size())
+        rebuild(areas);
+    if (slots_.empty())
+        return -1;
+    const size_t mask = slots_.size() - 1;
+    for (size_t i = hashKey(station, prefix, addr) & mask;; i = (i + 1) & mask) {
+        const Slot &s = slots_[i];
+        if (s.index < 0)
+            return -1;
+        if (s.station == station && s.addr == addr && s.prefix == prefix) {
+            // A host that rewrote an area in place leaves a stale entry behind: check
+            // the area itself and fall back to a rebuild if it no longer matches.
+            const _DATA_ &a = areas.at(s.index);
+            if (a.station == station && a.addr == addr && a.regPrefix == prefixName(prefix))
+                return s.index;
+            indexed_ = -1;
+            return find(areas, station, prefix, addr);
+        }
+    }
+}
+
+void DataAreaIndex::add(const QList<_DATA_> &areas, int station, int prefixId, int addr, int index)
+{
+    if (indexed_ != index) { // the list changed behind the index: start over
+        rebuild(areas);
+        return;
+    }
+    if ((used_ + 1) * 2 > slots_.size())
+        grow();
+    insert(station, prefixId, addr, index);
+    indexed_ = index + 1;
+}
+
+// ---------------------------------------------------------------------------------
+// Lookup.
+
+int dataAreaFor(int station, int prefixId, int addr)
+{
+    QList<_DATA_> &areas = driver.dataAreas;
+    const int found = driver.areaIndex.find(areas, station, prefixId, addr);
+    if (found >= 0)
+        return found;
+    _DATA_ area;
+    area.station = station;
+    area.regPrefix = driver.areaIndex.prefixName(prefixId); // shares the interned text
+    area.addr = addr;
+    areas.append(area);
+    const int index = areas.size() - 1;
+    driver.areaIndex.add(areas, station, prefixId, addr, index);
+    return index;
+}
+
+int getIndexOfDataArea(int station, const QString &name, int addr, QList<_DATA_> &areas)
+{
+    if (&areas == &driver.dataAreas)
+        return dataAreaFor(station, driver.areaIndex.prefixId(name), addr);
+    for (int i = 0; i < areas.size(); ++i) {
+        const _DATA_ &a = areas.at(i);
+        if (a.station == station && a.regPrefix == name && a.addr == addr)
+            return i;
+    }
+    _DATA_ area;
+    area.station = station;
+    area.regPrefix = name;
+    area.addr = addr;
+    areas.append(area);
+    return areas.size() - 1;
+}
+
+// ---------------------------------------------------------------------------------
+// Change reports.
+
+void notifyHost(int driverId, int station, const QString &item, int addr)
+{
+    AddrValueChangeCallBack cb = driver.addrValueChangeCallBack;
+    if (cb == nullptr)
+        return; // no callback installed: the host polls with intf_getData instead
+    QString text = item; // the host may change its copy; ours stays intact
+    cb(driverId, station, text, addr);
+}
+
+namespace {
+// What a report needs of an area, copied out before the first callback: a callback
+// may call back into the driver and grow the list of areas.
+struct AreaReport {
+    int flags;
+    int station;
+    int addr;
+    const ItemTexts *texts;
+};
+
+bool reportOf(int area, AreaReport &r)
+{
+    if (area < 0 || area >= driver.dataAreas.size())
+        return false;
+    const _DATA_ &a = driver.dataAreas.at(area);
+    r.flags = a.monitorFlags;
+    r.station = a.station;
+    r.addr = a.addr;
+    r.texts = &driver.areaIndex.texts(driver.areaIndex.prefixId(a.regPrefix));
+    return true;
+}
+
+void reportUnit(int area, bool word, int plainName)
+{
+    AreaReport r;
+    if (!reportOf(area, r))
+        return;
+    const ItemTexts texts = *r.texts;
+    if (plainName != 0) {
+        if (r.flags & MON_UNIT)
+            notifyHost(driver.driverId, r.station, texts.plain, r.addr);
+        return;
+    }
+    if (r.flags & MON_UNIT)
+        notifyHost(driver.driverId, r.station, word ? texts.word : texts.dword, r.addr);
+    if (!word)
+        return;
+    // A double word spans this register and the next, so a changed register concerns
+    // the value starting here (bit 1) and the one starting one below (bit 2).
+    for (int j = 0; j < 2; ++j) {
+        if (int64_t(r.addr) - j < 0)
+            break;
+        if (r.flags & (1 << (j + 1)))
+            notifyHost(driver.driverId, r.station, texts.dword, r.addr - j);
+    }
+}
+} // namespace
+
+void _bitDataChange(int area)
+{
+    AreaReport r;
+    if (!reportOf(area, r) || !(r.flags & MON_UNIT))
+        return;
+    const QString text = r.texts->plain;
+    notifyHost(driver.driverId, r.station, text, r.addr);
+}
+
+void _wordDataChange(int *oldValue, int *newValue, int area, int plainName)
+{
+    Q_UNUSED(oldValue);
+    Q_UNUSED(newValue);
+    reportUnit(area, true, plainName);
+}
+
+void _dwordDataChange(int *oldValue, int *newValue, int area, int plainName)
+{
+    Q_UNUSED(oldValue);
+    Q_UNUSED(newValue);
+    reportUnit(area, false, plainName);
+}
+
+// ---------------------------------------------------------------------------------
+// Decoding.
+
+int uchar2int16(unsigned char lo, unsigned char hi)
+{
+    return lo + (hi << 8);
+}
+
+int uchar2int32(unsigned char b0, unsigned char b1, unsigned char b2, unsigned char b3)
+{
+    const uint32_t v = uint32_t(b0) | (uint32_t(b1) << 8) | (uint32_t(b2) << 16) | (uint32_t(b3) << 24);
+    return static_cast<int>(v);
+}
+
+namespace {
+// Reply bytes past the end read as 0: the length check keeps real replies inside.
+struct ReplyBytes {
+    const unsigned char *p;
+    int64_t n;
+    unsigned char operator[](int64_t i) const { return (i >= 0 && i < n) ? p[i] : 0; }
+};
+
+void copyRecipeUpload(const ReplyBytes &r, int dataPos, const VARIABLE &var);
+} // namespace
+
+void analyzeFrameOfVal(const QByteArray &reply, int count, int dataPos, const VARIABLE &var)
+{
+    const ReplyBytes r{reinterpret_cast<const unsigned char *>(reply.constData()), reply.size()};
+    const int reg = getIndexFromRegName(var.regName);
+    if (reg < 0)
+        return;
+    const int pid = driver.areaIndex.prefixId(regPrefixOf(var.regName));
+    const int unit = regColumnInt(reg, COL_UNIT_WIDTH);
+    const int plainName = regColumnInt(reg, COL_PLAIN_NAME);
+    const uint32_t generation = driver.resetGeneration;
+    const auto addrOf = [&](int i) { return static_cast<int>(uint32_t(var.startAddr) + uint32_t(i)); };
+
+    for (int i = 0; i < count; ++i) {
+        const int k = dataAreaFor(var.station, pid, addrOf(i));
+        _DATA_ &area = driver.dataAreas[k];
+        if (unit == 1) {
+            const uint8_t b = (r[dataPos + i / 8] >> (i % 8)) & 1;
+            if (area.value[0] == b)
+                continue;
+            area.value[0] = b;
+            area.writePending = 0;
+            _bitDataChange(k);
+        } else if (unit == 16) {
+            const int64_t p = dataPos + 2 * int64_t(i);
+            int newValue = uchar2int16(r[p + 1], r[p]);
+            int oldValue = uchar2int16(area.value[0], area.value[1]);
+            if (oldValue == newValue)
+                continue;
+            area.value[0] = r[p + 1];
+            area.value[1] = r[p];
+            area.writePending = 0;
+            _wordDataChange(&oldValue, &newValue, k, plainName);
+        } else if (unit == 32) {
+            const int64_t p = dataPos + 4 * int64_t(i);
+            int newValue = uchar2int32(r[p + 3], r[p + 2], r[p + 1], r[p]);
+            int oldValue = uchar2int32(area.value[0], area.value[1], area.value[2], area.value[3]);
+            if (oldValue == newValue)
+                continue;
+            for (int b = 0; b < 4; ++b)
+                area.value[b] = r[p + 3 - b];
+            area.writePending = 0;
+            _dwordDataChange(&oldValue, &newValue, k, plainName);
+        } else {
+            return;
+        }
+        if (driver.resetGeneration != generation)
+            return; // a callback restarted the driver: this reply is stale
+    }
+    if (driver.sendState == SEND_RCP_UPLOAD)
+        copyRecipeUpload(r, dataPos, var);
+}
+
+namespace {
+
+// Fills the host's recipe buffer from an upload reply, one recipe variable at a time,
+// and tells the host which buffer words it filled.
+void copyRecipeUpload(const ReplyBytes &r, int dataPos, const VARIABLE &var)
+{
+    const int index = driver.rcpIndex;
+    const QList<int> starts = driver.rcpReqStart;
+    const QVector<_RCP_VAR_PRO> vars = driver.rcpVars;
+    if (index < 0 || index >= starts.size())
+        return;
+    const int first = starts.at(index);
+    // A variable longer than one request is cut into several requests that all start
+    // with it, so a request covers at least its first variable.
+    int end = index + 1 < starts.size() ? starts.at(index + 1) : vars.size();
+    if (end <= first)
+        end = first + 1;
+    if (first < 0 || first >= vars.size())
+        return;
+    end = qMin(end, vars.size());
+    const int reg = getIndexFromRegName(var.regName);
+    if (reg < 0)
+        return;
+    unsigned char *buffer = reinterpret_cast<unsigned char *>(driver.rcpBuffer);
+    const int unit = regColumnInt(reg, COL_UNIT_WIDTH);
+    const bool dword16 = unit == 16 && regColumnInt(reg, COL_VALUE_WIDTH) == 32;
+    // The request in area units; only units it carries are copied.
+    const int64_t qStart = var.startAddr;
+    const int64_t qEnd = qStart + var.len;
+    const auto inRequest = [&](int64_t from, int64_t units) { return from >= qStart && from + units <= qEnd; };
+    const QString rwi = QStringLiteral("RWI");
+    const auto word = [&](int64_t w) { return static_cast<int>(w); };
+
+    for (int i = first; i < end; ++i) {
+        const _RCP_VAR_PRO &v = vars.at(i);
+        if (v.regName != var.regName || v.station != var.station)
+            continue;
+        if (unit == 1) {
+            // One buffer word per bit, 0 or 1.
+            for (int64_t m = 0; m < v.len; ++m) {
+                const int64_t a = int64_t(v.startAddr) + m;
+                if (!inRequest(a, 1))
+                    continue;
+                const int64_t bit = a - qStart;
+                const int64_t w = int64_t(v.rcpOffset) + m;
+                if (buffer == nullptr || w < 0)
+                    continue;
+                const uint8_t b = (r[dataPos + bit / 8] >> (bit % 8)) & 1;
+                buffer[2 * w] = b;
+                buffer[2 * w + 1] = 0;
+                notifyHost(0, -1, rwi, word(w));
+            }
+        } else if (dword16) {
+            for (int64_t m = 0; m < v.len / 2; ++m) {
+                const int64_t a = int64_t(v.startAddr) + 2 * m;
+                const int64_t w = int64_t(v.rcpOffset) + 2 * m;
+                if (!inRequest(a, 2) || buffer == nullptr || w < 0)
+                    continue;
+                const int64_t o = dataPos + 2 * (a - qStart);
+                for (int b = 0; b < 4; ++b)
+                    buffer[2 * w + b] = r[o + 3 - b];
+                notifyHost(0, -1, rwi, word(w));
+                notifyHost(0, -1, rwi, word(w + 1));
+            }
+        } else if (unit == 16) {
+            for (int64_t m = 0; m < v.len; ++m) {
+                const int64_t a = int64_t(v.startAddr) + m;
+                const int64_t w = int64_t(v.rcpOffset) + m;
+                if (!inRequest(a, 1) || buffer == nullptr || w < 0)
+                    continue;
+                const int64_t o = dataPos + 2 * (a - qStart);
+                // Least significant byte first, as a download reads the buffer.
+                buffer[2 * w] = r[o + 1];
+                buffer[2 * w + 1] = r[o];
+                notifyHost(0, -1, rwi, word(w));
+            }
+        } else if (unit == 32) {
+            // One value per recipe variable, whatever its length.
+            const int64_t a = v.startAddr;
+            const int64_t w = v.rcpOffset;
+            if (!inRequest(a, 1) || buffer == nullptr || w < 0)
+                continue;
+            const int64_t o = dataPos + 4 * (a - qStart);
+            for (int b = 0; b < 4; ++b)
+                buffer[2 * w + b] = r[o + 3 - b];
+            notifyHost(0, -1, rwi, word(w));
+            notifyHost(0, -1, rwi, word(w + 1));
+        }
+    }
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------------
+// Host reads.
+
+namespace {
+const uint8_t *visible(const _DATA_ &a)
+{
+    return a.writePending ? a.writeValue : a.value;
+}
+
+// Largest read or write a host may ask for in one call: a whole Modbus address space.
+constexpr int kMaxHostUnits = 65536;
+} // namespace
+
+bool hostRangeFits(int addr, int64_t units)
+{
+    return units <= kMaxHostUnits && int64_t(addr) + units <= int64_t(INT_MAX) + 1;
+}
+
+extern "C" RTUPLC_EXPORT int intf_getData(int station, QString regName, int addr, int count, unsigned char *out)
+{
+    return guarded(-1, [&] {
+        const int reg = getIndexFromRegName(regName);
+        if (reg < 0)
+            return -1;
+        if (count <= 0)
+            return 1;
+        if (out == nullptr || !hostRangeFits(addr, count))
+            return -1;
+        StateLock lock(driver.stateMutex);
+        const int pid = driver.areaIndex.prefixId(regPrefixOf(regName));
+        const QString &valueWidth = ADDRESS_RANGE_PRO[reg][COL_VALUE_WIDTH];
+        const QString &unitWidth = ADDRESS_RANGE_PRO[reg][COL_UNIT_WIDTH];
+        const QList<_DATA_> &areas = driver.dataAreas;
+        if (valueWidth == QLatin1String("1")) {
+            for (int i = 0; i < count; ++i)
+                out[i] = visible(areas.at(dataAreaFor(station, pid, addr + i)))[0];
+        } else if (valueWidth == QLatin1String("16")) {
+            for (int i = 0; i < count; ++i) {
+                const uint8_t *v = visible(areas.at(dataAreaFor(station, pid, addr + i)));
+                out[2 * i] = v[0];
+                out[2 * i + 1] = v[1];
+            }
+        } else if (valueWidth == QLatin1String("32") && unitWidth == QLatin1String("16")) {
+            // The register at the higher address is the low half of the value.
+            for (int j = 0; j < count / 2; ++j) {
+                const _DATA_ &hi = areas.at(dataAreaFor(station, pid, addr + 2 * j + 1));
+                const _DATA_ &lo = areas.at(dataAreaFor(station, pid, addr + 2 * j));
+                const bool pending = hi.writePending || lo.writePending;
+                const uint8_t *h = pending ? hi.writeValue : hi.value;
+                const uint8_t *l = pending ? lo.writeValue : lo.value;
+                out[4 * j] = h[0];
+                out[4 * j + 1] = h[1];
+                out[4 * j + 2] = l[0];
+                out[4 * j + 3] = l[1];
+            }
+        } else if (valueWidth == QLatin1String("32")) {
+            for (int j = 0; j < count / 2; ++j)
+                std::memcpy(out + 4 * j, visible(areas.at(dataAreaFor(station, pid, addr + j))), 4);
+        }
+        return 1;
+    });
+}

@@ -1,0 +1,356 @@
+// Read planning: merging addresses into read blocks, monitor registration and
+// condition reads.
+#include "serviceForProtocol.h"
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+
+namespace {
+
+constexpr uint32_t kWeightStep = 65535;
+constexpr int kConditionQueueSlot = 512; // a fuller queue recycles this entry
+
+int truncToInt(double v)
+{
+    if (std::isnan(v))
+        return 0;
+    if (v >= 2147483647.0)
+        return INT_MAX;
+    if (v <= -2147483648.0)
+        return INT_MIN;
+    return static_cast<int>(v);
+}
+
+// Host lengths of word areas count 16-bit registers; the monitored path turns them
+// into the area's units (32C: registers to 32-bit values), in single precision as the
+// controller's tooling does.
+int monitorUnits(int reg, int len)
+{
+    const int unit = regColumnInt(reg, COL_UNIT_WIDTH);
+    if (unit == 1 || unit == 0)
+        return len;
+    const float factor = 16.0f / static_cast<float>(unit);
+    return truncToInt(static_cast<double>(static_cast<float>(len) * factor));
+}
+
+int recipeUnits(int reg, int len)
+{
+    const int unit = regColumnInt(reg, COL_UNIT_WIDTH);
+    if (regColumnInt(reg, COL_VALUE_WIDTH) == 1 || unit == 0)
+        return len;
+    return truncToInt(static_cast<double>(len) * (16.0 / static_cast<double>(unit)));
+}
+
+// Buffer words one unit takes in a recipe: a bit and a register take one, a 32-bit
+// value two.
+int recipeWordsPerUnit(int reg)
+{
+    return regColumnInt(reg, COL_UNIT_WIDTH) == 32 ? 2 : 1;
+}
+
+struct BlockBuilder {
+    int mode;
+    QList<int> *starts;
+    std::vector<MergeItem> out;
+    MergeItem cur;
+    int64_t origin = 0; // where the current run began; pieces before cur were emitted
+
+    void emit(const MergeItem &b)
+    {
+        out.push_back(b);
+        if (starts)
+            starts->append(b.src);
+    }
+
+    void cutLong()
+    {
+        while (cur.len > MAX_READ_UNITS) {
+            MergeItem piece = cur;
+            piece.len = MAX_READ_UNITS;
+            emit(piece);
+            cur.start += MAX_READ_UNITS;
+            cur.len -= MAX_READ_UNITS;
+            if (mode == MERGE_RECIPE) {
+                const int reg = getIndexFromRegName(cur.regName);
+                cur.offset += int64_t(MAX_READ_UNITS) * (reg < 0 ? 1 : recipeWordsPerUnit(reg));
+            }
+        }
+    }
+
+    void open(const MergeItem &item)
+    {
+        cur = item;
+        origin = item.start;
+    }
+
+    // First pass: only touching or overlapping items join. An item that starts before
+    // the run began (possible only when weights wrap) opens a block of its own, so
+    // every address of every item stays inside some block.
+    void add(const MergeItem &item)
+    {
+        cutLong();
+        if (judgeMerge(cur.station, cur.regName, cur.start, cur.len, item.station, item.regName, item.start, 0, 0) == 0 &&
+            item.start >= origin) {
+            const int64_t span = item.start + item.len - cur.start;
+            if (span <= MAX_READ_UNITS) {
+                cur.len = std::max(cur.len, span);
+                return;
+            }
+        }
+        emit(cur);
+        open(item);
+    }
+
+    void finish()
+    {
+        cutLong();
+        emit(cur);
+    }
+};
+
+// Second pass of monitor planning: bridge gaps up to maxBlockLen within 128 units.
+std::vector<MergeItem> bridgeGaps(const std::vector<MergeItem> &blocks)
+{
+    std::vector<MergeItem> out;
+    if (blocks.empty())
+        return out;
+    MergeItem cur = blocks.front();
+    for (size_t i = 1; i < blocks.size(); ++i) {
+        const MergeItem &b = blocks[i];
+        const int64_t span = b.start + b.len - cur.start;
+        if (judgeMerge(cur.station, cur.regName, cur.start, cur.len, b.station, b.regName, b.start, 1,
+                       driver.maxBlockLen) == 0 &&
+            b.start >= cur.start && span <= MAX_READ_UNITS) {
+            cur.len = std::max(cur.len, span);
+        } else {
+            out.push_back(cur);
+            cur = b;
+        }
+    }
+    out.push_back(cur);
+    return out;
+}
+
+} // namespace
+
+uint32_t getRegAddressWeight(int station, const QString &regName, int startAddr, int len)
+{
+    Q_UNUSED(len);
+    const uint32_t n = static_cast<uint32_t>(driver.regList.size());
+    const int p = driver.regList.indexOf(regName);
+    return (uint32_t(station) * n + uint32_t(p)) * kWeightStep + uint32_t(startAddr);
+}
+
+std::vector<MergeItem> mergeItems(std::vector<MergeItem> items, int mode, QList<int> *starts)
+{
+    if (items.empty())
+        return {};
+    const bool recipe = mode == MERGE_RECIPE;
+    for (MergeItem &it : items) {
+        const int reg = getIndexFromRegName(it.regName);
+        if (reg < 0)
+            continue; // unknown areas merge only with their very own name
+        if (recipe) {
+            it.len = recipeUnits(reg, static_cast<int>(it.len));
+        } else {
+            const int cut = it.regName.indexOf(QLatin1Char('_'));
+            if (cut >= 0) // D_D and D_W share the D registers and are read together
+                it.regName = it.regName.left(cut) + QStringLiteral("_W");
+            it.len = monitorUnits(reg, static_cast<int>(it.len));
+        }
+    }
+    if (!recipe && items.size() >= 2) {
+        std::vector<std::pair<uint32_t, size_t>> order(items.size());
+        for (size_t i = 0; i < items.size(); ++i) {
+            const MergeItem &it = items[i];
+            order[i] = {getRegAddressWeight(it.station, it.regName, static_cast<int>(it.start),
+                                            static_cast<int>(it.len)),
+                        i};
+        }
+        std::stable_sort(order.begin(), order.end(),
+                         [](const auto &a, const auto &b) { return a.first < b.first; });
+        std::vector<MergeItem> sorted;
+        sorted.reserve(items.size());
+        for (const auto &o : order)
+            sorted.push_back(std::move(items[o.second]));
+        items.swap(sorted);
+    }
+
+    BlockBuilder builder{mode, starts, {}, {}, 0};
+    builder.open(items.front());
+    for (size_t i = 1; i < items.size(); ++i)
+        builder.add(items[i]);
+    builder.finish();
+    return recipe ? builder.out : bridgeGaps(builder.out);
+}
+
+void addrMerge(QList<KEY_ADDRESS> &keys, int mode)
+{
+    if (keys.isEmpty())
+        return;
+    std::vector<MergeItem> items;
+    items.reserve(static_cast<size_t>(keys.size()));
+    for (int i = 0; i < keys.size(); ++i) {
+        const KEY_ADDRESS &k = keys.at(i);
+        items.push_back(MergeItem{k.station, k.regName, k.startAddr, k.len, i, k.keyField2});
+    }
+    const std::vector<MergeItem> blocks = mergeItems(std::move(items), mode, mode == MERGE_RECIPE ? &driver.rcpReqStart : nullptr);
+    QList<KEY_ADDRESS> result;
+    result.reserve(static_cast<int>(blocks.size()));
+    for (const MergeItem &b : blocks) {
+        KEY_ADDRESS block = keys.at(b.src); // a block carries the fields of its opening item
+        block.regName = b.regName;
+        block.startAddr = static_cast<int>(b.start);
+        block.len = static_cast<int>(b.len);
+        block.keyField2 = static_cast<int>(b.offset);
+        result.append(block);
+    }
+    keys.swap(result);
+}
+
+void groupingKey(const KEY_ADDRESS &key, int maxLen, QList<KEY_ADDRESS> &out, int copyData)
+{
+    if (key.len <= maxLen || maxLen <= 0) {
+        out.append(key);
+        return;
+    }
+    const int whole = key.len / maxLen;
+    const int rest = key.len % maxLen;
+    const int pieces = whole + (rest != 0 ? 1 : 0);
+    const int bytesPerUnit = key.bitPos == -1 ? 1 : 2;
+    for (int j = 0; j < pieces; ++j) {
+        KEY_ADDRESS piece = key;
+        piece.startAddr = static_cast<int>(uint32_t(key.startAddr) + uint32_t(j) * uint32_t(maxLen));
+        piece.len = (j == whole) ? rest : maxLen;
+        if (copyData == 1) {
+            const int64_t from = int64_t(j) * maxLen * bytesPerUnit;
+            const int64_t n = std::min<int64_t>(int64_t(piece.len) * bytesPerUnit, RECORD_DATA_BYTES - from);
+            if (from < RECORD_DATA_BYTES && n > 0)
+                std::copy(key.data + from, key.data + from + n, piece.data);
+        }
+        out.append(piece);
+    }
+}
+
+int _setBitValue(int value, int bit, int on)
+{
+    if (bit < 0 || bit > 31)
+        return value;
+    const uint32_t mask = 1u << bit;
+    const uint32_t v = on ? (uint32_t(value) | mask) : (uint32_t(value) & ~mask);
+    return static_cast<int>(v);
+}
+
+int _setDataAreaMonitorFlag(int station, const QString &regName, int startAddr, int len)
+{
+    const int reg = getIndexFromRegName(regName);
+    if (reg < 0)
+        return -1;
+    const QString &width = ADDRESS_RANGE_PRO[reg][COL_VALUE_WIDTH];
+    const QString &unit = ADDRESS_RANGE_PRO[reg][COL_UNIT_WIDTH];
+    const int pid = driver.areaIndex.prefixId(regPrefixOf(regName));
+    const auto flag = [&](int64_t a, int bit) {
+        if (a > INT_MAX || a < INT_MIN)
+            return;
+        _DATA_ &area = driver.dataAreas[dataAreaFor(station, pid, static_cast<int>(a))];
+        area.monitorFlags = _setBitValue(area.monitorFlags, bit, 1);
+    };
+    const int64_t start = startAddr;
+    if (width == QLatin1String("32") && unit == QLatin1String("16")) {
+        // A 32-bit value over two registers: its first register gets bit 1, the
+        // second bit 2.
+        const int64_t m = len - len % 2;
+        for (int64_t a = start; a < start + m; a += 2) {
+            flag(a, 1);
+            flag(a + 1, 2);
+        }
+    } else if (width == QLatin1String("32") && unit == QLatin1String("32")) {
+        for (int64_t a = start; a < start + len / 2; ++a)
+            flag(a, 0);
+    } else if (width == unit && (width == QLatin1String("1") || width == QLatin1String("16"))) {
+        for (int64_t a = start; a < start + len; ++a)
+            flag(a, 0);
+    }
+    return 0;
+}
+
+extern "C" {
+
+RTUPLC_EXPORT int intf_addrMerge(QList<KEY_ADDRESS> &list)
+{
+    return guarded(0, [&] {
+        StateLock lock(driver.stateMutex);
+        for (int i = 0; i < driver.dataAreas.size(); ++i)
+            driver.dataAreas[i].monitorFlags = 0;
+        std::vector<MergeItem> items;
+        items.reserve(static_cast<size_t>(list.size()));
+        for (int i = 0; i < list.size(); ++i) {
+            const KEY_ADDRESS &k = list.at(i);
+            if (!hostRangeFits(k.startAddr, std::max(k.len, 0)))
+                continue; // no screen shows that many units; flagging them would exhaust memory
+            _setDataAreaMonitorFlag(k.station, k.regName, k.startAddr, k.len);
+            items.push_back(MergeItem{k.station, k.regName, k.startAddr, k.len, i, 0});
+        }
+        driver.monitorList.clear();
+        if (items.empty())
+            return 0;
+        for (const MergeItem &b : mergeItems(std::move(items), MERGE_MONITOR, nullptr)) {
+            VARIABLE v;
+            v.reqKind = SEND_MONITOR;
+            v.station = b.station;
+            v.regName = b.regName;
+            v.startAddr = static_cast<int>(b.start);
+            v.len = static_cast<int>(b.len);
+            driver.monitorList.append(v);
+        }
+        return driver.monitorList.size();
+    });
+}
+
+RTUPLC_EXPORT int intf_addConditionRead(const KEY_ADDRESS &key, int kind)
+{
+    return guarded(-1, [&] {
+        const int reg = getIndexFromRegName(key.regName);
+        if (reg < 0)
+            return -1;
+        if (!hostRangeFits(key.startAddr, std::max(key.len, 0)))
+            return -1;
+        StateLock lock(driver.stateMutex);
+        const int limit = key.bitPos == -1 ? splitBits() : splitWords();
+        const int whole = key.len > limit ? key.len / limit : 1;
+        const int rest = key.len > limit ? key.len % limit : 0;
+        const int pieces = whole + (rest != 0 ? 1 : 0);
+        QList<VARIABLE> &queue = driver.conditionList;
+        for (int j = 0; j < pieces; ++j) {
+            VARIABLE v;
+            v.reqKind = kind;
+            v.station = key.station;
+            v.regName = key.regName;
+            v.startAddr = key.startAddr + j * (key.len > limit ? limit : 0);
+            const int pieceLen = key.len > limit ? (j == whole ? rest : limit) : key.len;
+            // Sized like the monitored path: bits stay bits, 32C registers become values.
+            v.len = monitorUnits(reg, pieceLen);
+
+            // Index 0 may be in flight and is never replaced.
+            int found = -1;
+            for (int i = queue.size() - 1; i >= 1; --i) {
+                const VARIABLE &q = queue.at(i);
+                if (q.station == v.station && q.startAddr == v.startAddr && q.len == v.len && q.regName == v.regName) {
+                    found = i;
+                    break;
+                }
+            }
+            if (found >= 0)
+                queue[found] = v;
+            else if (queue.size() > kConditionQueueSlot)
+                queue[kConditionQueueSlot] = v;
+            else
+                queue.append(v);
+            driver.lastCondVar = v;
+        }
+        return 1;
+    });
+}
+
+} // extern "C"

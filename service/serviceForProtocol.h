@@ -1,0 +1,253 @@
+// The driver's state and the generic protocol service around the controller unit:
+// the driver object, planning, the send/receive cycle, the value cache, change reports
+// and writes.
+#ifndef RTUPLC_SERVICE_FOR_PROTOCOL_H
+#define RTUPLC_SERVICE_FOR_PROTOCOL_H
+
+#include <QList>
+#include <QMutex>
+#include <QString>
+#include <QVector>
+
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+#include "rtuplc.h"
+#include "rtu_plc.h"
+
+// One queued request: a block to read or a value to write.
+struct VARIABLE {
+    int32_t reqKind = 0;
+    int32_t station = 0;
+    QString regName;
+    int32_t startAddr = 0;
+    int32_t len = 0;
+    uint8_t data[1024] = {};
+
+    VARIABLE() = default;
+    VARIABLE(const VARIABLE &) = default;
+    VARIABLE &operator=(const VARIABLE &) = default;
+};
+
+// One cached unit of controller memory: a bit, a 16-bit register or a 32-bit value.
+struct _DATA_ {
+    uint8_t writePending = 0;
+    int32_t monitorFlags = 0;
+    int32_t station = 0;
+    QString regPrefix;
+    int32_t addr = 0;
+    uint8_t value[4] = {};
+    uint8_t writeValue[4] = {};
+};
+
+// Monitor flag bits of a data area.
+enum MonitorFlag {
+    MON_UNIT = 1 << 0,      // the unit itself is watched
+    MON_DWORD_LO = 1 << 1,  // first register of a watched 32-bit value
+    MON_DWORD_HI = 1 << 2,  // second register of a watched 32-bit value
+};
+
+// Values of Protocol::sendState.
+enum SendState {
+    SEND_IDLE = 0,
+    SEND_HANDSHAKE = 1,
+    SEND_WRITE = 2,
+    SEND_CONDITION = 3,
+    SEND_MONITOR = 4,
+    SEND_RCP_DOWNLOAD = 5,
+    SEND_RCP_UPLOAD = 6,
+};
+
+// Texts of the items a change report names for one area name P: P, P_W, P_D, where
+// P is the name's part before its first '_'.
+struct ItemTexts {
+    QString plain, word, dword;
+};
+
+// Finds data areas by (station, area name, address) in constant time. The cache only
+// ever grows by appending and is emptied as a whole, so an index position is stable;
+// the index notices when dataAreas was changed behind its back (its size differs) and
+// rebuilds itself, so lookups always give the first match, as a scan would.
+class DataAreaIndex {
+public:
+    // Index of the area in `areas`, or -1.
+    int find(const QList<_DATA_> &areas, int station, int prefixId, int addr);
+    // Records that areas[index] holds the key (index is the last element).
+    void add(const QList<_DATA_> &areas, int station, int prefixId, int addr, int index);
+    void clear();
+    // Small id of an area name; names are interned on first sight.
+    int prefixId(const QString &name);
+    const QString &prefixName(int id) const { return prefixes_[static_cast<size_t>(id)].name; }
+    const ItemTexts &texts(int id) const { return prefixes_[static_cast<size_t>(id)].texts; }
+
+private:
+    struct Slot {
+        int32_t station;
+        int32_t addr;
+        int32_t prefix;
+        int32_t index; // -1 when empty
+    };
+    static uint64_t hashKey(int station, int prefix, int addr);
+    void rebuild(const QList<_DATA_> &areas);
+    void insert(int station, int prefix, int addr, int index);
+    void grow();
+
+    std::vector<Slot> slots_;
+    size_t used_ = 0;
+    int indexed_ = 0; // number of areas the index describes
+    struct Prefix {
+        QString name;
+        ItemTexts texts;
+    };
+    std::vector<Prefix> prefixes_;
+};
+
+class Protocol {
+public:
+    Protocol();
+    ~Protocol();
+    Protocol(const Protocol &) = delete;
+    Protocol &operator=(const Protocol &) = delete;
+
+    AddrValueChangeCallBack addrValueChangeCallBack = nullptr;
+    int32_t driverId = 0;
+    int32_t localWriteMode = 0;
+    int32_t retryTimes = 0;
+    int32_t maxBlockLen = 0;
+    unsigned char *hostMemory = nullptr;
+    unsigned short *rcpBuffer = nullptr;
+    QMutex *hostMutex = nullptr;
+    QList<VARIABLE> monitorList;
+    QList<VARIABLE> writeList;
+    QList<VARIABLE> conditionList;
+    QList<_DATA_> dataAreas;
+    QVector<_RCP_VAR_PRO> rcpVars;
+    QVector<_RCP_VAR_PRO> rcpReqs;
+    QList<int> rcpReqStart;
+    VARIABLE lastCondVar;
+    QList<QString> regList;
+    VARIABLE curVar;
+    QList<VARIABLE> curVarList;
+    int32_t sendState = 0;
+    int32_t priorityCount = 0;
+    int32_t handshakeFlag = 0;
+    int32_t failCount = 0;
+    int32_t maxBitLen = 0;
+    int32_t maxWordLen = 0;
+    int32_t commError = 0;
+    QList<FRAME_PRO> frameList;
+    QMutex listMutex;
+    int32_t rcpIndex = 0;
+    QString propertyPage;
+
+    // --- Members below are the implementation's own; hosts never see them. ---
+
+    // Serialises every caller of the lists and the value cache. Recursive, so that a
+    // callback may call back into the driver on its own thread. A standard mutex
+    // rather than a QMutex so that thread checkers see its ordering.
+    std::recursive_mutex stateMutex;
+    DataAreaIndex areaIndex;
+    // Recipe command bytes to clear once the state lock is released (bit 0: download,
+    // bit 1: upload), so that the host's lock is never taken inside ours.
+    int pendingHostClear = 0;
+    // Bumped by intf_initProperty; a decode that sees it change stops touching areas.
+    uint32_t resetGeneration = 0;
+};
+
+extern RTUPLC_EXPORT Protocol driver;
+
+using StateLock = std::lock_guard<std::recursive_mutex>;
+
+// --- Effective split sizes: a maxBlockLen of 0 or less cuts at the defaults. ---
+int splitWords();
+int splitBits();
+
+// True when `units` units from addr are a sane host request: at most one Modbus
+// address space, and every address representable as an int.
+bool hostRangeFits(int addr, int64_t units);
+
+// --- Planning. ---
+
+enum MergeMode { MERGE_MONITOR = 1, MERGE_RECIPE = 2 };
+
+// What merging needs of an item or a block: `src` is the index of the item (for a
+// block, of the item that opened it) in the caller's list; `offset` is a recipe
+// variable's buffer offset, carried along (and advanced over cut pieces).
+struct MergeItem {
+    int station = 0;
+    QString regName;
+    int64_t start = 0;
+    int64_t len = 0;
+    int src = 0;
+    int64_t offset = 0;
+};
+
+// Normalises lengths (word lengths to the area's units; in monitor mode D_D becomes
+// D_W), sorts by weight in monitor mode (recipe callers sort beforehand), and merges
+// into blocks of at most MAX_READ_UNITS. In recipe mode `starts` receives, per block,
+// the `src` of the first item it covers.
+std::vector<MergeItem> mergeItems(std::vector<MergeItem> items, int mode, QList<int> *starts);
+
+uint32_t getRegAddressWeight(int station, const QString &regName, int startAddr, int len);
+void addrMerge(QList<KEY_ADDRESS> &keys, int mode);
+void groupingKey(const KEY_ADDRESS &key, int maxLen, QList<KEY_ADDRESS> &out, int copyData);
+int _setDataAreaMonitorFlag(int station, const QString &regName, int startAddr, int len);
+int _setBitValue(int value, int bit, int on);
+void rcpAddrToVar(const _RCP_VAR_PRO &req, VARIABLE &var, int withData);
+
+// --- Data areas and change reports. ---
+int getIndexOfDataArea(int station, const QString &name, int addr, QList<_DATA_> &areas);
+int dataAreaFor(int station, int prefixId, int addr); // fast path on driver.dataAreas
+void _bitDataChange(int area);
+void _wordDataChange(int *oldValue, int *newValue, int area, int plainName);
+void _dwordDataChange(int *oldValue, int *newValue, int area, int plainName);
+int uchar2int16(unsigned char lo, unsigned char hi);
+int uchar2int32(unsigned char b0, unsigned char b1, unsigned char b2, unsigned char b3);
+void analyzeFrameOfVal(const QByteArray &reply, int count, int dataPos, const VARIABLE &var);
+void notifyHost(int driverId, int station, const QString &item, int addr);
+
+// --- Cycle. ---
+QString getErrorInfo(const QByteArray &reply);
+void dealListWhenFinish();
+int dealReadFrameReturnSaveData(const QByteArray &reply);
+void applyPendingHostClears();
+
+// --- Writes. ---
+void write_saveDataToArea(int station, const QString &regName, int addr, int count, const unsigned char *data);
+void _write_FailOrSuc(int station, const QString &regName, int startAddr, int len, int ok);
+
+// --- Editor helpers, table-independent so that any row can be tested. ---
+// How an editor item uses an address: as a bit or as words; with a data type and a
+// read/write flag for the typed check.
+struct AddressUse {
+    bool bitUse = false;
+    bool typed = false; // apply the access and 32-bit data-type tests
+    int dataType = 0;
+    int rw = 0;
+};
+int validateAddress(const QString *row, const QString &regName, const QString &addrText, int *addr, int count,
+                    const AddressUse &use);
+int multiCp(QString regName, QString notation, int start, int count, int step, QVector<QString> &texts,
+            QVector<int> &values, int highest, QString highestText);
+
+// Runs an exported function body, turning any escaping exception into `fallback`.
+template <typename F, typename R>
+R guarded(R fallback, F &&body) noexcept
+{
+    try {
+        return body();
+    } catch (...) {
+        return fallback;
+    }
+}
+template <typename F>
+void guardedVoid(F &&body) noexcept
+{
+    try {
+        body();
+    } catch (...) {
+    }
+}
+
+#endif

@@ -1,0 +1,260 @@
+// Register model, identity, properties and the editor functions.
+#include <gtest/gtest.h>
+
+#include "serviceForProtocol.h"
+
+namespace {
+
+TEST(RegisterTable, NamesAndLookup)
+{
+    const QStringList expected = {"X", "Y", "M", "SM", "S", "T", "C", "32C", "CV", "TV", "Z", "SD", "D_D", "D_W"};
+    EXPECT_EQ(QStringList(driver.regList), expected);
+    struct Row {
+        const char *name;
+        int index;
+    } rows[] = {{"X", 0}, {"D_W", 13}, {"32C", 7}, {"x", -1}, {"d_w", -1}, {"", -1}, {"D", -1}, {"D_W ", -1}};
+    for (const Row &r : rows)
+        EXPECT_EQ(getIndexFromRegName(QString::fromLatin1(r.name)), r.index) << r.name;
+    for (int i = 0; i < REG_COUNT; ++i) {
+        const bool bit = i <= 6;
+        EXPECT_EQ(ADDRESS_RANGE_PRO[i][COL_VALUE_WIDTH] == "1", bit) << i;
+        EXPECT_EQ(ADDRESS_FUNC[i][0], bit ? 1 : 3) << i;
+    }
+}
+
+TEST(AddressText, A2iBases)
+{
+    struct Row {
+        const char *text, *notation;
+        int result, value;
+    } rows[] = {
+        {"377", "OOO", 1, 255}, {"400", "OOO", 1, 256}, {"18", "OOO", -1, 0},  {"7999", "DDDD", 1, 7999},
+        {"", "DDDD", -1, 0},    {"1A", "DDDD", -1, 0},  {"1F", "HH", 1, 31},   {"1f", "H", 1, 31},
+        {"12", "", 1, 12},      {"12", "X", 1, 12},     {"8", "OOO", -1, 0},   {"-1", "DDD", 1, -1},
+    };
+    for (const Row &r : rows) {
+        int value = 12345;
+        EXPECT_EQ(a2i(r.text, value, r.notation, "X"), r.result) << r.text << " " << r.notation;
+        EXPECT_EQ(value, r.value) << r.text << " " << r.notation;
+    }
+    EXPECT_EQ(addrOffset("D_W", 77), 77);
+}
+
+TEST(Identity, ParameterTextAndPages)
+{
+    int type = 9;
+    intf_getProtocolType(type);
+    EXPECT_EQ(type, 0);
+    EXPECT_EQ(intf_getVersion(), "2.0.0.0");
+    QString param = "old";
+    intf_getDriverParameter(param);
+    EXPECT_EQ(param, "0,9600,8,EVEN,1,0,1,127.0.0.1,8000,rtu_plc,X,Y,M,SM,S,T,C,32C,CV,TV,Z,SD,D_D,D_W");
+    intf_SetDriverPropertyPage("something else");
+    EXPECT_EQ(driver.propertyPage, "something else");
+    QString page;
+    intf_getDriverPropertyPage(page);
+    EXPECT_EQ(page, "0_0");
+}
+
+TEST(Properties, ParsingTable)
+{
+    struct Row {
+        const char *text; // applied after a reset to 7#7#7#7#7
+        int driverId, localWriteMode, retryTimes, maxBlockLen;
+    } rows[] = {
+        {"5#1#9#3#40", 5, 1, 3, 40},     {"5#1#9#3", 7, 7, 7, 7},       {"5##9#3#40", 5, 0, 3, 40},
+        {"a#b#c#d#e", 0, 0, 0, 0},       {"", 7, 7, 7, 7},               {"1#0#0#3#64#extra#x", 1, 0, 3, 64},
+        {"#####", 0, 0, 0, 0},           {" 2#1#0#4#8", 2, 1, 4, 8},     {"0x5#1#0#3#40", 0, 1, 3, 40},
+        {"1#0#0#3#-4", 1, 0, 3, -4},
+    };
+    for (const Row &r : rows) {
+        int err = 5;
+        intf_initProperty(nullptr, 0, nullptr, &err, "7#7#7#7#7", nullptr);
+        EXPECT_EQ(intf_initProperty(nullptr, 0, nullptr, &err, r.text, nullptr), 1) << r.text;
+        EXPECT_EQ(err, 0);
+        EXPECT_EQ(driver.driverId, r.driverId) << r.text;
+        EXPECT_EQ(driver.localWriteMode, r.localWriteMode) << r.text;
+        EXPECT_EQ(driver.retryTimes, r.retryTimes) << r.text;
+        EXPECT_EQ(driver.maxBlockLen, r.maxBlockLen) << r.text;
+        EXPECT_EQ(driver.maxWordLen, r.maxBlockLen) << r.text;
+        EXPECT_EQ(driver.maxBitLen, r.maxBlockLen * 8) << r.text;
+    }
+    EXPECT_EQ(intf_initProperty(nullptr, 0, nullptr, nullptr, nullptr, nullptr), 1);
+    // Until a positive maxBlockLen arrives, cutting uses 64 words / 512 bits.
+    intf_initProperty(nullptr, 0, nullptr, nullptr, "1#0#0#3#0", nullptr);
+    EXPECT_EQ(splitWords(), DEFAULT_SPLIT_WORDS);
+    EXPECT_EQ(splitBits(), DEFAULT_SPLIT_BITS);
+}
+
+TEST(Properties, ReinitEmptiesTrafficKeepsRecipeAndCallback)
+{
+    static int calls = 0;
+    intf_setAddrValueChangeCallBack([](int, int, QString &, int) { ++calls; });
+    intf_initProperty(nullptr, 0, nullptr, nullptr, "1#0#0#3#64", nullptr);
+    QVector<_RCP_VAR_PRO> recipe(1);
+    recipe[0].driverId = 1;
+    recipe[0].station = 1;
+    recipe[0].regName = "D_W";
+    recipe[0].len = 2;
+    ASSERT_EQ(intf_setRcpAddress(recipe), 1);
+    unsigned char v[2] = {1, 0};
+    intf_setData(1, "D_W", 0, 1, v, 2);
+    driver.handshakeFlag = 1;
+    intf_initProperty(nullptr, 0, nullptr, nullptr, "1#0#0#3#64", nullptr);
+    EXPECT_TRUE(driver.writeList.isEmpty());
+    EXPECT_TRUE(driver.dataAreas.isEmpty());
+    EXPECT_TRUE(driver.frameList.isEmpty());
+    EXPECT_EQ(driver.handshakeFlag, 0);
+    EXPECT_EQ(driver.rcpVars.size(), 1);
+    EXPECT_EQ(driver.rcpReqs.size(), 1);
+    EXPECT_NE(driver.addrValueChangeCallBack, nullptr);
+    intf_setAddrValueChangeCallBack(nullptr);
+}
+
+TEST(Catalogue, ListsByType)
+{
+    struct Row {
+        int type, result;
+        QStringList names;
+    } rows[] = {
+        {0, 1, {"X", "Y", "M", "SM", "S", "T", "C"}},
+        {1, 1, {"32C", "CV", "TV", "Z", "SD", "D_D", "D_W"}},
+        {2, 0, {"32C", "CV", "TV", "Z", "SD", "D_D", "D_W"}},
+        {-1, 0, {"32C", "CV", "TV", "Z", "SD", "D_D", "D_W"}},
+    };
+    for (const Row &r : rows) {
+        QStringList names = {"kept"};
+        EXPECT_EQ(intf_getRegListByType(r.type, &names), r.result) << r.type;
+        EXPECT_EQ(names, QStringList{"kept"} + r.names) << r.type;
+    }
+    QStringList twice;
+    intf_getRegListByType(0, &twice);
+    intf_getRegListByType(0, &twice);
+    EXPECT_EQ(twice.size(), 14);
+}
+
+TEST(Catalogue, Descriptions)
+{
+    struct Row {
+        const char *name;
+        QStringList texts;
+    } rows[] = {
+        {"X", {"OOO", "0", "377", "0", "1"}},     {"Y", {"OOO", "0", "377", "0", "1"}},
+        {"M", {"DDDD", "0", "1999", "0", "1"}},   {"SM", {"DDD", "0", "255", "0", "1"}},
+        {"S", {"DDD", "0", "991", "0", "1"}},     {"32C", {"DDD", "200", "255", "2", "1"}},
+        {"CV", {"DDD", "0", "199", "1", "1"}},    {"TV", {"DDD", "0", "255", "1", "1"}},
+        {"Z", {"DD", "0", "15", "1", "1"}},       {"D_D", {"DDDD", "0", "7998", "2", "1"}},
+        {"D_W", {"DDDD", "0", "7999", "1", "1"}}, {"D", {}},
+        {"", {}},
+    };
+    for (const Row &r : rows) {
+        QStringList info = {"kept"};
+        EXPECT_EQ(intf_getRegDiscription(r.name, &info), 0);
+        EXPECT_EQ(info, QStringList{"kept"} + r.texts) << r.name;
+    }
+}
+
+TEST(Validation, CheckAddrValidityTable)
+{
+    struct Row {
+        const char *name, *text;
+        int count, wordUse, result, addr; // addr -7 means "left as the caller's"
+    } rows[] = {
+        {"X", "377", 1, 0, 0, 255},     {"X", "400", 1, 0, 2, 256},     {"X", "8", 1, 0, 4, 0},
+        {"X", "0", 1, 1, 1, -7},        {"32C", "199", 2, 1, 2, 199},   {"32C", "200", 2, 1, 0, 200},
+        {"32C", "255", 2, 1, 0, 255},   {"32C", "255", 4, 1, 2, 255},   {"32C", "255", 3, 1, 2, 255},
+        {"D_W", "7999", 1, 1, 0, 7999}, {"D_W", "7999", 2, 1, 2, 7999}, {"D_W", "7998", 2, 1, 0, 7998},
+        {"D", "1", 1, 1, 3, -7},        {"D_W", "abc", 1, 1, 4, 0},     {"D_W", "", 1, 1, 4, 0},
+        {"M", "1999", 1, 0, 0, 1999},   {"M", "1990", 16, 0, 2, 1990},  {"M", "1984", 16, 0, 0, 1984},
+        {"Y", "17", 16, 0, 0, 15},      {"D_W", "0", 8000, 1, 0, 0},    {"D_W", "-1", 1, 1, 2, -1},
+        {"CV", "0", 1, 0, 1, -7},       {"D_D", "7998", 2, 1, 2, 7998}, {"D_D", "7997", 2, 1, 0, 7997},
+        {"Z", "15", 1, 1, 0, 15},
+    };
+    for (const Row &r : rows) {
+        int addr = -7;
+        EXPECT_EQ(intf_checkAddrValidity(r.name, r.text, &addr, r.count, r.wordUse), r.result)
+            << r.name << " " << r.text << " count " << r.count;
+        EXPECT_EQ(addr, r.addr) << r.name << " " << r.text;
+    }
+}
+
+TEST(Validation, CheckAddrTypedTable)
+{
+    struct Row {
+        const char *name, *text;
+        int dataType, count, rw, result;
+    } rows[] = {
+        {"X", "7", -1, 1, 1, 0},    {"X", "7", 0, 1, 0, 1},      {"D_D", "0", 2, 2, 0, 5},
+        {"D_D", "0", 3, 2, 0, 0},   {"D_D", "0", -1, 2, 0, 1},   {"32C", "200", 0, 2, 0, 5},
+        {"32C", "200", 9, 2, 1, 0}, {"32C", "200", 1, 2, 2, 0},  {"D_W", "0", 2, 1, 2, 0},
+        {"D", "0", 3, 1, 0, 3},     {"32C", "x", 5, 2, 0, 4},    {"32C", "199", 6, 2, 0, 2},
+    };
+    for (const Row &r : rows) {
+        int addr = -7;
+        EXPECT_EQ(intf_checkAddr(r.name, r.text, &addr, r.dataType, r.count, r.rw), r.result)
+            << r.name << " " << r.text << " type " << r.dataType;
+        if (r.result == 1 || r.result == 3 || r.result == 5) {
+            EXPECT_EQ(addr, -7) << r.name;
+        }
+    }
+}
+
+TEST(Validation, ReadOnlyAreaRefusesWrites)
+{
+    // No area of this controller is read-only; a row that is must refuse writers.
+    const QString row[REG_COLUMNS] = {"DDD", "0", "99", "16", "R", "16", "1"};
+    for (int rw : {0, 1, 2, 3}) {
+        AddressUse use;
+        use.typed = true;
+        use.dataType = 0;
+        use.rw = rw;
+        int addr = -7;
+        EXPECT_EQ(validateAddress(row, "RO", "5", &addr, 1, use), (rw == 1 || rw == 2) ? 6 : 0) << rw;
+    }
+}
+
+TEST(MultiCopy, SequencesAndClipping)
+{
+    struct Row {
+        const char *name;
+        int start, count, step, result;
+        QVector<int> values;
+        QVector<QString> texts;
+    } rows[] = {
+        {"X", 8, 3, 8, 1, {8, 16, 24}, {"10", "20", "30"}},
+        {"X", 250, 3, -1, 2, {250, 255, 255}, {"372", "377", "377"}},
+        {"X", 0, 2, -2, 1, {0, 32}, {"0", "40"}},
+        {"D_W", 7998, 3, -2, 2, {7998, 7999, 7999}, {"7998", "7999", "7999"}},
+        {"D_W", 5, 0, 1, 1, {}, {}},
+        {"D_W", 5, 3, 0, 1, {5, 6, 7}, {"5", "6", "7"}},
+        {"D_W", 5, 2, -5, 1, {5, 6}, {"5", "6"}},
+        {"32C", 200, 3, -1, 1, {200, 201, 202}, {"200", "201", "202"}},
+        {"32C", 200, 2, -2, 1, {200, 201}, {"200", "201"}},
+        {"CV", 0, 2, -1, 1, {0, 1}, {"0", "1"}},
+        {"D_W", -1, 1, 1, 1, {-1}, {"4294967295"}},
+        {"D_W", 7990, 2, 2147483647, 2, {7990, 7999}, {"7990", "7999"}},
+        {"D", 0, 3, 1, 0, {}, {}},
+    };
+    for (const Row &r : rows) {
+        QVector<QString> texts = {"kept"};
+        QVector<int> values = {-9};
+        EXPECT_EQ(intf_multiCopy(r.name, r.start, r.count, r.step, &texts, &values), r.result) << r.name;
+        EXPECT_EQ(values, QVector<int>{-9} + r.values) << r.name << " start " << r.start;
+        EXPECT_EQ(texts, QVector<QString>{"kept"} + r.texts) << r.name << " start " << r.start;
+    }
+}
+
+TEST(MultiCopy, HexNotationAndUnknownLetterKeepsText)
+{
+    QVector<QString> texts;
+    QVector<int> values;
+    EXPECT_EQ(multiCp("D_W", "HHHH", 30, 2, 1, texts, values, 100, "64"), 1);
+    EXPECT_EQ(texts, (QVector<QString>{"1e", "1f"}));
+    texts.clear();
+    values.clear();
+    EXPECT_EQ(multiCp("D_W", "QQ", 3, 2, 1, texts, values, 100, "100"), 1);
+    EXPECT_EQ(texts, (QVector<QString>{"", ""}));
+    EXPECT_EQ(values, (QVector<int>{3, 4}));
+}
+
+} // namespace
