@@ -79,8 +79,7 @@ void DataAreaIndex::rebuild(const QList<_DATA_> &areas)
     for (int i = 0; i < areas.size(); ++i) {
         const _DATA_ &a = areas.at(i);
         const int p = prefixId(a.regPrefix);
-        indexed_ = i; // let find() probe what is indexed so far without recursing
-        if (find(areas, a.station, p, a.addr) < 0) {
+        if (probe(a.station, p, a.addr) < 0) { // keep the first of equal keys
             if ((used_ + 1) * 2 > slots_.size())
                 grow();
             insert(a.station, p, a.addr, i);
@@ -89,10 +88,8 @@ void DataAreaIndex::rebuild(const QList<_DATA_> &areas)
     indexed_ = areas.size();
 }
 
-int DataAreaIndex::find(const QList<_DATA_> &areas, int station, int prefix, int addr)
+int DataAreaIndex::probe(int station, int prefix, int addr) const
 {
-    if (indexed_ != areas.size())
-        rebuild(areas);
     if (slots_.empty())
         return -1;
     const size_t mask = slots_.size() - 1;
@@ -100,16 +97,25 @@ int DataAreaIndex::find(const QList<_DATA_> &areas, int station, int prefix, int
         const Slot &s = slots_[i];
         if (s.index < 0)
             return -1;
-        if (s.station == station && s.addr == addr && s.prefix == prefix) {
-            // A host that rewrote an area in place leaves a stale entry behind: check
-            // the area itself and fall back to a rebuild if it no longer matches.
-            const _DATA_ &a = areas.at(s.index);
-            if (a.station == station && a.addr == addr && a.regPrefix == prefixName(prefix))
-                return s.index;
-            indexed_ = -1;
-            return find(areas, station, prefix, addr);
-        }
+        if (s.station == station && s.addr == addr && s.prefix == prefix)
+            return s.index;
     }
+}
+
+int DataAreaIndex::find(const QList<_DATA_> &areas, int station, int prefix, int addr)
+{
+    if (indexed_ != areas.size())
+        rebuild(areas);
+    const int index = probe(station, prefix, addr);
+    if (index < 0)
+        return -1;
+    // A host that rewrote an area in place leaves a stale entry behind: check the area
+    // itself and rebuild once if it no longer matches.
+    const _DATA_ &a = areas.at(index);
+    if (a.station == station && a.addr == addr && a.regPrefix == prefixName(prefix))
+        return index;
+    rebuild(areas);
+    return probe(station, prefix, addr);
 }
 
 void DataAreaIndex::add(const QList<_DATA_> &areas, int station, int prefixId, int addr, int index)

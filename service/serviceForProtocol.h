@@ -89,6 +89,7 @@ private:
         int32_t index; // -1 when empty
     };
     static uint64_t hashKey(int station, int prefix, int addr);
+    int probe(int station, int prefix, int addr) const;
     void rebuild(const QList<_DATA_> &areas);
     void insert(int station, int prefix, int addr, int index);
     void grow();

@@ -1,0 +1,199 @@
+// The value cache: change reports, decoding replies into data areas, host reads.
+#include "driver_fixture.h"
+
+using namespace testing_support;
+
+namespace {
+
+class Cache : public DriverTest {
+protected:
+    _DATA_ &area(int station, const char *prefix, int addr)
+    {
+        return driver.dataAreas[getIndexOfDataArea(station, prefix, addr, driver.dataAreas)];
+    }
+    void decode(const VARIABLE &v, const QByteArray &reply)
+    {
+        const int dataPos = 3;
+        analyzeFrameOfVal(reply, v.len, dataPos, v);
+    }
+};
+
+TEST_F(Cache, ChangeReportTable)
+{
+    enum Kind { Bit, Word, Dword };
+    struct Row {
+        const char *prefix;
+        int addr, flags, plainName;
+        Kind kind;
+        QStringList expected;
+    } rows[] = {
+        {"D", 10, 1, 0, Word, {"1/1/D_W/10"}},
+        {"D", 0, 6, 0, Word, {"1/1/D_D/0"}},
+        {"D", 5, 6, 0, Word, {"1/1/D_D/5", "1/1/D_D/4"}},
+        {"D", 5, 7, 0, Word, {"1/1/D_W/5", "1/1/D_D/5", "1/1/D_D/4"}},
+        {"D", 5, 4, 0, Word, {"1/1/D_D/4"}},
+        {"CV", 3, 1, 1, Word, {"1/1/CV/3"}},
+        {"CV", 3, 6, 1, Word, {}},
+        {"CV", 3, 0, 1, Word, {}},
+        {"Y", 9, 1, 1, Bit, {"1/1/Y/9"}},
+        {"Y", 9, 0, 1, Bit, {}},
+        {"32C", 200, 1, 1, Dword, {"1/1/32C/200"}},
+        {"D", 8, 7, 0, Dword, {"1/1/D_D/8"}},
+    };
+    for (const Row &r : rows) {
+        restart("1#0#0#3#64");
+        const int k = getIndexOfDataArea(1, r.prefix, r.addr, driver.dataAreas);
+        driver.dataAreas[k].monitorFlags = r.flags;
+        int a = 0, b = 1;
+        if (r.kind == Bit)
+            _bitDataChange(k);
+        else if (r.kind == Word)
+            _wordDataChange(&a, &b, k, r.plainName);
+        else
+            _dwordDataChange(nullptr, nullptr, k, r.plainName);
+        EXPECT_EQ(reports(), r.expected) << r.prefix << r.addr << " flags " << r.flags;
+    }
+}
+
+TEST_F(Cache, WordsDecodeLowByteFirstAndReportOnlyChanges)
+{
+    QList<KEY_ADDRESS> keys = {key(1, "D_W", 10, 2)};
+    intf_addrMerge(keys);
+    area(1, "D", 10).value[0] = 0x34;
+    area(1, "D", 10).value[1] = 0x12;
+    area(1, "D", 10).writePending = 1;
+    decode(variable(1, "D_W", 10, 2), registersReply(1, {0x1234, 0x0005}));
+    EXPECT_EQ(reports(), QStringList{"1/1/D_W/11"});
+    EXPECT_EQ(area(1, "D", 11).value[0], 0x05);
+    EXPECT_EQ(area(1, "D", 11).value[1], 0x00);
+    EXPECT_EQ(area(1, "D", 10).writePending, 1) << "an unchanged value leaves a pending write alone";
+
+    reports().clear();
+    decode(variable(1, "D_W", 10, 2), registersReply(1, {0x1235, 0x0005}));
+    EXPECT_EQ(reports(), QStringList{"1/1/D_W/10"});
+    EXPECT_EQ(area(1, "D", 10).writePending, 0) << "a changed value settles what the screen shows";
+}
+
+TEST_F(Cache, DoubleWordsAndCountersDecode)
+{
+    QList<KEY_ADDRESS> keys = {key(1, "32C", 200, 2), key(1, "D_D", 20, 2)};
+    intf_addrMerge(keys);
+    decode(variable(1, "32C", 200, 1), withCrc(hex("01030400010002")));
+    EXPECT_EQ(uchar2int32(area(1, "32C", 200).value[0], area(1, "32C", 200).value[1], area(1, "32C", 200).value[2],
+                          area(1, "32C", 200).value[3]),
+              65538);
+    decode(variable(1, "D_W", 20, 2), registersReply(1, {0x0001, 0x0002}));
+    // Both registers of the value report it: from its first register (bit 1) and its
+    // second (bit 2).
+    EXPECT_EQ(reports(), (QStringList{"1/1/32C/200", "1/1/D_D/20", "1/1/D_D/20"}));
+    QByteArray out = read(1, "D_D", 20, 2, 4);
+    EXPECT_EQ(out.toHex(), QByteArray("02000100"));
+}
+
+TEST_F(Cache, BitsDecodeLeastSignificantFirst)
+{
+    QList<KEY_ADDRESS> keys = {key(1, "X", 0, 10, -1)};
+    intf_addrMerge(keys);
+    decode(variable(1, "X", 0, 10), withCrc(hex("0101020502")));
+    EXPECT_EQ(reports(), (QStringList{"1/1/X/0", "1/1/X/2", "1/1/X/9"}));
+    EXPECT_EQ(read(1, "X", 0, 10, 10).toHex(), QByteArray("01000100000000000001"));
+}
+
+TEST_F(Cache, UnknownAreaOrNoCallbackChangesNothingElse)
+{
+    decode(variable(1, "Q", 0, 1), registersReply(1, {7}));
+    EXPECT_TRUE(driver.dataAreas.isEmpty());
+    intf_setAddrValueChangeCallBack(nullptr);
+    QList<KEY_ADDRESS> keys = {key(1, "D_W", 0, 1)};
+    intf_addrMerge(keys);
+    decode(variable(1, "D_W", 0, 1), registersReply(1, {7}));
+    EXPECT_EQ(read(1, "D_W", 0, 1, 2).toHex(), QByteArray("0700"));
+    EXPECT_TRUE(reports().isEmpty());
+}
+
+TEST_F(Cache, ShortReplyReadsZerosPastItsEnd)
+{
+    QList<KEY_ADDRESS> keys = {key(1, "D_W", 0, 3)};
+    intf_addrMerge(keys);
+    area(1, "D", 2).value[0] = 9;
+    analyzeFrameOfVal(hex("010306ffff"), 3, 3, variable(1, "D_W", 0, 3));
+    EXPECT_EQ(read(1, "D_W", 0, 3, 6).toHex(), QByteArray("ffff00000000"));
+}
+
+TEST_F(Cache, HostReadsTable)
+{
+    struct Row {
+        const char *reg;
+        int addr, count, bytes;
+        const char *expected;
+        int result;
+    } rows[] = {
+        {"D_W", 100, 1, 3, "34125a", 1},
+        {"D_D", 100, 2, 5, "020001005a", 1},    // higher register first: low half of the value
+        {"D_D", 100, 3, 5, "020001005a", 1},    // an odd last word is ignored
+        {"32C", 200, 4, 9, "78563412000000805a", 1},
+        {"X", 8, 3, 4, "0100015a", 1},
+        {"d_w", 100, 1, 2, "5a5a", -1},
+        {"D", 100, 1, 2, "5a5a", -1},
+        {"D_W", 100, 0, 2, "5a5a", 1},
+    };
+    area(1, "D", 100).value[0] = 0x34;
+    area(1, "D", 100).value[1] = 0x12;
+    area(1, "D", 101).value[0] = 0x02;
+    area(1, "32C", 200).value[0] = 0x78;
+    area(1, "32C", 200).value[1] = 0x56;
+    area(1, "32C", 200).value[2] = 0x34;
+    area(1, "32C", 200).value[3] = 0x12;
+    area(1, "32C", 201).value[3] = 0x80;
+    area(1, "X", 8).value[0] = 1;
+    area(1, "X", 10).value[0] = 1;
+    // D_D over 100/101 reads 0x00010002 once 100 holds 1.
+    const QByteArray d100 = read(1, "D_W", 100, 1, 2);
+    EXPECT_EQ(d100.toHex(), QByteArray("3412"));
+    area(1, "D", 100).value[0] = 0x01;
+    area(1, "D", 100).value[1] = 0x00;
+    rows[0].expected = "01005a";
+    for (const Row &r : rows) {
+        QByteArray out(r.bytes, char(0x5A));
+        EXPECT_EQ(intf_getData(1, r.reg, r.addr, r.count, reinterpret_cast<unsigned char *>(out.data())), r.result)
+            << r.reg;
+        EXPECT_EQ(out.toHex(), QByteArray(r.expected)) << r.reg << " " << r.addr << " count " << r.count;
+    }
+}
+
+TEST_F(Cache, PendingWriteShowsUntilSettledAndReadsCreateAreas)
+{
+    area(1, "D", 100).value[0] = 0x34;
+    area(1, "D", 100).value[1] = 0x12;
+    unsigned char w[2] = {0x78, 0x56};
+    intf_setData(1, "D_W", 100, 1, w, 2);
+    EXPECT_EQ(read(1, "D_W", 100, 1, 2).toHex(), QByteArray("7856"));
+    // A pending write on either register shows both from what was written.
+    area(1, "D", 101).value[0] = 0x11;
+    EXPECT_EQ(read(1, "D_D", 100, 2, 4).toHex(), QByteArray("00007856"));
+
+    const int before = driver.dataAreas.size();
+    EXPECT_EQ(read(1, "D_W", 500, 2, 4).toHex(), QByteArray("00000000"));
+    EXPECT_EQ(driver.dataAreas.size(), before + 2);
+    EXPECT_EQ(read(2, "D_W", 500, 1, 2).toHex(), QByteArray("0000"));
+    EXPECT_EQ(driver.dataAreas.size(), before + 3) << "stations have areas of their own";
+}
+
+TEST_F(Cache, IndexFollowsTheListWhenTheHostEditsIt)
+{
+    const int a = getIndexOfDataArea(1, "D", 5, driver.dataAreas);
+    const int b = getIndexOfDataArea(1, "D", 6, driver.dataAreas);
+    EXPECT_EQ(getIndexOfDataArea(1, "D", 5, driver.dataAreas), a);
+    driver.dataAreas.removeFirst(); // behind the driver's back
+    EXPECT_EQ(getIndexOfDataArea(1, "D", 6, driver.dataAreas), b - 1);
+    driver.dataAreas[0].addr = 77; // a stale entry is noticed when it is hit
+    EXPECT_EQ(getIndexOfDataArea(1, "D", 6, driver.dataAreas), 1);
+    EXPECT_EQ(getIndexOfDataArea(1, "D", 77, driver.dataAreas), 0);
+    // A list other than the driver's is scanned.
+    QList<_DATA_> other;
+    EXPECT_EQ(getIndexOfDataArea(3, "X", 1, other), 0);
+    EXPECT_EQ(getIndexOfDataArea(3, "X", 1, other), 0);
+    EXPECT_EQ(other.size(), 1);
+}
+
+} // namespace

@@ -1,0 +1,228 @@
+// Shared helpers for the unit tests that drive the statically linked driver.
+#ifndef RTUPLC_TESTS_DRIVER_FIXTURE_H
+#define RTUPLC_TESTS_DRIVER_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <QByteArray>
+#include <QStringList>
+
+#include <ostream>
+#include <vector>
+
+#include "serviceForProtocol.h"
+
+// Lets failing assertions show Qt strings as text.
+inline void PrintTo(const QString &s, std::ostream *os)
+{
+    *os << '"' << s.toStdString() << '"';
+}
+inline void PrintTo(const QByteArray &b, std::ostream *os)
+{
+    *os << b.toHex().constData();
+}
+
+namespace testing_support {
+
+// Every callback the driver makes, as "driverId/station/item/address".
+inline QStringList &reports()
+{
+    static QStringList r;
+    return r;
+}
+
+inline void recordReport(int id, int station, QString &item, int addr)
+{
+    reports() << QStringLiteral("%1/%2/%3/%4").arg(id).arg(station).arg(item).arg(addr);
+}
+
+// Bytes with the Modbus CRC appended, low byte first.
+inline QByteArray withCrc(QByteArray bytes)
+{
+    const uint16_t crc = crc16(reinterpret_cast<const unsigned char *>(bytes.constData()), size_t(bytes.size()));
+    bytes.append(char(crc & 0xFF));
+    bytes.append(char(crc >> 8));
+    return bytes;
+}
+
+inline QByteArray hex(const char *h)
+{
+    return QByteArray::fromHex(h);
+}
+
+inline KEY_ADDRESS key(int station, const QString &reg, int start, int len, int bitPos = 0)
+{
+    KEY_ADDRESS k;
+    k.station = station;
+    k.regName = reg;
+    k.startAddr = start;
+    k.len = len;
+    k.bitPos = bitPos;
+    return k;
+}
+
+inline VARIABLE variable(int station, const QString &reg, int start, int len, int kind = SEND_MONITOR)
+{
+    VARIABLE v;
+    v.reqKind = kind;
+    v.station = station;
+    v.regName = reg;
+    v.startAddr = start;
+    v.len = len;
+    return v;
+}
+
+// Sends the frame the driver offers and answers it with `reply`; returns the verdict.
+inline int exchange(const QByteArray &reply, FRAME_PRO *sent = nullptr, QString *what = nullptr)
+{
+    FRAME_PRO f;
+    if (intf_getSendFrame(f) != 1)
+        return -100;
+    if (sent)
+        *sent = f;
+    QString text;
+    const int r = intf_dealRcvFrame(reply, text);
+    if (what)
+        *what = text;
+    return r;
+}
+
+// A reply to a register read carrying `words` (high byte first on the wire).
+inline QByteArray registersReply(int station, const std::vector<uint16_t> &words)
+{
+    QByteArray b;
+    b.append(char(station));
+    b.append(char(0x03));
+    b.append(char(2 * words.size()));
+    for (uint16_t w : words) {
+        b.append(char(w >> 8));
+        b.append(char(w & 0xFF));
+    }
+    return withCrc(b);
+}
+
+// A reply to a coil read carrying `bits`.
+inline QByteArray bitsReply(int station, const std::vector<int> &bits)
+{
+    QByteArray b;
+    b.append(char(station));
+    b.append(char(0x01));
+    const int bytes = int(bits.size() + 7) / 8;
+    b.append(char(bytes));
+    for (int i = 0; i < bytes; ++i) {
+        uint8_t v = 0;
+        for (int j = 0; j < 8 && 8 * i + j < int(bits.size()); ++j)
+            v |= uint8_t((bits[size_t(8 * i + j)] & 1) << j);
+        b.append(char(v));
+    }
+    return withCrc(b);
+}
+
+// The echo a controller sends for a write request: its first six bytes and a CRC.
+inline QByteArray writeEcho(const FRAME_PRO &f)
+{
+    return withCrc(QByteArray(reinterpret_cast<const char *>(f.frame), 6));
+}
+
+inline QByteArray frameBytes(const FRAME_PRO &f)
+{
+    return QByteArray(reinterpret_cast<const char *>(f.frame), f.frameLen);
+}
+
+// A controller's memory answering request frames the way a Modbus slave does.
+class FakeController {
+public:
+    std::vector<uint16_t> registers = std::vector<uint16_t>(65536, 0);
+    std::vector<uint8_t> coils = std::vector<uint8_t>(65536, 0);
+
+    QByteArray answer(const FRAME_PRO &f)
+    {
+        if (f.frameLen < 8)
+            return QByteArray();
+        const uint8_t *p = f.frame;
+        const int address = (p[2] << 8) | p[3];
+        const int quantity = (p[4] << 8) | p[5];
+        QByteArray r;
+        r.append(char(p[0]));
+        r.append(char(p[1]));
+        switch (p[1]) {
+        case 0x01: {
+            const int bytes = (quantity + 7) / 8;
+            r.append(char(bytes));
+            for (int i = 0; i < bytes; ++i) {
+                uint8_t v = 0;
+                for (int j = 0; j < 8 && 8 * i + j < quantity; ++j)
+                    v |= uint8_t((coils[size_t((address + 8 * i + j) & 0xFFFF)] & 1) << j);
+                r.append(char(v));
+            }
+            break;
+        }
+        case 0x03:
+            r.append(char(2 * quantity));
+            for (int i = 0; i < quantity; ++i) {
+                const uint16_t w = registers[size_t((address + i) & 0xFFFF)];
+                r.append(char(w >> 8));
+                r.append(char(w & 0xFF));
+            }
+            break;
+        case 0x0F:
+            for (int i = 0; i < quantity; ++i)
+                coils[size_t((address + i) & 0xFFFF)] = (p[7 + i / 8] >> (i % 8)) & 1;
+            r = QByteArray(reinterpret_cast<const char *>(p), 6);
+            break;
+        case 0x10:
+            for (int i = 0; i < quantity; ++i)
+                registers[size_t((address + i) & 0xFFFF)] = uint16_t((p[7 + 2 * i] << 8) | p[8 + 2 * i]);
+            r = QByteArray(reinterpret_cast<const char *>(p), 6);
+            break;
+        default:
+            return QByteArray();
+        }
+        if (p[0] == 0)
+            return QByteArray(); // broadcasts are applied but never answered
+        return withCrc(r);
+    }
+
+    // Runs cycles until nothing is left to send or `limit` frames went out; returns the
+    // kinds of the frames sent, in order.
+    QList<int> run(int limit)
+    {
+        QList<int> kinds;
+        for (int i = 0; i < limit; ++i) {
+            FRAME_PRO f;
+            if (intf_getSendFrame(f) != 1)
+                break;
+            kinds << driver.sendState;
+            QString what;
+            intf_dealRcvFrame(answer(f), what);
+        }
+        return kinds;
+    }
+};
+
+// Restarts the driver with a property text and records callbacks.
+class DriverTest : public ::testing::Test {
+protected:
+    void SetUp() override { restart("1#0#0#3#64"); }
+    void TearDown() override { intf_setAddrValueChangeCallBack(nullptr); }
+
+    void restart(const char *properties, unsigned char *memory = nullptr, unsigned short *recipe = nullptr,
+                 QMutex *lock = nullptr)
+    {
+        intf_setAddrValueChangeCallBack(recordReport);
+        int err = 0;
+        intf_initProperty(memory, 0, recipe, &err, properties, lock);
+        reports().clear();
+    }
+
+    static QByteArray read(int station, const QString &reg, int addr, int count, int bytes)
+    {
+        QByteArray out(bytes, char(0x5A));
+        intf_getData(station, reg, addr, count, reinterpret_cast<unsigned char *>(out.data()));
+        return out;
+    }
+};
+
+} // namespace testing_support
+
+#endif

@@ -1,0 +1,199 @@
+// Request frames, the CRC, reply checking and the error text. Expected frames were
+// computed with an independent CRC implementation.
+#include "driver_fixture.h"
+
+using namespace testing_support;
+
+namespace {
+
+class Frames : public DriverTest {};
+
+TEST(Crc, KnownAnswers)
+{
+    const unsigned char request[] = {0x01, 0x03, 0x00, 0x00, 0x00, 0x01};
+    EXPECT_EQ(computate_check(request, 6), 0x0A84); // sent as 84 0A
+    EXPECT_EQ(computate_check(request, 0), 0xFFFF);
+    const QByteArray ascii("123456789");
+    EXPECT_EQ(crc16(reinterpret_cast<const unsigned char *>(ascii.constData()), 9), 0x4B37); // CRC-16/MODBUS check
+}
+
+TEST_F(Frames, ReadRequestsForEveryArea)
+{
+    struct Row {
+        int station;
+        const char *reg;
+        int start, len;
+        const char *frame; // empty: no frame is built
+        int replyLen;
+    } rows[] = {
+        {1, "X", 8, 16, "010104b80010bcd3", 7},      {1, "Y", 5, 9, "010100050009ec0d", 7},
+        {1, "M", 0, 1, "010107d00001fd47", 6},       {1, "SM", 3, 8, "010111330008c8ff", 6},
+        {1, "S", 991, 1, "01011b4f0001caf9", 6},     {1, "T", 255, 9, "0101203f0009c7c0", 7},
+        {1, "C", 0, 128, "010123f00080361d", 21},    {1, "32C", 200, 3, "010325e400068ef3", 17},
+        {1, "CV", 10, 2, "0103252600022ecc", 9},     {1, "TV", 0, 1, "0103232800010f86", 7},
+        {1, "Z", 15, 1, "0103214300017fe2", 7},      {1, "SD", 255, 1, "0103203f0001bfc6", 7},
+        {1, "D_W", 100, 10, "01030064000a8412", 25}, {247, "D_W", 7999, 128, "f7031f3f00806724", 261},
+        {0, "D_W", 100, 10, "", 0},                  {1, "D", 100, 10, "", 0},
+    };
+    for (const Row &r : rows) {
+        driver.frameList.clear();
+        VARIABLE v = variable(r.station, r.reg, r.start, r.len);
+        v.data[7] = 0x42;
+        const int built = getReadFrame(QList<VARIABLE>{v});
+        SCOPED_TRACE(r.reg);
+        if (r.frame[0] == 0) {
+            EXPECT_EQ(built, 0);
+            EXPECT_TRUE(driver.frameList.isEmpty());
+            continue;
+        }
+        ASSERT_EQ(built, 1);
+        ASSERT_EQ(driver.frameList.size(), 1);
+        const FRAME_PRO &f = driver.frameList.first();
+        EXPECT_EQ(frameBytes(f).toHex(), QByteArray(r.frame));
+        EXPECT_EQ(f.replyLen, r.replyLen);
+        EXPECT_EQ(f.dataPos, 3);
+        EXPECT_EQ(f.dataLen, r.len);
+        EXPECT_EQ(f.hostWord, 0);
+        EXPECT_EQ(f.station, r.station);
+        EXPECT_EQ(f.regName, r.reg);
+        EXPECT_EQ(f.startAddr, r.start);
+        EXPECT_EQ(f.len, r.len);
+        EXPECT_EQ(f.data[7], 0x42);
+    }
+}
+
+TEST_F(Frames, WriteRequestsPackBitsAndOrderWords)
+{
+    struct Row {
+        int station;
+        const char *reg;
+        int start, len;
+        std::vector<uint8_t> data;
+        const char *frame;
+        int replyLen;
+    } rows[] = {
+        {1, "Y", 5, 10, {1, 0, 1, 1, 0, 0, 0, 0, 1, 1}, "010f0005000a020d03a1fc", 8},
+        {2, "X", 0, 8, {1, 1, 1, 1, 1, 1, 1, 1}, "020f04b0000801ffbe9e", 8},
+        // 16-bit words are kept low byte first and travel high byte first.
+        {1, "D_W", 10, 2, {0x34, 0x12, 0x78, 0x56}, "0110000a0002041234567808e4", 8},
+        // A 32-bit value 0x12345678 travels most significant byte first.
+        {1, "D_D", 0, 2, {0x78, 0x56, 0x34, 0x12}, "0110000000020412345678889b", 8},
+        {1, "32C", 200, 1, {0x02, 0x00, 0x01, 0x00}, "011025e4000204000100028a84", 8},
+        {1, "CV", 0, 1, {0x02, 0x01}, "0110251c0001020102509f", 8},
+        // The controller answers a broadcast with silence.
+        {0, "D_W", 10, 1, {0x12, 0x34}, "0010000a00010234123da7", 0},
+    };
+    for (const Row &r : rows) {
+        driver.frameList.clear();
+        VARIABLE v = variable(r.station, r.reg, r.start, r.len, SEND_WRITE);
+        std::copy(r.data.begin(), r.data.end(), v.data);
+        getWriteFrame(v);
+        SCOPED_TRACE(r.reg);
+        ASSERT_EQ(driver.frameList.size(), 1);
+        const FRAME_PRO &f = driver.frameList.first();
+        EXPECT_EQ(frameBytes(f).toHex(), QByteArray(r.frame));
+        EXPECT_EQ(f.replyLen, r.replyLen);
+        EXPECT_EQ(f.dataPos, 0);
+        EXPECT_EQ(f.dataLen, 0);
+        EXPECT_EQ(f.reqKind, SEND_WRITE);
+    }
+    driver.frameList.clear();
+    VARIABLE unknown = variable(1, "D", 0, 1, SEND_WRITE);
+    getWriteFrame(unknown);
+    EXPECT_TRUE(driver.frameList.isEmpty());
+}
+
+TEST_F(Frames, WriteOfAnOddBitCountLeavesHighBitsClear)
+{
+    VARIABLE v = variable(1, "M", 0, 3, SEND_WRITE);
+    v.data[0] = 1;
+    v.data[1] = 1;
+    v.data[2] = 1;
+    v.data[3] = 1; // beyond len: must not leak into the frame
+    getWriteFrame(v);
+    ASSERT_EQ(driver.frameList.size(), 1);
+    EXPECT_EQ(driver.frameList.first().frame[7], 0x07);
+    EXPECT_EQ(driver.frameList.first().frameLen, 10);
+}
+
+TEST_F(Frames, HandshakeRecordIsEmpty)
+{
+    handShakeFrame();
+    ASSERT_EQ(driver.frameList.size(), 1);
+    const FRAME_PRO &f = driver.frameList.first();
+    EXPECT_EQ(f.frameLen, 0);
+    EXPECT_EQ(f.replyLen, 0);
+    EXPECT_EQ(f.dataPos, 0);
+    EXPECT_EQ(f.dataLen, 0);
+    EXPECT_TRUE(f.regName.isEmpty());
+    EXPECT_EQ(getErrorInfo(QByteArray()), "0#0(0)");
+    EXPECT_EQ(check_rcv_data(nullptr, {}, 0), 2);
+}
+
+// Every prefix, every flipped bit and a stray trailing byte of a good reply.
+TEST_F(Frames, ReplyCheckIsExactLengthAndCrc)
+{
+    getReadFrame(QList<VARIABLE>{variable(1, "D_W", 100, 2)});
+    const QByteArray good = registersReply(1, {0x1234, 0x0005});
+    const auto check = [](const QByteArray &b) {
+        return check_rcv_data(reinterpret_cast<const unsigned char *>(b.constData()), {}, b.size());
+    };
+    EXPECT_EQ(check(good), 1);
+    for (int n = 0; n < good.size(); ++n)
+        EXPECT_EQ(check(good.left(n)), 0) << "prefix of " << n;
+    for (int byte = 0; byte < good.size(); ++byte) {
+        for (int bit = 0; bit < 8; ++bit) {
+            QByteArray bad = good;
+            bad[byte] = char(bad[byte] ^ (1 << bit));
+            EXPECT_EQ(check(bad), 0) << "byte " << byte << " bit " << bit;
+        }
+    }
+    EXPECT_EQ(check(good + '\0'), 0);
+    QByteArray swapped = good;
+    swapped[good.size() - 1] = good[good.size() - 2];
+    swapped[good.size() - 2] = good[good.size() - 1];
+    EXPECT_EQ(check(swapped), 0);
+    // Only length and CRC count: a wrong station or byte count still passes.
+    EXPECT_EQ(check(withCrc(hex("0903ff12340005"))), 1);
+    EXPECT_EQ(check(withCrc(hex("018302"))), 0); // an exception reply costs an attempt
+}
+
+TEST_F(Frames, WriteEchoAndBroadcast)
+{
+    VARIABLE v = variable(1, "D_W", 10, 1, SEND_WRITE);
+    getWriteFrame(v);
+    const auto check = [](const QByteArray &b) {
+        return check_rcv_data(reinterpret_cast<const unsigned char *>(b.constData()), {}, b.size());
+    };
+    EXPECT_EQ(check(writeEcho(driver.frameList.first())), 2);
+    EXPECT_EQ(check(withCrc(hex("011000990007"))), 2); // address and quantity are not compared
+    EXPECT_EQ(check(QByteArray()), 0);
+    driver.frameList.clear();
+    VARIABLE broadcast = variable(0, "D_W", 10, 1, SEND_WRITE);
+    getWriteFrame(broadcast);
+    EXPECT_EQ(check(QByteArray()), 2);
+}
+
+TEST_F(Frames, ErrorTexts)
+{
+    struct Row {
+        VARIABLE v;
+        QByteArray reply;
+        const char *text;
+    } rows[] = {
+        {variable(1, "D_W", 100, 10), QByteArray(), "1#D_W100(10)"},
+        {variable(1, "D_W", 100, 10), hex("01030402020200000000"), "1#D_W100(10),error code:2"},
+        {variable(1, "D_W", 100, 10), hex("0103040202ff00000000"), "1#D_W100(10),error code:255"},
+        {variable(1, "D_W", 100, 10), hex("01030402020000000000"), "1#D_W100(10)"},
+        {variable(1, "D_W", 100, 10), hex("010304020202000000"), "1#D_W100(10)"},
+        {variable(12, "32C", 200, 3), QByteArray(), "12#32C200(3)"},
+        {variable(3, "X", -1, 0), QByteArray(), "3#X-1(0)"},
+    };
+    for (const Row &r : rows) {
+        driver.frameList.clear();
+        getReadFrame(QList<VARIABLE>{r.v});
+        EXPECT_EQ(getErrorInfo(r.reply).toStdString(), r.text);
+    }
+}
+
+} // namespace

@@ -1,0 +1,262 @@
+// Host writes: queueing, splitting, the cache shown ahead of the reply, and settling.
+#include "driver_fixture.h"
+
+using namespace testing_support;
+
+namespace {
+
+class Writes : public DriverTest {
+protected:
+    FakeController plc;
+
+    _DATA_ &area(int station, const char *prefix, int addr)
+    {
+        return driver.dataAreas[getIndexOfDataArea(station, prefix, addr, driver.dataAreas)];
+    }
+    static QString queue()
+    {
+        QStringList out;
+        for (const VARIABLE &v : driver.writeList)
+            out << QStringLiteral("%1:%2+%3").arg(v.regName).arg(v.startAddr).arg(v.len);
+        return out.join(' ');
+    }
+    int write(const char *reg, int addr, std::vector<uint8_t> data, int count = -1, int station = 1)
+    {
+        return intf_setData(station, reg, addr, count < 0 ? int(data.size()) : count, data.data(), SEND_WRITE);
+    }
+};
+
+TEST_F(Writes, OneWordIsQueuedAndShown)
+{
+    EXPECT_EQ(write("D_W", 10, {0x34, 0x12}, 1), 1);
+    EXPECT_EQ(queue(), "D_W:10+1");
+    EXPECT_EQ(driver.writeList.first().data[0], 0x34);
+    EXPECT_EQ(driver.writeList.first().reqKind, SEND_WRITE);
+    EXPECT_EQ(area(1, "D", 10).writePending, 1);
+    EXPECT_EQ(area(1, "D", 10).writeValue[1], 0x12);
+    EXPECT_EQ(area(1, "D", 10).value[1], 0x00) << "the value read stays for a failed write to fall back to";
+}
+
+TEST_F(Writes, WaitingWriteIsReplacedButTheHeadNever)
+{
+    write("D_W", 10, {1, 0}, 1);
+    write("D_W", 10, {2, 0}, 1);
+    EXPECT_EQ(queue(), "D_W:10+1 D_W:10+1") << "the head may be in flight";
+    write("D_W", 10, {3, 0}, 1);
+    EXPECT_EQ(queue(), "D_W:10+1 D_W:10+1");
+    EXPECT_EQ(driver.writeList[1].data[0], 3);
+    write("D_W", 11, {4, 0}, 1);
+    write("D_W", 10, {5, 0}, 2); // a different length is a different target
+    EXPECT_EQ(queue(), "D_W:10+1 D_W:10+1 D_W:11+1 D_W:10+2");
+}
+
+TEST_F(Writes, QueueKeepsAtMost513)
+{
+    for (int i = 0; i < 513; ++i)
+        write("D_W", i, {1, 0}, 1);
+    EXPECT_EQ(driver.writeList.size(), 513);
+    write("D_W", 7000, {1, 0}, 1);
+    EXPECT_EQ(driver.writeList.size(), 513);
+    EXPECT_EQ(driver.writeList[512].startAddr, 7000);
+}
+
+TEST_F(Writes, SplittingTable)
+{
+    struct Row {
+        const char *properties, *reg;
+        int addr, count;
+        const char *queue;
+    } rows[] = {
+        {"1#0#0#3#64", "32C", 200, 4, "32C:200+2"},
+        {"1#0#0#3#4", "32C", 200, 10, "32C:200+2 32C:202+2 32C:204+1"},
+        {"1#0#0#3#4", "D_W", 0, 10, "D_W:0+4 D_W:4+4 D_W:8+2"},
+        {"1#0#0#3#4", "D_D", 0, 8, "D_D:0+4 D_D:4+4"},
+        {"1#0#0#3#1", "M", 0, 20, "M:0+8 M:8+8 M:16+4"},
+        {"1#0#0#3#0", "D_W", 0, 100, "D_W:0+64 D_W:64+36"},
+        {"1#0#0#3#0", "X", 0, 600, "X:0+512 X:512+88"},
+        {"1#0#0#3#500", "D_W", 0, 300, "D_W:0+122 D_W:122+122 D_W:244+56"},
+        {"1#0#0#3#500", "X", 0, 1024, "X:0+1024"},
+        {"1#0#0#3#64", "D_W", 0, 0, "D_W:0+0"},
+    };
+    for (const Row &r : rows) {
+        restart(r.properties);
+        std::vector<uint8_t> data(2048);
+        for (size_t i = 0; i < data.size(); ++i)
+            data[i] = uint8_t(i);
+        EXPECT_EQ(intf_setData(1, r.reg, r.addr, r.count, data.data(), 2), 1);
+        EXPECT_EQ(queue(), r.queue) << r.properties << " " << r.reg << " " << r.count;
+    }
+    // Each piece carries its own data: the 32C piece at 202 starts with value 2's bytes.
+    restart("1#0#0#3#4");
+    std::vector<uint8_t> data(40);
+    for (size_t i = 0; i < data.size(); ++i)
+        data[i] = uint8_t(i);
+    intf_setData(1, "32C", 200, 10, data.data(), 2);
+    EXPECT_EQ(driver.writeList[1].data[0], 8);
+    EXPECT_TRUE(driver.dataAreas.size() == 5);
+}
+
+TEST_F(Writes, BadCountsAreRefusedWithNothingQueued)
+{
+    std::vector<uint8_t> data(4096, 1);
+    struct Row {
+        const char *reg;
+        int count;
+        unsigned char *data;
+    } rows[] = {
+        {"D_W", -1, data.data()}, {"D_W", 513, data.data()}, {"X", 1025, data.data()},
+        {"D", 1, data.data()},    {"D_W", 1, nullptr},
+    };
+    for (const Row &r : rows) {
+        EXPECT_EQ(intf_setData(1, r.reg, 0, r.count, r.data, 2), -1) << r.reg << " " << r.count;
+        EXPECT_TRUE(driver.writeList.isEmpty());
+        EXPECT_TRUE(driver.dataAreas.isEmpty());
+    }
+    EXPECT_EQ(intf_setData(1, "D_W", 2147483647, 2, data.data(), 2), -1) << "addresses past the end of int";
+    EXPECT_EQ(intf_setData(1, "D_W", 0, 512, data.data(), 2), 1);
+}
+
+TEST_F(Writes, LocalWriteModeOnlyShows)
+{
+    restart("1#1#0#3#64");
+    EXPECT_EQ(write("D_W", 10, {0x34, 0x12}, 1), 1);
+    EXPECT_TRUE(driver.writeList.isEmpty());
+    EXPECT_EQ(area(1, "D", 10).writePending, 1);
+    EXPECT_EQ(read(1, "D_W", 10, 1, 2).toHex(), QByteArray("3412"));
+    EXPECT_EQ(write("D", 10, {1, 2}, 1), 1) << "an unknown area is ignored";
+}
+
+TEST_F(Writes, NoticesGoOutBeforeTheCacheChanges)
+{
+    QList<KEY_ADDRESS> keys = {key(1, "D_W", 10, 1), key(1, "D_D", 20, 2), key(1, "32C", 200, 2),
+                               key(1, "CV", 3, 1)};
+    intf_addrMerge(keys);
+    static QString seen;
+    intf_setAddrValueChangeCallBack([](int, int, QString &item, int addr) {
+        recordReport(1, 1, item, addr);
+        QByteArray out(2, 0);
+        intf_getData(1, "D_W", addr, 1, reinterpret_cast<unsigned char *>(out.data()));
+        seen += out.toHex() + " ";
+    });
+    write("D_W", 10, {0x34, 0x12}, 1);
+    EXPECT_EQ(seen, "0000 ") << "the callback still sees what was shown before";
+    write("D_W", 10, {0x34, 0x12}, 1);
+    EXPECT_EQ(reports(), QStringList{"1/1/D_W/10"}) << "the same value again is no change";
+    reports().clear();
+    // D_D: the register at the higher address takes the low half and is handled first.
+    write("D_D", 20, {0x02, 0x00, 0x01, 0x00}, 2);
+    EXPECT_EQ(reports(), (QStringList{"1/1/D_D/20", "1/1/D_D/20"}));
+    EXPECT_EQ(read(1, "D_D", 20, 2, 4).toHex(), QByteArray("02000100"));
+    reports().clear();
+    write("32C", 200, {1, 0, 0, 0, 0, 0, 0, 0}, 4);
+    EXPECT_EQ(reports(), QStringList{"1/1/32C/200"}) << "201 is written with the value it shows";
+    reports().clear();
+    write("CV", 3, {9, 0}, 1);
+    EXPECT_EQ(reports(), QStringList{"1/1/CV/3"});
+    reports().clear();
+    // Bits are reported directly, under the name the host gave, monitored or not.
+    write("Y", 4, {1, 0, 1}, 3);
+    EXPECT_EQ(reports(), (QStringList{"1/1/Y/4", "1/1/Y/6"}));
+    intf_setAddrValueChangeCallBack(recordReport);
+}
+
+TEST_F(Writes, SettlingTable)
+{
+    struct Row {
+        const char *what;
+        bool ok;
+        const char *reg;
+        int addr;
+        std::vector<uint8_t> data;
+        QList<KEY_ADDRESS> monitored;
+        QStringList reports;
+    } rows[] = {
+        {"word succeeds", true, "D_W", 10, {0x78, 0x56}, {key(1, "D_W", 10, 1)}, {}},
+        {"word fails", false, "D_W", 10, {0x78, 0x56}, {key(1, "D_W", 10, 1)}, {"1/1/D_W/10"}},
+        {"bits fail", false, "Y", 4, {1, 1, 1}, {}, {"1/1/Y/4", "1/1/Y/5", "1/1/Y/6"}},
+        {"counter fails", false, "32C", 200, {1, 2, 3, 4}, {key(1, "32C", 200, 2)}, {"1/1/32C/200"}},
+        {"double word fails", false, "D_D", 100, {1, 2, 3, 4}, {key(1, "D_D", 100, 2)}, {"1/1/D_D/100", "1/1/D_D/100"}},
+        {"unmonitored word fails", false, "TV", 1, {1, 2}, {}, {}},
+    };
+    for (const Row &r : rows) {
+        restart(r.ok ? "1#0#0#3#64" : "1#0#0#1#64");
+        QList<KEY_ADDRESS> keys = r.monitored;
+        intf_addrMerge(keys);
+        // What the controller had: 0x1234 in every register the write touches.
+        for (int a = 0; a < 4; ++a) {
+            _DATA_ &d = area(1, r.reg[0] == 'D' ? "D" : r.reg, r.addr + a);
+            d.value[0] = 0x34;
+            d.value[1] = 0x12;
+        }
+        const int count = regColumnInt(getIndexFromRegName(r.reg), COL_VALUE_WIDTH) == 1 ? int(r.data.size())
+                                                                                            : int(r.data.size()) / 2;
+        write(r.reg, r.addr, r.data, count);
+        reports().clear();
+        FRAME_PRO f;
+        ASSERT_EQ(intf_getSendFrame(f), 1);
+        QString what;
+        EXPECT_EQ(intf_dealRcvFrame(r.ok ? writeEcho(f) : QByteArray(), what), r.ok ? 1 : 2) << r.what;
+        EXPECT_EQ(reports(), r.reports) << r.what;
+        EXPECT_TRUE(driver.writeList.isEmpty()) << r.what;
+        for (const _DATA_ &d : driver.dataAreas)
+            EXPECT_EQ(d.writePending, 0) << r.what << " at " << d.addr;
+    }
+}
+
+TEST_F(Writes, SettledValueIsWhatReadsReturn)
+{
+    write("D_W", 10, {0x78, 0x56}, 1);
+    plc.run(1);
+    EXPECT_EQ(read(1, "D_W", 10, 1, 2).toHex(), QByteArray("7856"));
+    EXPECT_EQ(area(1, "D", 10).value[0], 0x78);
+    EXPECT_EQ(plc.registers[10], 0x5678);
+
+    restart("1#0#0#1#64");
+    area(1, "D", 10).value[0] = 0x34;
+    write("D_W", 10, {0x78, 0x56}, 1);
+    exchange(QByteArray());
+    EXPECT_EQ(read(1, "D_W", 10, 1, 2).toHex(), QByteArray("3400"));
+}
+
+TEST_F(Writes, EveryAreaLandsAtItsModbusAddress)
+{
+    struct Row {
+        const char *reg;
+        int addr;
+        std::vector<uint8_t> data;
+        int count;
+        std::vector<std::pair<int, int>> registers; // (Modbus address, value)
+        std::vector<std::pair<int, int>> coils;
+    } rows[] = {
+        {"D_W", 7999, {0x34, 0x12}, 1, {{7999, 0x1234}}, {}},
+        {"D_D", 100, {0x78, 0x56, 0x34, 0x12}, 2, {{100, 0x1234}, {101, 0x5678}}, {}},
+        {"32C", 201, {0x70, 0x11, 0x01, 0x00, 0xFF, 0xFF, 0xFF, 0xFF}, 4,
+         {{9701, 0x0001}, {9702, 0x1170}, {9703, 0xFFFF}, {9704, 0xFFFF}}, {}},
+        {"CV", 5, {1, 0}, 1, {{9505, 1}}, {}},
+        {"TV", 5, {2, 0}, 1, {{9005, 2}}, {}},
+        {"Z", 5, {3, 0}, 1, {{8505, 3}}, {}},
+        {"SD", 5, {4, 0}, 1, {{8005, 4}}, {}},
+        {"X", 8, {1, 0, 1}, 3, {}, {{1208, 1}, {1209, 0}, {1210, 1}}},
+        {"Y", 0, {1}, 1, {}, {{0, 1}}},
+        {"M", 1999, {1}, 1, {}, {{3999, 1}}},
+        {"SM", 1, {1}, 1, {}, {{4401, 1}}},
+        {"S", 2, {1}, 1, {}, {{6002, 1}}},
+        {"T", 3, {1}, 1, {}, {{8003, 1}}},
+        {"C", 4, {1}, 1, {}, {{9204, 1}}},
+    };
+    for (const Row &r : rows) {
+        plc = FakeController();
+        for (auto &c : r.coils)
+            plc.coils[size_t(c.first)] = uint8_t(1 - c.second);
+        write(r.reg, r.addr, r.data, r.count);
+        // After ten writes in a row the cycle owes the monitor a turn, even an empty one.
+        for (int i = 0; i < 2 && !driver.writeList.isEmpty(); ++i)
+            plc.run(1);
+        for (auto &reg : r.registers)
+            EXPECT_EQ(plc.registers[size_t(reg.first)], reg.second) << r.reg << " register " << reg.first;
+        for (auto &c : r.coils)
+            EXPECT_EQ(plc.coils[size_t(c.first)], c.second) << r.reg << " coil " << c.first;
+    }
+}
+
+} // namespace
