@@ -46,7 +46,7 @@ TEST_F(Writes, WaitingWriteIsReplacedButTheHeadNever)
     EXPECT_EQ(queue(), "D_W:10+1 D_W:10+1");
     EXPECT_EQ(driver.writeList[1].data[0], 3);
     write("D_W", 11, {4, 0}, 1);
-    write("D_W", 10, {5, 0}, 2); // a different length is a different target
+    write("D_W", 10, {5, 0, 6, 0}, 2); // a different length is a different target
     EXPECT_EQ(queue(), "D_W:10+1 D_W:10+1 D_W:11+1 D_W:10+2");
 }
 
