@@ -112,6 +112,13 @@ typedef void (*AddrValueChangeCallBack)(int driverId, int station, QString &item
 
 extern "C" {
 
+// Bad input, for every function below: nothing an argument holds makes the driver
+// crash, read or write outside its own buffers, or throw. Names are compared exactly
+// (case-sensitive, whole text): a lower-case, padded, empty or non-Latin-1 name is an
+// unknown area and gets the function's "unknown" result. What the host owns it must
+// size: the memory block (60117 bytes or more), the recipe buffer (every rcpOffset
+// plus the variable's words), intf_getData's output and intf_setData's input.
+
 // ---------------------------------------------------------------------------------
 // Identity, parameters, properties.
 
@@ -128,7 +135,7 @@ RTUPLC_EXPORT void intf_getDriverParameter(QString &param);
 // Assigns "0_0" (whatever intf_SetDriverPropertyPage stored).
 RTUPLC_EXPORT void intf_getDriverPropertyPage(QString &page);
 
-// Stores a copy of page.
+// Stores a copy of page (any text).
 RTUPLC_EXPORT void intf_SetDriverPropertyPage(const QString &page);
 
 // Installs the value-change callback; null switches notifications off.
@@ -136,17 +143,19 @@ RTUPLC_EXPORT void intf_setAddrValueChangeCallBack(AddrValueChangeCallBack fn);
 
 // Hands over the host's resources and properties, and restarts all traffic: request
 // lists, value cache and frame queue are emptied; the callback and recipe are kept.
-//   hostMem:   host memory block; byte 60115 = recipe download command, 60116 = upload
-//              command (acted on when exactly 1, cleared by the driver). May be null:
-//              both commands then read as 0.
+//   hostMem:   host memory block of at least 60117 bytes; byte 60115 = recipe download
+//              command, 60116 = upload command (acted on when exactly 1, cleared by
+//              the driver when the transfer ends). Null: both commands read as 0.
 //   ignored:   unused.
-//   rcpBuf:    recipe buffer of 16-bit words. May be null: downloads send zeros,
-//              uploads copy nothing.
-//   errorCode: set to 0 (may be null).
+//   rcpBuf:    recipe buffer of 16-bit words. Null: downloads send zeros, uploads copy
+//              nothing.
+//   errorCode: set to 0. Null: not written.
 //   propertyText: "driverId#localWriteMode#ignored#retryTimes#maxBlockLen", Latin-1,
 //              e.g. "1#0#0#3#64". With fewer than five fields the five properties keep
-//              their values; a field that is not a decimal number reads 0. Null or
-//              empty counts as too few fields.
+//              their values; a field that is not a decimal int (empty, other bytes,
+//              out of range) reads 0. Null counts as empty. A retryTimes of 1 or less
+//              fails a request at its first bad reply; a maxBlockLen of 0 or less
+//              bridges no gap and cuts long reads and writes at 64 words / 512 bits.
 //   hostLock:  the host's lock over the two command bytes; null means no locking.
 // Returns 1.
 RTUPLC_EXPORT int intf_initProperty(unsigned char *hostMem, intptr_t ignored, unsigned short *rcpBuf,
@@ -156,19 +165,21 @@ RTUPLC_EXPORT int intf_initProperty(unsigned char *hostMem, intptr_t ignored, un
 // Register catalogue (editor). These read constant tables only.
 
 // Appends the names of bit areas (type 0) or word areas (any other type) to *names.
-// Returns 1 for type 0 or 1, else 0 (the list is filled either way). Null names: 0.
+// Returns 1 for type 0 or 1, else 0 (the list is filled either way). Null names:
+// returns 0.
 RTUPLC_EXPORT int intf_getRegListByType(int type, QStringList *names);
 
 // Appends five texts about the area to *info: notation, lowest, highest address (in
 // the notation), width code ("0" bit, "1" word, "2" double word) and access code
-// ("0" R, "1" RW, "2" W). Unknown name: nothing appended. Returns 0.
+// ("0" R, "1" RW, "2" W). Unknown name or null info: nothing appended. Returns 0.
 RTUPLC_EXPORT int intf_getRegDiscription(const QString &regName, QStringList *info);
 
 // Checks address text for bit use (wordUse 0, count in bits) or word use (wordUse != 0,
 // count in 16-bit words). Results: 0 valid, *addr holds the address; 1 use does not fit
 // the area; 2 out of range; 3 unknown area; 4 text not readable in the area's notation
-// (*addr = 0). *addr is written only once the text was converted (results 0, 2, 4).
-// A null addr gives 4 when the area and use are valid.
+// (empty, other digits, beyond int; *addr = 0). *addr is written only once the text
+// was converted (results 0, 2, 4). A null addr gives 4 where 0, 2 or 4 would be.
+// A count of 0 or below puts no end on the range.
 RTUPLC_EXPORT int intf_checkAddrValidity(const QString &regName, const QString &addrText, int *addr,
                                          int count, int wordUse);
 
@@ -180,9 +191,10 @@ RTUPLC_EXPORT int intf_checkAddr(const QString &regName, const QString &addrText
 
 // Appends `count` addresses start, start+step, ... to *values and their texts, in the
 // area's notation, to *texts. step -1 means one 16-bit word, -2 one 32-bit word, below
-// 1 means 1. Addresses past the area's end are replaced by its highest address.
-// Returns 1 all within the area, 2 some clipped, 0 unknown area, null list, or a count
-// above 65536 (nothing appended).
+// 1 means 1. Addresses past the area's end are replaced by its highest address; a
+// negative one is written as its unsigned 32-bit value. Returns 1 all within the area
+// (also for a count below 1: nothing appended), 2 some clipped, 0 unknown area, a null
+// list, or a count above 65536 (nothing appended).
 RTUPLC_EXPORT int intf_multiCopy(const QString &regName, int start, int count, int step,
                                  QVector<QString> *texts, QVector<int> *values);
 
@@ -192,13 +204,18 @@ RTUPLC_EXPORT int intf_multiCopy(const QString &regName, int start, int count, i
 // Copies the next frame to transmit into out. Returns 1 when out holds a frame (the
 // same one again after intf_dealRcvFrame returned 8), 0 when there is nothing to send.
 // A frame with frameLen 0 (handshake) is not transmitted; replyLen 0 means no reply.
+// A read that builds no frame (station 0, unknown area) gives 0 and stays where it
+// is: a monitored item of station 0 or of an unknown area at the head of the rotation
+// stops the polling of the others, so hosts do not register such items. A recipe
+// request that builds no frame is skipped.
 RTUPLC_EXPORT int intf_getSendFrame(FRAME_PRO &out);
 
 // Judges the reply to the frame in flight (empty when none came) and assigns a
 // one-line description of that frame to errorText ("1#D_W100(10)"). Returns
 // 0 no frame in flight; 1 accepted, frame finished; 8 rejected, send the same frame
 // again; 2 rejected retryTimes times: the request failed and every queued frame was
-// dropped (a failed write is reported through the callback).
+// dropped (a failed write is reported through the callback). Any bytes are judged by
+// length and CRC alone; a Modbus exception reply counts as a rejected reply.
 RTUPLC_EXPORT int intf_dealRcvFrame(QByteArray reply, QString &errorText);
 
 // ---------------------------------------------------------------------------------
@@ -207,19 +224,23 @@ RTUPLC_EXPORT int intf_dealRcvFrame(QByteArray reply, QString &errorText);
 // Replaces the monitored addresses with `list` (word lengths in 16-bit registers),
 // merges them into read blocks of at most 128 units and returns the number of blocks.
 // Items of unknown areas flag nothing but still get a block of their own, which builds
-// no frame. Items whose address range does not fit an int are skipped.
+// no frame. Items with a length of 0 or less flag nothing. Items longer than 65536
+// units or running past the largest int are skipped. An empty list returns 0.
 RTUPLC_EXPORT int intf_addrMerge(QList<KEY_ADDRESS> &list);
 
 // Queues a one-shot read of key (cut into pieces of maxBlockLen words, or 8 x
 // maxBlockLen units when key.bitPos is -1), each queued with reqKind = kind. Returns 1,
-// or -1 for an unknown area (nothing queued). When the last piece queued has been read
-// the callback gets (-1, -1, "-1", 0), or (..., -1) when the link failed.
+// or -1 for an unknown area or a length above 65536 units or running past the largest
+// int (nothing queued). When the last piece queued has been read the callback gets
+// (-1, -1, "-1", 0), or (..., -1) when the link failed. A queue of 513 reads recycles
+// its last entry.
 RTUPLC_EXPORT int intf_addConditionRead(const KEY_ADDRESS &key, int kind);
 
 // Takes the recipe variables whose driverId is this driver's, sorts them by station,
 // area and address and merges touching ones into requests. Returns the number of
 // variables taken (0: none, the previous recipe stays). A bit-area variable uses one
-// buffer word per bit (0 or non-zero).
+// buffer word per bit (0 or non-zero). Variables of unknown areas, of no units, or
+// too long for the address space are kept but transfer nothing.
 RTUPLC_EXPORT int intf_setRcpAddress(QVector<_RCP_VAR_PRO> &vars);
 
 // ---------------------------------------------------------------------------------
@@ -228,17 +249,19 @@ RTUPLC_EXPORT int intf_setRcpAddress(QVector<_RCP_VAR_PRO> &vars);
 // Copies cached values into out: 1 byte per bit for bit areas, 2 bytes (low first)
 // per word, 4 bytes (least significant first) per 32-bit value, where count counts
 // 16-bit words (count/2 values). A value written and not yet settled reads as
-// written. Returns 1, or -1 for an unknown area, a null out with count > 0, or a
-// count or address range that does not fit an int (nothing written).
+// written; an address never read reads 0. Returns 1 (a count of 0 or less writes
+// nothing), or -1 for an unknown area, a null out with count > 0, or a count above
+// 65536 or running past the largest int (nothing written).
 RTUPLC_EXPORT int intf_getData(int station, QString regName, int addr, int count, unsigned char *out);
 
 // Writes count bits (one byte each, non-zero = on) or count 16-bit words (low byte
 // first; a 32-bit value is two words, least significant byte first) from data. The
 // values show at once in intf_getData and the callback; the write is queued with
-// reqKind and settled when the controller answers. Returns 1; -1 for an unknown area
-// (when localWriteMode is 0), a count below 0 or above 1024 bits / 512 words, a null
-// data with count > 0, or an address range that does not fit an int (nothing queued,
-// cache untouched).
+// reqKind and settled when the controller answers. A write waiting for the same target
+// is replaced; a queue of 513 writes recycles its last entry. Returns 1; -1 for an
+// unknown area (when localWriteMode is 0), a count below 0 or above 1024 bits / 512
+// words, a null data with count > 0, or an address range past the largest int
+// (nothing queued, cache untouched).
 RTUPLC_EXPORT int intf_setData(int station, QString regName, int addr, int count, unsigned char *data,
                                int reqKind);
 

@@ -52,9 +52,10 @@ extern "C" RTUPLC_EXPORT int intf_setRcpAddress(QVector<_RCP_VAR_PRO> &vars)
         items.reserve(static_cast<size_t>(driver.rcpVars.size()));
         for (int i = 0; i < driver.rcpVars.size(); ++i) {
             const _RCP_VAR_PRO &v = driver.rcpVars.at(i);
-            // A variable past the end of int, or longer than an address space, cannot
-            // be transferred; it stays a variable but gets no request.
-            if (!hostRangeFits(v.startAddr, std::max(v.len, 0)))
+            // A variable without units, past the end of int, or longer than an address
+            // space has nothing a frame could carry; it stays a variable but gets no
+            // request, so it cannot stall or abort a transfer.
+            if (v.len <= 0 || !hostRangeFits(v.startAddr, v.len))
                 continue;
             items.push_back(MergeItem{v.station, v.regName, v.startAddr, v.len, i, v.rcpOffset});
         }
