@@ -259,9 +259,9 @@ RTUPLC_EXPORT int intf_getData(int station, QString regName, int addr, int count
 // values show at once in intf_getData and the callback; the write is queued with
 // reqKind and settled when the controller answers. A write waiting for the same target
 // is replaced; a queue of 513 writes recycles its last entry. Returns 1; -1 for an
-// unknown area (when localWriteMode is 0), a count below 0 or above 1024 bits / 512
-// words, a null data with count > 0, or an address range past the largest int
-// (nothing queued, cache untouched).
+// unknown area or a count below 0 or above 1024 bits / 512 words (both when
+// localWriteMode is 0), a null data with count > 0, or a count above 65536 or an
+// address range past the largest int (nothing queued, cache untouched).
 RTUPLC_EXPORT int intf_setData(int station, QString regName, int addr, int count, unsigned char *data,
                                int reqKind);
 

@@ -148,8 +148,11 @@ extern "C" RTUPLC_EXPORT int intf_setData(int station, QString regName, int addr
         if (reg < 0)
             return driver.localWriteMode != 0 ? 1 : -1;
         const bool bits = regColumnInt(reg, COL_VALUE_WIDTH) == 1;
+        // A queued write must fit the data of one request; a local write only shows.
         const int maxCount = bits ? MAX_SETDATA_BITS : MAX_SETDATA_WORDS;
-        if (count < 0 || count > maxCount || (count > 0 && data == nullptr) || !hostRangeFits(addr, count))
+        if (driver.localWriteMode == 0 && (count < 0 || count > maxCount))
+            return -1;
+        if (count > 0 && (data == nullptr || !hostRangeFits(addr, count)))
             return -1;
 
         StateLock lock(driver.stateMutex);

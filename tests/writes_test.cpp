@@ -124,6 +124,10 @@ TEST_F(Writes, LocalWriteModeOnlyShows)
     EXPECT_EQ(area(1, "D", 10).writePending, 1);
     EXPECT_EQ(read(1, "D_W", 10, 1, 2).toHex(), QByteArray("3412"));
     EXPECT_EQ(write("D", 10, {1, 2}, 1), 1) << "an unknown area is ignored";
+    std::vector<uint8_t> many(2000, 7);
+    EXPECT_EQ(write("D_W", 0, many, 1000), 1) << "nothing is queued, so no request limits the count";
+    EXPECT_EQ(intf_setData(1, "D_W", 0, -1, many.data(), 2), 1);
+    EXPECT_EQ(read(1, "D_W", 999, 1, 2).toHex(), QByteArray("0707"));
 }
 
 TEST_F(Writes, NoticesGoOutBeforeTheCacheChanges)
