@@ -73,3 +73,92 @@ extern "C" RTUPLC_EXPORT int intf_setRcpAddress(QVector<_RCP_VAR_PRO> &vars)
         return driver.rcpVars.size();
     });
 }
+
+// Fills the host's recipe buffer from an upload reply, one recipe variable at a time,
+// and tells the host which buffer words it filled.
+void copyRecipeUpload(const ReplyBytes &r, int dataPos, const VARIABLE &var)
+{
+    const int index = driver.rcpIndex;
+    const QList<int> starts = driver.rcpReqStart;
+    const QVector<_RCP_VAR_PRO> vars = driver.rcpVars;
+    if (index < 0 || index >= starts.size())
+        return;
+    const int first = starts.at(index);
+    // A variable longer than one request is cut into several requests that all start
+    // with it, so a request covers at least its first variable.
+    int end = index + 1 < starts.size() ? starts.at(index + 1) : vars.size();
+    if (end <= first)
+        end = first + 1;
+    if (first < 0 || first >= vars.size())
+        return;
+    end = qMin(end, vars.size());
+    const int reg = getIndexFromRegName(var.regName);
+    if (reg < 0)
+        return;
+    unsigned char *buffer = reinterpret_cast<unsigned char *>(driver.rcpBuffer);
+    const int unit = regColumnInt(reg, COL_UNIT_WIDTH);
+    const bool dword16 = unit == 16 && regColumnInt(reg, COL_VALUE_WIDTH) == 32;
+    // The request in area units; only units it carries are copied.
+    const int64_t qStart = var.startAddr;
+    const int64_t qEnd = qStart + var.len;
+    const auto inRequest = [&](int64_t from, int64_t units) { return from >= qStart && from + units <= qEnd; };
+    const QString rwi = QStringLiteral("RWI");
+    const auto word = [&](int64_t w) { return static_cast<int>(w); };
+
+    for (int i = first; i < end; ++i) {
+        const _RCP_VAR_PRO &v = vars.at(i);
+        if (v.regName != var.regName || v.station != var.station)
+            continue;
+        if (unit == 1) {
+            // One buffer word per bit, 0 or 1.
+            for (int64_t m = 0; m < v.len; ++m) {
+                const int64_t a = int64_t(v.startAddr) + m;
+                if (!inRequest(a, 1))
+                    continue;
+                const int64_t bit = a - qStart;
+                const int64_t w = int64_t(v.rcpOffset) + m;
+                if (buffer == nullptr || w < 0)
+                    continue;
+                const uint8_t b = (r[dataPos + bit / 8] >> (bit % 8)) & 1;
+                buffer[2 * w] = b;
+                buffer[2 * w + 1] = 0;
+                notifyHost(0, -1, rwi, word(w));
+            }
+        } else if (dword16) {
+            for (int64_t m = 0; m < v.len / 2; ++m) {
+                const int64_t a = int64_t(v.startAddr) + 2 * m;
+                const int64_t w = int64_t(v.rcpOffset) + 2 * m;
+                if (!inRequest(a, 2) || buffer == nullptr || w < 0)
+                    continue;
+                const int64_t o = dataPos + 2 * (a - qStart);
+                for (int b = 0; b < 4; ++b)
+                    buffer[2 * w + b] = r[o + 3 - b];
+                notifyHost(0, -1, rwi, word(w));
+                notifyHost(0, -1, rwi, word(w + 1));
+            }
+        } else if (unit == 16) {
+            for (int64_t m = 0; m < v.len; ++m) {
+                const int64_t a = int64_t(v.startAddr) + m;
+                const int64_t w = int64_t(v.rcpOffset) + m;
+                if (!inRequest(a, 1) || buffer == nullptr || w < 0)
+                    continue;
+                const int64_t o = dataPos + 2 * (a - qStart);
+                // Least significant byte first, as a download reads the buffer.
+                buffer[2 * w] = r[o + 1];
+                buffer[2 * w + 1] = r[o];
+                notifyHost(0, -1, rwi, word(w));
+            }
+        } else if (unit == 32) {
+            // One value per recipe variable, whatever its length.
+            const int64_t a = v.startAddr;
+            const int64_t w = v.rcpOffset;
+            if (!inRequest(a, 1) || buffer == nullptr || w < 0)
+                continue;
+            const int64_t o = dataPos + 4 * (a - qStart);
+            for (int b = 0; b < 4; ++b)
+                buffer[2 * w + b] = r[o + 3 - b];
+            notifyHost(0, -1, rwi, word(w));
+            notifyHost(0, -1, rwi, word(w + 1));
+        }
+    }
+}

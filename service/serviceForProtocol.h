@@ -205,7 +205,15 @@ void _wordDataChange(int *oldValue, int *newValue, int area, int plainName);
 void _dwordDataChange(int *oldValue, int *newValue, int area, int plainName);
 int uchar2int16(unsigned char lo, unsigned char hi);
 int uchar2int32(unsigned char b0, unsigned char b1, unsigned char b2, unsigned char b3);
+// Reply bytes past the end read as 0: the length check keeps real replies inside.
+struct ReplyBytes {
+    const unsigned char *p;
+    int64_t n;
+    unsigned char operator[](int64_t i) const { return (i >= 0 && i < n) ? p[i] : 0; }
+};
 void analyzeFrameOfVal(const QByteArray &reply, int count, int dataPos, const VARIABLE &var);
+// Fills the host's recipe buffer from the reply to the upload request in flight.
+void copyRecipeUpload(const ReplyBytes &r, int dataPos, const VARIABLE &var);
 void notifyHost(int driverId, int station, const QString &item, int addr);
 
 // --- Cycle. ---
