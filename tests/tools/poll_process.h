@@ -1,0 +1,60 @@
+// Running rtuplc-poll and rtuplc-sim as a user does, with every wait bounded, and
+// reading what they print.
+#ifndef RTUPLC_TESTS_TOOLS_POLL_PROCESS_H
+#define RTUPLC_TESTS_TOOLS_POLL_PROCESS_H
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <tuple>
+#include <vector>
+
+namespace tooltest {
+
+struct Run {
+    int exitCode = -1; // -1: killed at the time limit
+    std::string out, err;
+};
+
+// Runs a program to its end, killing it after `limit`.
+Run run(const std::vector<std::string> &args, std::chrono::seconds limit = std::chrono::seconds(30));
+// rtuplc-poll with these arguments.
+Run poll(const std::vector<std::string> &args, std::chrono::seconds limit = std::chrono::seconds(30));
+
+// A program left running, e.g. rtuplc-sim.
+class Child {
+public:
+    explicit Child(const std::vector<std::string> &args);
+    ~Child(); // kills it if still running
+    // The next line on its standard output that starts with `prefix`, or "" by `limit`.
+    std::string lineStartingWith(const std::string &prefix, std::chrono::seconds limit = std::chrono::seconds(10));
+    void signal(int sig);
+    // Waits for its end (killing it after `limit`); returns the exit code and the rest
+    // of its output.
+    Run wait(std::chrono::seconds limit = std::chrono::seconds(10));
+    pid_t pid() const { return pid_; }
+
+private:
+    pid_t pid_ = -1;
+    int out_ = -1, err_ = -1;
+    std::string outBuffer_, errBuffer_;
+};
+
+// The value lines and error lines of --json output.
+struct JsonOutput {
+    std::map<std::tuple<int, std::string, int>, uint64_t> values; // (station, item, address)
+    int valueLines = 0;
+    std::vector<std::string> errors; // the driver's texts of failed requests
+    std::vector<std::string> other;  // lines of neither form
+};
+JsonOutput parseJson(const std::string &out);
+
+std::string writeFile(const std::string &name, const std::string &text); // returns its path
+std::string readFile(const std::string &path);
+
+} // namespace tooltest
+
+#endif

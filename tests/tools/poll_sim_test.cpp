@@ -1,0 +1,261 @@
+// rtuplc-poll end to end against the simulator, which the test holds in-process: what
+// the host prints must be what the controller's memory holds, writes must change
+// exactly what they name, and faults must cost retries, not values.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+
+#include <set>
+#include <sstream>
+
+#include "poll_process.h"
+#include "rtuplc_sim/simulator.h"
+
+namespace {
+
+using tooltest::JsonOutput;
+using tooltest::parseJson;
+
+constexpr int kStation = 1;
+
+// Modbus base of each area, as the controller maps them.
+const std::map<std::string, uint32_t> kCoilBase = {{"X", 1200}, {"Y", 0},    {"M", 2000}, {"SM", 4400},
+                                                   {"S", 6000}, {"T", 8000}, {"C", 9200}};
+const std::map<std::string, uint32_t> kRegisterBase = {{"D_W", 0},   {"D_D", 0},   {"CV", 9500}, {"TV", 9000},
+                                                       {"Z", 8500},  {"SD", 8000}, {"32C", 9500}};
+
+// What the controller holds for a value the driver reports. A 32-bit counter v of a
+// read that starts at counter s sits in the registers 9500 + s + 2(v - s), high first.
+uint64_t expected(const rtusim::Simulator &sim, int station, const std::string &item, int address, int counterStart)
+{
+    if (kCoilBase.count(item))
+        return sim.coil(station, kCoilBase.at(item) + uint32_t(address)) ? 1 : 0;
+    const uint32_t base = kRegisterBase.at(item);
+    if (item == "D_D")
+        return sim.reg32(station, base + uint32_t(address));
+    if (item == "32C")
+        return sim.reg32(station, base + uint32_t(counterStart + 2 * (address - counterStart)));
+    return sim.reg(station, base + uint32_t(address));
+}
+
+// Fills the polled ranges with values unlike the fill pattern.
+void scramble(rtusim::Simulator &sim, uint32_t seed)
+{
+    uint32_t x = seed;
+    const auto next = [&] { return x = x * 1103515245u + 12345u, x >> 8; };
+    for (const auto &area : kCoilBase)
+        for (uint32_t a = 0; a < 24; ++a)
+            sim.setCoil(kStation, area.second + a, next() & 1);
+    for (uint32_t r : {0u, 8000u, 8500u, 9000u, 9500u})
+        for (uint32_t a = 0; a < 16; ++a)
+            sim.setReg(kStation, r + a, uint16_t(next()));
+    for (uint32_t a = 100; a < 210; ++a)
+        sim.setReg(kStation, a, uint16_t(next()));
+    for (uint32_t a = 9700; a < 9712; ++a)
+        sim.setReg(kStation, a, uint16_t(next()));
+}
+
+const std::vector<std::string> kItems = {
+    "D_W:100..109", "X:0..17",  "D_D:200..203", "32C:200..203", "M:0..15", "Y:0..7", "SM:3",
+    "S:0..2",       "T:1..4",   "C:0",          "CV:0..3",      "TV:10",   "Z:0..15", "SD:0..1",
+};
+// Values those items name: X:0..17 is sixteen inputs, D_D:200..203 the values at 200 and 202.
+constexpr int kValues = 10 + 16 + 2 + 4 + 16 + 8 + 1 + 3 + 4 + 1 + 4 + 1 + 16 + 2;
+
+class PollOnce : public ::testing::TestWithParam<bool> {
+protected:
+    void SetUp() override
+    {
+        sim.fill(rtusim::Fill::Pattern);
+        scramble(sim, 7);
+        std::string error;
+        if (GetParam()) {
+            ASSERT_TRUE(sim.startPty(&error)) << error;
+            link = {"--serial", sim.ptyPath()};
+        } else {
+            ASSERT_TRUE(sim.startTcp("127.0.0.1", 0, &error)) << error;
+            link = {"--tcp", "127.0.0.1:" + std::to_string(sim.tcpPort())};
+        }
+    }
+
+    tooltest::Run poll(std::vector<std::string> args)
+    {
+        args.insert(args.begin(), link.begin(), link.end());
+        return tooltest::poll(args);
+    }
+
+    rtusim::Simulator sim;
+    std::vector<std::string> link;
+};
+
+TEST_P(PollOnce, PrintsEveryValueAsTheControllerHoldsIt)
+{
+    std::vector<std::string> args{"--once", "--json"};
+    args.insert(args.end(), kItems.begin(), kItems.end());
+    const tooltest::Run r = poll(args);
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const JsonOutput j = parseJson(r.out);
+    EXPECT_TRUE(j.other.empty()) << "stdout holds JSON only: " << j.other.front();
+    EXPECT_EQ(j.valueLines, kValues) << r.out;
+    ASSERT_EQ(int(j.values.size()), kValues) << "each value once";
+    for (const auto &v : j.values) {
+        const auto &[station, item, address] = v.first;
+        EXPECT_EQ(v.second, expected(sim, station, item, address, 200)) << item << " " << address;
+    }
+    EXPECT_EQ(j.values.count({kStation, "X", 15}), 1u) << "X:17 is reported as address 15";
+    EXPECT_EQ(j.values.count({kStation, "D_D", 202}), 1u);
+}
+
+TEST_P(PollOnce, WritesChangeExactlyWhatTheyNameAndAreConfirmed)
+{
+    const std::string before = sim.dump();
+    const tooltest::Run r = poll({"--once", "--json", "--write", "D_W:100=1234", "--write", "X:7=1", "--write",
+                                  "D_D:200=-5", "--write", "32C:201=70000", "--write", "D_W:101=-1", "--write",
+                                  "Y:2=0", "--write", "M:1999=1"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(sim.reg(kStation, 100), 1234);
+    EXPECT_EQ(sim.reg(kStation, 101), 0xFFFF);
+    EXPECT_TRUE(sim.coil(kStation, 1207));
+    EXPECT_FALSE(sim.coil(kStation, 2));
+    EXPECT_TRUE(sim.coil(kStation, 3999));
+    EXPECT_EQ(sim.reg32(kStation, 200), 0xFFFFFFFBu) << "high register first, as two's complement";
+    EXPECT_EQ(sim.reg32(kStation, 9701), 70000u) << "the counter write starts at 9500 + 201";
+
+    // Nothing but the named units changed.
+    std::set<std::string> changed;
+    std::istringstream after(sim.dump());
+    for (std::string line; std::getline(after, line);)
+        if (before.find(line + "\n") == std::string::npos)
+            changed.insert(line.substr(0, line.find(" = ")));
+    const std::set<std::string> named = {"1 register 100 D:100", "1 register 101 D:101",  "1 coil 1207 X:7",
+                                         "1 coil 2 Y:2",          "1 coil 3999 M:1999",    "1 register 200 D:200",
+                                         "1 register 201 D:201",  "1 register 9701 32C-reg:1", "1 register 9702 32C-reg:2"};
+    for (const std::string &c : changed)
+        EXPECT_TRUE(named.count(c)) << "changed but not written: " << c;
+
+    const JsonOutput j = parseJson(r.out);
+    EXPECT_EQ(j.values.at({kStation, "D_W", 100}), 1234u);
+    EXPECT_EQ(j.values.at({kStation, "D_D", 200}), 4294967291u);
+    EXPECT_EQ(j.values.at({kStation, "32C", 201}), 70000u);
+    EXPECT_NE(r.err.find("write D_D:200=-5: confirmed"), std::string::npos) << r.err;
+}
+
+TEST_P(PollOnce, RecipeRoundTripThroughTheController)
+{
+    const std::string recipe = tooltest::writeFile("recipe.csv", "# area:address,length,offset\n"
+                                                                 "D_W:300,4,0\n"
+                                                                 "D_W:304,2,4\n"
+                                                                 "D_D:310,2,6\n"
+                                                                 "32C:210,2,8\n"
+                                                                 "M:10,4,10\n");
+    const std::string values = tooltest::writeFile("values.csv", "D_W:300,1\nD_W:301,-2\nD_W:302,3\nD_W:303,0x10\n"
+                                                                 "D_W:304,40000\nD_W:305,6\nD_D:310,-100000\n"
+                                                                 "32C:210,123456789\nM:10,1\nM:12,1\n");
+    const std::string out = tooltest::writeFile("out.csv", "");
+    const tooltest::Run r = poll({"D_W:0", "--recipe", recipe, "--recipe-download", values, "--recipe-upload", out,
+                                  "--once"});
+    ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
+    EXPECT_EQ(sim.reg(kStation, 301), 0xFFFE);
+    EXPECT_EQ(sim.reg(kStation, 303), 16);
+    EXPECT_EQ(sim.reg(kStation, 304), 40000);
+    EXPECT_EQ(sim.reg32(kStation, 310), uint32_t(-100000));
+    EXPECT_EQ(sim.reg32(kStation, 9710), 123456789u);
+    EXPECT_TRUE(sim.coil(kStation, 2010));
+    EXPECT_FALSE(sim.coil(kStation, 2011)) << "a value missing from VALUES.csv is sent as 0";
+    EXPECT_TRUE(sim.coil(kStation, 2012));
+    EXPECT_EQ(tooltest::readFile(out), "D_W:300,1\nD_W:301,65534\nD_W:302,3\nD_W:303,16\nD_W:304,40000\n"
+                                       "D_W:305,6\nD_D:310,4294867296\n32C:210,123456789\nM:10,1\nM:11,0\n"
+                                       "M:12,1\nM:13,0\n");
+    EXPECT_NE(r.out.find("recipe round trip: all 12 values read back as downloaded"), std::string::npos) << r.out;
+
+    // An upload on its own reads what the controller holds now.
+    sim.setReg(kStation, 302, 777);
+    const tooltest::Run up = poll({"--recipe", recipe, "--recipe-upload", out});
+    ASSERT_EQ(up.exitCode, 0) << up.out << up.err;
+    EXPECT_NE(tooltest::readFile(out).find("D_W:302,777\n"), std::string::npos);
+}
+
+INSTANTIATE_TEST_SUITE_P(Link, PollOnce, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool> &i) { return i.param ? "Pty" : "Tcp"; });
+
+class PollFaults : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        sim.fill(rtusim::Fill::Pattern);
+        scramble(sim, 11);
+        sim.setSeed(2024);
+        std::string error;
+        ASSERT_TRUE(sim.startTcp("127.0.0.1", 0, &error)) << error;
+        tcp = "127.0.0.1:" + std::to_string(sim.tcpPort());
+    }
+    rtusim::Simulator sim;
+    std::string tcp;
+};
+
+TEST_F(PollFaults, LossyLineCostsRetriesButNoValueAndNoWrite)
+{
+    rtusim::Faults f;
+    f.drop = 0.3;
+    f.corrupt = 0.1;
+    sim.setFaults(f);
+    std::vector<std::string> args{"--tcp", tcp, "--once", "--json", "--retries", "12", "--timeout", "60",
+                                  "--write", "D_W:100=4321", "--write", "X:3=1", "--write", "D_D:202=99999",
+                                  "--write", "M:7=1"};
+    args.insert(args.end(), kItems.begin(), kItems.end());
+    const tooltest::Run r = tooltest::poll(args, std::chrono::seconds(60));
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const JsonOutput j = parseJson(r.out);
+    EXPECT_TRUE(j.errors.empty());
+    ASSERT_EQ(int(j.values.size()), kValues);
+    for (const auto &v : j.values) {
+        const auto &[station, item, address] = v.first;
+        EXPECT_EQ(v.second, expected(sim, station, item, address, 200)) << item << " " << address;
+    }
+    EXPECT_EQ(sim.reg(kStation, 100), 4321);
+    EXPECT_TRUE(sim.coil(kStation, 1203));
+    EXPECT_EQ(sim.reg32(kStation, 202), 99999u);
+    EXPECT_TRUE(sim.coil(kStation, 2007));
+    const rtusim::Counters c = sim.counters();
+    EXPECT_GT(c.dropped + c.corrupted, 0u) << "the line really was lossy";
+    EXPECT_NE(r.err.find("retries"), std::string::npos);
+}
+
+TEST_F(PollFaults, SilentControllerFailsEveryBlockClearly)
+{
+    rtusim::Faults f;
+    f.drop = 1.0;
+    sim.setFaults(f);
+    const tooltest::Run r = tooltest::poll({"--tcp", tcp, "--once", "--json", "--timeout", "50", "D_W:100..109",
+                                            "X:0..7"});
+    EXPECT_EQ(r.exitCode, 1);
+    const JsonOutput j = parseJson(r.out);
+    EXPECT_EQ(j.errors, (std::vector<std::string>{"1#X0(8)", "1#D_W100(10)"}));
+    EXPECT_TRUE(j.values.empty()) << "no value without a reply";
+    EXPECT_NE(r.err.find("failed 1#D_W100(10): no reply within"), std::string::npos) << r.err;
+}
+
+TEST_F(PollFaults, StoppedSimulatorIsNamedAndRefused)
+{
+    sim.stop();
+    const tooltest::Run r = tooltest::poll({"--tcp", tcp, "--once", "D_W:100"});
+    EXPECT_EQ(r.exitCode, 4);
+    EXPECT_NE(r.err.find("cannot connect to " + tcp + ": Connection refused"), std::string::npos) << r.err;
+}
+
+TEST_F(PollFaults, ExceptionIsHandedOverAtOnceAndNamed)
+{
+    rtusim::Limits standard;
+    standard.maxReadRegisters = rtusim::kStandardMaxReadRegisters;
+    sim.setLimits(standard);
+    // A timeout long enough that waiting it out three times would end the run by the limit.
+    const tooltest::Run r = tooltest::poll({"--tcp", tcp, "--once", "--json", "--timeout", "20000", "D_W:0..127"},
+                                           std::chrono::seconds(15));
+    EXPECT_EQ(r.exitCode, 1) << r.err;
+    EXPECT_EQ(parseJson(r.out).errors, (std::vector<std::string>{"1#D_W0(128)"}));
+    EXPECT_NE(r.err.find("exception 03 (illegal data value) after 3 attempts"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("standard Modbus slaves stop at 125 while this controller takes 128"), std::string::npos);
+    EXPECT_EQ(sim.counters().exceptions, 3u);
+}
+
+} // namespace

@@ -1,0 +1,81 @@
+// Cutting a byte stream into request frames.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "rtuplc_sim/framer.h"
+#include "rtuplc_sim/modbus.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using Clock = rtusim::RtuFramer::Clock;
+constexpr std::chrono::milliseconds kSilence{50};
+
+Bytes framed(Bytes b)
+{
+    rtusim::appendCrc(b);
+    return b;
+}
+
+const Bytes kRead = framed({0x01, 0x03, 0x00, 0x64, 0x00, 0x0A});
+const Bytes kWrite = framed({0x01, 0x10, 0x00, 0x0A, 0x00, 0x02, 0x04, 0x00, 0x01, 0x00, 0x02});
+
+TEST(SimFramer, CrcIsTheModbusOne)
+{
+    const Bytes b{0x01, 0x03, 0x00, 0x00, 0x00, 0x01};
+    EXPECT_EQ(rtusim::crc16(b.data(), b.size()), 0x0A84);
+    EXPECT_EQ(rtusim::crc16(nullptr, 0), 0xFFFF);
+}
+
+TEST(SimFramer, SplitsBackToBackFramesByTheirOwnLength)
+{
+    rtusim::RtuFramer f(kSilence);
+    Bytes both = kRead;
+    both.insert(both.end(), kWrite.begin(), kWrite.end());
+    const auto t = Clock::now();
+    f.feed(both.data(), both.size(), t);
+    EXPECT_EQ(f.next(t), kRead);
+    EXPECT_EQ(f.next(t), kWrite);
+    EXPECT_EQ(f.next(t), std::nullopt);
+}
+
+TEST(SimFramer, JoinsAFrameArrivingInPieces)
+{
+    rtusim::RtuFramer f(kSilence);
+    const auto t = Clock::now();
+    f.feed(kWrite.data(), 5, t);
+    EXPECT_EQ(f.next(t), std::nullopt);
+    f.feed(kWrite.data() + 5, kWrite.size() - 5, t + std::chrono::milliseconds(1));
+    EXPECT_EQ(f.next(t + std::chrono::milliseconds(1)), kWrite);
+}
+
+TEST(SimFramer, DiscardsABadCrcAndAStaleFragment)
+{
+    rtusim::RtuFramer f(kSilence);
+    const auto t = Clock::now();
+    Bytes bad = kRead;
+    bad[3] ^= 0x01;
+    f.feed(bad.data(), bad.size(), t);
+    EXPECT_EQ(f.next(t), std::nullopt);
+    EXPECT_EQ(f.discardedFrames(), 1u);
+
+    f.feed(kRead.data(), 3, t);                // a fragment, then nothing for too long
+    const auto later = t + 2 * kSilence;
+    f.feed(kRead.data(), kRead.size(), later); // the master's next try
+    EXPECT_EQ(f.next(later), kRead);
+    EXPECT_EQ(f.discardedFrames(), 2u);
+}
+
+TEST(SimFramer, UnknownFunctionIsAFrameOnceTheLineFallsSilent)
+{
+    rtusim::RtuFramer f(kSilence);
+    const Bytes odd = framed({0x01, 0x2B, 0x0E, 0x01, 0x00});
+    const auto t = Clock::now();
+    f.feed(odd.data(), odd.size(), t);
+    EXPECT_EQ(f.next(t), std::nullopt);
+    ASSERT_TRUE(f.deadline().has_value());
+    EXPECT_EQ(f.next(*f.deadline()), odd);
+}
+
+} // namespace

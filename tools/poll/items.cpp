@@ -1,0 +1,271 @@
+#include "items.h"
+
+#include <QRegularExpression>
+#include <QVector>
+
+#include <limits>
+
+namespace rtupoll {
+
+namespace {
+
+// intf_checkAddrValidity results.
+constexpr int kValid = 0;
+constexpr int kWrongUse = 1;
+constexpr int kOutOfRange = 2;
+constexpr int kUnknownArea = 3;
+constexpr int kUnreadable = 4;
+
+constexpr int kLowestStation = 1;
+constexpr int kHighestStation = 247;
+
+QString notationName(int base)
+{
+    return base == 8 ? QStringLiteral("octal") : base == 16 ? QStringLiteral("hexadecimal") : QStringLiteral("decimal");
+}
+
+QString rangeText(const Area &a)
+{
+    return QStringLiteral("%1 has addresses %2..%3 (%4)").arg(a.name, a.lowestText, a.highestText, notationName(a.base));
+}
+
+// Checks one address text for `count` units with the driver; on success *address
+// holds it.
+bool checkAddress(const DriverApi &api, const Area &area, const QString &text, int count, int *address,
+                  QString *error)
+{
+    int addr = 0;
+    const int r = api.checkAddrValidity(area.name, text, &addr, count, area.isBit() ? 0 : 1);
+    switch (r) {
+    case kValid:
+        *address = addr;
+        return true;
+    case kUnreadable:
+        *error = QStringLiteral("\"%1\" is not an address of %2: %3").arg(text, area.name, rangeText(area));
+        return false;
+    case kOutOfRange:
+        if (addr < area.lowest || addr > area.highest)
+            *error = QStringLiteral("%1:%2 is out of range: %3").arg(area.name, text, rangeText(area));
+        else if (count <= area.countPerValue())
+            *error = QStringLiteral("%1:%2 is refused for a whole value: %3").arg(area.name, text, rangeText(area));
+        else
+            *error = QStringLiteral("%1 from %2 runs past the highest address %3").arg(area.name, text,
+                                                                                       area.highestText);
+        return false;
+    case kUnknownArea:
+        *error = QStringLiteral("the driver does not know the area %1").arg(area.name);
+        return false;
+    case kWrongUse:
+    default:
+        *error = QStringLiteral("the driver refuses %1:%2 (result %3)").arg(area.name, text).arg(r);
+        return false;
+    }
+}
+
+} // namespace
+
+Catalogue::Catalogue(const DriverApi &api)
+{
+    QStringList names;
+    api.getRegListByType(0, &names);
+    api.getRegListByType(1, &names);
+    for (const QString &name : names) {
+        QStringList info; // notation, lowest, highest, width code, access code
+        api.getRegDiscription(name, &info);
+        if (info.size() < 4)
+            continue;
+        Area a;
+        a.name = name;
+        const QChar letter = info[0].isEmpty() ? QChar('D') : info[0].back();
+        a.base = letter == 'O' ? 8 : letter == 'H' ? 16 : 10;
+        a.lowestText = info[1];
+        a.highestText = info[2];
+        a.lowest = info[1].toInt(nullptr, a.base);
+        a.highest = info[2].toInt(nullptr, a.base);
+        if (info[3] == QLatin1String("0")) {
+            a.kind = Kind::Bit;
+        } else if (info[3] == QLatin1String("2")) {
+            // The step of one 32-bit word tells a value over two register addresses
+            // from a value per address.
+            QVector<QString> texts;
+            QVector<int> values;
+            api.multiCopy(name, a.lowest, 2, -2, &texts, &values);
+            a.kind = values.size() == 2 && values[1] - values[0] == 2 ? Kind::DWordOverWords : Kind::DWord;
+        } else {
+            a.kind = Kind::Word;
+        }
+        areas_.push_back(a);
+    }
+}
+
+const Area *Catalogue::find(const QString &name) const
+{
+    for (const Area &a : areas_) {
+        if (a.name == name)
+            return &a;
+    }
+    for (const Area &a : areas_) {
+        if (a.name.compare(name, Qt::CaseInsensitive) == 0)
+            return &a;
+    }
+    return nullptr;
+}
+
+QStringList Catalogue::names() const
+{
+    QStringList n;
+    for (const Area &a : areas_)
+        n << a.name;
+    return n;
+}
+
+KEY_ADDRESS Item::key() const
+{
+    KEY_ADDRESS k;
+    k.station = station;
+    k.regName = area->name;
+    k.keyText = text;
+    k.startAddr = first;
+    k.bitPos = area->isBit() ? -1 : 0;
+    k.len = static_cast<int>(points.size()) * area->countPerValue(); // bits, or 16-bit registers
+    return k;
+}
+
+bool parseItem(const QString &text, int defaultStation, const Catalogue &catalogue, const DriverApi &api,
+               Item *item, QString *error)
+{
+    static const QRegularExpression form(
+        QStringLiteral("^([A-Za-z0-9_]+):([0-9A-Za-z]+)(?:\\.\\.([0-9A-Za-z]+))?(?:@([0-9]+))?$"));
+    const QRegularExpressionMatch m = form.match(text.trimmed());
+    if (!m.hasMatch()) {
+        *error = QStringLiteral("\"%1\" is not an item: write AREA:ADDRESS or AREA:FIRST..LAST, e.g. D_W:100..109 "
+                                "or X:0..17, optionally followed by @STATION")
+                     .arg(text);
+        return false;
+    }
+    const Area *area = catalogue.find(m.captured(1));
+    if (area == nullptr) {
+        *error = QStringLiteral("\"%1\": unknown area %2 (the areas are %3)")
+                     .arg(text, m.captured(1), catalogue.names().join(' '));
+        return false;
+    }
+    Item it;
+    it.text = text;
+    it.area = area;
+    it.station = defaultStation;
+    if (!m.captured(4).isEmpty()) {
+        it.station = m.captured(4).toInt();
+        if (it.station < kLowestStation || it.station > kHighestStation) {
+            *error = QStringLiteral("\"%1\": station %2 is not 1..247").arg(text, m.captured(4));
+            return false;
+        }
+    }
+    QString why;
+    const int one = area->countPerValue();
+    if (!checkAddress(api, *area, m.captured(2), one, &it.first, &why)) {
+        *error = QStringLiteral("\"%1\": %2").arg(text, why);
+        return false;
+    }
+    it.last = it.first;
+    if (!m.captured(3).isEmpty()) {
+        if (!checkAddress(api, *area, m.captured(3), one, &it.last, &why)) {
+            *error = QStringLiteral("\"%1\": %2").arg(text, why);
+            return false;
+        }
+        if (it.last < it.first) {
+            *error = QStringLiteral("\"%1\": the range runs backwards").arg(text);
+            return false;
+        }
+    }
+    for (int a = it.first; a <= it.last; a += area->step())
+        it.points.push_back(Point{it.station, area, a});
+    // The whole item, checked as the driver will read it.
+    const int count = static_cast<int>(it.points.size()) * one;
+    int start = 0;
+    if (!checkAddress(api, *area, m.captured(2), count, &start, &why)) {
+        *error = QStringLiteral("\"%1\": %2").arg(text, why);
+        return false;
+    }
+    *item = it;
+    return true;
+}
+
+bool parseValue(const QString &text, Kind kind, uint32_t *value, QString *error)
+{
+    const QString t = text.trimmed();
+    bool ok = false;
+    qlonglong v = 0;
+    if (t.startsWith(QLatin1String("0x"), Qt::CaseInsensitive))
+        v = t.mid(2).toLongLong(&ok, 16);
+    else
+        v = t.toLongLong(&ok, 10);
+    qlonglong lo = 0, hi = 1;
+    QString what = QStringLiteral("a bit takes 0 or 1");
+    if (kind == Kind::Word) {
+        lo = std::numeric_limits<int16_t>::min();
+        hi = std::numeric_limits<uint16_t>::max();
+        what = QStringLiteral("a 16-bit value takes -32768..65535");
+    } else if (kind != Kind::Bit) {
+        lo = std::numeric_limits<int32_t>::min();
+        hi = std::numeric_limits<uint32_t>::max();
+        what = QStringLiteral("a 32-bit value takes -2147483648..4294967295");
+    }
+    if (!ok || v < lo || v > hi) {
+        *error = QStringLiteral("\"%1\" is not a value here: %2").arg(text, what);
+        return false;
+    }
+    const uint32_t mask = kind == Kind::Word ? 0xFFFFu : 0xFFFFFFFFu;
+    *value = static_cast<uint32_t>(v) & mask;
+    return true;
+}
+
+std::vector<unsigned char> WriteRequest::bytes() const
+{
+    if (target.area->isBit())
+        return {static_cast<unsigned char>(value ? 1 : 0)};
+    std::vector<unsigned char> b; // least significant byte first, as intf_setData takes it
+    for (int i = 0; i < 2 * count(); ++i)
+        b.push_back(static_cast<unsigned char>((value >> (8 * i)) & 0xFF));
+    return b;
+}
+
+bool parseWrite(const QString &text, int defaultStation, const Catalogue &catalogue, const DriverApi &api,
+                WriteRequest *write, QString *error)
+{
+    const int eq = text.indexOf('=');
+    if (eq < 0) {
+        *error = QStringLiteral("\"%1\" is not a write: write AREA:ADDRESS=VALUE, e.g. D_W:100=1234").arg(text);
+        return false;
+    }
+    WriteRequest w;
+    w.text = text;
+    const QString target = text.left(eq);
+    if (target.contains(QLatin1String(".."))) {
+        *error = QStringLiteral("\"%1\": a write names one address").arg(text);
+        return false;
+    }
+    if (!parseItem(target, defaultStation, catalogue, api, &w.target, error))
+        return false;
+    QString why;
+    if (!parseValue(text.mid(eq + 1), w.target.area->kind, &w.value, &why)) {
+        *error = QStringLiteral("\"%1\": %2").arg(text, why);
+        return false;
+    }
+    *write = w;
+    return true;
+}
+
+uint32_t readValue(const DriverApi &api, const Point &p)
+{
+    unsigned char out[4] = {};
+    const int count = p.area->countPerValue();
+    api.getData(p.station, p.area->name, p.address, count, out);
+    if (p.area->isBit())
+        return out[0] ? 1 : 0;
+    uint32_t v = 0;
+    for (int i = 0; i < 2 * count; ++i)
+        v |= uint32_t(out[i]) << (8 * i);
+    return v;
+}
+
+} // namespace rtupoll

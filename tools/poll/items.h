@@ -1,0 +1,104 @@
+// What the user asks to poll and write, in the areas' own notation ("D_W:100..109",
+// "X:0..17" in octal, "D_D:200", "32C:201=70000"), checked by the driver itself
+// before anything is sent.
+#ifndef RTUPLC_POLL_ITEMS_H
+#define RTUPLC_POLL_ITEMS_H
+
+#include <QString>
+#include <QStringList>
+
+#include <cstdint>
+#include <vector>
+
+#include "driver_api.h"
+
+namespace rtupoll {
+
+enum class Kind {
+    Bit,            // one coil per address
+    Word,           // one 16-bit register per address
+    DWordOverWords, // a 32-bit value over two registers, addressed by the first (D_D)
+    DWord,          // a 32-bit value per address (32C)
+};
+
+struct Area {
+    QString name; // as the driver names it, e.g. "D_W"
+    Kind kind = Kind::Word;
+    int base = 10; // notation of addresses: 8, 10 or 16
+    int lowest = 0;
+    int highest = 0;
+    QString lowestText, highestText;
+
+    bool isBit() const { return kind == Kind::Bit; }
+    // Addresses from one value to the next.
+    int step() const { return kind == Kind::DWordOverWords ? 2 : 1; }
+    // Units of intf_checkAddrValidity and intf_getData per value: bits, or 16-bit words.
+    int countPerValue() const { return kind == Kind::DWord || kind == Kind::DWordOverWords ? 2 : 1; }
+    // Name of the driver's cache under which D_D and D_W share their registers.
+    QString cachePrefix() const { return name.section('_', 0, 0); }
+    QString format(int address) const { return QString::number(address, base); }
+};
+
+// The driver's register areas, as the driver describes them.
+class Catalogue {
+public:
+    explicit Catalogue(const DriverApi &api);
+    // Exact name first, then a name that differs only in case.
+    const Area *find(const QString &name) const;
+    QStringList names() const;
+
+private:
+    std::vector<Area> areas_;
+};
+
+// One value the driver reports: the item text and address of its callback.
+struct Point {
+    int station = 1;
+    const Area *area = nullptr;
+    int address = 0;
+
+    QString label() const { return area->name + ':' + area->format(address); }
+    // The cache units the value lives in: [firstUnit, firstUnit + units) of cachePrefix.
+    int firstUnit() const { return address; }
+    int units() const { return area->kind == Kind::DWordOverWords ? 2 : 1; }
+};
+
+struct Item {
+    QString text;
+    int station = 1;
+    const Area *area = nullptr;
+    int first = 0; // address of the first and the last value
+    int last = 0;
+    std::vector<Point> points;
+
+    KEY_ADDRESS key() const;
+};
+
+// Reads "AREA:FIRST[..LAST][@STATION]". False with a message naming the problem.
+bool parseItem(const QString &text, int defaultStation, const Catalogue &catalogue, const DriverApi &api,
+               Item *item, QString *error);
+
+// Reads a value for a point of `kind`: decimal or 0x hexadecimal; a negative number
+// is taken as its two's complement in the value's width.
+bool parseValue(const QString &text, Kind kind, uint32_t *value, QString *error);
+
+struct WriteRequest {
+    QString text;
+    Item target; // one point
+    uint32_t value = 0;
+
+    // Arguments of intf_setData: count (bits, or 16-bit words) and the bytes.
+    int count() const { return target.area->countPerValue(); }
+    std::vector<unsigned char> bytes() const;
+};
+
+// Reads "AREA:ADDR[@STATION]=VALUE".
+bool parseWrite(const QString &text, int defaultStation, const Catalogue &catalogue, const DriverApi &api,
+                WriteRequest *write, QString *error);
+
+// The value the driver shows for a point (intf_getData), unsigned.
+uint32_t readValue(const DriverApi &api, const Point &point);
+
+} // namespace rtupoll
+
+#endif

@@ -1,0 +1,178 @@
+// rtuplc-poll: the reference host. Loads the driver, polls the controller through it
+// and prints what the driver reports.
+#include <signal.h>
+
+#include <atomic>
+#include <cstdio>
+#include <iostream>
+
+#include "driver_api.h"
+#include "host.h"
+#include "items.h"
+#include "link.h"
+#include "options.h"
+#include "output.h"
+#include "recipe.h"
+#include "rtuplc_sim/simulator.h"
+
+using namespace rtupoll;
+
+namespace {
+
+std::atomic<bool> g_stop{false};
+
+void onSignal(int)
+{
+    g_stop = true;
+}
+
+void installSignals()
+{
+    struct sigaction sa{};
+    sa.sa_handler = onSignal; // no SA_RESTART: a wait in progress ends at once
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+}
+
+int fail(int code, const QString &message)
+{
+    std::cerr << "rtuplc-poll: " << message.toStdString() << '\n';
+    if (code == kExitUsage)
+        std::cerr << "(rtuplc-poll --help explains the options)\n";
+    return code;
+}
+
+// The driver's default parameters: "0,9600,8,EVEN,1,0,1,ADDRESS,PORT,NAME,AREAS...".
+struct Defaults {
+    std::string line = "9600,8,EVEN,1";
+    int port = rtusim::kDefaultTcpPort;
+    QString name;
+};
+
+Defaults driverDefaults(const DriverApi &api)
+{
+    QString text;
+    api.getDriverParameter(text);
+    const QStringList f = text.split(',');
+    Defaults d;
+    if (f.size() > 9) {
+        d.line = f.mid(1, 4).join(',').toStdString();
+        d.port = f[8].toInt();
+        d.name = f[9];
+    }
+    return d;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    Options o;
+    std::string why;
+    if (!parseOptions(argc, argv, &o, &why))
+        return fail(kExitUsage, QString::fromStdString(why));
+    if (o.help) {
+        std::cout << kUsage;
+        return kExitOk;
+    }
+
+    DriverApi api;
+    const std::string driverPath = o.driverPath.empty() ? driverBesideProgram() : o.driverPath;
+    if (!loadDriver(driverPath, &api, &why))
+        return fail(kExitDriver, QString::fromStdString(why));
+    const Defaults defaults = driverDefaults(api);
+
+    rtusim::SerialLine line;
+    const std::string lineText = o.lineText.empty() ? defaults.line : o.lineText;
+    if (!rtusim::parseSerialLine(lineText, &line, &why))
+        return fail(o.lineText.empty() ? kExitDriver : kExitUsage, QString::fromStdString(why));
+
+    // Everything the user typed is checked by the driver before anything is sent.
+    const Catalogue catalogue(api);
+    QString error;
+    std::vector<Item> items;
+    for (const QString &text : o.items) {
+        Item item;
+        if (!parseItem(text, o.station, catalogue, api, &item, &error))
+            return fail(kExitUsage, error);
+        items.push_back(item);
+    }
+    std::vector<WriteRequest> writes;
+    for (const QString &text : o.writes) {
+        WriteRequest w;
+        if (!parseWrite(text, o.station, catalogue, api, &w, &error))
+            return fail(kExitUsage, error);
+        writes.push_back(w);
+    }
+    Recipe recipe;
+    RecipeJob job;
+    if (!o.recipe.isEmpty()) {
+        if (!recipe.load(o.recipe, o.station, catalogue, api, &error))
+            return fail(kExitUsage, error);
+        job.recipe = &recipe;
+        job.uploadPath = o.recipeUpload;
+        job.download = !o.recipeDownload.isEmpty();
+        if (job.download &&
+            !loadRecipeValues(o.recipeDownload, recipe, o.station, catalogue, api, &job.values, &error))
+            return fail(kExitUsage, error);
+    }
+
+    // The line: the built-in simulator unless the user named one.
+    rtusim::Simulator simulator;
+    std::unique_ptr<Link> link;
+    QString linkNote;
+    if (o.link == Options::Link::Serial) {
+        link = makeSerialLink(o.device, line);
+    } else if (o.link == Options::Link::Tcp) {
+        link = makeTcpLink(o.host, o.port > 0 ? o.port : defaults.port);
+    } else {
+        simulator.fill(rtusim::Fill::Pattern);
+        simulator.setAnimate(true);
+        simulator.setPacing(line);
+        if (!simulator.startTcp("127.0.0.1", 0, &why))
+            return fail(kExitLink, QStringLiteral("cannot start the built-in simulator: %1").arg(why.c_str()));
+        link = makeTcpLink("127.0.0.1", simulator.tcpPort());
+        linkNote = QStringLiteral(" (the built-in simulator at the pace of the line; animated: D 0 counts, "
+                                  "M 0 toggles, 32C 200 ramps)");
+    }
+    if (!link->open(&why))
+        return fail(kExitLink, QString::fromStdString(why));
+
+    Output out(o.json ? Output::Mode::Json : o.watch ? Output::Mode::Watch : Output::Mode::Lines, o.hex);
+    HostSettings settings;
+    settings.localWriteMode = o.localWrite ? 1 : 0;
+    settings.retries = o.retries;
+    settings.gap = o.gap;
+    settings.line = line;
+    settings.serial = o.link == Options::Link::Serial;
+    settings.margin = std::chrono::milliseconds(o.timeoutMs);
+    settings.once = o.once;
+    settings.count = o.count;
+    settings.duration = std::chrono::milliseconds(static_cast<long long>(o.durationSeconds * 1000));
+    settings.verbose = o.verbose;
+
+    Host host(api, *link, out, settings);
+    host.monitor(items);
+    host.write(writes);
+    host.recipe(job);
+
+    // What is in force, since our defaults (9600 baud, even parity, port 8000) are
+    // not what other Modbus tools assume.
+    out.plain(QStringLiteral("rtuplc-poll: driver %1 (%2 %3)")
+                  .arg(QString::fromStdString(api.path), defaults.name, api.getVersion()));
+    out.plain(QStringLiteral("link: %1%2").arg(QString::fromStdString(link->describe()), linkNote));
+    out.plain(QStringLiteral("line: %1, %2 bits a character%3; reply timeout: transmission time + %4 ms")
+                  .arg(QString::fromStdString(rtusim::formatSerialLine(line)))
+                  .arg(rtusim::bitsPerCharacter(line))
+                  .arg(settings.serial ? QStringLiteral(", silent interval %1 ms")
+                                             .arg(rtusim::silentInterval(line).count() / 1000.0, 0, 'f', 2)
+                                       : QString())
+                  .arg(o.timeoutMs));
+    out.plain(QStringLiteral("station %1, property text %2").arg(o.station).arg(settings.propertyText()));
+
+    installSignals();
+    const bool ok = host.run(g_stop);
+    out.plain(host.stats().summary());
+    return ok ? kExitOk : kExitFailed;
+}

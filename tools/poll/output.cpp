@@ -1,0 +1,178 @@
+#include "output.h"
+
+#include <QDateTime>
+
+#include <unistd.h>
+
+#include <cstdio>
+
+namespace rtupoll {
+
+namespace {
+
+constexpr std::chrono::milliseconds kRedrawEvery{250};
+constexpr size_t kMessagesShown = 6;
+
+void put(FILE *f, const QString &line)
+{
+    fputs(line.toLocal8Bit().constData(), f);
+    fputc('\n', f);
+    fflush(f);
+}
+
+} // namespace
+
+QString timeStamp()
+{
+    return QTime::currentTime().toString(QStringLiteral("HH:mm:ss.zzz"));
+}
+
+QString jsonString(const QString &s)
+{
+    QString out = QStringLiteral("\"");
+    for (const QChar c : s) {
+        if (c == '"' || c == '\\')
+            out += '\\' + QString(c);
+        else if (c.unicode() < 0x20)
+            out += QStringLiteral("\\u%1").arg(c.unicode(), 4, 16, QChar('0'));
+        else
+            out += c;
+    }
+    return out + '"';
+}
+
+Output::Output(Mode mode, bool hex) : mode_(mode), hex_(hex), terminal_(isatty(STDOUT_FILENO) != 0) {}
+
+void Output::setPoints(const std::vector<Point> &points)
+{
+    rows_.clear();
+    for (const Point &p : points) {
+        Row r;
+        r.point = p;
+        rows_.push_back(r);
+    }
+}
+
+QString Output::formatValue(const Point &point, uint32_t v) const
+{
+    if (point.area->isBit())
+        return QString::number(v);
+    const bool wide = point.area->countPerValue() == 2;
+    if (hex_)
+        return QStringLiteral("0x") + QStringLiteral("%1").arg(v, wide ? 8 : 4, 16, QChar('0')).toUpper();
+    QString text = QString::number(v);
+    // The same bits read as a signed number, where that differs: -5 written shows as
+    // 65531 or 4294967291 on the wire.
+    const int64_t asSigned = wide ? int64_t(int32_t(v)) : int64_t(int16_t(v));
+    if (asSigned < 0)
+        text += QStringLiteral(" (%1)").arg(asSigned);
+    return text;
+}
+
+void Output::value(const Point &point, uint32_t v)
+{
+    switch (mode_) {
+    case Mode::Lines:
+        put(stdout, QStringLiteral("%1  station %2  %3 = %4")
+                        .arg(timeStamp())
+                        .arg(point.station)
+                        .arg(point.label(), formatValue(point, v)));
+        break;
+    case Mode::Json:
+        put(stdout, QStringLiteral("{\"station\":%1,\"item\":%2,\"address\":%3,\"value\":%4}")
+                        .arg(point.station)
+                        .arg(jsonString(point.area->name))
+                        .arg(point.address)
+                        .arg(v));
+        break;
+    case Mode::Watch:
+        for (Row &r : rows_) {
+            if (r.point.station == point.station && r.point.area == point.area && r.point.address == point.address) {
+                r.changes += r.known ? 1 : 0;
+                r.known = true;
+                r.value = v;
+                r.changedAt = timeStamp();
+            }
+        }
+        dirty_ = true;
+        break;
+    }
+}
+
+void Output::failed(const QString &errorText, const QString &why)
+{
+    const QString line = QStringLiteral("%1  failed %2: %3").arg(timeStamp(), errorText, why);
+    switch (mode_) {
+    case Mode::Json:
+        put(stdout, QStringLiteral("{\"error\":%1,\"result\":2}").arg(jsonString(errorText)));
+        put(stderr, line);
+        break;
+    case Mode::Lines:
+        put(stderr, line);
+        break;
+    case Mode::Watch:
+        note(QStringLiteral("failed %1: %2").arg(errorText, why));
+        break;
+    }
+}
+
+void Output::note(const QString &text)
+{
+    const QString line = QStringLiteral("%1  %2").arg(timeStamp(), text);
+    if (mode_ == Mode::Watch) {
+        messages_.push_back(line);
+        while (messages_.size() > kMessagesShown)
+            messages_.pop_front();
+        dirty_ = true;
+        return;
+    }
+    put(mode_ == Mode::Json ? stderr : stdout, line);
+}
+
+void Output::plain(const QString &text)
+{
+    if (mode_ == Mode::Watch && lastDraw_ == std::chrono::steady_clock::time_point{}) {
+        header_.push_back(text); // settings: shown above the table
+        return;
+    }
+    put(mode_ == Mode::Json ? stderr : stdout, text);
+}
+
+void Output::refresh(const QString &status, bool force)
+{
+    if (mode_ != Mode::Watch)
+        return;
+    const auto now = std::chrono::steady_clock::now();
+    if (!force && (!dirty_ || now - lastDraw_ < kRedrawEvery))
+        return;
+    lastDraw_ = now;
+    dirty_ = false;
+    QString screen;
+    if (terminal_)
+        screen += QStringLiteral("\x1b[H\x1b[2J"); // home and clear: the table is redrawn in place
+    for (const QString &h : header_)
+        screen += h + '\n';
+    screen += status + "\n\n";
+    screen += QStringLiteral("%1 %2 %3 %4 %5\n")
+                  .arg(QStringLiteral("station"), -8)
+                  .arg(QStringLiteral("item"), -14)
+                  .arg(QStringLiteral("value"), -26)
+                  .arg(QStringLiteral("changed"), -13)
+                  .arg(QStringLiteral("changes"));
+    for (const Row &r : rows_) {
+        screen += QStringLiteral("%1 %2 %3 %4 %5\n")
+                      .arg(r.point.station, -8)
+                      .arg(r.point.label(), -14)
+                      .arg(r.known ? formatValue(r.point, r.value) : QStringLiteral("?"), -26)
+                      .arg(r.changedAt, -13)
+                      .arg(r.changes);
+    }
+    if (!messages_.empty())
+        screen += '\n';
+    for (const QString &m : messages_)
+        screen += m + '\n';
+    fputs(screen.toLocal8Bit().constData(), stdout);
+    fflush(stdout);
+}
+
+} // namespace rtupoll

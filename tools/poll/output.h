@@ -1,0 +1,64 @@
+// What rtuplc-poll prints: a line per value change, JSON objects, or a live table.
+#ifndef RTUPLC_POLL_OUTPUT_H
+#define RTUPLC_POLL_OUTPUT_H
+
+#include <QString>
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <vector>
+
+#include "items.h"
+
+namespace rtupoll {
+
+class Output {
+public:
+    enum class Mode { Lines, Json, Watch };
+
+    Output(Mode mode, bool hex);
+
+    Mode mode() const { return mode_; }
+    // The points of the live table, in the order given.
+    void setPoints(const std::vector<Point> &points);
+
+    // A value shown for the first time or changed.
+    void value(const Point &point, uint32_t v);
+    // A request that failed: the driver's description and why.
+    void failed(const QString &errorText, const QString &why);
+    // Anything else worth a line: writes, recipes.
+    void note(const QString &text);
+    // Lines without a time stamp: settings at start, the summary at the end.
+    void plain(const QString &text);
+    // Redraws the live table (at most every few hundred milliseconds unless forced).
+    void refresh(const QString &status, bool force = false);
+
+    QString formatValue(const Point &point, uint32_t v) const;
+
+private:
+    struct Row {
+        Point point;
+        bool known = false;
+        uint32_t value = 0;
+        QString changedAt;
+        int changes = 0;
+    };
+
+    Mode mode_;
+    bool hex_;
+    std::vector<Row> rows_;
+    std::deque<QString> messages_;
+    std::vector<QString> header_;
+    std::chrono::steady_clock::time_point lastDraw_{};
+    bool dirty_ = true;
+    bool terminal_ = false;
+};
+
+QString timeStamp();
+// A JSON string literal.
+QString jsonString(const QString &s);
+
+} // namespace rtupoll
+
+#endif

@@ -1,0 +1,293 @@
+// rtuplc-sim: the controller simulator on the command line.
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <sstream>
+#include <string>
+
+#include "rtuplc_sim/simulator.h"
+
+namespace {
+
+const char kUsage[] = R"(Usage: rtuplc-sim [OPTIONS]
+
+Simulates the controller: a Modbus RTU slave with its coils and holding registers at
+the addresses the driver uses (functions 01, 03, 05, 06, 0F, 10; reads of up to 128
+registers). It prints where it serves, one line per endpoint, and runs until
+interrupted (Ctrl-C or SIGTERM), then prints its counters.
+
+Endpoints (any number; with none, --tcp 127.0.0.1:8000):
+  --tcp [HOST:]PORT     RTU frames over TCP (no MBAP header); port 0 takes a free one
+  --pty                 create a pseudo-terminal and serve on it
+  --pty-link PATH       also make PATH a symbolic link to that pseudo-terminal
+  --serial DEVICE       serve on a serial device
+  --line BAUD,BITS,PARITY,STOP   line of --serial (default 9600,8,EVEN,1)
+  --pace                answer TCP and pty requests no faster than --line carries them
+
+Controller:
+  --station N[,N...]    stations answered (default 1); others and broadcasts get no
+                        reply, but broadcast writes are applied
+  --fill pattern|zero   initial memory (default pattern: a register holds its own
+                        address, a coil the parity of its address)
+  --animate             D 0 counts, M 0 toggles, 32-bit counter 200 ramps
+  --max-read N          largest register read accepted (default 128; 125 acts like a
+                        standard slave)
+
+Faults (probabilities 0..1, drawn per request):
+  --drop P              no reply (request lost, or reply lost after executing it)
+  --corrupt P           one bit of the reply flipped
+  --exception P         refused with exception 06, slave device busy
+  --delay MS            every reply delayed
+  --seed N              random seed, for repeatable faults
+
+Output:
+  --dump                print the memory that differs from the fill when stopping
+                        (SIGUSR1 prints it at any time)
+  --verbose             print every frame received and sent
+  --help
+
+Examples:
+  rtuplc-sim --tcp 8000 --animate
+  rtuplc-sim --pty --pty-link /tmp/controller --station 1,2
+  rtuplc-sim --tcp 0 --drop 0.3 --corrupt 0.1 --dump
+)";
+
+int usageError(const std::string &message)
+{
+    std::cerr << "rtuplc-sim: " << message << "\n(rtuplc-sim --help lists the options)\n";
+    return 2;
+}
+
+bool parseProbability(const std::string &text, double *out)
+{
+    char *end = nullptr;
+    const double v = std::strtod(text.c_str(), &end);
+    if (text.empty() || *end != '\0' || !(v >= 0.0 && v <= 1.0))
+        return false;
+    *out = v;
+    return true;
+}
+
+bool parseInt(const std::string &text, long lo, long hi, long *out)
+{
+    char *end = nullptr;
+    const long v = std::strtol(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || v < lo || v > hi)
+        return false;
+    *out = v;
+    return true;
+}
+
+struct TcpEndpoint {
+    std::string host = "127.0.0.1";
+    int port = rtusim::kDefaultTcpPort;
+};
+
+struct Options {
+    std::vector<TcpEndpoint> tcp;
+    bool pty = false;
+    std::string ptyLink;
+    std::string serial;
+    rtusim::SerialLine line;
+    std::vector<int> stations{1};
+    rtusim::Fill fill = rtusim::Fill::Pattern;
+    bool animate = false;
+    bool pace = false;
+    int maxRead = rtusim::kControllerMaxReadRegisters;
+    rtusim::Faults faults;
+    bool seeded = false;
+    unsigned long long seed = 0;
+    bool dump = false;
+    bool verbose = false;
+};
+
+// Returns -1 when parsing went through, else the exit code.
+int parse(int argc, char **argv, Options &o)
+{
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        const auto value = [&](std::string *v) {
+            if (i + 1 >= argc)
+                return false;
+            *v = argv[++i];
+            return true;
+        };
+        std::string v;
+        long n = 0;
+        if (a == "--help" || a == "-h") {
+            std::cout << kUsage;
+            return 0;
+        } else if (a == "--tcp") {
+            if (!value(&v))
+                return usageError("--tcp needs [HOST:]PORT");
+            TcpEndpoint t;
+            const size_t colon = v.rfind(':');
+            if (colon != std::string::npos) {
+                t.host = v.substr(0, colon);
+                v = v.substr(colon + 1);
+            }
+            if (!parseInt(v, 0, 65535, &n))
+                return usageError("--tcp: port \"" + v + "\" is not 0..65535");
+            t.port = int(n);
+            o.tcp.push_back(t);
+        } else if (a == "--pty") {
+            o.pty = true;
+        } else if (a == "--pty-link") {
+            if (!value(&o.ptyLink))
+                return usageError("--pty-link needs a path");
+            o.pty = true;
+        } else if (a == "--serial") {
+            if (!value(&o.serial))
+                return usageError("--serial needs a device");
+        } else if (a == "--line") {
+            std::string why;
+            if (!value(&v) || !rtusim::parseSerialLine(v, &o.line, &why))
+                return usageError("--line: " + why);
+        } else if (a == "--station") {
+            if (!value(&v))
+                return usageError("--station needs N[,N...]");
+            o.stations.clear();
+            std::stringstream in(v);
+            for (std::string s; std::getline(in, s, ',');) {
+                if (!parseInt(s, 1, rtusim::kHighestStation, &n))
+                    return usageError("--station: \"" + s + "\" is not a station 1..247");
+                o.stations.push_back(int(n));
+            }
+        } else if (a == "--fill") {
+            if (!value(&v) || (v != "pattern" && v != "zero"))
+                return usageError("--fill takes pattern or zero");
+            o.fill = v == "zero" ? rtusim::Fill::Zero : rtusim::Fill::Pattern;
+        } else if (a == "--pace") {
+            o.pace = true;
+        } else if (a == "--animate") {
+            o.animate = true;
+        } else if (a == "--max-read") {
+            if (!value(&v) || !parseInt(v, 1, 255, &n))
+                return usageError("--max-read takes 1..255 registers");
+            o.maxRead = int(n);
+        } else if (a == "--drop" || a == "--corrupt" || a == "--exception") {
+            double *p = a == "--drop" ? &o.faults.drop : a == "--corrupt" ? &o.faults.corrupt : &o.faults.exception;
+            if (!value(&v) || !parseProbability(v, p))
+                return usageError(a + " takes a probability from 0 to 1");
+        } else if (a == "--delay") {
+            if (!value(&v) || !parseInt(v, 0, 60000, &n))
+                return usageError("--delay takes 0..60000 milliseconds");
+            o.faults.delayMs = int(n);
+        } else if (a == "--seed") {
+            if (!value(&v) || !parseInt(v, 0, 0x7FFFFFFF, &n))
+                return usageError("--seed takes a number");
+            o.seeded = true;
+            o.seed = static_cast<unsigned long long>(n);
+        } else if (a == "--dump") {
+            o.dump = true;
+        } else if (a == "--verbose") {
+            o.verbose = true;
+        } else {
+            return usageError("unknown option \"" + a + "\"");
+        }
+    }
+    if (o.tcp.empty() && !o.pty && o.serial.empty())
+        o.tcp.push_back(TcpEndpoint());
+    return -1;
+}
+
+void printCounters(const rtusim::Counters &c)
+{
+    std::cerr << "rtuplc-sim: " << c.requests << " requests, " << c.replies << " replies, " << c.exceptions
+              << " exceptions, " << c.writes << " writes, " << c.broadcasts << " broadcasts, " << c.otherStations
+              << " for other stations, " << c.dropped << " dropped, " << c.corrupted << " corrupted, "
+              << c.discarded << " bad frames\n";
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    Options o;
+    if (const int code = parse(argc, argv, o); code >= 0)
+        return code;
+
+    // Signals are taken by sigwait below, not by handlers in whichever thread.
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (int s : {SIGINT, SIGTERM, SIGHUP, SIGUSR1})
+        sigaddset(&signals, s);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    rtusim::Simulator sim;
+    try {
+        sim.setStations(o.stations);
+    } catch (const std::exception &e) {
+        return usageError(e.what());
+    }
+    sim.fill(o.fill);
+    sim.setAnimate(o.animate);
+    rtusim::Limits limits;
+    limits.maxReadRegisters = o.maxRead;
+    sim.setLimits(limits);
+    sim.setFaults(o.faults);
+    if (o.pace)
+        sim.setPacing(o.line);
+    if (o.seeded)
+        sim.setSeed(o.seed);
+    if (o.verbose)
+        sim.setLog([](const std::string &line) { std::cerr << line << '\n'; });
+
+    std::string error;
+    for (const TcpEndpoint &t : o.tcp) {
+        if (!sim.startTcp(t.host, t.port, &error)) {
+            std::cerr << "rtuplc-sim: " << error << '\n';
+            return 1;
+        }
+        std::cout << "rtuplc-sim: serving tcp " << t.host << ':' << sim.tcpPort() << std::endl;
+    }
+    if (o.pty) {
+        if (!sim.startPty(&error)) {
+            std::cerr << "rtuplc-sim: " << error << '\n';
+            return 1;
+        }
+        if (!o.ptyLink.empty()) {
+            ::unlink(o.ptyLink.c_str());
+            if (::symlink(sim.ptyPath().c_str(), o.ptyLink.c_str()) != 0) {
+                std::cerr << "rtuplc-sim: cannot link " << o.ptyLink << ": " << std::strerror(errno) << '\n';
+                return 1;
+            }
+        }
+        std::cout << "rtuplc-sim: serving pty " << sim.ptyPath()
+                  << (o.ptyLink.empty() ? "" : " (linked from " + o.ptyLink + ")") << std::endl;
+    }
+    if (!o.serial.empty()) {
+        if (!sim.startSerial(o.serial, o.line, &error)) {
+            std::cerr << "rtuplc-sim: " << error << '\n';
+            return 1;
+        }
+        std::cout << "rtuplc-sim: serving serial " << o.serial << ' ' << rtusim::formatSerialLine(o.line)
+                  << std::endl;
+    }
+    std::string stationList;
+    for (int s : o.stations)
+        stationList += (stationList.empty() ? "" : ",") + std::to_string(s);
+    std::cout << "rtuplc-sim: station " << stationList << (o.animate ? ", animated" : "") << std::endl;
+
+    for (;;) {
+        int s = 0;
+        if (sigwait(&signals, &s) != 0)
+            continue;
+        if (s == SIGUSR1) {
+            std::cout << sim.dump() << "-- end of dump" << std::endl;
+            continue;
+        }
+        break;
+    }
+    sim.stop();
+    if (!o.ptyLink.empty())
+        ::unlink(o.ptyLink.c_str());
+    if (o.dump)
+        std::cout << sim.dump() << "-- end of dump" << std::endl;
+    printCounters(sim.counters());
+    return 0;
+}
