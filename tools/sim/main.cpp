@@ -33,7 +33,8 @@ Controller:
                         reply, but broadcast writes are applied
   --fill pattern|zero   initial memory (default pattern: a register holds its own
                         address, a coil the parity of its address)
-  --animate             D 0 counts, M 0 toggles, 32-bit counter 200 ramps
+  --animate             D 0 counts every 250 ms, M 0 toggles every second, the
+                        32-bit counter 200 ramps (registers 9700, 9701)
   --max-read N          largest register read accepted (default 128; 125 acts like a
                         standard slave)
 

@@ -15,12 +15,12 @@ namespace rtusim {
 
 namespace {
 
-constexpr std::chrono::milliseconds kAnimationTick{100};
+constexpr std::chrono::milliseconds kAnimationTick{250};
 constexpr uint32_t kCounterRegister = 0;  // D 0
 constexpr uint32_t kToggleCoil = 2000;    // M 0
-constexpr int kToggleTicks = 5;
+constexpr int kToggleTicks = 4;
 constexpr uint32_t kRampRegister = 9700;  // 32-bit counter 200, high register first
-constexpr uint32_t kRampStep = 250;
+constexpr uint32_t kRampStep = 1000;
 constexpr uint32_t kRampTop = 100000;
 
 std::string hex(const std::vector<uint8_t> &bytes)
@@ -257,6 +257,17 @@ void Simulator::setLimits(const Limits &limits)
 
 void Simulator::setAnimate(bool on)
 {
+    if (on && !impl_->animate) {
+        // The moving values start from zero, whatever the fill put there.
+        std::lock_guard<std::mutex> lock(impl_->memoryMutex);
+        for (int s : impl_->stations) {
+            StationMemory &m = impl_->memory.at(s);
+            m.registers[kCounterRegister] = 0;
+            m.coils[kToggleCoil] = 0;
+            m.registers[kRampRegister] = 0;
+            m.registers[kRampRegister + 1] = 0;
+        }
+    }
     impl_->animate = on;
 }
 

@@ -69,8 +69,9 @@ public:
     void setFaults(const Faults &faults);
     void setSeed(uint64_t seed);
     void setLimits(const Limits &limits);
-    // Lets values change over time: D 0 counts every 100 ms, M 0 toggles every
-    // 500 ms, and the 32-bit counter 200 (registers 9700, 9701) ramps.
+    // Lets values change over time, starting from 0: D 0 counts every 250 ms, M 0
+    // toggles every second, and the 32-bit counter 200 (registers 9700, 9701) ramps
+    // by 1000 every 250 ms up to 100000.
     void setAnimate(bool on);
     // Answers no faster than a serial line of these settings would carry request and
     // reply, so that a host on loopback sees the pace of the real line; off by default.
