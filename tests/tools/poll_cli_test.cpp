@@ -105,8 +105,8 @@ std::string after(const std::string &line, const std::string &prefix)
 TEST(SimProgram, ServesTheHostOverTcpAndAPtyUntilStopped)
 {
     tooltest::Child sim({RTUPLC_SIM, "--tcp", "127.0.0.1:0", "--pty", "--station", "1,2"});
-    const std::string tcp = after(sim.lineStartingWith("rtuplc-sim: serving tcp "), "rtuplc-sim: serving tcp ");
-    const std::string pty = after(sim.lineStartingWith("rtuplc-sim: serving pty "), "rtuplc-sim: serving pty ");
+    const std::string tcp = after(sim.lineContaining("rtuplc-sim: serving tcp "), "rtuplc-sim: serving tcp ");
+    const std::string pty = after(sim.lineContaining("rtuplc-sim: serving pty "), "rtuplc-sim: serving pty ");
     ASSERT_FALSE(tcp.empty());
     ASSERT_FALSE(pty.empty());
 
@@ -124,7 +124,7 @@ TEST(SimProgram, ServesTheHostOverTcpAndAPtyUntilStopped)
         EXPECT_EQ(k.values.at({1, "X", a}), rtusim::patternCoil(1, 1200 + a)) << "X" << a;
 
     sim.signal(SIGUSR1);
-    EXPECT_EQ(sim.lineStartingWith("1 register 50 "), "1 register 50 D:50 = 5") << "the dump shows the write";
+    EXPECT_EQ(sim.lineContaining("1 register 50 "), "1 register 50 D:50 = 5") << "the dump shows the write";
 
     // A stopped simulator still accepts the connection but answers nothing.
     sim.signal(SIGSTOP);
@@ -137,6 +137,23 @@ TEST(SimProgram, ServesTheHostOverTcpAndAPtyUntilStopped)
     const tooltest::Run end = sim.wait();
     EXPECT_EQ(end.exitCode, 0);
     EXPECT_NE(end.err.find("1 writes"), std::string::npos) << end.err;
+}
+
+} // namespace
+
+namespace {
+
+TEST(PollBuiltIn, RunsAgainstItsOwnSimulatorUntilCtrlC)
+{
+    tooltest::Child poll({RTUPLC_POLL, "D_W:0..1", "M:0"});
+    EXPECT_NE(poll.lineContaining("link: tcp 127.0.0.1:"), "") << "no link option: the built-in simulator";
+    EXPECT_NE(poll.lineContaining("station 1, property text 1#0#0#3#64"), "");
+    EXPECT_NE(poll.lineContaining("  station 1  M:0 = "), "") << "values are shown";
+    poll.signal(SIGINT);
+    const tooltest::Run r = poll.wait();
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_NE(r.out.find("--- "), std::string::npos) << "the summary line: " << r.out;
+    EXPECT_NE(r.out.find(" polls/s, mean cycle "), std::string::npos);
 }
 
 } // namespace

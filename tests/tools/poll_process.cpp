@@ -121,14 +121,14 @@ Child::~Child()
         close(err_);
 }
 
-std::string Child::lineStartingWith(const std::string &prefix, std::chrono::seconds limit)
+std::string Child::lineContaining(const std::string &text, std::chrono::seconds limit)
 {
     const auto until = Clock::now() + limit;
     for (;;) {
         size_t start = 0;
         for (size_t nl; (nl = outBuffer_.find('\n', start)) != std::string::npos; start = nl + 1) {
             const std::string line = outBuffer_.substr(start, nl - start);
-            if (line.rfind(prefix, 0) == 0) {
+            if (line.find(text) != std::string::npos) {
                 outBuffer_.erase(0, nl + 1);
                 return line;
             }

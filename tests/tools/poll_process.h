@@ -29,8 +29,8 @@ class Child {
 public:
     explicit Child(const std::vector<std::string> &args);
     ~Child(); // kills it if still running
-    // The next line on its standard output that starts with `prefix`, or "" by `limit`.
-    std::string lineStartingWith(const std::string &prefix, std::chrono::seconds limit = std::chrono::seconds(10));
+    // The next line on its standard output that contains `text`, or "" by `limit`.
+    std::string lineContaining(const std::string &text, std::chrono::seconds limit = std::chrono::seconds(10));
     void signal(int sig);
     // Waits for its end (killing it after `limit`); returns the exit code and the rest
     // of its output.

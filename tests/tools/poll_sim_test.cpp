@@ -6,6 +6,7 @@
 #include <signal.h>
 
 #include <set>
+#include <thread>
 #include <sstream>
 
 #include "poll_process.h"
@@ -256,6 +257,60 @@ TEST_F(PollFaults, ExceptionIsHandedOverAtOnceAndNamed)
     EXPECT_NE(r.err.find("exception 03 (illegal data value) after 3 attempts"), std::string::npos) << r.err;
     EXPECT_NE(r.err.find("standard Modbus slaves stop at 125 while this controller takes 128"), std::string::npos);
     EXPECT_EQ(sim.counters().exceptions, 3u);
+}
+
+} // namespace
+
+namespace {
+
+class PollStations : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        sim.setStations({1, 2});
+        sim.fill(rtusim::Fill::Pattern);
+        std::string error;
+        ASSERT_TRUE(sim.startTcp("127.0.0.1", 0, &error)) << error;
+        tcp = "127.0.0.1:" + std::to_string(sim.tcpPort());
+    }
+    rtusim::Simulator sim;
+    std::string tcp;
+};
+
+TEST_F(PollStations, LinesShowEachValueOncePerChangeWithItsStation)
+{
+    const tooltest::Run r =
+        tooltest::poll({"--tcp", tcp, "--count", "3", "--hex", "--station", "2", "D_W:10", "D_D:20@1", "X:7@1"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    // Values do not change between the rounds: one line each.
+    EXPECT_NE(r.out.find("  station 2  D_W:10 = 0x03F2\n"), std::string::npos) << r.out; // 10 + 1000
+    EXPECT_NE(r.out.find("  station 1  D_D:20 = 0x00140015\n"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("  station 1  X:7 = 1\n"), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find("D_W:10 = ", r.out.find("D_W:10 = ") + 1), std::string::npos) << "shown once";
+    EXPECT_NE(r.out.find("station 2, property text 1#0#0#3#64\n"), std::string::npos);
+    EXPECT_NE(r.out.find("--- 9 frames sent, 9 replies accepted, 0 retries, 0 failures, 0.0% loss"),
+              std::string::npos)
+        << "three blocks, three rounds: " << r.out;
+}
+
+TEST_F(PollStations, BroadcastWriteReachesEveryStationAndLocalWriteNone)
+{
+    const tooltest::Run b = tooltest::poll({"--tcp", tcp, "--write", "D_W:30@0=77"});
+    ASSERT_EQ(b.exitCode, 0) << b.out << b.err;
+    EXPECT_NE(b.out.find("broadcast sent"), std::string::npos) << b.out;
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (sim.reg(2, 30) != 77 && std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(sim.reg(1, 30), 77);
+    EXPECT_EQ(sim.reg(2, 30), 77);
+
+    const uint64_t writes = sim.counters().writes;
+    const tooltest::Run l = tooltest::poll({"--tcp", tcp, "--local-write", "--once", "--json", "--write", "D_W:40=5"});
+    ASSERT_EQ(l.exitCode, 0) << l.err;
+    EXPECT_NE(l.err.find("property text 1#1#0#3#64"), std::string::npos) << l.err;
+    EXPECT_EQ(sim.counters().writes, writes) << "local write mode sends nothing";
+    EXPECT_EQ(sim.reg(1, 40), 40);
+    EXPECT_EQ(parseJson(l.out).values.at({1, "D_W", 40}), 40u) << "the next poll shows the controller's value";
 }
 
 } // namespace

@@ -16,6 +16,7 @@ constexpr int kOutOfRange = 2;
 constexpr int kUnknownArea = 3;
 constexpr int kUnreadable = 4;
 
+constexpr int kBroadcastStation = 0;
 constexpr int kLowestStation = 1;
 constexpr int kHighestStation = 247;
 
@@ -132,7 +133,7 @@ KEY_ADDRESS Item::key() const
 }
 
 bool parseItem(const QString &text, int defaultStation, const Catalogue &catalogue, const DriverApi &api,
-               Item *item, QString *error)
+               Item *item, QString *error, bool broadcast)
 {
     static const QRegularExpression form(
         QStringLiteral("^([A-Za-z0-9_]+):([0-9A-Za-z]+)(?:\\.\\.([0-9A-Za-z]+))?(?:@([0-9]+))?$"));
@@ -155,8 +156,10 @@ bool parseItem(const QString &text, int defaultStation, const Catalogue &catalog
     it.station = defaultStation;
     if (!m.captured(4).isEmpty()) {
         it.station = m.captured(4).toInt();
-        if (it.station < kLowestStation || it.station > kHighestStation) {
-            *error = QStringLiteral("\"%1\": station %2 is not 1..247").arg(text, m.captured(4));
+        if ((it.station < kLowestStation && !(broadcast && it.station == kBroadcastStation)) ||
+            it.station > kHighestStation) {
+            *error = QStringLiteral("\"%1\": station %2 is not 1..247%3")
+                         .arg(text, m.captured(4), broadcast ? QStringLiteral(" (or 0, the broadcast)") : QString());
             return false;
         }
     }
@@ -244,7 +247,7 @@ bool parseWrite(const QString &text, int defaultStation, const Catalogue &catalo
         *error = QStringLiteral("\"%1\": a write names one address").arg(text);
         return false;
     }
-    if (!parseItem(target, defaultStation, catalogue, api, &w.target, error))
+    if (!parseItem(target, defaultStation, catalogue, api, &w.target, error, true))
         return false;
     QString why;
     if (!parseValue(text.mid(eq + 1), w.target.area->kind, &w.value, &why)) {

@@ -75,8 +75,9 @@ struct Item {
 };
 
 // Reads "AREA:FIRST[..LAST][@STATION]". False with a message naming the problem.
+// Station 0, the broadcast, only when `broadcast` allows it: nobody answers a read.
 bool parseItem(const QString &text, int defaultStation, const Catalogue &catalogue, const DriverApi &api,
-               Item *item, QString *error);
+               Item *item, QString *error, bool broadcast = false);
 
 // Reads a value for a point of `kind`: decimal or 0x hexadecimal; a negative number
 // is taken as its two's complement in the value's width.
@@ -92,7 +93,7 @@ struct WriteRequest {
     std::vector<unsigned char> bytes() const;
 };
 
-// Reads "AREA:ADDR[@STATION]=VALUE".
+// Reads "AREA:ADDR[@STATION]=VALUE"; station 0 writes to every station at once.
 bool parseWrite(const QString &text, int defaultStation, const Catalogue &catalogue, const DriverApi &api,
                 WriteRequest *write, QString *error);
 
