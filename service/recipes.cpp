@@ -109,6 +109,10 @@ void copyRecipeUpload(const ReplyBytes &r, int dataPos, const VARIABLE &var)
         const _RCP_VAR_PRO &v = vars.at(i);
         if (v.regName != var.regName || v.station != var.station)
             continue;
+        // A variable that got no request transfers nothing, whatever requests it sorts
+        // between; walking one near INT_MAX units long would stall the host's loop.
+        if (v.len <= 0 || !hostRangeFits(v.startAddr, v.len))
+            continue;
         if (unit == 1) {
             // One buffer word per bit, 0 or 1.
             for (int64_t m = 0; m < v.len; ++m) {
