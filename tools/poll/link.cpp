@@ -200,13 +200,13 @@ Exchange Link::exchange(const uint8_t *frame, size_t n, size_t replyLen, std::ch
                         const std::atomic<bool> &stop)
 {
     Exchange x;
+    beforeSend();
     if (fd_ >= 0)
-        discardInput();
+        discardInput(); // after the silence: whatever came during it is stale too
     if (!ensureConnected(&x.detail)) {
         x.outcome = Exchange::Outcome::LinkDown;
         return x;
     }
-    beforeSend();
     if (!sendAll(fd_, frame, n, isSocket())) {
         x.outcome = Exchange::Outcome::LinkDown;
         x.detail = "cannot send: " + errnoText();
