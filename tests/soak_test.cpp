@@ -29,15 +29,20 @@ using namespace testing_support;
 namespace {
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int kDefaultCycles = 40000;
+#define RTUPLC_SANITIZED 1
 #elif defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr int kDefaultCycles = 40000;
-#else
-constexpr int kDefaultCycles = 200000;
+#define RTUPLC_SANITIZED 1
 #endif
+#endif
+#ifdef RTUPLC_SANITIZED
+// Sanitizers hold freed memory back, so the resident size says nothing there; their
+// leak check does instead.
+constexpr int kDefaultCycles = 40000;
+constexpr bool kMeasureResidentSize = false;
 #else
 constexpr int kDefaultCycles = 200000;
+constexpr bool kMeasureResidentSize = true;
 #endif
 
 constexpr int kReplyTimeoutMs = 2; // loopback answers in microseconds
@@ -308,7 +313,9 @@ TEST_F(Soak, FaultyLineLosesNothing)
                 rssEnd / 1024);
     // The cache holds one area per unit written, a few hundred kB in all; anything
     // beyond that would be a leak of the cycle.
-    EXPECT_LT(rssEnd - rssQuarter, 4L * 1024 * 1024);
+    if (kMeasureResidentSize) {
+        EXPECT_LT(rssEnd - rssQuarter, 4L * 1024 * 1024);
+    }
     sim.stop();
 }
 
