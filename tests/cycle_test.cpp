@@ -227,31 +227,6 @@ TEST_F(Cycle, RecipeUploadFillsTheBufferAndReportsEachWord)
                                       "0/-1/RWI/10", "0/-1/RWI/11", "0/-1/RWI/4", "0/-1/RWI/5"}));
 }
 
-TEST_F(Cycle, RecipeRoundTripWritesBackWhatWasRead)
-{
-    withHost();
-    setRecipe({rcp("D_W", 0, 3, 0), rcp("D_D", 10, 4, 3), rcp("32C", 210, 2, 7), rcp("Y", 0, 10, 9),
-               rcp("CV", 7, 1, 19)});
-    for (int i = 0; i < 16; ++i)
-        plc.registers[size_t(i)] = uint16_t(0x1000 + 17 * i);
-    plc.registers[9710] = 0xDEAD;
-    plc.registers[9711] = 0xBEEF;
-    plc.registers[9507] = 0x7777;
-    for (int i = 0; i < 10; ++i)
-        plc.coils[size_t(i)] = uint8_t(i % 3 == 0);
-    const FakeController before = plc;
-    memory[HOST_RCP_UPLOAD_BYTE] = 1;
-    plc.run(10);
-    plc = FakeController();
-    memory[HOST_RCP_DOWNLOAD_BYTE] = 1;
-    plc.run(10);
-    EXPECT_EQ(memory[HOST_RCP_DOWNLOAD_BYTE], 0);
-    for (int a : {0, 1, 2, 10, 11, 12, 13, 9710, 9711, 9507})
-        EXPECT_EQ(plc.registers[size_t(a)], before.registers[size_t(a)]) << a;
-    for (int a = 0; a < 10; ++a)
-        EXPECT_EQ(plc.coils[size_t(a)], before.coils[size_t(a)]) << a;
-}
-
 TEST_F(Cycle, RecipeCommandWithoutRequestsEndsAtOnce)
 {
     withHost();

@@ -10,6 +10,7 @@
 #include <ostream>
 #include <vector>
 
+#include "rtuplc_sim/request.h"
 #include "serviceForProtocol.h"
 
 // Lets failing assertions show Qt strings as text.
@@ -129,57 +130,19 @@ inline QByteArray frameBytes(const FRAME_PRO &f)
     return QByteArray(reinterpret_cast<const char *>(f.frame), f.frameLen);
 }
 
-// A controller's memory answering request frames the way a Modbus slave does.
-class FakeController {
+// A controller answering request frames: the simulator's memory and request handling,
+// without a line in between.
+class FakeController : public rtusim::StationMemory {
 public:
-    std::vector<uint16_t> registers = std::vector<uint16_t>(65536, 0);
-    std::vector<uint8_t> coils = std::vector<uint8_t>(65536, 0);
-
     QByteArray answer(const FRAME_PRO &f)
     {
-        if (f.frameLen < 8)
+        if (f.frameLen < 4)
             return QByteArray();
-        const uint8_t *p = f.frame;
-        const int address = (p[2] << 8) | p[3];
-        const int quantity = (p[4] << 8) | p[5];
-        QByteArray r;
-        r.append(char(p[0]));
-        r.append(char(p[1]));
-        switch (p[1]) {
-        case 0x01: {
-            const int bytes = (quantity + 7) / 8;
-            r.append(char(bytes));
-            for (int i = 0; i < bytes; ++i) {
-                uint8_t v = 0;
-                for (int j = 0; j < 8 && 8 * i + j < quantity; ++j)
-                    v |= uint8_t((coils[size_t((address + 8 * i + j) & 0xFFFF)] & 1) << j);
-                r.append(char(v));
-            }
-            break;
-        }
-        case 0x03:
-            r.append(char(2 * quantity));
-            for (int i = 0; i < quantity; ++i) {
-                const uint16_t w = registers[size_t((address + i) & 0xFFFF)];
-                r.append(char(w >> 8));
-                r.append(char(w & 0xFF));
-            }
-            break;
-        case 0x0F:
-            for (int i = 0; i < quantity; ++i)
-                coils[size_t((address + i) & 0xFFFF)] = (p[7 + i / 8] >> (i % 8)) & 1;
-            r = QByteArray(reinterpret_cast<const char *>(p), 6);
-            break;
-        case 0x10:
-            for (int i = 0; i < quantity; ++i)
-                registers[size_t((address + i) & 0xFFFF)] = uint16_t((p[7 + 2 * i] << 8) | p[8 + 2 * i]);
-            r = QByteArray(reinterpret_cast<const char *>(p), 6);
-            break;
-        default:
-            return QByteArray();
-        }
-        if (p[0] == 0)
+        const std::vector<uint8_t> pdu = rtusim::executeRequest(*this, f.frame + 1, size_t(f.frameLen - 3), {});
+        if (f.frame[0] == 0)
             return QByteArray(); // broadcasts are applied but never answered
+        QByteArray r(1, char(f.frame[0]));
+        r.append(reinterpret_cast<const char *>(pdu.data()), int(pdu.size()));
         return withCrc(r);
     }
 

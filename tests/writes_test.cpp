@@ -222,45 +222,4 @@ TEST_F(Writes, SettledValueIsWhatReadsReturn)
     EXPECT_EQ(read(1, "D_W", 10, 1, 2).toHex(), QByteArray("3400"));
 }
 
-TEST_F(Writes, EveryAreaLandsAtItsModbusAddress)
-{
-    struct Row {
-        const char *reg;
-        int addr;
-        std::vector<uint8_t> data;
-        int count;
-        std::vector<std::pair<int, int>> registers; // (Modbus address, value)
-        std::vector<std::pair<int, int>> coils;
-    } rows[] = {
-        {"D_W", 7999, {0x34, 0x12}, 1, {{7999, 0x1234}}, {}},
-        {"D_D", 100, {0x78, 0x56, 0x34, 0x12}, 2, {{100, 0x1234}, {101, 0x5678}}, {}},
-        {"32C", 201, {0x70, 0x11, 0x01, 0x00, 0xFF, 0xFF, 0xFF, 0xFF}, 4,
-         {{9701, 0x0001}, {9702, 0x1170}, {9703, 0xFFFF}, {9704, 0xFFFF}}, {}},
-        {"CV", 5, {1, 0}, 1, {{9505, 1}}, {}},
-        {"TV", 5, {2, 0}, 1, {{9005, 2}}, {}},
-        {"Z", 5, {3, 0}, 1, {{8505, 3}}, {}},
-        {"SD", 5, {4, 0}, 1, {{8005, 4}}, {}},
-        {"X", 8, {1, 0, 1}, 3, {}, {{1208, 1}, {1209, 0}, {1210, 1}}},
-        {"Y", 0, {1}, 1, {}, {{0, 1}}},
-        {"M", 1999, {1}, 1, {}, {{3999, 1}}},
-        {"SM", 1, {1}, 1, {}, {{4401, 1}}},
-        {"S", 2, {1}, 1, {}, {{6002, 1}}},
-        {"T", 3, {1}, 1, {}, {{8003, 1}}},
-        {"C", 4, {1}, 1, {}, {{9204, 1}}},
-    };
-    for (const Row &r : rows) {
-        plc = FakeController();
-        for (auto &c : r.coils)
-            plc.coils[size_t(c.first)] = uint8_t(1 - c.second);
-        write(r.reg, r.addr, r.data, r.count);
-        // After ten writes in a row the cycle owes the monitor a turn, even an empty one.
-        for (int i = 0; i < 2 && !driver.writeList.isEmpty(); ++i)
-            plc.run(1);
-        for (auto &reg : r.registers)
-            EXPECT_EQ(plc.registers[size_t(reg.first)], reg.second) << r.reg << " register " << reg.first;
-        for (auto &c : r.coils)
-            EXPECT_EQ(plc.coils[size_t(c.first)], c.second) << r.reg << " coil " << c.first;
-    }
-}
-
 } // namespace
