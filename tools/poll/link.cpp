@@ -14,6 +14,7 @@
 #include <cstring>
 #include <thread>
 
+#include "rtuplc_sim/fd_io.h"
 #include "rtuplc_sim/modbus.h"
 
 namespace rtupoll {
@@ -32,26 +33,6 @@ int msLeft(Clock::time_point until)
 {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now()).count();
     return static_cast<int>(std::max<int64_t>(0, left));
-}
-
-bool sendAll(int fd, const uint8_t *bytes, size_t n, bool socket)
-{
-    const auto until = Clock::now() + kSendTimeout;
-    size_t done = 0;
-    while (done < n) {
-        const ssize_t w = socket ? ::send(fd, bytes + done, n - done, MSG_NOSIGNAL) : ::write(fd, bytes + done, n - done);
-        if (w > 0) {
-            done += size_t(w);
-            continue;
-        }
-        if (w < 0 && errno != EAGAIN && errno != EINTR)
-            return false;
-        if (Clock::now() >= until)
-            return false;
-        pollfd p{fd, POLLOUT, 0};
-        ::poll(&p, 1, 10);
-    }
-    return true;
 }
 
 class TcpLink : public Link {
@@ -129,7 +110,6 @@ protected:
             ::close(fd_);
         fd_ = -1;
     }
-    bool isSocket() const override { return true; }
 
 private:
     std::string host_;
@@ -207,7 +187,7 @@ Exchange Link::exchange(const uint8_t *frame, size_t n, size_t replyLen, std::ch
         x.outcome = Exchange::Outcome::LinkDown;
         return x;
     }
-    if (!sendAll(fd_, frame, n, isSocket())) {
+    if (!rtusim::writeAll(fd_, frame, n, kSendTimeout)) {
         x.outcome = Exchange::Outcome::LinkDown;
         x.detail = "cannot send: " + errnoText();
         closeOnFailure();

@@ -47,7 +47,6 @@ protected:
     virtual void beforeSend() {}
     virtual void afterExchange() {}
     virtual void closeOnFailure() {}
-    virtual bool isSocket() const { return false; }
 
     int fd_ = -1;
 };

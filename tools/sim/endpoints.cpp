@@ -15,6 +15,7 @@
 #include <cstring>
 #include <list>
 
+#include "rtuplc_sim/fd_io.h"
 #include "rtuplc_sim/framer.h"
 #include "simulator_impl.h"
 
@@ -43,29 +44,6 @@ void setNonBlocking(int fd)
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
 }
 
-bool writeAll(int fd, const std::vector<uint8_t> &bytes)
-{
-    size_t done = 0;
-    const auto until = Clock::now() + kWriteTimeout;
-    while (done < bytes.size()) {
-        // A master that hung up must not take the simulator down with SIGPIPE.
-        ssize_t n = ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-        if (n < 0 && errno == ENOTSOCK)
-            n = ::write(fd, bytes.data() + done, bytes.size() - done);
-        if (n > 0) {
-            done += size_t(n);
-            continue;
-        }
-        if (n < 0 && errno != EAGAIN && errno != EINTR)
-            return false;
-        if (Clock::now() >= until)
-            return false;
-        pollfd p{fd, POLLOUT, 0};
-        ::poll(&p, 1, 10);
-    }
-    return true;
-}
-
 int msUntil(std::optional<Clock::time_point> deadline)
 {
     if (!deadline)
@@ -84,7 +62,7 @@ bool answerFrames(Simulator::Impl &sim, RtuFramer &framer, int fd)
         if (answer->delay.count() > 0 && sim.stop.waitFor(answer->delay))
             return true; // stopping: the reply no longer matters
         sim.logFrame("tx", answer->reply);
-        if (!writeAll(fd, answer->reply))
+        if (!writeAll(fd, answer->reply.data(), answer->reply.size(), kWriteTimeout))
             return false;
         ++sim.counters.replies;
     }
