@@ -1,0 +1,373 @@
+#include "harness.h"
+
+#include <QVector>
+
+#include <algorithm>
+#include <cstdio>
+#include <vector>
+
+namespace fuzz {
+
+QByteArray *recording = nullptr;
+
+Host &host()
+{
+    static Host *h = new Host(); // never destroyed: the driver may still point at it at exit
+    return *h;
+}
+
+namespace {
+constexpr int64_t kRecipeWords = int64_t(sizeof(Host::recipe) / sizeof(unsigned short));
+// Words of the recipe buffer that belong to a variable the driver was given since the
+// last restart, and the ranges marked, to unmark them cheaply.
+std::vector<uint8_t> owned(kRecipeWords, 0);
+std::vector<std::pair<int64_t, int64_t>> ownedRanges;
+} // namespace
+
+int setRecipe(QVector<_RCP_VAR_PRO> &vars)
+{
+    Host &h = host();
+    for (const _RCP_VAR_PRO &v : vars) {
+        // A variable of no units or too long for the address space transfers nothing,
+        // so it owns nothing either.
+        if (v.driverId != driver.driverId || v.len <= 0 || v.len > 65536 ||
+            int64_t(v.startAddr) + v.len > int64_t(INT_MAX) + 1)
+            continue;
+        // One word per bit or 16-bit register, the host's unit of len. A negative
+        // offset puts the variable's first words before the buffer; the rest are its.
+        const int64_t first = std::max<int64_t>(v.rcpOffset, 0);
+        const int64_t end = int64_t(v.rcpOffset) + v.len;
+        if (end > kRecipeWords)
+            abort(); // the harness gave the driver a buffer too small for its recipe
+        if (end <= first)
+            continue;
+        ownedRanges.emplace_back(first, end);
+        for (int64_t w = first; w < end; ++w) {
+            owned[size_t(w)] = 1;
+            h.recipe[w] = static_cast<unsigned short>(w * 0x0101 + 1);
+        }
+    }
+    return intf_setRcpAddress(vars);
+}
+
+namespace {
+// A block of sentinels to compare and refill the recipe buffer with memcmp and memcpy:
+// much faster than word loops under coverage instrumentation.
+constexpr int64_t kChunkWords = 4096;
+const unsigned short *sentinelChunk()
+{
+    static unsigned short *chunk = [] {
+        auto *c = new unsigned short[kChunkWords];
+        std::fill(c, c + kChunkWords, kRecipeSentinel);
+        return c;
+    }();
+    return chunk;
+}
+} // namespace
+
+void checkHost()
+{
+    Host &h = host();
+    static const unsigned char zeros[sizeof h.memory] = {};
+    const unsigned char download = h.memory[HOST_RCP_DOWNLOAD_BYTE];
+    const unsigned char upload = h.memory[HOST_RCP_UPLOAD_BYTE];
+    h.memory[HOST_RCP_DOWNLOAD_BYTE] = h.memory[HOST_RCP_UPLOAD_BYTE] = 0;
+    if (std::memcmp(h.memory, zeros, sizeof zeros) != 0) {
+        std::fprintf(stderr, "the memory block was written beyond the command bytes\n");
+        abort();
+    }
+    h.memory[HOST_RCP_DOWNLOAD_BYTE] = download;
+    h.memory[HOST_RCP_UPLOAD_BYTE] = upload;
+
+    for (int64_t c = 0; c < kRecipeWords; c += kChunkWords) {
+        const int64_t n = std::min(kChunkWords, kRecipeWords - c);
+        if (std::memcmp(h.recipe + c, sentinelChunk(), size_t(n) * 2) == 0)
+            continue;
+        for (int64_t w = c; w < c + n; ++w) {
+            if (h.recipe[w] == kRecipeSentinel || owned[size_t(w)])
+                continue;
+            std::fprintf(stderr, "recipe buffer word %lld written, owned by no variable; variables:\n",
+                         static_cast<long long>(w));
+            for (const _RCP_VAR_PRO &v : driver.rcpVars)
+                std::fprintf(stderr, "  %d %s %d len %d offset %d\n", v.station, qPrintable(v.regName),
+                             v.startAddr, v.len, v.rcpOffset);
+            abort();
+        }
+    }
+}
+
+void finish()
+{
+    checkHost();
+    intf_setAddrValueChangeCallBack(nullptr);
+    restart();
+}
+
+void restart(const char *properties, bool withHost)
+{
+    Host &h = host();
+    std::memset(h.memory, 0, sizeof h.memory);
+    for (int64_t c = 0; c < kRecipeWords; c += kChunkWords)
+        std::memcpy(h.recipe + c, sentinelChunk(), size_t(std::min(kChunkWords, kRecipeWords - c)) * 2);
+    for (const auto &r : ownedRanges)
+        std::fill(owned.begin() + r.first, owned.begin() + r.second, 0);
+    ownedRanges.clear();
+    int err = -1;
+    intf_initProperty(withHost ? h.memory : nullptr, 0, withHost ? h.recipe : nullptr, &err, properties,
+                      withHost ? &h.lock : nullptr);
+    if (err != 0)
+        abort();
+    // What intf_initProperty keeps on purpose, reset so that inputs do not see each other.
+    driver.rcpVars.clear();
+    driver.rcpReqs.clear();
+    driver.rcpReqStart.clear();
+    driver.rcpIndex = 0;
+    driver.lastCondVar = VARIABLE();
+    driver.curVar = VARIABLE();
+    driver.curVarList.clear();
+    driver.handshakeFlag = 0;
+}
+
+QByteArray withCrc(QByteArray bytes)
+{
+    const uint16_t crc = crc16(reinterpret_cast<const unsigned char *>(bytes.constData()), size_t(bytes.size()));
+    bytes.append(static_cast<char>(crc & 0xFF));
+    bytes.append(static_cast<char>(crc >> 8));
+    return bytes;
+}
+
+namespace {
+bool coilAt(uint32_t a, uint32_t gen)
+{
+    return (a * 7u + gen) % 3u == 0;
+}
+uint16_t registerAt(uint32_t a, uint32_t gen)
+{
+    return static_cast<uint16_t>((a * 2654435761u + gen * 40503u) >> 13);
+}
+} // namespace
+
+QByteArray Slave::answer(const FRAME_PRO &f) const
+{
+    if (f.frameLen < 8 || f.frame[0] == 0)
+        return QByteArray(); // nothing a slave would take, or a broadcast
+    const uint8_t *p = f.frame;
+    const uint32_t address = uint32_t(p[2] << 8 | p[3]);
+    const int quantity = p[4] << 8 | p[5];
+    QByteArray r;
+    r.append(static_cast<char>(p[0]));
+    r.append(static_cast<char>(p[1]));
+    const auto exception = [&](int code) {
+        r[1] = static_cast<char>(p[1] | 0x80);
+        r.append(static_cast<char>(code));
+        return withCrc(r);
+    };
+    switch (p[1]) {
+    case FC_READ_COILS: {
+        if (quantity < 1 || quantity > 2000)
+            return exception(3);
+        const int bytes = (quantity + 7) / 8;
+        r.append(static_cast<char>(bytes));
+        for (int i = 0; i < bytes; ++i) {
+            uint8_t v = 0;
+            for (int j = 0; j < 8 && 8 * i + j < quantity; ++j)
+                v = static_cast<uint8_t>(v | (coilAt(address + uint32_t(8 * i + j), gen) << j));
+            r.append(static_cast<char>(v));
+        }
+        break;
+    }
+    case FC_READ_HOLDING:
+        if (quantity < 1 || quantity > MAX_READ_UNITS)
+            return exception(3);
+        r.append(static_cast<char>(2 * quantity));
+        for (int i = 0; i < quantity; ++i) {
+            const uint16_t w = registerAt(address + uint32_t(i), gen);
+            r.append(static_cast<char>(w >> 8));
+            r.append(static_cast<char>(w & 0xFF));
+        }
+        break;
+    case FC_WRITE_COILS:
+    case FC_WRITE_REGISTERS:
+        r = QByteArray(reinterpret_cast<const char *>(p), 6);
+        break;
+    default:
+        return exception(1);
+    }
+    return withCrc(r);
+}
+
+void checkFrame(const FRAME_PRO &f)
+{
+    if (f.frameLen < 0 || f.frameLen > FRAME_BYTES)
+        abort();
+    if (f.frameLen == 0)
+        return;
+    if (f.frameLen < 4)
+        abort();
+    const uint16_t crc = crc16(f.frame, size_t(f.frameLen - 2));
+    if (f.frame[f.frameLen - 2] != (crc & 0xFF) || f.frame[f.frameLen - 1] != (crc >> 8))
+        abort();
+}
+
+namespace {
+KEY_ADDRESS keyOf(int station, int area, int start, int len)
+{
+    KEY_ADDRESS k;
+    k.station = station;
+    k.regName = REG_LIST[area];
+    k.startAddr = start;
+    k.len = len;
+    k.bitPos = isBitArea(area) ? -1 : 0;
+    return k;
+}
+} // namespace
+
+void Loop::interject(Input &in)
+{
+    Host &h = host();
+    const QString name = REG_LIST[sc_.area];
+    static unsigned char buffer[2 * RECORD_DATA_BYTES + 64];
+    switch (in.u8() % 8) {
+    case 0: { // the screen writes into the area being read
+        const int count = in.u8() % 24;
+        const QByteArray values = in.bytes(size_t(2 * count));
+        std::memset(buffer, 0, sizeof buffer);
+        std::memcpy(buffer, values.constData(), size_t(values.size()));
+        intf_setData(sc_.station, name, sc_.start + in.u8() % 16, count, buffer, SEND_WRITE);
+        break;
+    }
+    case 1:
+        intf_addConditionRead(keyOf(sc_.station, sc_.area, sc_.start, sc_.len + in.u8() % 32), SEND_CONDITION);
+        break;
+    case 2: // recipe commands: only 1 starts a transfer
+        h.lock.lock();
+        h.memory[HOST_RCP_DOWNLOAD_BYTE] = in.u8() % 3;
+        h.memory[HOST_RCP_UPLOAD_BYTE] = in.u8() % 3;
+        h.lock.unlock();
+        break;
+    case 3: { // the host restarts the driver with the frame in flight
+        int err = 0;
+        intf_initProperty(h.memory, 0, h.recipe, &err, sc_.properties.constData(), &h.lock);
+        break;
+    }
+    case 4: { // screens change: a new registration, possibly empty
+        QList<KEY_ADDRESS> keys;
+        const int n = in.u8() % 3;
+        for (int i = 0; i < n; ++i)
+            keys.append(keyOf(sc_.station, in.u8() % REG_COUNT, in.u16(), in.u8()));
+        intf_addrMerge(keys);
+        break;
+    }
+    case 5: {
+        const int count = in.u8() % 64;
+        intf_getData(sc_.station, name, sc_.start + in.u8() % 64, count, buffer);
+        break;
+    }
+    case 6: { // a new recipe, possibly while one is being transferred
+        _RCP_VAR_PRO v;
+        v.driverId = driver.driverId;
+        v.station = sc_.station;
+        v.regName = REG_LIST[in.u8() % REG_COUNT];
+        v.startAddr = in.u16();
+        v.len = in.u8();
+        v.rcpOffset = in.u16();
+        QVector<_RCP_VAR_PRO> vars{v};
+        setRecipe(vars);
+        break;
+    }
+    default: { // a write somewhere else
+        const int area = in.u8() % REG_COUNT;
+        const int count = in.u8() % 8;
+        const QByteArray values = in.bytes(size_t(2 * count));
+        std::memset(buffer, 0, sizeof buffer);
+        std::memcpy(buffer, values.constData(), size_t(values.size()));
+        intf_setData(sc_.station, REG_LIST[area], in.u16(), count, buffer, SEND_WRITE);
+        break;
+    }
+    }
+}
+
+void Loop::run(Input &in, int steps)
+{
+    int idle = 0;
+    for (int s = 0; s < steps; ++s) {
+        const bool scripted = !in.empty();
+        const uint8_t op = scripted ? in.u8() : uint8_t(REPLY_SLAVE);
+        FRAME_PRO f;
+        const int got = intf_getSendFrame(f);
+        if (got != 0 && got != 1)
+            abort();
+        if (got == 0) {
+            if (!scripted)
+                recording = nullptr; // a replay would interject here
+            if (!scripted && ++idle > 2)
+                return;
+            if (scripted)
+                interject(in); // give the driver something to do
+            continue;
+        }
+        checkFrame(f);
+        if (op & 0x08)
+            slave.gen += 1; // the controller's values move on
+        QByteArray reply;
+        switch (op & 7) {
+        case REPLY_RAW:
+            reply = in.bytes(in.u8() | ((op & 0x80) ? 0x100 : 0));
+            break;
+        case REPLY_CRC_BODY:
+            if (f.replyLen >= 2 && f.replyLen <= 4096) {
+                reply = in.bytes(size_t(f.replyLen - 2));
+                reply.append(QByteArray(f.replyLen - 2 - reply.size(), '\0'));
+                reply = withCrc(reply);
+            }
+            break;
+        case REPLY_SLAVE:
+            reply = slave.answer(f);
+            break;
+        case REPLY_PATCHED:
+            reply = slave.answer(f);
+            if (reply.size() > 2) {
+                const int at = in.u8() % (reply.size() - 2);
+                reply[at] = static_cast<char>(in.u8());
+                reply = withCrc(reply.left(reply.size() - 2));
+            }
+            break;
+        case REPLY_TIMEOUT:
+            break;
+        case REPLY_RESIZED: {
+            reply = slave.answer(f);
+            const int delta = static_cast<int8_t>(in.u8());
+            if (delta < 0)
+                reply.chop(-delta);
+            else
+                reply.append(in.bytes(size_t(delta)));
+            if ((op & 0x10) && reply.size() >= 2)
+                reply = withCrc(reply.left(reply.size() - 2));
+            break;
+        }
+        case REPLY_HOST:
+            interject(in);
+            reply = slave.answer(f);
+            break;
+        default: {
+            QByteArray e;
+            e.append(static_cast<char>(f.frame[0]));
+            e.append(static_cast<char>(f.frame[1] | 0x80));
+            e.append(static_cast<char>(in.u8()));
+            reply = withCrc(e);
+            break;
+        }
+        }
+        if (!scripted && recording) {
+            recording->append(static_cast<char>(REPLY_RAW | (reply.size() > 0xFF ? 0x80 : 0)));
+            recording->append(static_cast<char>(reply.size() & 0xFF));
+            recording->append(reply);
+        }
+        QString what;
+        const int r = intf_dealRcvFrame(reply, what);
+        if (r != 0 && r != 1 && r != 2 && r != 8)
+            abort();
+    }
+}
+
+} // namespace fuzz
