@@ -153,10 +153,11 @@ void copyRecipeUpload(const ReplyBytes &r, int dataPos, const VARIABLE &var)
                 notifyHost(0, -1, rwi, word(w));
             }
         } else if (unit == 32) {
-            // One value per recipe variable, whatever its length.
+            // One value per recipe variable, whatever its length. A variable of a single
+            // register holds no whole value and owns one buffer word: it gets nothing.
             const int64_t a = v.startAddr;
             const int64_t w = v.rcpOffset;
-            if (!inRequest(a, 1) || buffer == nullptr || w < 0)
+            if (v.len < 2 || !inRequest(a, 1) || buffer == nullptr || w < 0)
                 continue;
             const int64_t o = dataPos + 4 * (a - qStart);
             for (int b = 0; b < 4; ++b)

@@ -71,4 +71,21 @@ TEST_F(FuzzFinding, UploadSkipsAVariableThatGotNoRequest)
     }
 }
 
+// A 32C variable of one register has one buffer word and no whole value. Merged with a
+// variable of the same start, an upload used to store a whole value at its offset:
+// two words, one of them past the variable, into memory the host may not have.
+TEST_F(FuzzFinding, UploadGivesAHalf32CValueNothing)
+{
+    setRecipe({rcp("32C", 200, 1, 10), rcp("32C", 200, 4, 20)});
+    ASSERT_EQ(driver.rcpReqs.size(), 1);
+    plc.registers[9700] = 0x0001;
+    plc.registers[9701] = 0x0002;
+    memory[HOST_RCP_UPLOAD_BYTE] = 1;
+    plc.run(2);
+    EXPECT_EQ(memory[HOST_RCP_UPLOAD_BYTE], 0);
+    EXPECT_EQ(written(), (QList<int>{20, 21})) << "one value for the whole variable, none for the half";
+    EXPECT_EQ(recipe[20], 0x0002);
+    EXPECT_EQ(recipe[21], 0x0001);
+}
+
 } // namespace
