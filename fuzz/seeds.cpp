@@ -377,6 +377,34 @@ void apiSeeds(Corpus &c)
         cycles(o, 5);
         c.save(QStringLiteral("recipe-down-up"), o.data);
     }
+    for (int area = 0; area < REG_COUNT; ++area) {
+        // Variables of one and a few units, overlapping and touching, up and down.
+        fuzz::Output o;
+        o.u8(0);
+        o.u8(A_RECIPE);
+        o.u8(3);
+        const int start = lowest(area);
+        const int vars[][3] = {{start, 1, 0}, {start, 4, 10}, {start + 4, 3, 20}};
+        for (const auto &v : vars) {
+            o.u8(0);
+            o.u8(0);
+            o.u8(area);
+            o.u8(1);
+            o.u16(v[0]);
+            o.edgy(v[1]);
+            o.edgy(v[2]);
+            o.edgy(0);
+        }
+        o.u8(A_COMMANDS);
+        o.u8(0);
+        o.u8(1);
+        cycles(o, 3);
+        o.u8(A_COMMANDS);
+        o.u8(1);
+        o.u8(0);
+        cycles(o, 3);
+        c.save(QStringLiteral("recipe-%1").arg(REG_LIST[area]), o.data);
+    }
     {
         fuzz::Output o;
         o.u8(2); // maxBlockLen 1
