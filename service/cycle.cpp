@@ -60,7 +60,8 @@ bool chooseNext(const RecipeCommands &commands)
         c.download = false;
     }
     if (c.download) {
-        rcpAddrToVar(driver.rcpReqs.at(driver.rcpIndex), driver.curVar, 1);
+        rcpAddrToVar(driver.rcpReqs.at(driver.rcpIndex), driver.curVar, 0);
+        recipeDownloadData(driver.rcpIndex, driver.curVar);
         driver.sendState = SEND_RCP_DOWNLOAD;
         getWriteFrame(driver.curVar);
         return true;

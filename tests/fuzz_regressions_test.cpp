@@ -88,4 +88,60 @@ TEST_F(FuzzFinding, UploadGivesAHalf32CValueNothing)
     EXPECT_EQ(recipe[21], 0x0001);
 }
 
+// The host lays its recipe out as it likes: each variable's words at its rcpOffset.
+// A download of touching variables used to send the request's units back to back
+// from the first variable's offset, reading words of no variable (past the end of a
+// buffer sized for the variables) and sending them instead of the later variables'
+// values. Each variable's units now come from its own words.
+TEST_F(FuzzFinding, DownloadTakesEachVariableFromItsOwnWords)
+{
+    struct Row {
+        const char *reg;
+        int base;        // Modbus address of the area's first unit
+        int start, len;  // of each of the two variables, the second placed first
+        int wordsPerUnit;
+        bool dword;      // 32-bit values: high register first on the wire
+    };
+    const Row rows[] = {{"D_W", 0, 0, 2, 1, false},
+                        {"D_D", 0, 10, 2, 1, true},
+                        {"32C", 9500, 200, 4, 2, true},
+                        {"M", 2000, 0, 3, 1, false}};
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.reg);
+        // Exactly the two variables' words, so that a sanitizer build sees any read
+        // beyond them: the later variable (by address) first, then the earlier one.
+        std::vector<unsigned short> buffer(size_t(2 * r.len));
+        for (size_t i = 0; i < buffer.size(); ++i)
+            buffer[i] = uint16_t(0x1100 * (i + 1) + 1);
+        restart("1#0#0#3#64", memory.data(), buffer.data(), &hostLock);
+        const int units = r.len / r.wordsPerUnit;
+        setRecipe({rcp(r.reg, r.start + units, r.len, 0), rcp(r.reg, r.start, r.len, r.len)});
+        ASSERT_EQ(driver.rcpReqs.size(), 1) << "touching variables make one request";
+        memory[HOST_RCP_DOWNLOAD_BYTE] = 1;
+        plc.run(1);
+        EXPECT_EQ(memory[HOST_RCP_DOWNLOAD_BYTE], 0);
+        // What the controller received, as buffer words in address order.
+        std::vector<unsigned short> sent;
+        if (isBitArea(getIndexFromRegName(r.reg))) {
+            for (int i = 0; i < 2 * r.len; ++i)
+                sent.push_back(plc.coils[size_t(r.base + r.start + i)]);
+        } else if (r.dword) {
+            for (int i = 0; i < r.len; ++i) { // each value high register first
+                sent.push_back(plc.registers[size_t(r.base + r.start + 2 * i + 1)]);
+                sent.push_back(plc.registers[size_t(r.base + r.start + 2 * i)]);
+            }
+        } else {
+            for (int i = 0; i < 2 * r.len; ++i)
+                sent.push_back(plc.registers[size_t(r.base + r.start + i)]);
+        }
+        std::vector<unsigned short> expected(buffer.begin() + r.len, buffer.end());
+        expected.insert(expected.end(), buffer.begin(), buffer.begin() + r.len);
+        if (isBitArea(getIndexFromRegName(r.reg))) {
+            for (unsigned short &w : expected)
+                w = w != 0 ? 1 : 0;
+        }
+        EXPECT_EQ(sent, expected);
+    }
+}
+
 } // namespace
