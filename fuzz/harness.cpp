@@ -2,6 +2,8 @@
 
 #include <QVector>
 
+#include <sanitizer/asan_interface.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <vector>
@@ -18,6 +20,32 @@ Host &host()
 
 namespace {
 constexpr int64_t kRecipeWords = int64_t(sizeof(Host::recipe) / sizeof(unsigned short));
+
+// Under AddressSanitizer the driver may not even read host memory it was not given:
+// the memory block but its two command bytes, and recipe words outside every
+// variable, are poisoned. Poison comes in 8-byte granules whose first bytes alone can
+// be open, so an opened range starts at the granule holding its first byte: up to 3
+// recipe words (7 memory bytes) before it stay readable. Writes are checked exactly
+// by checkHost(). Without AddressSanitizer these do nothing.
+void openAll()
+{
+    Host &h = host();
+    ASAN_UNPOISON_MEMORY_REGION(h.memory, sizeof h.memory);
+    ASAN_UNPOISON_MEMORY_REGION(h.recipe, sizeof h.recipe);
+}
+void closeAll()
+{
+    Host &h = host();
+    ASAN_POISON_MEMORY_REGION(h.memory, sizeof h.memory);
+    ASAN_UNPOISON_MEMORY_REGION(h.memory + HOST_RCP_DOWNLOAD_BYTE, 2);
+    ASAN_POISON_MEMORY_REGION(h.recipe, sizeof h.recipe);
+}
+void openWords(int64_t first, int64_t end)
+{
+    Host &h = host();
+    const int64_t granule = first & ~int64_t(3);
+    ASAN_UNPOISON_MEMORY_REGION(h.recipe + granule, size_t(end - granule) * 2);
+}
 // Words of the recipe buffer that belong to a variable the driver was given since the
 // last restart, and the ranges marked, to unmark them cheaply.
 std::vector<uint8_t> owned(kRecipeWords, 0);
@@ -42,6 +70,7 @@ int setRecipe(QVector<_RCP_VAR_PRO> &vars)
         if (end <= first)
             continue;
         ownedRanges.emplace_back(first, end);
+        openWords(first, end);
         for (int64_t w = first; w < end; ++w) {
             owned[size_t(w)] = 1;
             h.recipe[w] = static_cast<unsigned short>(w * 0x0101 + 1);
@@ -68,6 +97,7 @@ const unsigned short *sentinelChunk()
 void checkHost()
 {
     Host &h = host();
+    openAll();
     static const unsigned char zeros[sizeof h.memory] = {};
     const unsigned char download = h.memory[HOST_RCP_DOWNLOAD_BYTE];
     const unsigned char upload = h.memory[HOST_RCP_UPLOAD_BYTE];
@@ -106,6 +136,7 @@ void finish()
 void restart(const char *properties, bool withHost)
 {
     Host &h = host();
+    openAll();
     std::memset(h.memory, 0, sizeof h.memory);
     for (int64_t c = 0; c < kRecipeWords; c += kChunkWords)
         std::memcpy(h.recipe + c, sentinelChunk(), size_t(std::min(kChunkWords, kRecipeWords - c)) * 2);
@@ -126,6 +157,7 @@ void restart(const char *properties, bool withHost)
     driver.curVar = VARIABLE();
     driver.curVarList.clear();
     driver.handshakeFlag = 0;
+    closeAll();
 }
 
 QByteArray withCrc(QByteArray bytes)
