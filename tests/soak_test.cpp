@@ -313,7 +313,8 @@ TEST_F(Soak, FaultyLineLosesNothing)
                 rssEnd / 1024);
     // The cache holds one area per unit written, a few hundred kB in all; anything
     // beyond that would be a leak of the cycle.
-    if (kMeasureResidentSize) {
+    // Short runs (under valgrind, say) end before the process has settled.
+    if (kMeasureResidentSize && cycles >= 50000) {
         EXPECT_LT(rssEnd - rssQuarter, 4L * 1024 * 1024);
     }
     sim.stop();
