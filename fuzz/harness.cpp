@@ -61,10 +61,13 @@ int setRecipe(QVector<_RCP_VAR_PRO> &vars)
         if (v.driverId != driver.driverId || v.len <= 0 || v.len > 65536 ||
             int64_t(v.startAddr) + v.len > int64_t(INT_MAX) + 1)
             continue;
-        // One word per bit or 16-bit register, the host's unit of len. A negative
-        // offset puts the variable's first words before the buffer; the rest are its.
+        // One word per bit or 16-bit register, the host's unit of len; an upload
+        // fills a 32C variable with one whole value, two words, whatever its length.
+        // A negative offset puts the variable's first words before the buffer; the
+        // rest are its.
+        const bool counter = v.regName == QLatin1String("32C");
         const int64_t first = std::max<int64_t>(v.rcpOffset, 0);
-        const int64_t end = int64_t(v.rcpOffset) + v.len;
+        const int64_t end = int64_t(v.rcpOffset) + (counter ? std::max(v.len, 2) : v.len);
         if (end > kRecipeWords)
             abort(); // the harness gave the driver a buffer too small for its recipe
         if (end <= first)
@@ -76,7 +79,21 @@ int setRecipe(QVector<_RCP_VAR_PRO> &vars)
             h.recipe[w] = static_cast<unsigned short>(w * 0x0101 + 1);
         }
     }
-    return intf_setRcpAddress(vars);
+    const int taken = intf_setRcpAddress(vars);
+    // A download sends each request's units back to back from the offset of its first
+    // variable: the host gives the driver those words to read.
+    for (const _RCP_VAR_PRO &q : driver.rcpReqs) {
+        const int reg = getIndexFromRegName(q.regName);
+        if (reg < 0 || q.len <= 0)
+            continue;
+        const int64_t first = std::max<int64_t>(q.rcpOffset, 0);
+        const int64_t end = int64_t(q.rcpOffset) + int64_t(q.len) * (regColumnInt(reg, COL_UNIT_WIDTH) == 32 ? 2 : 1);
+        if (end > kRecipeWords)
+            abort(); // the harness gave the driver a buffer too small for its recipe
+        if (end > first)
+            openWords(first, end);
+    }
+    return taken;
 }
 
 namespace {

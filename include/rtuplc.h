@@ -116,8 +116,8 @@ extern "C" {
 // crash, read or write outside its own buffers, or throw. Names are compared exactly
 // (case-sensitive, whole text): a lower-case, padded, empty or non-Latin-1 name is an
 // unknown area and gets the function's "unknown" result. What the host owns it must
-// size: the memory block (60117 bytes or more), the recipe buffer (every rcpOffset
-// plus the variable's words), intf_getData's output and intf_setData's input.
+// size: the memory block (60117 bytes or more), the recipe buffer (see
+// intf_setRcpAddress), intf_getData's output and intf_setData's input.
 
 // ---------------------------------------------------------------------------------
 // Identity, parameters, properties.
@@ -239,8 +239,12 @@ RTUPLC_EXPORT int intf_addConditionRead(const KEY_ADDRESS &key, int kind);
 // Takes the recipe variables whose driverId is this driver's, sorts them by station,
 // area and address and merges touching ones into requests. Returns the number of
 // variables taken (0: none, the previous recipe stays). A bit-area variable uses one
-// buffer word per bit (0 or non-zero). Variables of unknown areas, of no units, or
-// too long for the address space are kept but transfer nothing.
+// buffer word per bit (0 or non-zero), a register one word, a 32-bit value two (least
+// significant first); an upload fills one value of a 32C variable, whatever its
+// length. A download sends each request's units back to back from the rcpOffset of
+// its first variable, so touching variables must lie in the buffer one after another
+// in address order, and the buffer must hold those words. Variables of unknown areas,
+// of no units, or too long for the address space are kept but transfer nothing.
 RTUPLC_EXPORT int intf_setRcpAddress(QVector<_RCP_VAR_PRO> &vars);
 
 // ---------------------------------------------------------------------------------

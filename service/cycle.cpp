@@ -60,8 +60,7 @@ bool chooseNext(const RecipeCommands &commands)
         c.download = false;
     }
     if (c.download) {
-        rcpAddrToVar(driver.rcpReqs.at(driver.rcpIndex), driver.curVar, 0);
-        recipeDownloadData(driver.rcpIndex, driver.curVar);
+        rcpAddrToVar(driver.rcpReqs.at(driver.rcpIndex), driver.curVar, 1);
         driver.sendState = SEND_RCP_DOWNLOAD;
         getWriteFrame(driver.curVar);
         return true;

@@ -30,49 +30,6 @@ void rcpAddrToVar(const _RCP_VAR_PRO &req, VARIABLE &var, int withData)
     std::memcpy(var.data, words, static_cast<size_t>(bytes));
 }
 
-void recipeDownloadData(int index, VARIABLE &var)
-{
-    std::memset(var.data, 0, sizeof var.data);
-    const QList<int> &starts = driver.rcpReqStart;
-    const QVector<_RCP_VAR_PRO> &vars = driver.rcpVars;
-    const int reg = getIndexFromRegName(var.regName);
-    if (reg < 0 || driver.rcpBuffer == nullptr || index < 0 || index >= starts.size())
-        return;
-    // The variables of the request, found as the upload finds them.
-    const int first = starts.at(index);
-    int end = index + 1 < starts.size() ? starts.at(index + 1) : vars.size();
-    if (end <= first)
-        end = first + 1;
-    if (first < 0 || first >= vars.size())
-        return;
-    end = qMin(end, vars.size());
-    const int unit = regColumnInt(reg, COL_UNIT_WIDTH);
-    const int bytesPerUnit = unit == 1 ? 1 : unit / 8;
-    const int64_t qStart = var.startAddr;
-    const int64_t qEnd = qStart + std::min<int64_t>(var.len, RECORD_DATA_BYTES / std::max(bytesPerUnit, 1));
-    const unsigned short *buffer = driver.rcpBuffer;
-
-    for (int i = first; i < end; ++i) {
-        const _RCP_VAR_PRO &v = vars.at(i);
-        if (v.regName != var.regName || v.station != var.station || v.rcpOffset < 0)
-            continue;
-        if (v.len <= 0 || !hostRangeFits(v.startAddr, v.len))
-            continue; // got no request: transfers nothing
-        // Units of the variable: a 32C variable's length counts registers, two a value.
-        const int64_t units = unit == 32 ? v.len / 2 : v.len;
-        const int64_t from = std::max<int64_t>(qStart, v.startAddr);
-        const int64_t to = std::min<int64_t>(qEnd, int64_t(v.startAddr) + units);
-        for (int64_t a = from; a < to; ++a) {
-            const int64_t k = a - qStart;
-            const unsigned short *words = buffer + v.rcpOffset + (a - v.startAddr) * (unit == 32 ? 2 : 1);
-            if (unit == 1)
-                var.data[k] = words[0] != 0 ? 1 : 0; // a bit takes a whole buffer word
-            else
-                std::memcpy(var.data + k * bytesPerUnit, words, size_t(bytesPerUnit));
-        }
-    }
-}
-
 extern "C" RTUPLC_EXPORT int intf_setRcpAddress(QVector<_RCP_VAR_PRO> &vars)
 {
     return guarded(0, [&] {
@@ -196,11 +153,10 @@ void copyRecipeUpload(const ReplyBytes &r, int dataPos, const VARIABLE &var)
                 notifyHost(0, -1, rwi, word(w));
             }
         } else if (unit == 32) {
-            // One value per recipe variable, whatever its length. A variable of a single
-            // register holds no whole value and owns one buffer word: it gets nothing.
+            // One value per recipe variable, whatever its length.
             const int64_t a = v.startAddr;
             const int64_t w = v.rcpOffset;
-            if (v.len < 2 || !inRequest(a, 1) || buffer == nullptr || w < 0)
+            if (!inRequest(a, 1) || buffer == nullptr || w < 0)
                 continue;
             const int64_t o = dataPos + 4 * (a - qStart);
             for (int b = 0; b < 4; ++b)

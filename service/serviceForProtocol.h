@@ -196,11 +196,6 @@ void groupingKey(const KEY_ADDRESS &key, int maxLen, QList<KEY_ADDRESS> &out, in
 int _setDataAreaMonitorFlag(int station, const QString &regName, int startAddr, int len);
 int _setBitValue(int value, int bit, int on);
 void rcpAddrToVar(const _RCP_VAR_PRO &req, VARIABLE &var, int withData);
-// The data of a download of recipe request `index` (var holding its station, area,
-// start and length): each unit from the words of the variable that covers it, at that
-// variable's rcpOffset, so the host may lay its variables out in any order and no word
-// outside them is read.
-void recipeDownloadData(int index, VARIABLE &var);
 
 // --- Data areas and change reports. ---
 int getIndexOfDataArea(int station, const QString &name, int addr, QList<_DATA_> &areas);

@@ -198,6 +198,18 @@ TEST_F(Cycle, RecipeDownloadWalksEveryRequestThenClearsItsByte)
     EXPECT_EQ(plc.registers[9701], 0x5678);
 }
 
+TEST_F(Cycle, DownloadSendsARequestBackToBackFromItsFirstOffset)
+{
+    withHost();
+    setRecipe({rcp("D_W", 0, 2, 10), rcp("D_W", 2, 2, 20)}); // touching, laid out apart
+    for (int i = 0; i < 32; ++i)
+        recipe[size_t(i)] = uint16_t(0x100 + i);
+    memory[HOST_RCP_DOWNLOAD_BYTE] = 1;
+    plc.run(2);
+    for (int a = 0; a < 4; ++a)
+        EXPECT_EQ(plc.registers[size_t(a)], 0x10A + a) << a;
+}
+
 TEST_F(Cycle, RecipeUploadFillsTheBufferAndReportsEachWord)
 {
     withHost();
