@@ -111,15 +111,6 @@ TEST_F(Cache, UnknownAreaOrNoCallbackChangesNothingElse)
     EXPECT_TRUE(reports().isEmpty());
 }
 
-TEST_F(Cache, ShortReplyReadsZerosPastItsEnd)
-{
-    QList<KEY_ADDRESS> keys = {key(1, "D_W", 0, 3)};
-    intf_addrMerge(keys);
-    area(1, "D", 2).value[0] = 9;
-    analyzeFrameOfVal(hex("010306ffff"), 3, 3, variable(1, "D_W", 0, 3));
-    EXPECT_EQ(read(1, "D_W", 0, 3, 6).toHex(), QByteArray("ffff00000000"));
-}
-
 TEST_F(Cache, HostReadsTable)
 {
     struct Row {

@@ -15,11 +15,6 @@ TEST(RegisterTable, NamesAndLookup)
     } rows[] = {{"X", 0}, {"D_W", 13}, {"32C", 7}, {"x", -1}, {"d_w", -1}, {"", -1}, {"D", -1}, {"D_W ", -1}};
     for (const Row &r : rows)
         EXPECT_EQ(getIndexFromRegName(QString::fromLatin1(r.name)), r.index) << r.name;
-    for (int i = 0; i < REG_COUNT; ++i) {
-        const bool bit = i <= 6;
-        EXPECT_EQ(ADDRESS_RANGE_PRO[i][COL_VALUE_WIDTH] == "1", bit) << i;
-        EXPECT_EQ(ADDRESS_FUNC[i][0], bit ? 1 : 3) << i;
-    }
 }
 
 TEST(AddressText, A2iBases)

@@ -281,18 +281,4 @@ TEST_F(Cycle, NullHostMemoryReadsNoCommands)
     EXPECT_EQ(kinds(plc.run(2)), "44");
 }
 
-TEST_F(Cycle, MonitorBlocksRotate)
-{
-    monitor({key(1, "D_W", 0, 1), key(1, "CV", 0, 1), key(1, "X", 0, 1, -1)});
-    QStringList order;
-    for (int i = 0; i < 6; ++i) {
-        FRAME_PRO f;
-        intf_getSendFrame(f);
-        order << f.regName;
-        QString what;
-        intf_dealRcvFrame(plc.answer(f), what);
-    }
-    EXPECT_EQ(order, (QStringList{"X", "CV", "D_W", "X", "CV", "D_W"}));
-}
-
 } // namespace

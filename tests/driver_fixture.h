@@ -102,23 +102,6 @@ inline QByteArray registersReply(int station, const std::vector<uint16_t> &words
     return withCrc(b);
 }
 
-// A reply to a coil read carrying `bits`.
-inline QByteArray bitsReply(int station, const std::vector<int> &bits)
-{
-    QByteArray b;
-    b.append(char(station));
-    b.append(char(0x01));
-    const int bytes = int(bits.size() + 7) / 8;
-    b.append(char(bytes));
-    for (int i = 0; i < bytes; ++i) {
-        uint8_t v = 0;
-        for (int j = 0; j < 8 && 8 * i + j < int(bits.size()); ++j)
-            v |= uint8_t((bits[size_t(8 * i + j)] & 1) << j);
-        b.append(char(v));
-    }
-    return withCrc(b);
-}
-
 // The echo a controller sends for a write request: its first six bytes and a CRC.
 inline QByteArray writeEcho(const FRAME_PRO &f)
 {

@@ -116,20 +116,6 @@ TEST_F(Frames, WriteOfAnOddBitCountLeavesHighBitsClear)
     EXPECT_EQ(driver.frameList.first().frameLen, 10);
 }
 
-TEST_F(Frames, HandshakeRecordIsEmpty)
-{
-    handShakeFrame();
-    ASSERT_EQ(driver.frameList.size(), 1);
-    const FRAME_PRO &f = driver.frameList.first();
-    EXPECT_EQ(f.frameLen, 0);
-    EXPECT_EQ(f.replyLen, 0);
-    EXPECT_EQ(f.dataPos, 0);
-    EXPECT_EQ(f.dataLen, 0);
-    EXPECT_TRUE(f.regName.isEmpty());
-    EXPECT_EQ(getErrorInfo(QByteArray()), "0#0(0)");
-    EXPECT_EQ(check_rcv_data(nullptr, {}, 0), 2);
-}
-
 // Every prefix, every flipped bit and a stray trailing byte of a good reply.
 TEST_F(Frames, ReplyCheckIsExactLengthAndCrc)
 {

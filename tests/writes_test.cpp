@@ -7,8 +7,6 @@ namespace {
 
 class Writes : public DriverTest {
 protected:
-    FakeController plc;
-
     _DATA_ &area(int station, const char *prefix, int addr)
     {
         return driver.dataAreas[getIndexOfDataArea(station, prefix, addr, driver.dataAreas)];
@@ -205,21 +203,6 @@ TEST_F(Writes, SettlingTable)
         for (const _DATA_ &d : driver.dataAreas)
             EXPECT_EQ(d.writePending, 0) << r.what << " at " << d.addr;
     }
-}
-
-TEST_F(Writes, SettledValueIsWhatReadsReturn)
-{
-    write("D_W", 10, {0x78, 0x56}, 1);
-    plc.run(1);
-    EXPECT_EQ(read(1, "D_W", 10, 1, 2).toHex(), QByteArray("7856"));
-    EXPECT_EQ(area(1, "D", 10).value[0], 0x78);
-    EXPECT_EQ(plc.registers[10], 0x5678);
-
-    restart("1#0#0#1#64");
-    area(1, "D", 10).value[0] = 0x34;
-    write("D_W", 10, {0x78, 0x56}, 1);
-    exchange(QByteArray());
-    EXPECT_EQ(read(1, "D_W", 10, 1, 2).toHex(), QByteArray("3400"));
 }
 
 } // namespace

@@ -89,14 +89,6 @@ TEST(PollDriver, MissingFunctionsAreNamed)
     EXPECT_NE(none.err.find("cannot load the driver"), std::string::npos) << none.err;
 }
 
-TEST(PollHelp, DocumentsExitCodesAndExamples)
-{
-    const tooltest::Run r = tooltest::poll({"--help"});
-    EXPECT_EQ(r.exitCode, 0);
-    for (const char *text : {"Exit codes:", "Examples:", "--recipe-download", "--json", "--watch"})
-        EXPECT_NE(r.out.find(text), std::string::npos) << text;
-}
-
 std::string after(const std::string &line, const std::string &prefix)
 {
     return line.rfind(prefix, 0) == 0 ? line.substr(prefix.size()) : "";
