@@ -310,7 +310,7 @@ void analyzeFrameOfVal(const QByteArray &reply, int count, int dataPos, const VA
         if (driver.resetGeneration != generation)
             return; // a callback restarted the driver: this reply is stale
     }
-    if (driver.sendState == SEND_RCP_UPLOAD)
+    if (driver.sendState == RTUPLC_KIND_RECIPE_UPLOAD)
         copyRecipeUpload(r, dataPos, var);
 }
 
@@ -323,13 +323,11 @@ const uint8_t *visible(const _DATA_ &a)
     return a.writePending ? a.writeValue : a.value;
 }
 
-// Largest read or write a host may ask for in one call: a whole Modbus address space.
-constexpr int kMaxHostUnits = 65536;
 } // namespace
 
 bool hostRangeFits(int addr, int64_t units)
 {
-    return units <= kMaxHostUnits && int64_t(addr) + units <= int64_t(INT_MAX) + 1;
+    return units <= RTUPLC_MAX_HOST_UNITS && int64_t(addr) + units <= int64_t(INT_MAX) + 1;
 }
 
 extern "C" RTUPLC_EXPORT int intf_getData(int station, QString regName, int addr, int count, unsigned char *out)
@@ -337,11 +335,11 @@ extern "C" RTUPLC_EXPORT int intf_getData(int station, QString regName, int addr
     return guarded(-1, [&] {
         const int reg = getIndexFromRegName(regName);
         if (reg < 0)
-            return -1;
+            return RTUPLC_REFUSED;
         if (count <= 0)
-            return 1;
+            return RTUPLC_OK;
         if (out == nullptr || !hostRangeFits(addr, count))
-            return -1;
+            return RTUPLC_REFUSED;
         StateLock lock(driver.stateMutex);
         const RegisterArea &info = registerArea(reg);
         const int pid = driver.areaIndex.prefixId(info.prefix);
@@ -377,6 +375,6 @@ extern "C" RTUPLC_EXPORT int intf_getData(int station, QString regName, int addr
                 std::memcpy(out + 4 * j, visible(areas.at(dataAreaFor(station, pid, addr + j))), 4);
             break;
         }
-        return 1;
+        return RTUPLC_OK;
     });
 }

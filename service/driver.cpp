@@ -27,12 +27,12 @@ Protocol::~Protocol() = default;
 
 int splitWords()
 {
-    return driver.maxWordLen > 0 ? driver.maxWordLen : DEFAULT_SPLIT_WORDS;
+    return driver.maxWordLen > 0 ? driver.maxWordLen : RTUPLC_DEFAULT_SPLIT_WORDS;
 }
 
 int splitBits()
 {
-    return driver.maxBitLen > 0 ? driver.maxBitLen : DEFAULT_SPLIT_BITS;
+    return driver.maxBitLen > 0 ? driver.maxBitLen : RTUPLC_DEFAULT_SPLIT_WORDS * 8;
 }
 
 extern "C" {
@@ -121,7 +121,7 @@ RTUPLC_EXPORT int intf_initProperty(unsigned char *hostMem, intptr_t ignored, un
         driver.dataAreas.clear();
         driver.areaIndex.clear();
         ++driver.resetGeneration;
-        driver.sendState = SEND_IDLE;
+        driver.sendState = RTUPLC_KIND_IDLE;
         driver.priorityCount = 0;
         driver.handshakeFlag = 0;
         driver.failCount = 0;

@@ -34,17 +34,6 @@ enum MonitorFlag {
     MON_DWORD_HI = 1 << 2,  // second register of a watched 32-bit value
 };
 
-// Values of Protocol::sendState.
-enum SendState {
-    SEND_IDLE = 0,
-    SEND_HANDSHAKE = 1,
-    SEND_WRITE = 2,
-    SEND_CONDITION = 3,
-    SEND_MONITOR = 4,
-    SEND_RCP_DOWNLOAD = 5,
-    SEND_RCP_UPLOAD = 6,
-};
-
 // Texts of the items a change report names for one area name P: P, P_W, P_D, where
 // P is the name's part before its first '_'.
 struct ItemTexts {
@@ -172,7 +161,7 @@ struct MergeItem {
 
 // Normalises lengths (word lengths to the area's units; in monitor mode D_D becomes
 // D_W), sorts by weight in monitor mode (recipe callers sort beforehand), and merges
-// into blocks of at most MAX_READ_UNITS. In recipe mode `starts` receives, per block,
+// into blocks of at most RTUPLC_MAX_READ_UNITS. In recipe mode `starts` receives, per block,
 // the `src` of the first item it covers. Registration and recipe planning call this
 // form: it carries no 1 KB records.
 std::vector<MergeItem> addrMerge(std::vector<MergeItem> items, int mode, QList<int> *starts);

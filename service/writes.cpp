@@ -7,7 +7,6 @@
 
 namespace {
 
-constexpr int kWriteQueueLast = 512; // the queue holds indices 0..512
 
 int wordAt(const uint8_t *bytes)
 {
@@ -36,10 +35,10 @@ void enqueueWrite(const VARIABLE &v)
             return;
         }
     }
-    if (queue.size() <= kWriteQueueLast)
+    if (queue.size() <= RTUPLC_QUEUE_LAST)
         queue.append(v);
     else
-        queue[kWriteQueueLast] = v;
+        queue[RTUPLC_QUEUE_LAST] = v;
 }
 
 // Shows a 16-bit word written to an area, telling the host first if what it saw
@@ -148,15 +147,15 @@ extern "C" RTUPLC_EXPORT int intf_setData(int station, QString regName, int addr
     return guarded(-1, [&] {
         const int reg = getIndexFromRegName(regName);
         if (reg < 0)
-            return driver.localWriteMode != 0 ? 1 : -1;
+            return driver.localWriteMode != 0 ? RTUPLC_OK : RTUPLC_REFUSED;
         const RegisterArea &info = registerArea(reg);
         const bool bits = info.isBit();
         // A queued write must fit the data of one request; a local write only shows.
-        const int maxCount = bits ? MAX_SETDATA_BITS : MAX_SETDATA_WORDS;
+        const int maxCount = bits ? RTUPLC_MAX_WRITE_BITS : RTUPLC_MAX_WRITE_WORDS;
         if (driver.localWriteMode == 0 && (count < 0 || count > maxCount))
-            return -1;
+            return RTUPLC_REFUSED;
         if (count > 0 && (data == nullptr || !hostRangeFits(addr, count)))
-            return -1;
+            return RTUPLC_REFUSED;
 
         StateLock lock(driver.stateMutex);
         if (driver.localWriteMode == 0) {
@@ -170,7 +169,7 @@ extern "C" RTUPLC_EXPORT int intf_setData(int station, QString regName, int addr
             if (count > 0)
                 std::memcpy(key.data, data, static_cast<size_t>(count * bytesPerUnit));
             // Each piece must fit one Modbus write and its byte-count byte.
-            const int split = bits ? std::min(splitBits(), MAX_WRITE_BITS) : std::min(splitWords(), MAX_WRITE_WORDS);
+            const int split = bits ? std::min(splitBits(), FRAME_MAX_WRITE_COILS) : std::min(splitWords(), FRAME_MAX_WRITE_REGISTERS);
             QList<KEY_ADDRESS> pieces;
             groupingKey(key, split, pieces, 1);
 
@@ -193,6 +192,6 @@ extern "C" RTUPLC_EXPORT int intf_setData(int station, QString regName, int addr
             }
         }
         write_saveDataToArea(station, regName, addr, count, data);
-        return 1;
+        return RTUPLC_OK;
     });
 }
