@@ -133,7 +133,7 @@ void DataAreaIndex::add(const QList<_DATA_> &areas, int station, int prefixId, i
 // ---------------------------------------------------------------------------------
 // Lookup.
 
-int dataAreaFor(int station, int prefixId, int addr)
+int getIndexOfDataArea(int station, int prefixId, int addr)
 {
     QList<_DATA_> &areas = driver.dataAreas;
     const int found = driver.areaIndex.find(areas, station, prefixId, addr);
@@ -152,7 +152,7 @@ int dataAreaFor(int station, int prefixId, int addr)
 int getIndexOfDataArea(int station, const QString &name, int addr, QList<_DATA_> &areas)
 {
     if (&areas == &driver.dataAreas)
-        return dataAreaFor(station, driver.areaIndex.prefixId(name), addr);
+        return getIndexOfDataArea(station, driver.areaIndex.prefixId(name), addr);
     for (int i = 0; i < areas.size(); ++i) {
         const _DATA_ &a = areas.at(i);
         if (a.station == station && a.regPrefix == name && a.addr == addr)
@@ -276,7 +276,7 @@ void analyzeFrameOfVal(const QByteArray &reply, int count, int dataPos, const VA
     const auto addrOf = [&](int i) { return static_cast<int>(uint32_t(var.startAddr) + uint32_t(i)); };
 
     for (int i = 0; i < count; ++i) {
-        const int k = dataAreaFor(var.station, pid, addrOf(i));
+        const int k = getIndexOfDataArea(var.station, pid, addrOf(i));
         _DATA_ &area = driver.dataAreas[k];
         // Units are decoded by their width on the wire: D_D travels as its registers.
         if (info.kind == AreaKind::Bit) {
@@ -347,11 +347,11 @@ extern "C" RTUPLC_EXPORT int intf_getData(int station, QString regName, int addr
         switch (info.kind) {
         case AreaKind::Bit:
             for (int i = 0; i < count; ++i)
-                out[i] = visible(areas.at(dataAreaFor(station, pid, addr + i)))[0];
+                out[i] = visible(areas.at(getIndexOfDataArea(station, pid, addr + i)))[0];
             break;
         case AreaKind::Word:
             for (int i = 0; i < count; ++i) {
-                const uint8_t *v = visible(areas.at(dataAreaFor(station, pid, addr + i)));
+                const uint8_t *v = visible(areas.at(getIndexOfDataArea(station, pid, addr + i)));
                 out[2 * i] = v[0];
                 out[2 * i + 1] = v[1];
             }
@@ -359,8 +359,8 @@ extern "C" RTUPLC_EXPORT int intf_getData(int station, QString regName, int addr
         case AreaKind::DWordOverWords:
             // The register at the higher address is the low half of the value.
             for (int j = 0; j < count / 2; ++j) {
-                const _DATA_ &hi = areas.at(dataAreaFor(station, pid, addr + 2 * j + 1));
-                const _DATA_ &lo = areas.at(dataAreaFor(station, pid, addr + 2 * j));
+                const _DATA_ &hi = areas.at(getIndexOfDataArea(station, pid, addr + 2 * j + 1));
+                const _DATA_ &lo = areas.at(getIndexOfDataArea(station, pid, addr + 2 * j));
                 const bool pending = hi.writePending || lo.writePending;
                 const uint8_t *h = pending ? hi.writeValue : hi.value;
                 const uint8_t *l = pending ? lo.writeValue : lo.value;
@@ -372,7 +372,7 @@ extern "C" RTUPLC_EXPORT int intf_getData(int station, QString regName, int addr
             break;
         case AreaKind::DWordUnit:
             for (int j = 0; j < count / 2; ++j)
-                std::memcpy(out + 4 * j, visible(areas.at(dataAreaFor(station, pid, addr + j))), 4);
+                std::memcpy(out + 4 * j, visible(areas.at(getIndexOfDataArea(station, pid, addr + j))), 4);
             break;
         }
         return RTUPLC_OK;

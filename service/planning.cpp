@@ -231,7 +231,7 @@ int _setDataAreaMonitorFlag(int station, const QString &regName, int startAddr, 
     const auto flag = [&](int64_t a, int bit) {
         if (a > INT_MAX || a < INT_MIN)
             return;
-        _DATA_ &unit = driver.dataAreas[dataAreaFor(station, pid, static_cast<int>(a))];
+        _DATA_ &unit = driver.dataAreas[getIndexOfDataArea(station, pid, static_cast<int>(a))];
         unit.monitorFlags = _setBitValue(unit.monitorFlags, bit, 1);
     };
     const int64_t start = startAddr;

@@ -45,12 +45,12 @@ void enqueueWrite(const VARIABLE &v)
 // changes.
 void showWord(int station, int pid, int addr, const uint8_t *bytes, int plainName)
 {
-    const int k = dataAreaFor(station, pid, addr);
+    const int k = getIndexOfDataArea(station, pid, addr);
     int was = wordAt(shown(driver.dataAreas.at(k)));
     int now = wordAt(bytes);
     if (was != now)
         _wordDataChange(&was, &now, k, plainName);
-    const int again = dataAreaFor(station, pid, addr); // the callback may have reset the cache
+    const int again = getIndexOfDataArea(station, pid, addr); // the callback may have reset the cache
     _DATA_ &area = driver.dataAreas[again];
     area.writeValue[0] = bytes[0];
     area.writeValue[1] = bytes[1];
@@ -71,11 +71,11 @@ void write_saveDataToArea(int station, const QString &regName, int addr, int cou
     switch (info.kind) {
     case AreaKind::Bit:
         for (int i = 0; i < count; ++i) {
-            const int k = dataAreaFor(station, pid, addr + i);
+            const int k = getIndexOfDataArea(station, pid, addr + i);
             // A bit written by the host is reported whether or not it is monitored.
             if (shown(driver.dataAreas.at(k))[0] != data[i])
                 notifyHost(driver.driverId, station, regName, addr + i);
-            _DATA_ &area = driver.dataAreas[dataAreaFor(station, pid, addr + i)];
+            _DATA_ &area = driver.dataAreas[getIndexOfDataArea(station, pid, addr + i)];
             area.writeValue[0] = data[i];
             area.writePending = 1;
         }
@@ -94,13 +94,13 @@ void write_saveDataToArea(int station, const QString &regName, int addr, int cou
     case AreaKind::DWordUnit:
         for (int j = 0; j < count / 2; ++j) {
             const uint8_t *bytes = data + 4 * j;
-            const int k = dataAreaFor(station, pid, addr + j);
+            const int k = getIndexOfDataArea(station, pid, addr + j);
             const uint8_t *s = shown(driver.dataAreas.at(k));
             int was = uchar2int32(s[0], s[1], s[2], s[3]);
             int now = uchar2int32(bytes[0], bytes[1], bytes[2], bytes[3]);
             if (was != now)
                 _dwordDataChange(&was, &now, k, plainName);
-            _DATA_ &area = driver.dataAreas[dataAreaFor(station, pid, addr + j)];
+            _DATA_ &area = driver.dataAreas[getIndexOfDataArea(station, pid, addr + j)];
             std::memcpy(area.writeValue, bytes, 4);
             area.writePending = 1;
         }
@@ -121,7 +121,7 @@ void _write_FailOrSuc(int station, const QString &regName, int startAddr, int le
 
     for (int i = 0; i < len; ++i) {
         const int a = startAddr + i;
-        const int k = dataAreaFor(station, pid, a);
+        const int k = getIndexOfDataArea(station, pid, a);
         _DATA_ &area = driver.dataAreas[k];
         area.writePending = 0;
         if (success) {
