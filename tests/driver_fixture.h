@@ -73,6 +73,19 @@ inline VARIABLE variable(int station, const QString &reg, int start, int len, in
     return v;
 }
 
+// A recipe variable of this driver (id 1).
+inline _RCP_VAR_PRO rcp(const char *reg, int start, int len, int offset, int station = 1, int driverId = 1)
+{
+    _RCP_VAR_PRO v;
+    v.driverId = driverId;
+    v.station = station;
+    v.regName = reg;
+    v.startAddr = start;
+    v.len = len;
+    v.rcpOffset = offset;
+    return v;
+}
+
 // Sends the frame the driver offers and answers it with `reply`; returns the verdict.
 inline int exchange(const QByteArray &reply, FRAME_PRO *sent = nullptr, QString *what = nullptr)
 {
