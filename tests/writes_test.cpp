@@ -24,57 +24,49 @@ protected:
     }
 };
 
-TEST_F(Writes, OneWordIsQueuedAndShown)
+// The value is shown at once, the value read is kept for a failed write to fall back
+// to; a waiting write to the same target is replaced, the head (maybe in flight) never;
+// past 513 entries new writes recycle the last one.
+TEST_F(Writes, QueueingReplacingAndTheCap)
 {
     EXPECT_EQ(write("D_W", 10, {0x34, 0x12}, 1), 1);
-    EXPECT_EQ(queue(), "D_W:10+1");
-    EXPECT_EQ(driver.writeList.first().data[0], 0x34);
     EXPECT_EQ(driver.writeList.first().reqKind, RTUPLC_KIND_WRITE);
     EXPECT_EQ(area(1, "D", 10).writePending, 1);
     EXPECT_EQ(area(1, "D", 10).writeValue[1], 0x12);
-    EXPECT_EQ(area(1, "D", 10).value[1], 0x00) << "the value read stays for a failed write to fall back to";
-}
-
-TEST_F(Writes, WaitingWriteIsReplacedButTheHeadNever)
-{
-    write("D_W", 10, {1, 0}, 1);
+    EXPECT_EQ(area(1, "D", 10).value[1], 0x00);
     write("D_W", 10, {2, 0}, 1);
-    EXPECT_EQ(queue(), "D_W:10+1 D_W:10+1") << "the head may be in flight";
     write("D_W", 10, {3, 0}, 1);
-    EXPECT_EQ(queue(), "D_W:10+1 D_W:10+1");
-    EXPECT_EQ(driver.writeList[1].data[0], 3);
     write("D_W", 11, {4, 0}, 1);
     write("D_W", 10, {5, 0, 6, 0}, 2); // a different length is a different target
     EXPECT_EQ(queue(), "D_W:10+1 D_W:10+1 D_W:11+1 D_W:10+2");
+    EXPECT_EQ(driver.writeList[0].data[0], 0x34);
+    EXPECT_EQ(driver.writeList[1].data[0], 3);
+    for (int i = 0; i < 520; ++i)
+        write("D_W", 100 + i, {1, 0}, 1);
+    EXPECT_EQ(driver.writeList.size(), 513);
+    EXPECT_EQ(driver.writeList[512].startAddr, 619);
 }
 
-TEST_F(Writes, QueueKeepsAtMost513)
-{
-    for (int i = 0; i < 513; ++i)
-        write("D_W", i, {1, 0}, 1);
-    EXPECT_EQ(driver.writeList.size(), 513);
-    write("D_W", 7000, {1, 0}, 1);
-    EXPECT_EQ(driver.writeList.size(), 513);
-    EXPECT_EQ(driver.writeList[512].startAddr, 7000);
-}
-
+// Each piece carries its own data: the first byte of the last piece is checked.
 TEST_F(Writes, SplittingTable)
 {
     struct Row {
         const char *properties, *reg;
         int addr, count;
         const char *queue;
+        int lastFirstByte;
     } rows[] = {
-        {"1#0#0#3#64", "32C", 200, 4, "32C:200+2"},
-        {"1#0#0#3#4", "32C", 200, 10, "32C:200+2 32C:202+2 32C:204+1"},
-        {"1#0#0#3#4", "D_W", 0, 10, "D_W:0+4 D_W:4+4 D_W:8+2"},
-        {"1#0#0#3#4", "D_D", 0, 8, "D_D:0+4 D_D:4+4"},
-        {"1#0#0#3#1", "M", 0, 20, "M:0+8 M:8+8 M:16+4"},
-        {"1#0#0#3#0", "D_W", 0, 100, "D_W:0+64 D_W:64+36"},
-        {"1#0#0#3#0", "X", 0, 600, "X:0+512 X:512+88"},
-        {"1#0#0#3#500", "D_W", 0, 300, "D_W:0+122 D_W:122+122 D_W:244+56"},
-        {"1#0#0#3#500", "X", 0, 1024, "X:0+1024"},
-        {"1#0#0#3#64", "D_W", 0, 0, "D_W:0+0"},
+        {"1#0#0#3#64", "32C", 200, 4, "32C:200+2", 0},
+        {"1#0#0#3#4", "32C", 200, 10, "32C:200+2 32C:202+2 32C:204+1", 16},
+        {"1#0#0#3#4", "D_W", 0, 10, "D_W:0+4 D_W:4+4 D_W:8+2", 16},
+        {"1#0#0#3#4", "D_D", 0, 8, "D_D:0+4 D_D:4+4", 8},
+        {"1#0#0#3#1", "M", 0, 20, "M:0+8 M:8+8 M:16+4", 16},
+        {"1#0#0#3#0", "D_W", 0, 100, "D_W:0+64 D_W:64+36", 128},
+        {"1#0#0#3#-4", "D_W", 0, 100, "D_W:0+64 D_W:64+36", 128},
+        {"1#0#0#3#0", "X", 0, 600, "X:0+512 X:512+88", 0},
+        {"1#0#0#3#500", "D_W", 0, 512, "D_W:0+122 D_W:122+122 D_W:244+122 D_W:366+122 D_W:488+24", 208},
+        {"1#0#0#3#500", "X", 0, 1024, "X:0+1024", 0},
+        {"1#0#0#3#64", "D_W", 0, 0, "D_W:0+0", 0},
     };
     for (const Row &r : rows) {
         restart(r.properties);
@@ -83,35 +75,8 @@ TEST_F(Writes, SplittingTable)
             data[i] = uint8_t(i);
         EXPECT_EQ(intf_setData(1, r.reg, r.addr, r.count, data.data(), 2), 1);
         EXPECT_EQ(queue(), r.queue) << r.properties << " " << r.reg << " " << r.count;
+        EXPECT_EQ(driver.writeList.last().data[0], r.lastFirstByte) << r.properties << " " << r.reg;
     }
-    // Each piece carries its own data: the 32C piece at 202 starts with value 2's bytes.
-    restart("1#0#0#3#4");
-    std::vector<uint8_t> data(40);
-    for (size_t i = 0; i < data.size(); ++i)
-        data[i] = uint8_t(i);
-    intf_setData(1, "32C", 200, 10, data.data(), 2);
-    EXPECT_EQ(driver.writeList[1].data[0], 8);
-    EXPECT_TRUE(driver.dataAreas.size() == 5);
-}
-
-TEST_F(Writes, BadCountsAreRefusedWithNothingQueued)
-{
-    std::vector<uint8_t> data(4096, 1);
-    struct Row {
-        const char *reg;
-        int count;
-        unsigned char *data;
-    } rows[] = {
-        {"D_W", -1, data.data()}, {"D_W", 513, data.data()}, {"X", 1025, data.data()},
-        {"D", 1, data.data()},    {"D_W", 1, nullptr},
-    };
-    for (const Row &r : rows) {
-        EXPECT_EQ(intf_setData(1, r.reg, 0, r.count, r.data, 2), -1) << r.reg << " " << r.count;
-        EXPECT_TRUE(driver.writeList.isEmpty());
-        EXPECT_TRUE(driver.dataAreas.isEmpty());
-    }
-    EXPECT_EQ(intf_setData(1, "D_W", 2147483647, 2, data.data(), 2), -1) << "addresses past the end of int";
-    EXPECT_EQ(intf_setData(1, "D_W", 0, 512, data.data(), 2), 1);
 }
 
 TEST_F(Writes, LocalWriteModeOnlyShows)
