@@ -19,14 +19,6 @@ protected:
         QVector<_RCP_VAR_PRO> v(vars.begin(), vars.end());
         intf_setRcpAddress(v);
     }
-    // The kinds of the frames sent, one digit each.
-    QString run(int limit)
-    {
-        QString s;
-        for (int k : plc.run(limit))
-            s += QString::number(k);
-        return s;
-    }
 };
 
 TEST_F(Cycle, NothingToSend)
@@ -56,7 +48,7 @@ TEST_F(Cycle, PriorityOrder)
             intf_setData(1, "D_W", 100 + i, 1, v, 2);
         for (int i = 0; i < r.conditions; ++i)
             intf_addConditionRead(key(1, "D_W", 200 + i, 1), 3);
-        EXPECT_EQ(run(int(strlen(r.order))), r.order) << r.order;
+        EXPECT_EQ(plc.run(int(strlen(r.order))), r.order) << r.order;
     }
 }
 
@@ -79,7 +71,7 @@ TEST_F(Cycle, ConditionBatchReportsItsEnd)
     monitor({key(1, "D_W", 0, 1)});
     intf_addConditionRead(key(1, "D_W", 300, 1), 3);
     intf_addConditionRead(key(1, "D_W", 301, 1), 3);
-    run(3);
+    plc.run(3);
     EXPECT_EQ(reports(), QStringList{"-1/-1/-1/0"});
 }
 
@@ -160,7 +152,7 @@ TEST_F(Cycle, RecipeDownload)
         recipe[size_t(i)] = uint16_t(0x100 + i);
     recipe[31] = 0; // a bit is set by any non-zero word
     memory[RTUPLC_RCP_DOWNLOAD_BYTE] = 1;
-    EXPECT_EQ(run(6), "5555");
+    EXPECT_EQ(plc.run(6), "5555");
     EXPECT_EQ(memory[RTUPLC_RCP_DOWNLOAD_BYTE], 0);
     EXPECT_EQ(driver.rcpIndex, 0);
     EXPECT_EQ(std::vector<uint16_t>(plc.registers.begin(), plc.registers.begin() + 4),
@@ -184,7 +176,7 @@ TEST_F(Cycle, RecipeUploadFillsTheBufferAndReportsEachWord)
     plc.coils[2005] = 1;
     plc.coils[2007] = 1;
     memory[RTUPLC_RCP_UPLOAD_BYTE] = 1;
-    EXPECT_EQ(run(4), "6666");
+    EXPECT_EQ(plc.run(4), "6666");
     EXPECT_EQ(memory[RTUPLC_RCP_UPLOAD_BYTE], 0);
     // 4-5 D_W, 10-11 D_D, 12-13 the one 32C value, 20-22 the bits.
     EXPECT_EQ(std::vector<uint16_t>(recipe.begin() + 4, recipe.begin() + 23),
@@ -201,7 +193,7 @@ TEST_F(Cycle, RecipeTransferEdges)
     memory[RTUPLC_RCP_DOWNLOAD_BYTE] = 1;
     memory[RTUPLC_RCP_UPLOAD_BYTE] = 1;
     driver.rcpReqs.clear();
-    EXPECT_EQ(run(1), "4");
+    EXPECT_EQ(plc.run(1), "4");
     EXPECT_EQ(memory[RTUPLC_RCP_DOWNLOAD_BYTE] + memory[RTUPLC_RCP_UPLOAD_BYTE], 0);
     EXPECT_EQ(driver.rcpIndex, 0);
     // A failed transfer stops and clears its byte.
@@ -217,13 +209,13 @@ TEST_F(Cycle, RecipeTransferEdges)
     memory[RTUPLC_RCP_UPLOAD_BYTE] = 1;
     FRAME_PRO f;
     EXPECT_EQ(intf_getSendFrame(f), 0);
-    EXPECT_EQ(run(3), "6");
+    EXPECT_EQ(plc.run(3), "6");
     EXPECT_EQ(memory[RTUPLC_RCP_UPLOAD_BYTE], 0);
     // Without host memory there is no command byte to read.
     restart("1#0#0#3#64");
     setRecipe({rcp("D_W", 0, 1, 0)});
     monitor({key(1, "D_W", 0, 1)});
-    EXPECT_EQ(run(2), "44");
+    EXPECT_EQ(plc.run(2), "44");
 }
 
 } // namespace

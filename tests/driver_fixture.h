@@ -143,15 +143,13 @@ public:
     }
 
     // Runs cycles until nothing is left to send or `limit` frames went out; returns the
-    // kinds of the frames sent, in order.
-    QList<int> run(int limit)
+    // kinds of the frames sent, one digit each, in order.
+    QString run(int limit)
     {
-        QList<int> kinds;
-        for (int i = 0; i < limit; ++i) {
-            FRAME_PRO f;
-            if (intf_getSendFrame(f) != 1)
-                break;
-            kinds << driver.sendState;
+        QString kinds;
+        FRAME_PRO f;
+        for (int i = 0; i < limit && intf_getSendFrame(f) == 1; ++i) {
+            kinds += QString::number(driver.sendState);
             QString what;
             intf_dealRcvFrame(answer(f), what);
         }
