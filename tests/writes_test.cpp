@@ -95,35 +95,35 @@ TEST_F(Writes, LocalWriteModeOnlyShows)
 
 TEST_F(Writes, NoticesGoOutBeforeTheCacheChanges)
 {
-    QList<KEY_ADDRESS> keys = {key(1, "D_W", 10, 1), key(1, "D_D", 20, 2), key(1, "32C", 200, 2),
-                               key(1, "CV", 3, 1)};
+    QList<KEY_ADDRESS> keys = {key(1, "D_W", 10, 1), key(1, "D_D", 20, 2), key(1, "32C", 200, 2), key(1, "CV", 3, 1)};
     intf_addrMerge(keys);
     static QString seen;
     intf_setAddrValueChangeCallBack([](int, int, QString &item, int addr) {
         recordReport(1, 1, item, addr);
-        QByteArray out(2, 0);
-        intf_getData(1, "D_W", addr, 1, reinterpret_cast<unsigned char *>(out.data()));
-        seen += out.toHex() + " ";
+        seen += read(1, "D_W", addr, 1, 2).toHex() + " ";
     });
-    write("D_W", 10, {0x34, 0x12}, 1);
-    EXPECT_EQ(seen, "0000 ") << "the callback still sees what was shown before";
-    write("D_W", 10, {0x34, 0x12}, 1);
-    EXPECT_EQ(reports(), QStringList{"1/1/D_W/10"}) << "the same value again is no change";
-    reports().clear();
-    // D_D: the register at the higher address takes the low half and is handled first.
-    write("D_D", 20, {0x02, 0x00, 0x01, 0x00}, 2);
-    EXPECT_EQ(reports(), (QStringList{"1/1/D_D/20", "1/1/D_D/20"}));
+    struct Row {
+        const char *reg;
+        int addr, count;
+        std::vector<uint8_t> data;
+        QStringList reports;
+    } rows[] = {
+        {"D_W", 10, 1, {0x34, 0x12}, {"1/1/D_W/10"}},
+        {"D_W", 10, 1, {0x34, 0x12}, {}}, // the same value again is no change
+        // The register at the higher address takes the low half and is handled first.
+        {"D_D", 20, 2, {0x02, 0x00, 0x01, 0x00}, {"1/1/D_D/20", "1/1/D_D/20"}},
+        {"32C", 200, 4, {1, 0, 0, 0, 0, 0, 0, 0}, {"1/1/32C/200"}}, // 201 is written with the value it shows
+        {"CV", 3, 1, {9, 0}, {"1/1/CV/3"}},
+        // Bits are reported directly, under the name the host gave, monitored or not.
+        {"Y", 4, 3, {1, 0, 1}, {"1/1/Y/4", "1/1/Y/6"}},
+    };
+    for (const Row &r : rows) {
+        reports().clear();
+        write(r.reg, r.addr, r.data, r.count);
+        EXPECT_EQ(reports(), r.reports) << r.reg;
+    }
+    EXPECT_TRUE(seen.startsWith("0000 ")) << "the callback still sees what was shown before";
     EXPECT_EQ(read(1, "D_D", 20, 2, 4).toHex(), QByteArray("02000100"));
-    reports().clear();
-    write("32C", 200, {1, 0, 0, 0, 0, 0, 0, 0}, 4);
-    EXPECT_EQ(reports(), QStringList{"1/1/32C/200"}) << "201 is written with the value it shows";
-    reports().clear();
-    write("CV", 3, {9, 0}, 1);
-    EXPECT_EQ(reports(), QStringList{"1/1/CV/3"});
-    reports().clear();
-    // Bits are reported directly, under the name the host gave, monitored or not.
-    write("Y", 4, {1, 0, 1}, 3);
-    EXPECT_EQ(reports(), (QStringList{"1/1/Y/4", "1/1/Y/6"}));
     intf_setAddrValueChangeCallBack(recordReport);
 }
 
@@ -133,17 +133,17 @@ TEST_F(Writes, SettlingTable)
         const char *what;
         bool ok;
         const char *reg;
-        int addr;
+        int addr, count;
         std::vector<uint8_t> data;
         QList<KEY_ADDRESS> monitored;
         QStringList reports;
     } rows[] = {
-        {"word succeeds", true, "D_W", 10, {0x78, 0x56}, {key(1, "D_W", 10, 1)}, {}},
-        {"word fails", false, "D_W", 10, {0x78, 0x56}, {key(1, "D_W", 10, 1)}, {"1/1/D_W/10"}},
-        {"bits fail", false, "Y", 4, {1, 1, 1}, {}, {"1/1/Y/4", "1/1/Y/5", "1/1/Y/6"}},
-        {"counter fails", false, "32C", 200, {1, 2, 3, 4}, {key(1, "32C", 200, 2)}, {"1/1/32C/200"}},
-        {"double word fails", false, "D_D", 100, {1, 2, 3, 4}, {key(1, "D_D", 100, 2)}, {"1/1/D_D/100", "1/1/D_D/100"}},
-        {"unmonitored word fails", false, "TV", 1, {1, 2}, {}, {}},
+        {"word succeeds", true, "D_W", 10, 1, {0x78, 0x56}, {key(1, "D_W", 10, 1)}, {}},
+        {"word fails", false, "D_W", 10, 1, {0x78, 0x56}, {key(1, "D_W", 10, 1)}, {"1/1/D_W/10"}},
+        {"bits fail", false, "Y", 4, 3, {1, 1, 1}, {}, {"1/1/Y/4", "1/1/Y/5", "1/1/Y/6"}},
+        {"counter fails", false, "32C", 200, 2, {1, 2, 3, 4}, {key(1, "32C", 200, 2)}, {"1/1/32C/200"}},
+        {"double word fails", false, "D_D", 100, 2, {1, 2, 3, 4}, {key(1, "D_D", 100, 2)}, {"1/1/D_D/100", "1/1/D_D/100"}},
+        {"unmonitored word fails", false, "TV", 1, 1, {1, 2}, {}, {}},
     };
     for (const Row &r : rows) {
         restart(r.ok ? "1#0#0#3#64" : "1#0#0#1#64");
@@ -155,9 +155,7 @@ TEST_F(Writes, SettlingTable)
             d.value[0] = 0x34;
             d.value[1] = 0x12;
         }
-        const int count = registerArea(getIndexFromRegName(r.reg)).isBit() ? int(r.data.size())
-                                                                                            : int(r.data.size()) / 2;
-        write(r.reg, r.addr, r.data, count);
+        write(r.reg, r.addr, r.data, r.count);
         reports().clear();
         FRAME_PRO f;
         ASSERT_EQ(intf_getSendFrame(f), 1);
