@@ -92,8 +92,8 @@ TEST_F(Cycle, RetriesThenFailure)
             if (i == 0)
                 first = frameBytes(f);
             EXPECT_EQ(frameBytes(f), first) << "the same frame is offered again";
-            QString what;
-            results << intf_dealRcvFrame(QByteArray(), what);
+            QString what; // silence, or a reply that fails the check (here an exception)
+            results << intf_dealRcvFrame(i == 1 ? withCrc(hex("018302")) : QByteArray(), what);
             EXPECT_EQ(what, "1#D_W0(2)");
         }
         EXPECT_EQ(results, r.results) << "retryTimes " << r.retryTimes;
@@ -103,20 +103,6 @@ TEST_F(Cycle, RetriesThenFailure)
         plc.run(1);
         EXPECT_EQ(driver.commError, 0) << "a good reply clears the error";
     }
-}
-
-TEST_F(Cycle, WrongReplyCostsAnAttemptAndKeepsTheHead)
-{
-    monitor({key(1, "D_W", 0, 2)});
-    plc.registers[0] = 0x1234;
-    FRAME_PRO f;
-    intf_getSendFrame(f);
-    QString what;
-    EXPECT_EQ(intf_dealRcvFrame(withCrc(hex("018302")), what), 8);
-    EXPECT_EQ(driver.failCount, 1);
-    EXPECT_EQ(intf_dealRcvFrame(plc.answer(f), what), 1);
-    EXPECT_EQ(driver.failCount, 0);
-    EXPECT_EQ(read(1, "D_W", 0, 1, 2).toHex(), QByteArray("3412"));
 }
 
 TEST_F(Cycle, BroadcastWriteAndHandshakeNeedNoReply)
