@@ -24,38 +24,36 @@ TEST_F(Planning, MergeTable)
     struct Row {
         const char *what;
         int gap;
-        int mode;
         QList<KEY_ADDRESS> items;
         const char *blocks;
     } rows[] = {
-        {"long item cut at 128", 10, 1, {key(1, "D_W", 5, 300)}, "1:D_W:5+128 1:D_W:133+128 1:D_W:261+44"},
-        {"touching", 10, 1, {key(1, "D_W", 0, 10), key(1, "D_W", 10, 5)}, "1:D_W:0+15"},
-        {"overlapping", 0, 1, {key(1, "D_W", 0, 10), key(1, "D_W", 5, 10)}, "1:D_W:0+15"},
-        {"inside", 0, 1, {key(1, "D_W", 0, 10), key(1, "D_W", 2, 3)}, "1:D_W:0+10"},
-        {"span of 128 joins", 0, 1, {key(1, "D_W", 0, 100), key(1, "D_W", 100, 28)}, "1:D_W:0+128"},
-        {"span of 129 does not", 0, 1, {key(1, "D_W", 0, 100), key(1, "D_W", 100, 29)}, "1:D_W:0+100 1:D_W:100+29"},
-        {"gap equal to maxBlockLen bridged", 10, 1, {key(1, "D_W", 0, 5), key(1, "D_W", 15, 5)}, "1:D_W:0+20"},
-        {"gap one more kept", 10, 1, {key(1, "D_W", 0, 5), key(1, "D_W", 16, 5)}, "1:D_W:0+5 1:D_W:16+5"},
-        {"bridge never exceeds 128", 50, 1, {key(1, "D_W", 0, 60), key(1, "D_W", 100, 29)}, "1:D_W:0+60 1:D_W:100+29"},
-        {"bridge up to 128", 50, 1, {key(1, "D_W", 0, 60), key(1, "D_W", 100, 28)}, "1:D_W:0+128"},
-        {"stations never mix", 10, 1, {key(1, "D_W", 0, 5), key(2, "D_W", 5, 5)}, "1:D_W:0+5 2:D_W:5+5"},
-        {"areas never mix", 10, 1, {key(1, "CV", 0, 10), key(1, "32C", 200, 4)}, "1:32C:200+2 1:CV:0+10"},
-        {"D_D joins D_W", 10, 1, {key(1, "D_W", 0, 4), key(1, "D_D", 4, 2)}, "1:D_W:0+6"},
-        {"sorted by station, area, address", 0, 1,
+        {"long item cut at 128", 10, {key(1, "D_W", 5, 300)}, "1:D_W:5+128 1:D_W:133+128 1:D_W:261+44"},
+        {"touching", 10, {key(1, "D_W", 0, 10), key(1, "D_W", 10, 5)}, "1:D_W:0+15"},
+        {"overlapping", 0, {key(1, "D_W", 0, 10), key(1, "D_W", 5, 10)}, "1:D_W:0+15"},
+        {"inside", 0, {key(1, "D_W", 0, 10), key(1, "D_W", 2, 3)}, "1:D_W:0+10"},
+        {"span of 128 joins", 0, {key(1, "D_W", 0, 100), key(1, "D_W", 100, 28)}, "1:D_W:0+128"},
+        {"span of 129 does not", 0, {key(1, "D_W", 0, 100), key(1, "D_W", 100, 29)}, "1:D_W:0+100 1:D_W:100+29"},
+        {"gap equal to maxBlockLen bridged", 10, {key(1, "D_W", 0, 5), key(1, "D_W", 15, 5)}, "1:D_W:0+20"},
+        {"gap one more kept", 10, {key(1, "D_W", 0, 5), key(1, "D_W", 16, 5)}, "1:D_W:0+5 1:D_W:16+5"},
+        {"bridge never exceeds 128", 50, {key(1, "D_W", 0, 60), key(1, "D_W", 100, 29)}, "1:D_W:0+60 1:D_W:100+29"},
+        {"bridge up to 128", 50, {key(1, "D_W", 0, 60), key(1, "D_W", 100, 28)}, "1:D_W:0+128"},
+        {"stations never mix", 10, {key(1, "D_W", 0, 5), key(2, "D_W", 5, 5)}, "1:D_W:0+5 2:D_W:5+5"},
+        {"areas never mix", 10, {key(1, "CV", 0, 10), key(1, "32C", 200, 4)}, "1:32C:200+2 1:CV:0+10"},
+        {"D_D joins D_W", 10, {key(1, "D_W", 0, 4), key(1, "D_D", 4, 2)}, "1:D_W:0+6"},
+        {"sorted by station, area, address", 0,
          {key(2, "X", 0, 1), key(1, "D_W", 9, 1), key(1, "X", 3, 1), key(1, "D_W", 0, 1)},
          "1:X:3+1 1:D_W:0+1 1:D_W:9+1 2:X:0+1"},
-        {"32C halves registers", 10, 1, {key(1, "32C", 200, 3)}, "1:32C:200+1"},
-        {"unknown area merges with itself", 10, 1, {key(1, "Q", 0, 2), key(1, "Q", 2, 2)}, "1:Q:0+4"},
-        {"item inside pieces of a long one", 10, 1, {key(1, "D_W", 200, 300), key(1, "D_W", 300, 10)},
+        {"32C halves registers", 10, {key(1, "32C", 200, 3)}, "1:32C:200+1"},
+        {"unknown area merges with itself", 10, {key(1, "Q", 0, 2), key(1, "Q", 2, 2)}, "1:Q:0+4"},
+        {"item inside pieces of a long one", 10, {key(1, "D_W", 200, 300), key(1, "D_W", 300, 10)},
          "1:D_W:200+128 1:D_W:328+128 1:D_W:456+44"},
-        {"item reaching past pieces", 0, 1, {key(1, "D_W", 200, 300), key(1, "D_W", 400, 200)},
+        {"item reaching past pieces", 0, {key(1, "D_W", 200, 300), key(1, "D_W", 400, 200)},
          "1:D_W:200+128 1:D_W:328+128 1:D_W:456+44 1:D_W:400+128 1:D_W:528+72"},
     };
     for (const Row &r : rows) {
-        intf_initProperty(nullptr, 0, nullptr, nullptr, QStringLiteral("1#0#0#3#%1").arg(r.gap).toLatin1().constData(),
-                          nullptr);
+        driver.maxBlockLen = r.gap;
         QList<KEY_ADDRESS> items = r.items;
-        addrMerge(items, r.mode);
+        addrMerge(items, 1); // monitor planning; recipe planning has its own table below
         EXPECT_EQ(blocksOf(items), r.blocks) << r.what;
     }
 }
@@ -119,7 +117,6 @@ TEST_F(Planning, MonitorFlagsTable)
         {"32C", 200, 4, {"32C/200=1", "32C/201=1"}},
         {"32C", 200, 1, {}},
         {"CV", 5, 0, {}},
-        {"CV", 5, -3, {}},
     };
     for (const Row &r : rows) {
         restart("1#0#0#3#64");
