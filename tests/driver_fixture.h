@@ -41,9 +41,7 @@ inline void recordReport(int id, int station, QString &item, int addr)
 inline QByteArray withCrc(QByteArray bytes)
 {
     const uint16_t crc = computate_check(reinterpret_cast<const unsigned char *>(bytes.constData()), static_cast<unsigned short>(bytes.size()));
-    bytes.append(char(crc & 0xFF));
-    bytes.append(char(crc >> 8));
-    return bytes;
+    return bytes.append(char(crc & 0xFF)).append(char(crc >> 8));
 }
 
 inline QByteArray hex(const char *h)
@@ -76,42 +74,26 @@ inline VARIABLE variable(int station, const QString &reg, int start, int len, in
 // A recipe variable of this driver (id 1).
 inline _RCP_VAR_PRO rcp(const char *reg, int start, int len, int offset, int station = 1, int driverId = 1)
 {
-    _RCP_VAR_PRO v;
-    v.driverId = driverId;
-    v.station = station;
-    v.regName = reg;
-    v.startAddr = start;
-    v.len = len;
-    v.rcpOffset = offset;
-    return v;
+    return _RCP_VAR_PRO{driverId, station, reg, start, len, offset};
 }
 
 // Sends the frame the driver offers and answers it with `reply`; returns the verdict.
 inline int exchange(const QByteArray &reply, FRAME_PRO *sent = nullptr, QString *what = nullptr)
 {
     FRAME_PRO f;
-    if (intf_getSendFrame(f) != 1)
-        return -100;
-    if (sent)
-        *sent = f;
     QString text;
-    const int r = intf_dealRcvFrame(reply, text);
-    if (what)
-        *what = text;
-    return r;
+    if (intf_getSendFrame(sent ? *sent : f) != 1)
+        return -100;
+    return intf_dealRcvFrame(reply, what ? *what : text);
 }
 
 // A reply to a register read carrying `words` (high byte first on the wire).
 inline QByteArray registersReply(int station, const std::vector<uint16_t> &words)
 {
     QByteArray b;
-    b.append(char(station));
-    b.append(char(0x03));
-    b.append(char(2 * words.size()));
-    for (uint16_t w : words) {
-        b.append(char(w >> 8));
-        b.append(char(w & 0xFF));
-    }
+    b.append(char(station)).append(char(0x03)).append(char(2 * words.size()));
+    for (uint16_t w : words)
+        b.append(char(w >> 8)).append(char(w & 0xFF));
     return withCrc(b);
 }
 
