@@ -19,7 +19,6 @@ public:
         }
         resolve(initProperty, "intf_initProperty");
         resolve(addrMerge, "intf_addrMerge");
-        resolve(setRcpAddress, "intf_setRcpAddress");
         resolve(getSendFrame, "intf_getSendFrame");
         resolve(dealRcvFrame, "intf_dealRcvFrame");
         resolve(getData, "intf_getData");
@@ -39,7 +38,6 @@ public:
 
     decltype(&intf_initProperty) initProperty = nullptr;
     decltype(&intf_addrMerge) addrMerge = nullptr;
-    decltype(&intf_setRcpAddress) setRcpAddress = nullptr;
     decltype(&intf_getSendFrame) getSendFrame = nullptr;
     decltype(&intf_dealRcvFrame) dealRcvFrame = nullptr;
     decltype(&intf_getData) getData = nullptr;
