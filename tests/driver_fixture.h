@@ -10,6 +10,7 @@
 #include <ostream>
 #include <vector>
 
+#include "rtuplc_support/frames.h"
 #include "rtuplc_support/request.h"
 #include "serviceForProtocol.h"
 
@@ -37,12 +38,7 @@ inline void recordReport(int id, int station, QString &item, int addr)
     reports() << QStringLiteral("%1/%2/%3/%4").arg(id).arg(station).arg(item).arg(addr);
 }
 
-// Bytes with the Modbus CRC appended, low byte first.
-inline QByteArray withCrc(QByteArray bytes)
-{
-    const uint16_t crc = computate_check(reinterpret_cast<const unsigned char *>(bytes.constData()), static_cast<unsigned short>(bytes.size()));
-    return bytes.append(char(crc & 0xFF)).append(char(crc >> 8));
-}
+using rtusim::withCrc;
 
 inline QByteArray hex(const char *h)
 {
