@@ -5,11 +5,15 @@
 //   build/bench/rtuplc_bench --memory           resident bytes per data area at 1M areas
 #include <benchmark/benchmark.h>
 
+#include <QHash>
 #include <QRandomGenerator>
 
 #include <cstdio>
 #include <cstring>
+#include <algorithm>
 #include <fstream>
+#include <random>
+#include <unordered_map>
 #include <string>
 #include <unistd.h>
 
@@ -140,6 +144,220 @@ BENCHMARK(BM_PollCycleLinearBaseline)
     ->Arg(1000000)
     ->Unit(benchmark::kMicrosecond)
     ->MinTime(0.5);
+
+// --- A panel that monitors everything it caches: every block polled in turn. ---
+//
+// `units` registers of D_W, one 125-register item per block, registered in random
+// order over as many stations as they need (64 blocks a station). Each benchmark
+// iteration is one whole rotation over every block; every register changes in every
+// reply. "cycle" is the time of one getSendFrame + dealRcvFrame, averaged over the
+// rotations, so the caches are as cold as a real panel leaves them.
+
+constexpr int kBlocksPerStation = 8000 / kBlock;
+
+QList<KEY_ADDRESS> panelItems(int units)
+{
+    QList<KEY_ADDRESS> keys;
+    for (int b = 0; b < units / kBlock; ++b) {
+        KEY_ADDRESS k;
+        k.station = 1 + b / kBlocksPerStation;
+        k.regName = QStringLiteral("D_W");
+        k.startAddr = (b % kBlocksPerStation) * kBlock;
+        k.len = kBlock;
+        keys << k;
+    }
+    std::mt19937 rng(11);
+    std::shuffle(keys.begin(), keys.end(), rng);
+    return keys;
+}
+
+// A reply to the register read in `f` whose every register differs between seeds.
+QByteArray replyFor(const FRAME_PRO &f, uint16_t seed)
+{
+    const int registers = (f.frame[4] << 8) | f.frame[5];
+    QByteArray b;
+    b.append(char(f.frame[0]));
+    b.append(char(0x03));
+    b.append(char(2 * registers));
+    for (int i = 0; i < registers; ++i) {
+        const uint16_t w = uint16_t(seed + 3 * i + f.frame[3]);
+        b.append(char(w >> 8));
+        b.append(char(w & 0xFF));
+    }
+    return withCrc(b);
+}
+
+// Registers the panel and answers one rotation, so that every area exists and the
+// replies of both parities are ready in the order the blocks are polled.
+struct Panel {
+    int blocks = 0;
+    std::vector<QByteArray> replies[2];
+    std::vector<VARIABLE> reads; // the blocks in the order they are polled
+
+    explicit Panel(int units)
+    {
+        intf_setAddrValueChangeCallBack(noReport);
+        intf_initProperty(nullptr, 0, nullptr, nullptr, "1#0#0#3#64", nullptr);
+        QList<KEY_ADDRESS> keys = panelItems(units);
+        blocks = intf_addrMerge(keys);
+        for (int b = 0; b < blocks; ++b) {
+            FRAME_PRO f;
+            intf_getSendFrame(f);
+            reads.push_back(driver.curVar);
+            replies[0].push_back(replyFor(f, 1000));
+            replies[1].push_back(replyFor(f, 2000));
+            QString what;
+            intf_dealRcvFrame(replies[1].back(), what);
+        }
+    }
+};
+
+void BM_PollRoundRobin(benchmark::State &state)
+{
+    Panel panel(int(state.range(0)));
+    int parity = 0;
+    for (auto _ : state) {
+        const std::vector<QByteArray> &replies = panel.replies[parity ^= 1];
+        for (int b = 0; b < panel.blocks; ++b) {
+            FRAME_PRO f;
+            intf_getSendFrame(f);
+            QString what;
+            benchmark::DoNotOptimize(intf_dealRcvFrame(replies[size_t(b)], what));
+        }
+    }
+    state.counters["units"] = double(driver.dataAreas.size());
+    state.counters["cycle"] = benchmark::Counter(double(panel.blocks), benchmark::Counter::kIsIterationInvariantRate |
+                                                                           benchmark::Counter::kInvert);
+}
+BENCHMARK(BM_PollRoundRobin)->Arg(1000)->Arg(10000)->Arg(100000)->Arg(1000000)->Unit(benchmark::kMillisecond);
+
+// The same rotation over a plain hashed cache: every unit of every reply found by a
+// std::unordered_map lookup, with the frame work of the driver's own cycle.
+void BM_PollRoundRobinHashBaseline(benchmark::State &state)
+{
+    Panel panel(int(state.range(0)));
+    QList<_DATA_> areas = driver.dataAreas;
+    areas.detach();
+    std::unordered_map<uint64_t, int> index;
+    index.reserve(size_t(areas.size()));
+    for (int i = 0; i < areas.size(); ++i)
+        index.emplace(uint64_t(uint32_t(areas.at(i).station)) << 32 | uint32_t(areas.at(i).addr), i);
+    int parity = 0;
+    for (auto _ : state) {
+        const std::vector<QByteArray> &replies = panel.replies[parity ^= 1];
+        for (int b = 0; b < panel.blocks; ++b) {
+            const VARIABLE &var = panel.reads[size_t(b)];
+            getReadFrame(QList<VARIABLE>{var}); // the same frame work as the driver's cycle
+            const QByteArray &reply = replies[size_t(b)];
+            const unsigned char *r = reinterpret_cast<const unsigned char *>(reply.constData());
+            benchmark::DoNotOptimize(check_rcv_data(r, {}, reply.size()));
+            driver.frameList.clear();
+            for (int i = 0; i < var.len; ++i) {
+                _DATA_ &a = areas[index[uint64_t(uint32_t(var.station)) << 32 | uint32_t(var.startAddr + i)]];
+                const int p = 3 + 2 * i;
+                if (uchar2int16(a.value[0], a.value[1]) != uchar2int16(r[p + 1], r[p])) {
+                    a.value[0] = r[p + 1];
+                    a.value[1] = r[p];
+                    a.writePending = 0;
+                    if (a.monitorFlags & MON_UNIT) {
+                        QString item = QStringLiteral("D_W");
+                        noReport(1, a.station, item, a.addr);
+                    }
+                }
+            }
+        }
+    }
+    state.counters["units"] = double(areas.size());
+    state.counters["cycle"] = benchmark::Counter(double(panel.blocks), benchmark::Counter::kIsIterationInvariantRate |
+                                                                           benchmark::Counter::kInvert);
+}
+BENCHMARK(BM_PollRoundRobinHashBaseline)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Arg(1000000)
+    ->Unit(benchmark::kMillisecond);
+
+// --- Registration as screens do it: 100k items of one to four units of D_W or M,
+// scattered over 200 stations, in random order; first into an empty cache, then the
+// same list again (every area already there). ---
+
+QList<KEY_ADDRESS> screenItems(int n)
+{
+    std::mt19937 rng(5);
+    QList<KEY_ADDRESS> items;
+    items.reserve(n);
+    for (int i = 0; i < n; ++i) {
+        KEY_ADDRESS k;
+        const bool word = rng() % 2 == 0;
+        k.station = 1 + int(rng() % 200);
+        k.regName = word ? QStringLiteral("D_W") : QStringLiteral("M");
+        k.len = 1 + int(rng() % 4);
+        k.startAddr = int(rng() % uint32_t((word ? 8000 : 2000) - k.len));
+        k.bitPos = word ? 0 : -1;
+        items << k;
+    }
+    return items;
+}
+
+void BM_RegisterFirst(benchmark::State &state)
+{
+    QList<KEY_ADDRESS> items = screenItems(int(state.range(0)));
+    for (auto _ : state) {
+        state.PauseTiming();
+        intf_initProperty(nullptr, 0, nullptr, nullptr, "1#0#0#3#64", nullptr);
+        state.ResumeTiming();
+        benchmark::DoNotOptimize(intf_addrMerge(items));
+    }
+    state.counters["units"] = double(driver.dataAreas.size());
+    state.counters["blocks"] = double(driver.monitorList.size());
+}
+BENCHMARK(BM_RegisterFirst)->Arg(100000)->Unit(benchmark::kMillisecond);
+
+void BM_RegisterAgain(benchmark::State &state)
+{
+    QList<KEY_ADDRESS> items = screenItems(int(state.range(0)));
+    intf_initProperty(nullptr, 0, nullptr, nullptr, "1#0#0#3#64", nullptr);
+    intf_addrMerge(items);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(intf_addrMerge(items));
+}
+BENCHMARK(BM_RegisterAgain)->Arg(100000)->Unit(benchmark::kMillisecond);
+
+// The same registration done plainly: a std::unordered_map for the areas, the item's
+// texts compared and rebuilt per item, and a stable sort on the resulting weights.
+void BM_RegisterPlainBaseline(benchmark::State &state)
+{
+    const QList<KEY_ADDRESS> items = screenItems(int(state.range(0)));
+    for (auto _ : state) {
+        QList<_DATA_> areas;
+        QHash<QString, int> index;
+        std::vector<std::pair<uint32_t, int>> order;
+        for (int i = 0; i < items.size(); ++i) {
+            const KEY_ADDRESS &k = items.at(i);
+            const QString prefix = regPrefixOf(k.regName);
+            for (int a = k.startAddr; a < k.startAddr + k.len; ++a) {
+                const QString key = QStringLiteral("%1/%2/%3").arg(k.station).arg(prefix).arg(a);
+                auto it = index.find(key);
+                if (it == index.end()) {
+                    _DATA_ d;
+                    d.station = k.station;
+                    d.regPrefix = prefix;
+                    d.addr = a;
+                    areas.append(d);
+                    it = index.insert(key, areas.size() - 1);
+                }
+                areas[it.value()].monitorFlags |= MON_UNIT;
+            }
+            const QString name = k.regName.contains('_') ? k.regName.section('_', 0, 0) + "_W" : k.regName;
+            order.emplace_back(getRegAddressWeight(k.station, name, k.startAddr, k.len), i);
+        }
+        std::stable_sort(order.begin(), order.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
+        benchmark::DoNotOptimize(order.data());
+        benchmark::DoNotOptimize(areas.size());
+    }
+}
+BENCHMARK(BM_RegisterPlainBaseline)->Arg(100000)->Unit(benchmark::kMillisecond);
 
 // --- Merging the monitored addresses into read blocks. ---
 

@@ -147,33 +147,56 @@ std::vector<MergeItem> mergeItems(std::vector<MergeItem> items, int mode, QList<
     if (items.empty())
         return {};
     const bool recipe = mode == MERGE_RECIPE;
-    for (MergeItem &it : items) {
-        const int reg = getIndexFromRegName(it.regName);
-        if (reg < 0)
-            continue; // unknown areas merge only with their very own name
-        if (recipe) {
-            it.len = recipeUnits(reg, static_cast<int>(it.len));
-        } else {
-            const int cut = it.regName.indexOf(QLatin1Char('_'));
-            if (cut >= 0) // D_D and D_W share the D registers and are read together
-                it.regName = it.regName.left(cut) + QStringLiteral("_W");
-            it.len = monitorUnits(reg, static_cast<int>(it.len));
+    // Per register, what monitor planning reads it as: D_D and D_W share the D
+    // registers and are read together as D_W. One shared text per register, so that
+    // no item builds a string of its own.
+    static const struct MonitorNames {
+        QString name[REG_COUNT];
+        MonitorNames()
+        {
+            for (int i = 0; i < REG_COUNT; ++i) {
+                const int cut = REG_LIST[i].indexOf(QLatin1Char('_'));
+                name[i] = cut >= 0 ? REG_LIST[i].left(cut) + QStringLiteral("_W") : REG_LIST[i];
+            }
         }
+    } monitorNames;
+    // Weight of each register's name in the host-visible register list, looked up once
+    // per call instead of once per item (-2: not yet looked up).
+    int regWeight[REG_COUNT];
+    std::fill(std::begin(regWeight), std::end(regWeight), -2);
+    std::vector<uint64_t> order; // weight in the high half, position in the low: sorts stably
+    if (!recipe)
+        order.reserve(items.size());
+    for (size_t i = 0; i < items.size(); ++i) {
+        MergeItem &it = items[i];
+        const int reg = regIndexOf(it.regName);
+        if (recipe) {
+            if (reg >= 0)
+                it.len = recipeUnits(reg, static_cast<int>(it.len));
+            continue;
+        }
+        uint32_t weight;
+        if (reg >= 0) {
+            const QString &name = monitorNames.name[reg];
+            if (it.regName.constData() != name.constData())
+                it.regName = name;
+            it.len = monitorUnits(reg, static_cast<int>(it.len));
+            int &p = regWeight[reg];
+            if (p == -2)
+                p = driver.regList.indexOf(name);
+            const uint32_t n = static_cast<uint32_t>(driver.regList.size());
+            weight = (uint32_t(it.station) * n + uint32_t(p)) * kWeightStep + uint32_t(int(it.start));
+        } else { // unknown areas merge only with their very own name
+            weight = getRegAddressWeight(it.station, it.regName, static_cast<int>(it.start), static_cast<int>(it.len));
+        }
+        order.push_back((uint64_t(weight) << 32) | uint64_t(i));
     }
     if (!recipe && items.size() >= 2) {
-        std::vector<std::pair<uint32_t, size_t>> order(items.size());
-        for (size_t i = 0; i < items.size(); ++i) {
-            const MergeItem &it = items[i];
-            order[i] = {getRegAddressWeight(it.station, it.regName, static_cast<int>(it.start),
-                                            static_cast<int>(it.len)),
-                        i};
-        }
-        std::stable_sort(order.begin(), order.end(),
-                         [](const auto &a, const auto &b) { return a.first < b.first; });
+        std::sort(order.begin(), order.end());
         std::vector<MergeItem> sorted;
         sorted.reserve(items.size());
-        for (const auto &o : order)
-            sorted.push_back(std::move(items[o.second]));
+        for (const uint64_t o : order)
+            sorted.push_back(std::move(items[size_t(o & 0xFFFFFFFFu)]));
         items.swap(sorted);
     }
 
@@ -244,12 +267,12 @@ int _setBitValue(int value, int bit, int on)
 
 int _setDataAreaMonitorFlag(int station, const QString &regName, int startAddr, int len)
 {
-    const int reg = getIndexFromRegName(regName);
+    const int reg = regIndexOf(regName);
     if (reg < 0)
         return -1;
-    const QString &width = ADDRESS_RANGE_PRO[reg][COL_VALUE_WIDTH];
-    const QString &unit = ADDRESS_RANGE_PRO[reg][COL_UNIT_WIDTH];
-    const int pid = driver.areaIndex.prefixId(regPrefixOf(regName));
+    const int width = regColumnInt(reg, COL_VALUE_WIDTH);
+    const int unit = regColumnInt(reg, COL_UNIT_WIDTH);
+    const int pid = driver.areaIndex.prefixOfReg(reg);
     const auto flag = [&](int64_t a, int bit) {
         if (a > INT_MAX || a < INT_MIN)
             return;
@@ -257,7 +280,7 @@ int _setDataAreaMonitorFlag(int station, const QString &regName, int startAddr, 
         area.monitorFlags = _setBitValue(area.monitorFlags, bit, 1);
     };
     const int64_t start = startAddr;
-    if (width == QLatin1String("32") && unit == QLatin1String("16")) {
+    if (width == 32 && unit == 16) {
         // A 32-bit value over two registers: its first register gets bit 1, the
         // second bit 2.
         const int64_t m = len - len % 2;
@@ -265,10 +288,10 @@ int _setDataAreaMonitorFlag(int station, const QString &regName, int startAddr, 
             flag(a, 1);
             flag(a + 1, 2);
         }
-    } else if (width == QLatin1String("32") && unit == QLatin1String("32")) {
+    } else if (width == 32 && unit == 32) {
         for (int64_t a = start; a < start + len / 2; ++a)
             flag(a, 0);
-    } else if (width == unit && (width == QLatin1String("1") || width == QLatin1String("16"))) {
+    } else if (width == unit && (width == 1 || width == 16)) {
         for (int64_t a = start; a < start + len; ++a)
             flag(a, 0);
     }
