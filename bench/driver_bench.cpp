@@ -28,7 +28,7 @@ void noReport(int, int, QString &, int) {}
 
 QByteArray withCrc(QByteArray b)
 {
-    const uint16_t crc = crc16(reinterpret_cast<const unsigned char *>(b.constData()), size_t(b.size()));
+    const uint16_t crc = computate_check(reinterpret_cast<const unsigned char *>(b.constData()), static_cast<unsigned short>(b.size()));
     b.append(char(crc & 0xFF));
     b.append(char(crc >> 8));
     return b;
@@ -128,10 +128,10 @@ void BM_PollCycleLinearBaseline(benchmark::State &state)
     var.len = kBlock;
     int turn = 0;
     for (auto _ : state) {
-        getReadFrame(QList<VARIABLE>{var});
+        getReadFrame(QList<VARIABLE>{var}, driver.frameList);
         const QByteArray &reply = replies[turn ^= 1];
         benchmark::DoNotOptimize(check_rcv_data(reinterpret_cast<const unsigned char *>(reply.constData()), {},
-                                                reply.size()));
+                                                reply.size(), driver.frameList.first()));
         decodeByScan(areas, reply, var);
         driver.frameList.clear();
     }
@@ -247,10 +247,10 @@ void BM_PollRoundRobinHashBaseline(benchmark::State &state)
         const std::vector<QByteArray> &replies = panel.replies[parity ^= 1];
         for (int b = 0; b < panel.blocks; ++b) {
             const VARIABLE &var = panel.reads[size_t(b)];
-            getReadFrame(QList<VARIABLE>{var}); // the same frame work as the driver's cycle
+            getReadFrame(QList<VARIABLE>{var}, driver.frameList); // the frame work of the driver's cycle
             const QByteArray &reply = replies[size_t(b)];
             const unsigned char *r = reinterpret_cast<const unsigned char *>(reply.constData());
-            benchmark::DoNotOptimize(check_rcv_data(r, {}, reply.size()));
+            benchmark::DoNotOptimize(check_rcv_data(r, {}, reply.size(), driver.frameList.first()));
             driver.frameList.clear();
             for (int i = 0; i < var.len; ++i) {
                 _DATA_ &a = areas[index[uint64_t(uint32_t(var.station)) << 32 | uint32_t(var.startAddr + i)]];
@@ -413,7 +413,7 @@ void BM_AddrMergeBubbleBaseline(benchmark::State &state)
                 }
             }
         }
-        benchmark::DoNotOptimize(mergeItems(std::move(work), MERGE_MONITOR, nullptr).size());
+        benchmark::DoNotOptimize(addrMerge(std::move(work), MERGE_MONITOR, nullptr).size());
     }
 }
 BENCHMARK(BM_AddrMergeBubbleBaseline)->Arg(100)->Arg(10000)->Unit(benchmark::kMillisecond)->Iterations(3);
@@ -468,7 +468,7 @@ void BM_Crc(benchmark::State &state)
 {
     const QByteArray reply = blockReply(1);
     for (auto _ : state)
-        benchmark::DoNotOptimize(crc16(reinterpret_cast<const unsigned char *>(reply.constData()), size_t(reply.size())));
+        benchmark::DoNotOptimize(computate_check(reinterpret_cast<const unsigned char *>(reply.constData()), static_cast<unsigned short>(reply.size())));
 }
 BENCHMARK(BM_Crc);
 

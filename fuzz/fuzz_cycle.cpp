@@ -69,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const int len2 = in.u8();
     const int offset = in.u16();
     const QString name = REG_LIST[sc.area];
-    const bool bits = isBitArea(sc.area);
+    const bool bits = registerArea(sc.area).isBit();
 
     if (what & T_MONITOR) {
         QList<KEY_ADDRESS> keys;

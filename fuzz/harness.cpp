@@ -87,7 +87,7 @@ int setRecipe(QVector<_RCP_VAR_PRO> &vars)
         if (reg < 0 || q.len <= 0)
             continue;
         const int64_t first = std::max<int64_t>(q.rcpOffset, 0);
-        const int64_t end = int64_t(q.rcpOffset) + int64_t(q.len) * (regColumnInt(reg, COL_UNIT_WIDTH) == 32 ? 2 : 1);
+        const int64_t end = int64_t(q.rcpOffset) + int64_t(q.len) * (registerArea(reg).kind == AreaKind::DWordUnit ? 2 : 1);
         if (end > kRecipeWords)
             abort(); // the harness gave the driver a buffer too small for its recipe
         if (end > first)
@@ -179,7 +179,7 @@ void restart(const char *properties, bool withHost)
 
 QByteArray withCrc(QByteArray bytes)
 {
-    const uint16_t crc = crc16(reinterpret_cast<const unsigned char *>(bytes.constData()), size_t(bytes.size()));
+    const uint16_t crc = computate_check(reinterpret_cast<const unsigned char *>(bytes.constData()), static_cast<unsigned short>(bytes.size()));
     bytes.append(static_cast<char>(crc & 0xFF));
     bytes.append(static_cast<char>(crc >> 8));
     return bytes;
@@ -253,7 +253,7 @@ void checkFrame(const FRAME_PRO &f)
         return;
     if (f.frameLen < 4)
         abort();
-    const uint16_t crc = crc16(f.frame, size_t(f.frameLen - 2));
+    const uint16_t crc = computate_check(f.frame, static_cast<unsigned short>(f.frameLen - 2));
     if (f.frame[f.frameLen - 2] != (crc & 0xFF) || f.frame[f.frameLen - 1] != (crc >> 8))
         abort();
 }
@@ -266,7 +266,7 @@ KEY_ADDRESS keyOf(int station, int area, int start, int len)
     k.regName = REG_LIST[area];
     k.startAddr = start;
     k.len = len;
-    k.bitPos = isBitArea(area) ? -1 : 0;
+    k.bitPos = registerArea(area).isBit() ? -1 : 0;
     return k;
 }
 } // namespace

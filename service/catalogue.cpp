@@ -87,7 +87,7 @@ int multiCp(QString regName, QString notation, int start, int count, int step, Q
     if (count < 1)
         return result;
     const int reg = getIndexFromRegName(regName);
-    const int unit = reg < 0 ? 0 : regColumnInt(reg, COL_UNIT_WIDTH);
+    const int unit = reg < 0 ? 0 : registerArea(reg).unitWidth;
     const QChar kind = notation.isEmpty() ? QChar() : notation.at(0);
     QString text;
     for (int i = 0; i < count; ++i) {
@@ -125,8 +125,8 @@ RTUPLC_EXPORT int intf_getRegListByType(int type, QStringList *names)
         return 0;
     return guarded(0, [&] {
         for (int i = 0; i < REG_COUNT; ++i) {
-            const int width = regColumnInt(i, COL_VALUE_WIDTH);
-            if ((type == 0 && width == 1) || (type != 0 && width > 1))
+            const bool bits = registerArea(i).isBit();
+            if ((type == 0 && bits) || (type != 0 && !bits))
                 names->append(REG_LIST[i]);
         }
         return (type == 0 || type == 1) ? 1 : 0;

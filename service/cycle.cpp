@@ -41,7 +41,7 @@ void readCurVar()
 {
     driver.curVarList.clear();
     driver.curVarList.append(driver.curVar);
-    getReadFrame(driver.curVarList);
+    getReadFrame(driver.curVarList, driver.frameList);
 }
 
 // Picks the next request and builds its frame. Returns false when nothing is due.
@@ -49,7 +49,7 @@ bool chooseNext(const RecipeCommands &commands)
 {
     if (driver.handshakeFlag != 0) {
         driver.sendState = SEND_HANDSHAKE;
-        handShakeFrame();
+        handShakeFrame(driver.frameList);
         return true;
     }
     RecipeCommands c = commands;
@@ -62,7 +62,7 @@ bool chooseNext(const RecipeCommands &commands)
     if (c.download) {
         rcpAddrToVar(driver.rcpReqs.at(driver.rcpIndex), driver.curVar, 1);
         driver.sendState = SEND_RCP_DOWNLOAD;
-        getWriteFrame(driver.curVar);
+        getWriteFrame(driver.curVar, driver.frameList);
         return true;
     }
     if (c.upload && !recipeRequestLeft()) {
@@ -80,7 +80,7 @@ bool chooseNext(const RecipeCommands &commands)
         driver.curVar = driver.writeList.first();
         driver.sendState = SEND_WRITE;
         driver.priorityCount += 1;
-        getWriteFrame(driver.curVar);
+        getWriteFrame(driver.curVar, driver.frameList);
         return true;
     }
     if (!driver.conditionList.isEmpty() && driver.priorityCount < kMaxPriorityReadsInRow) {
@@ -263,16 +263,16 @@ RTUPLC_EXPORT int intf_dealRcvFrame(QByteArray reply, QString &errorText)
         if (driver.frameList.isEmpty())
             return 0;
         errorText = getErrorInfo(reply);
-        const int verdict = check_rcv_data(reinterpret_cast<const unsigned char *>(reply.constData()),
-                                           driver.curVarList, reply.size());
         // What settling needs of the head, taken before callbacks may change the queue.
         const FRAME_PRO &head = driver.frameList.first();
+        const int verdict = check_rcv_data(reinterpret_cast<const unsigned char *>(reply.constData()),
+                                           driver.curVarList, reply.size(), head);
         const int station = head.station;
         const QString regName = head.regName;
         const int startAddr = head.startAddr;
         const int len = head.len;
 
-        if (verdict == 0) {
+        if (verdict == CHECK_REJECTED) {
             driver.failCount += 1;
             if (driver.failCount < driver.retryTimes)
                 return 8;
@@ -285,7 +285,7 @@ RTUPLC_EXPORT int intf_dealRcvFrame(QByteArray reply, QString &errorText)
             return 2;
         }
         driver.commError = 0;
-        if (verdict == 1)
+        if (verdict == CHECK_DATA)
             dealReadFrameReturnSaveData(reply);
         else if (driver.sendState == SEND_WRITE)
             _write_FailOrSuc(station, regName, startAddr, len, 1);

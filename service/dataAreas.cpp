@@ -73,7 +73,7 @@ int DataAreaIndex::prefixOfReg(int reg)
     if (reg < 0 || reg >= REG_COUNT)
         return -1;
     if (regPrefix_[reg] < 0)
-        regPrefix_[reg] = prefixId(regPrefixOf(REG_LIST[reg]));
+        regPrefix_[reg] = prefixId(registerArea(reg).prefix);
     return regPrefix_[reg];
 }
 
@@ -327,9 +327,9 @@ void analyzeFrameOfVal(const QByteArray &reply, int count, int dataPos, const VA
     const int reg = regIndexOf(var.regName);
     if (reg < 0)
         return;
+    const RegisterArea &info = registerArea(reg);
     const int pid = driver.areaIndex.prefixOfReg(reg);
-    const int unit = regColumnInt(reg, COL_UNIT_WIDTH);
-    const int plainName = regColumnInt(reg, COL_PLAIN_NAME);
+    const int plainName = info.plainName ? 1 : 0;
     const uint32_t generation = driver.resetGeneration;
     const auto addrOf = [&](int i) { return static_cast<int>(uint32_t(var.startAddr) + uint32_t(i)); };
 
@@ -353,14 +353,15 @@ void analyzeFrameOfVal(const QByteArray &reply, int count, int dataPos, const VA
             !driver.areaIndex.holds(driver.dataAreas.at(k), var.station, pid, addrOf(i)))
             k = dataAreaFor(var.station, pid, addrOf(i));
         _DATA_ &area = driver.dataAreas[k];
-        if (unit == 1) {
+        // Units are decoded by their width on the wire: D_D travels as its registers.
+        if (info.kind == AreaKind::Bit) {
             const uint8_t b = (r[dataPos + i / 8] >> (i % 8)) & 1;
             if (area.value[0] == b)
                 continue;
             area.value[0] = b;
             area.writePending = 0;
             _bitDataChange(k);
-        } else if (unit == 16) {
+        } else if (info.kind != AreaKind::DWordUnit) {
             const int64_t p = dataPos + 2 * int64_t(i);
             int newValue = uchar2int16(r[p + 1], r[p]);
             int oldValue = uchar2int16(area.value[0], area.value[1]);
@@ -370,7 +371,7 @@ void analyzeFrameOfVal(const QByteArray &reply, int count, int dataPos, const VA
             area.value[1] = r[p];
             area.writePending = 0;
             _wordDataChange(&oldValue, &newValue, k, plainName);
-        } else if (unit == 32) {
+        } else {
             const int64_t p = dataPos + 4 * int64_t(i);
             int newValue = uchar2int32(r[p + 3], r[p + 2], r[p + 1], r[p]);
             int oldValue = uchar2int32(area.value[0], area.value[1], area.value[2], area.value[3]);
@@ -380,8 +381,6 @@ void analyzeFrameOfVal(const QByteArray &reply, int count, int dataPos, const VA
                 area.value[b] = r[p + 3 - b];
             area.writePending = 0;
             _dwordDataChange(&oldValue, &newValue, k, plainName);
-        } else {
-            return;
         }
         if (driver.resetGeneration != generation)
             return; // a callback restarted the driver: this reply is stale
@@ -419,20 +418,22 @@ extern "C" RTUPLC_EXPORT int intf_getData(int station, QString regName, int addr
         if (out == nullptr || !hostRangeFits(addr, count))
             return -1;
         StateLock lock(driver.stateMutex);
-        const int pid = driver.areaIndex.prefixId(regPrefixOf(regName));
-        const QString &valueWidth = ADDRESS_RANGE_PRO[reg][COL_VALUE_WIDTH];
-        const QString &unitWidth = ADDRESS_RANGE_PRO[reg][COL_UNIT_WIDTH];
+        const RegisterArea &info = registerArea(reg);
+        const int pid = driver.areaIndex.prefixId(info.prefix);
         const QList<_DATA_> &areas = driver.dataAreas;
-        if (valueWidth == QLatin1String("1")) {
+        switch (info.kind) {
+        case AreaKind::Bit:
             for (int i = 0; i < count; ++i)
                 out[i] = visible(areas.at(dataAreaFor(station, pid, addr + i)))[0];
-        } else if (valueWidth == QLatin1String("16")) {
+            break;
+        case AreaKind::Word:
             for (int i = 0; i < count; ++i) {
                 const uint8_t *v = visible(areas.at(dataAreaFor(station, pid, addr + i)));
                 out[2 * i] = v[0];
                 out[2 * i + 1] = v[1];
             }
-        } else if (valueWidth == QLatin1String("32") && unitWidth == QLatin1String("16")) {
+            break;
+        case AreaKind::DWordOverWords:
             // The register at the higher address is the low half of the value.
             for (int j = 0; j < count / 2; ++j) {
                 const _DATA_ &hi = areas.at(dataAreaFor(station, pid, addr + 2 * j + 1));
@@ -445,9 +446,11 @@ extern "C" RTUPLC_EXPORT int intf_getData(int station, QString regName, int addr
                 out[4 * j + 2] = l[0];
                 out[4 * j + 3] = l[1];
             }
-        } else if (valueWidth == QLatin1String("32")) {
+            break;
+        case AreaKind::DWordUnit:
             for (int j = 0; j < count / 2; ++j)
                 std::memcpy(out + 4 * j, visible(areas.at(dataAreaFor(station, pid, addr + j))), 4);
+            break;
         }
         return 1;
     });

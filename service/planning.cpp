@@ -22,31 +22,18 @@ int truncToInt(double v)
     return static_cast<int>(v);
 }
 
-// Host lengths of word areas count 16-bit registers; the monitored path turns them
-// into the area's units (32C: registers to 32-bit values), in single precision as the
-// controller's tooling does.
-int monitorUnits(int reg, int len)
+// Host lengths of word areas count 16-bit registers; planning turns them into the
+// area's units (32C: registers to 32-bit values).
+int unitsOfHostLength(int reg, int len)
 {
-    const int unit = regColumnInt(reg, COL_UNIT_WIDTH);
-    if (unit == 1 || unit == 0)
-        return len;
-    const float factor = 16.0f / static_cast<float>(unit);
-    return truncToInt(static_cast<double>(static_cast<float>(len) * factor));
-}
-
-int recipeUnits(int reg, int len)
-{
-    const int unit = regColumnInt(reg, COL_UNIT_WIDTH);
-    if (regColumnInt(reg, COL_VALUE_WIDTH) == 1 || unit == 0)
-        return len;
-    return truncToInt(static_cast<double>(len) * (16.0 / static_cast<double>(unit)));
+    return truncToInt(static_cast<double>(registerArea(reg).unitsOfWords(len)));
 }
 
 // Buffer words one unit takes in a recipe: a bit and a register take one, a 32-bit
 // value two.
 int recipeWordsPerUnit(int reg)
 {
-    return regColumnInt(reg, COL_UNIT_WIDTH) == 32 ? 2 : 1;
+    return registerArea(reg).kind == AreaKind::DWordUnit ? 2 : 1;
 }
 
 struct BlockBuilder {
@@ -69,7 +56,7 @@ struct BlockBuilder {
             MergeItem piece = cur;
             piece.len = MAX_READ_UNITS;
             emit(piece);
-            cur.start += MAX_READ_UNITS;
+            cur.startAddr += MAX_READ_UNITS;
             cur.len -= MAX_READ_UNITS;
             if (mode == MERGE_RECIPE) {
                 const int reg = getIndexFromRegName(cur.regName);
@@ -81,7 +68,7 @@ struct BlockBuilder {
     void open(const MergeItem &item)
     {
         cur = item;
-        origin = item.start;
+        origin = item.startAddr;
     }
 
     // First pass: only touching or overlapping items join. An item that starts before
@@ -90,9 +77,8 @@ struct BlockBuilder {
     void add(const MergeItem &item)
     {
         cutLong();
-        if (judgeMerge(cur.station, cur.regName, cur.start, cur.len, item.station, item.regName, item.start, 0, 0) == 0 &&
-            item.start >= origin) {
-            const int64_t span = item.start + item.len - cur.start;
+        if (judgeAddrMerge(cur, item, 0, 0) == 0 && item.startAddr >= origin) {
+            const int64_t span = item.startAddr + item.len - cur.startAddr;
             if (span <= MAX_READ_UNITS) {
                 cur.len = std::max(cur.len, span);
                 return;
@@ -118,10 +104,9 @@ std::vector<MergeItem> bridgeGaps(const std::vector<MergeItem> &blocks)
     MergeItem cur = blocks.front();
     for (size_t i = 1; i < blocks.size(); ++i) {
         const MergeItem &b = blocks[i];
-        const int64_t span = b.start + b.len - cur.start;
-        if (judgeMerge(cur.station, cur.regName, cur.start, cur.len, b.station, b.regName, b.start, 1,
-                       driver.maxBlockLen) == 0 &&
-            b.start >= cur.start && span <= MAX_READ_UNITS) {
+        const int64_t span = b.startAddr + b.len - cur.startAddr;
+        if (judgeAddrMerge(cur, b, 1, driver.maxBlockLen) == 0 && b.startAddr >= cur.startAddr &&
+            span <= MAX_READ_UNITS) {
             cur.len = std::max(cur.len, span);
         } else {
             out.push_back(cur);
@@ -142,7 +127,7 @@ uint32_t getRegAddressWeight(int station, const QString &regName, int startAddr,
     return (uint32_t(station) * n + uint32_t(p)) * kWeightStep + uint32_t(startAddr);
 }
 
-std::vector<MergeItem> mergeItems(std::vector<MergeItem> items, int mode, QList<int> *starts)
+std::vector<MergeItem> addrMerge(std::vector<MergeItem> items, int mode, QList<int> *starts)
 {
     if (items.empty())
         return {};
@@ -155,8 +140,8 @@ std::vector<MergeItem> mergeItems(std::vector<MergeItem> items, int mode, QList<
         MonitorNames()
         {
             for (int i = 0; i < REG_COUNT; ++i) {
-                const int cut = REG_LIST[i].indexOf(QLatin1Char('_'));
-                name[i] = cut >= 0 ? REG_LIST[i].left(cut) + QStringLiteral("_W") : REG_LIST[i];
+                const RegisterArea &area = registerArea(i);
+                name[i] = area.name.contains(QLatin1Char('_')) ? area.prefix + QStringLiteral("_W") : area.name;
             }
         }
     } monitorNames;
@@ -170,24 +155,22 @@ std::vector<MergeItem> mergeItems(std::vector<MergeItem> items, int mode, QList<
     for (size_t i = 0; i < items.size(); ++i) {
         MergeItem &it = items[i];
         const int reg = regIndexOf(it.regName);
-        if (recipe) {
-            if (reg >= 0)
-                it.len = recipeUnits(reg, static_cast<int>(it.len));
+        if (reg >= 0)
+            it.len = unitsOfHostLength(reg, static_cast<int>(it.len));
+        if (recipe)
             continue;
-        }
         uint32_t weight;
         if (reg >= 0) {
             const QString &name = monitorNames.name[reg];
             if (it.regName.constData() != name.constData())
                 it.regName = name;
-            it.len = monitorUnits(reg, static_cast<int>(it.len));
             int &p = regWeight[reg];
             if (p == -2)
                 p = driver.regList.indexOf(name);
             const uint32_t n = static_cast<uint32_t>(driver.regList.size());
-            weight = (uint32_t(it.station) * n + uint32_t(p)) * kWeightStep + uint32_t(int(it.start));
+            weight = (uint32_t(it.station) * n + uint32_t(p)) * kWeightStep + uint32_t(int(it.startAddr));
         } else { // unknown areas merge only with their very own name
-            weight = getRegAddressWeight(it.station, it.regName, static_cast<int>(it.start), static_cast<int>(it.len));
+            weight = getRegAddressWeight(it.station, it.regName, static_cast<int>(it.startAddr), static_cast<int>(it.len));
         }
         order.push_back((uint64_t(weight) << 32) | uint64_t(i));
     }
@@ -218,13 +201,13 @@ void addrMerge(QList<KEY_ADDRESS> &keys, int mode)
         const KEY_ADDRESS &k = keys.at(i);
         items.push_back(MergeItem{k.station, k.regName, k.startAddr, k.len, i, k.keyField2});
     }
-    const std::vector<MergeItem> blocks = mergeItems(std::move(items), mode, mode == MERGE_RECIPE ? &driver.rcpReqStart : nullptr);
+    const std::vector<MergeItem> blocks = addrMerge(std::move(items), mode, mode == MERGE_RECIPE ? &driver.rcpReqStart : nullptr);
     QList<KEY_ADDRESS> result;
     result.reserve(static_cast<int>(blocks.size()));
     for (const MergeItem &b : blocks) {
         KEY_ADDRESS block = keys.at(b.src); // a block carries the fields of its opening item
         block.regName = b.regName;
-        block.startAddr = static_cast<int>(b.start);
+        block.startAddr = static_cast<int>(b.startAddr);
         block.len = static_cast<int>(b.len);
         block.keyField2 = static_cast<int>(b.offset);
         result.append(block);
@@ -270,17 +253,17 @@ int _setDataAreaMonitorFlag(int station, const QString &regName, int startAddr, 
     const int reg = regIndexOf(regName);
     if (reg < 0)
         return -1;
-    const int width = regColumnInt(reg, COL_VALUE_WIDTH);
-    const int unit = regColumnInt(reg, COL_UNIT_WIDTH);
+    const RegisterArea &area = registerArea(reg);
     const int pid = driver.areaIndex.prefixOfReg(reg);
     const auto flag = [&](int64_t a, int bit) {
         if (a > INT_MAX || a < INT_MIN)
             return;
-        _DATA_ &area = driver.dataAreas[dataAreaFor(station, pid, static_cast<int>(a))];
-        area.monitorFlags = _setBitValue(area.monitorFlags, bit, 1);
+        _DATA_ &unit = driver.dataAreas[dataAreaFor(station, pid, static_cast<int>(a))];
+        unit.monitorFlags = _setBitValue(unit.monitorFlags, bit, 1);
     };
     const int64_t start = startAddr;
-    if (width == 32 && unit == 16) {
+    switch (area.kind) {
+    case AreaKind::DWordOverWords: {
         // A 32-bit value over two registers: its first register gets bit 1, the
         // second bit 2.
         const int64_t m = len - len % 2;
@@ -288,12 +271,17 @@ int _setDataAreaMonitorFlag(int station, const QString &regName, int startAddr, 
             flag(a, 1);
             flag(a + 1, 2);
         }
-    } else if (width == 32 && unit == 32) {
+        break;
+    }
+    case AreaKind::DWordUnit:
         for (int64_t a = start; a < start + len / 2; ++a)
             flag(a, 0);
-    } else if (width == unit && (width == 1 || width == 16)) {
+        break;
+    case AreaKind::Bit:
+    case AreaKind::Word:
         for (int64_t a = start; a < start + len; ++a)
             flag(a, 0);
+        break;
     }
     return 0;
 }
@@ -318,12 +306,12 @@ RTUPLC_EXPORT int intf_addrMerge(QList<KEY_ADDRESS> &list)
         driver.monitorList.clear();
         if (items.empty())
             return 0;
-        for (const MergeItem &b : mergeItems(std::move(items), MERGE_MONITOR, nullptr)) {
+        for (const MergeItem &b : addrMerge(std::move(items), MERGE_MONITOR, nullptr)) {
             VARIABLE v;
             v.reqKind = SEND_MONITOR;
             v.station = b.station;
             v.regName = b.regName;
-            v.startAddr = static_cast<int>(b.start);
+            v.startAddr = static_cast<int>(b.startAddr);
             v.len = static_cast<int>(b.len);
             driver.monitorList.append(v);
         }
@@ -353,7 +341,7 @@ RTUPLC_EXPORT int intf_addConditionRead(const KEY_ADDRESS &key, int kind)
             v.startAddr = key.startAddr + j * (key.len > limit ? limit : 0);
             const int pieceLen = key.len > limit ? (j == whole ? rest : limit) : key.len;
             // Sized like the monitored path: bits stay bits, 32C registers become values.
-            v.len = monitorUnits(reg, pieceLen);
+            v.len = unitsOfHostLength(reg, pieceLen);
 
             // Index 0 may be in flight and is never replaced.
             int found = -1;

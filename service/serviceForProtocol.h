@@ -18,20 +18,6 @@
 #include "rtuplc.h"
 #include "rtu_plc.h"
 
-// One queued request: a block to read or a value to write.
-struct VARIABLE {
-    int32_t reqKind = 0;
-    int32_t station = 0;
-    QString regName;
-    int32_t startAddr = 0;
-    int32_t len = 0;
-    uint8_t data[1024] = {};
-
-    VARIABLE() = default;
-    VARIABLE(const VARIABLE &) = default;
-    VARIABLE &operator=(const VARIABLE &) = default;
-};
-
 // One cached unit of controller memory: a bit, a 16-bit register or a 32-bit value.
 struct _DATA_ {
     uint8_t writePending = 0;
@@ -205,7 +191,7 @@ enum MergeMode { MERGE_MONITOR = 1, MERGE_RECIPE = 2 };
 struct MergeItem {
     int station = 0;
     QString regName;
-    int64_t start = 0;
+    int64_t startAddr = 0;
     int64_t len = 0;
     int src = 0;
     int64_t offset = 0;
@@ -214,11 +200,15 @@ struct MergeItem {
 // Normalises lengths (word lengths to the area's units; in monitor mode D_D becomes
 // D_W), sorts by weight in monitor mode (recipe callers sort beforehand), and merges
 // into blocks of at most MAX_READ_UNITS. In recipe mode `starts` receives, per block,
-// the `src` of the first item it covers.
-std::vector<MergeItem> mergeItems(std::vector<MergeItem> items, int mode, QList<int> *starts);
-
-uint32_t getRegAddressWeight(int station, const QString &regName, int startAddr, int len);
+// the `src` of the first item it covers. Registration and recipe planning call this
+// form: it carries no 1 KB records.
+std::vector<MergeItem> addrMerge(std::vector<MergeItem> items, int mode, QList<int> *starts);
+// The same on host keys, in and out; blocks carry the fields of their opening key.
 void addrMerge(QList<KEY_ADDRESS> &keys, int mode);
+
+// (station x 14 + register position) x 65535 + address, compared unsigned. `len` is
+// part of the documented signature and plays no part in the order.
+uint32_t getRegAddressWeight(int station, const QString &regName, int startAddr, int len);
 void groupingKey(const KEY_ADDRESS &key, int maxLen, QList<KEY_ADDRESS> &out, int copyData);
 int _setDataAreaMonitorFlag(int station, const QString &regName, int startAddr, int len);
 int _setBitValue(int value, int bit, int on);

@@ -65,12 +65,12 @@ void write_saveDataToArea(int station, const QString &regName, int addr, int cou
     const int reg = getIndexFromRegName(regName);
     if (reg < 0 || count <= 0 || data == nullptr)
         return;
-    const int pid = driver.areaIndex.prefixId(regPrefixOf(regName));
-    const QString &width = ADDRESS_RANGE_PRO[reg][COL_VALUE_WIDTH];
-    const QString &unit = ADDRESS_RANGE_PRO[reg][COL_UNIT_WIDTH];
-    const int plainName = regColumnInt(reg, COL_PLAIN_NAME);
+    const RegisterArea &info = registerArea(reg);
+    const int pid = driver.areaIndex.prefixId(info.prefix);
+    const int plainName = info.plainName ? 1 : 0;
 
-    if (width == QLatin1String("1")) {
+    switch (info.kind) {
+    case AreaKind::Bit:
         for (int i = 0; i < count; ++i) {
             const int k = dataAreaFor(station, pid, addr + i);
             // A bit written by the host is reported whether or not it is monitored.
@@ -80,16 +80,19 @@ void write_saveDataToArea(int station, const QString &regName, int addr, int cou
             area.writeValue[0] = data[i];
             area.writePending = 1;
         }
-    } else if (width == QLatin1String("16")) {
+        break;
+    case AreaKind::Word:
         for (int i = 0; i < count; ++i)
             showWord(station, pid, addr + i, data + 2 * i, plainName);
-    } else if (width == QLatin1String("32") && unit == QLatin1String("16")) {
+        break;
+    case AreaKind::DWordOverWords:
         // The low half of the value goes to the register at the higher address.
         for (int j = 0; j < count / 2; ++j) {
             showWord(station, pid, addr + 2 * j + 1, data + 4 * j, plainName);
             showWord(station, pid, addr + 2 * j, data + 4 * j + 2, plainName);
         }
-    } else if (width == QLatin1String("32")) {
+        break;
+    case AreaKind::DWordUnit:
         for (int j = 0; j < count / 2; ++j) {
             const uint8_t *bytes = data + 4 * j;
             const int k = dataAreaFor(station, pid, addr + j);
@@ -102,6 +105,7 @@ void write_saveDataToArea(int station, const QString &regName, int addr, int cou
             std::memcpy(area.writeValue, bytes, 4);
             area.writePending = 1;
         }
+        break;
     }
 }
 
@@ -110,13 +114,11 @@ void _write_FailOrSuc(int station, const QString &regName, int startAddr, int le
     const int reg = getIndexFromRegName(regName);
     if (reg < 0 || len <= 0 || !hostRangeFits(startAddr, len))
         return;
-    const int pid = driver.areaIndex.prefixId(regPrefixOf(regName));
-    const QString &width = ADDRESS_RANGE_PRO[reg][COL_VALUE_WIDTH];
-    const QString &unit = ADDRESS_RANGE_PRO[reg][COL_UNIT_WIDTH];
-    const int plainName = regColumnInt(reg, COL_PLAIN_NAME);
+    const RegisterArea &info = registerArea(reg);
+    const int pid = driver.areaIndex.prefixId(info.prefix);
+    const int plainName = info.plainName ? 1 : 0;
     const bool success = ok == 1;
-    // Bytes of writeValue each unit uses: a bit one, a register two, a 32-bit unit four.
-    const int bytes = width == QLatin1String("1") ? 1 : (width == QLatin1String("32") && unit != QLatin1String("16")) ? 4 : 2;
+    const int bytes = info.cacheBytes();
 
     for (int i = 0; i < len; ++i) {
         const int a = startAddr + i;
@@ -147,7 +149,8 @@ extern "C" RTUPLC_EXPORT int intf_setData(int station, QString regName, int addr
         const int reg = getIndexFromRegName(regName);
         if (reg < 0)
             return driver.localWriteMode != 0 ? 1 : -1;
-        const bool bits = regColumnInt(reg, COL_VALUE_WIDTH) == 1;
+        const RegisterArea &info = registerArea(reg);
+        const bool bits = info.isBit();
         // A queued write must fit the data of one request; a local write only shows.
         const int maxCount = bits ? MAX_SETDATA_BITS : MAX_SETDATA_WORDS;
         if (driver.localWriteMode == 0 && (count < 0 || count > maxCount))
@@ -171,7 +174,6 @@ extern "C" RTUPLC_EXPORT int intf_setData(int station, QString regName, int addr
             QList<KEY_ADDRESS> pieces;
             groupingKey(key, split, pieces, 1);
 
-            const int unitWidth = regColumnInt(reg, COL_UNIT_WIDTH);
             int lowered = 0; // how far later pieces move down when words become 32-bit units
             for (const KEY_ADDRESS &p : pieces) {
                 VARIABLE v;
@@ -181,8 +183,8 @@ extern "C" RTUPLC_EXPORT int intf_setData(int station, QString regName, int addr
                 v.startAddr = p.startAddr;
                 v.len = p.len;
                 std::memcpy(v.data, p.data, static_cast<size_t>(std::max(0, p.len * bytesPerUnit)));
-                if (!bits && unitWidth > 0) {
-                    const int units = p.len * 16 / unitWidth;
+                if (!bits) {
+                    const int units = static_cast<int>(info.unitsOfWords(p.len));
                     v.startAddr = p.startAddr - lowered;
                     v.len = units;
                     lowered += p.len - units;

@@ -40,7 +40,7 @@ inline void recordReport(int id, int station, QString &item, int addr)
 // Bytes with the Modbus CRC appended, low byte first.
 inline QByteArray withCrc(QByteArray bytes)
 {
-    const uint16_t crc = crc16(reinterpret_cast<const unsigned char *>(bytes.constData()), size_t(bytes.size()));
+    const uint16_t crc = computate_check(reinterpret_cast<const unsigned char *>(bytes.constData()), static_cast<unsigned short>(bytes.size()));
     bytes.append(char(crc & 0xFF));
     bytes.append(char(crc >> 8));
     return bytes;

@@ -164,7 +164,7 @@ TEST_F(Soak, FaultyLineLosesNothing)
                    {2, "SD", 0, 8}};
     QList<KEY_ADDRESS> keys;
     for (const Watched &w : watched)
-        keys << key(w.station, w.reg, w.start, w.len, regColumnInt(getIndexFromRegName(w.reg), COL_VALUE_WIDTH) == 1 ? -1 : 0);
+        keys << key(w.station, w.reg, w.start, w.len, registerArea(getIndexFromRegName(w.reg)).isBit() ? -1 : 0);
     const int blocks = intf_addrMerge(keys);
     ASSERT_GT(blocks, 0);
 
@@ -283,9 +283,9 @@ TEST_F(Soak, FaultyLineLosesNothing)
     for (const Watched &w : watched) {
         const int reg = getIndexFromRegName(w.reg);
         const int base = ADDRESS_FUNC[reg][1];
-        const bool bits = regColumnInt(reg, COL_VALUE_WIDTH) == 1;
-        const bool counter = regColumnInt(reg, COL_UNIT_WIDTH) == 32;
-        const bool dword = !counter && regColumnInt(reg, COL_VALUE_WIDTH) == 32;
+        const bool bits = registerArea(reg).isBit();
+        const bool counter = registerArea(reg).kind == AreaKind::DWordUnit;
+        const bool dword = registerArea(reg).kind == AreaKind::DWordOverWords;
         const int bytes = bits ? w.len : counter ? 4 * (w.len / 2) : dword ? 4 * (w.len / 2) : 2 * w.len;
         const QByteArray got = read(w.station, w.reg, w.start, w.len, bytes);
         const auto u8 = [&](int i) { return uint32_t(uint8_t(got[i])); };

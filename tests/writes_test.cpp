@@ -190,7 +190,7 @@ TEST_F(Writes, SettlingTable)
             d.value[0] = 0x34;
             d.value[1] = 0x12;
         }
-        const int count = regColumnInt(getIndexFromRegName(r.reg), COL_VALUE_WIDTH) == 1 ? int(r.data.size())
+        const int count = registerArea(getIndexFromRegName(r.reg)).isBit() ? int(r.data.size())
                                                                                             : int(r.data.size()) / 2;
         write(r.reg, r.addr, r.data, count);
         reports().clear();
