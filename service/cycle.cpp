@@ -202,8 +202,14 @@ void dealListWhenFinish()
         break;
     }
     case SEND_MONITOR:
-        if (driver.monitorList.size() >= 2)
+        if (driver.monitorList.size() >= 2) {
             driver.monitorList.append(driver.monitorList.takeFirst()); // round-robin
+            // The next block was last polled a whole rotation ago and has left the
+            // processor's cache: start fetching it while the host carries this reply.
+            const char *next = reinterpret_cast<const char *>(&driver.monitorList.first());
+            for (size_t at = 0; at < sizeof(VARIABLE); at += 64)
+                __builtin_prefetch(next + at);
+        }
         break;
     case SEND_RCP_DOWNLOAD:
     case SEND_RCP_UPLOAD: {

@@ -175,8 +175,27 @@ int DataAreaIndex::find(const QList<_DATA_> &areas, int station, int prefix, int
 
 void DataAreaIndex::findRun(const QList<_DATA_> &areas, int station, int prefix, int start, int count, int *out)
 {
-    for (int i = 0; i < count; ++i)
-        out[i] = find(areas, station, prefix, static_cast<int>(uint32_t(start) + uint32_t(i)));
+    if (indexed_ != areas.size())
+        rebuild(areas);
+    // First the positions, one table for the whole run; then every area is asked for
+    // at once (a block spans pages of memory the processor's prefetcher does not cross,
+    // and the fetches overlap), and only then checked.
+    const int table = tableOf(station, prefix, false);
+    for (int i = 0; i < count; ++i) {
+        const int32_t *c = table < 0 ? nullptr : cell(table, static_cast<int>(uint32_t(start) + uint32_t(i)), false);
+        out[i] = c ? *c : -1;
+    }
+    for (int i = 0; i < count; ++i) {
+        if (out[i] >= 0)
+            __builtin_prefetch(&areas.at(out[i]));
+    }
+    for (int i = 0; i < count; ++i) {
+        if (out[i] >= 0 && !holds(areas.at(out[i]), station, prefix, static_cast<int>(uint32_t(start) + uint32_t(i)))) {
+            for (int j = 0; j < count; ++j) // stale: find() rebuilds and looks again
+                out[j] = find(areas, station, prefix, static_cast<int>(uint32_t(start) + uint32_t(j)));
+            return;
+        }
+    }
 }
 
 void DataAreaIndex::add(const QList<_DATA_> &areas, int station, int prefixId, int addr, int index)
