@@ -80,6 +80,7 @@ int DataAreaIndex::prefixOfReg(int reg)
 void DataAreaIndex::clear()
 {
     tables_.clear();
+    nearTables_.clear();
     tableIds_.clear();
     lastTable_ = -1;
     cells_.clear();
@@ -95,16 +96,40 @@ int DataAreaIndex::tableOf(int station, int prefix, bool create)
         if (t.station == station && t.prefix == prefix)
             return lastTable_;
     }
+    const bool near = station >= 0 && station < kNearStations && prefix < kNearPrefixes;
+    const size_t nearAt = size_t(station) * kNearPrefixes + size_t(prefix);
     const uint64_t key = (uint64_t(uint32_t(station)) << 32) | uint32_t(prefix);
-    const auto it = tableIds_.find(key);
-    if (it != tableIds_.end())
-        return lastTable_ = it->second;
+    if (near) {
+        if (!nearTables_.empty() && nearTables_[nearAt] >= 0)
+            return lastTable_ = nearTables_[nearAt];
+    } else {
+        const auto it = tableIds_.find(key);
+        if (it != tableIds_.end())
+            return lastTable_ = it->second;
+    }
     if (!create)
         return -1;
     tables_.push_back(Table{station, prefix, {}});
     const int id = static_cast<int>(tables_.size() - 1);
-    tableIds_.emplace(key, id);
+    if (near) {
+        if (nearTables_.empty())
+            nearTables_.assign(size_t(kNearStations) * kNearPrefixes, -1);
+        nearTables_[nearAt] = id;
+    } else {
+        tableIds_.emplace(key, id);
+    }
     return lastTable_ = id;
+}
+
+void DataAreaIndex::prefetch(int station, int prefix, int addr)
+{
+    const int table = tableOf(station, prefix, false);
+    if (table < 0 || addr < 0 || addr >= kDirectLimit)
+        return;
+    const std::vector<int32_t> &pages = tables_[size_t(table)].pages;
+    const size_t page = size_t(addr) >> kPageBits;
+    if (page < pages.size() && pages[page] >= 0)
+        __builtin_prefetch(&cells_[size_t(pages[page]) + (size_t(addr) & (kPageSize - 1))]);
 }
 
 int32_t *DataAreaIndex::cell(int table, int addr, bool create)

@@ -71,6 +71,8 @@ public:
     // find() for `count` consecutive addresses from `start` (wrapping like the
     // controller's 32-bit arithmetic), into out[0..count).
     void findRun(const QList<_DATA_> &areas, int station, int prefixId, int start, int count, int *out);
+    // Starts fetching the index entry of a key that will be looked up soon.
+    void prefetch(int station, int prefixId, int addr);
     // Records that areas[index] holds the key (index is the last element).
     void add(const QList<_DATA_> &areas, int station, int prefixId, int addr, int index);
     void clear();
@@ -98,7 +100,12 @@ private:
     void insert(int station, int prefix, int addr, int index);
 
     std::vector<Table> tables_;
-    std::unordered_map<uint64_t, int> tableIds_; // (station, prefix) -> tables_ index
+    // (station, prefix) -> tables_ index: directly for the stations a Modbus line has
+    // and the first area names, through a map for the rest.
+    static constexpr int kNearStations = 256;
+    static constexpr int kNearPrefixes = 32;
+    std::vector<int32_t> nearTables_;
+    std::unordered_map<uint64_t, int> tableIds_;
     int lastTable_ = -1;                         // a block or a screen stays on one table
     std::vector<int32_t> cells_;                 // area positions, -1 where none
     std::unordered_map<uint64_t, int32_t> far_;  // (table, address) outside the pages
