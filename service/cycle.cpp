@@ -206,7 +206,7 @@ void dealListWhenFinish()
             driver.monitorList.append(driver.monitorList.takeFirst()); // round-robin
             // The next block was last polled a whole rotation ago and has left the
             // processor's cache: start fetching it while the host carries this reply.
-            const char *next = reinterpret_cast<const char *>(&driver.monitorList.first());
+            const char *next = reinterpret_cast<const char *>(&driver.monitorList.constFirst());
             for (size_t at = 0; at < sizeof(VARIABLE); at += 64)
                 __builtin_prefetch(next + at);
         }

@@ -37,8 +37,8 @@ int regIndexOf(const QString &name)
 {
     static const PackedRegNames names;
     const uint64_t k = packName(name);
-    if (k == 0)
-        return name.isEmpty() ? getIndexFromRegName(name) : -1;
+    if (k == 0) // longer than any register name: the table decides
+        return getIndexFromRegName(name);
     for (int i = 0; i < REG_COUNT; ++i) {
         if (names.key[i] == k)
             return i;
