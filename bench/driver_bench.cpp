@@ -59,7 +59,7 @@ void fillAreas(int areas)
     intf_initProperty(nullptr, 0, nullptr, nullptr, "1#0#0#3#64", nullptr);
     const int pid = driver.areaIndex.prefixId("D");
     for (int i = kBlock; i < areas; ++i)
-        dataAreaFor(2 + i / 8000, pid, i % 8000);
+        getIndexOfDataArea(2 + i / 8000, pid, i % 8000);
     QList<KEY_ADDRESS> keys;
     KEY_ADDRESS k;
     k.station = kStation;

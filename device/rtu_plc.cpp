@@ -164,7 +164,7 @@ void putHeader(FRAME_PRO &f, int station, uint8_t function, int64_t address, int
 
 constexpr int kWriteHeaderBytes = 7; // header plus the byte-count byte
 constexpr int kCrcBytes = 2;
-constexpr int kMaxWriteDataBytes = FRAME_BYTES - kWriteHeaderBytes - kCrcBytes;
+constexpr int kMaxWriteDataBytes = RTUPLC_FRAME_BYTES - kWriteHeaderBytes - kCrcBytes;
 
 } // namespace
 
@@ -220,7 +220,7 @@ void getWriteFrame(VARIABLE &v, QList<FRAME_PRO> &queue)
         const int64_t c = (n + 7) / 8;
         // The queue and recipe planning keep writes far below this; a record that
         // would overrun the frame or its own data builds nothing rather than garbage.
-        if (n < 0 || c > kMaxWriteDataBytes || n > RECORD_DATA_BYTES)
+        if (n < 0 || c > kMaxWriteDataBytes || n > RTUPLC_RECORD_DATA_BYTES)
             return;
         putHeader(f, v.station, area.writeFunction, address, n);
         f.frame[6] = static_cast<uint8_t>(c);
@@ -243,7 +243,7 @@ void getWriteFrame(VARIABLE &v, QList<FRAME_PRO> &queue)
         uint8_t *out = f.frame + kWriteHeaderBytes;
         if (area.kind == AreaKind::Word) {
             // Each register high byte first; the record holds them low byte first.
-            const int words = qMin(qMin(v.len, q), RECORD_DATA_BYTES / 2);
+            const int words = qMin(qMin(v.len, q), RTUPLC_RECORD_DATA_BYTES / 2);
             for (int i = 0; i < words; ++i) {
                 out[2 * i] = v.data[2 * i + 1];
                 out[2 * i + 1] = v.data[2 * i];
@@ -251,7 +251,7 @@ void getWriteFrame(VARIABLE &v, QList<FRAME_PRO> &queue)
         } else {
             // A 32-bit value goes most significant byte first, so its high register
             // travels first.
-            const int values = qMin(q / 2, RECORD_DATA_BYTES / 4);
+            const int values = qMin(q / 2, RTUPLC_RECORD_DATA_BYTES / 4);
             for (int i = 0; i < values; ++i) {
                 out[4 * i] = v.data[4 * i + 3];
                 out[4 * i + 1] = v.data[4 * i + 2];

@@ -26,7 +26,7 @@ struct VARIABLE {
     QString regName;
     int32_t startAddr = 0;
     int32_t len = 0;
-    uint8_t data[1024] = {};
+    uint8_t data[RTUPLC_RECORD_DATA_BYTES] = {};
 
     VARIABLE() = default;
     VARIABLE(const VARIABLE &) = default;
@@ -44,7 +44,7 @@ inline const QString PROCOTOL_PAR_HMI_SET_MODE = QStringLiteral("0_0");
 
 // ---------------------------------------------------------------------------------
 // Register areas.
-constexpr int REG_COUNT = 14;
+constexpr int REG_COUNT = 14; // the areas of REG_LIST
 constexpr int REG_COLUMNS = 7;
 
 inline const QString REG_LIST[REG_COUNT] = {
@@ -96,30 +96,17 @@ inline constexpr int32_t ADDRESS_FUNC[REG_COUNT][2] = {
 };
 
 // ---------------------------------------------------------------------------------
-// Limits of the link. The controller reads up to 128 units per request (standard
-// Modbus slaves stop at 125 registers); Modbus caps a write at 123 registers or 1968
-// coils, and the byte-count byte of a write must hold its data; a record carries 1024
-// data bytes.
-constexpr int MAX_READ_UNITS = 128;
-constexpr int STD_MAX_READ_REGISTERS = 125;
-constexpr int MAX_WRITE_WORDS = 122;        // keeps 2 x q within the byte-count byte
-constexpr int MAX_WRITE_BITS = 1968;
-constexpr int RECORD_DATA_BYTES = 1024;
-constexpr int MAX_SETDATA_WORDS = RECORD_DATA_BYTES / 2;
-constexpr int MAX_SETDATA_BITS = RECORD_DATA_BYTES;
-constexpr int FRAME_BYTES = 1024;
-constexpr int DEFAULT_SPLIT_WORDS = 64;     // used while maxBlockLen is 0 or less
-constexpr int DEFAULT_SPLIT_BITS = DEFAULT_SPLIT_WORDS * 8;
-constexpr int RTU_FRAMING_BYTES = 5;        // station, function, byte count, CRC
+// Modbus RTU framing. The controller reads up to RTUPLC_MAX_READ_UNITS units per
+// request; Modbus caps a write at 123 registers or 1968 coils, and the byte-count byte
+// of a write must hold its data.
+constexpr int FRAME_MAX_WRITE_REGISTERS = 122; // keeps 2 x q within the byte-count byte
+constexpr int FRAME_MAX_WRITE_COILS = 1968;
+constexpr int RTU_FRAMING_BYTES = 5;           // a read reply: station, function, byte count, CRC
 constexpr int WRITE_ECHO_BYTES = 8;
 constexpr uint8_t FC_READ_COILS = 0x01;
 constexpr uint8_t FC_READ_HOLDING = 0x03;
 constexpr uint8_t FC_WRITE_COILS = 0x0F;
 constexpr uint8_t FC_WRITE_REGISTERS = 0x10;
-
-// Offsets of the recipe command bytes in the host memory block.
-constexpr int HOST_RCP_DOWNLOAD_BYTE = 60115;
-constexpr int HOST_RCP_UPLOAD_BYTE = 60116;
 
 // ---------------------------------------------------------------------------------
 // The register table, typed. The text tables above stay what the editor reads; every

@@ -338,7 +338,7 @@ void apiSeeds(Corpus &c)
         o.u8(4);
         o.bytes(QByteArray::fromHex("34120100"));
         o.u8(0xFF); // not null
-        o.edgy(SEND_WRITE);
+        o.edgy(RTUPLC_KIND_WRITE);
         cycles(o, 3);
         o.u8(A_GET);
         o.u8(0);
@@ -412,10 +412,10 @@ void apiSeeds(Corpus &c)
         o.u8(CB_WRITE_MODE);
         o.u8(A_CONDITION);
         key(o, 9, 0, 10);
-        o.edgy(SEND_CONDITION);
+        o.edgy(RTUPLC_KIND_CONDITION_READ);
         o.u8(A_CONDITION);
         key(o, 2, 0, 30);
-        o.edgy(SEND_CONDITION);
+        o.edgy(RTUPLC_KIND_CONDITION_READ);
         o.u8(A_MERGE);
         o.u8(1);
         key(o, 9, 0, 10);
@@ -434,7 +434,7 @@ void apiSeeds(Corpus &c)
         o.u8(8);
         o.bytes(QByteArray::fromHex("0100000002000000"));
         o.u8(0xFF);
-        o.edgy(SEND_WRITE);
+        o.edgy(RTUPLC_KIND_WRITE);
         o.u8(A_GET);
         o.u8(0);
         o.u8(7);

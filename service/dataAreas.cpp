@@ -236,7 +236,7 @@ void DataAreaIndex::add(const QList<_DATA_> &areas, int station, int prefixId, i
 // ---------------------------------------------------------------------------------
 // Lookup.
 
-int dataAreaFor(int station, int prefixId, int addr)
+int getIndexOfDataArea(int station, int prefixId, int addr)
 {
     QList<_DATA_> &areas = driver.dataAreas;
     const int found = driver.areaIndex.find(areas, station, prefixId, addr);
@@ -255,7 +255,7 @@ int dataAreaFor(int station, int prefixId, int addr)
 int getIndexOfDataArea(int station, const QString &name, int addr, QList<_DATA_> &areas)
 {
     if (&areas == &driver.dataAreas)
-        return dataAreaFor(station, driver.areaIndex.prefixId(name), addr);
+        return getIndexOfDataArea(station, driver.areaIndex.prefixId(name), addr);
     for (int i = 0; i < areas.size(); ++i) {
         const _DATA_ &a = areas.at(i);
         if (a.station == station && a.regPrefix == name && a.addr == addr)
@@ -395,7 +395,7 @@ void analyzeFrameOfVal(const QByteArray &reply, int count, int dataPos, const VA
         int k = resolved[i % kChunk];
         if (k < 0 || driver.dataAreas.size() != resolvedSize ||
             !driver.areaIndex.holds(driver.dataAreas.at(k), var.station, pid, addrOf(i)))
-            k = dataAreaFor(var.station, pid, addrOf(i));
+            k = getIndexOfDataArea(var.station, pid, addrOf(i));
         _DATA_ &area = driver.dataAreas[k];
         // Units are decoded by their width on the wire: D_D travels as its registers.
         if (info.kind == AreaKind::Bit) {
@@ -429,7 +429,7 @@ void analyzeFrameOfVal(const QByteArray &reply, int count, int dataPos, const VA
         if (driver.resetGeneration != generation)
             return; // a callback restarted the driver: this reply is stale
     }
-    if (driver.sendState == SEND_RCP_UPLOAD)
+    if (driver.sendState == RTUPLC_KIND_RECIPE_UPLOAD)
         copyRecipeUpload(r, dataPos, var);
 }
 
@@ -442,13 +442,11 @@ const uint8_t *visible(const _DATA_ &a)
     return a.writePending ? a.writeValue : a.value;
 }
 
-// Largest read or write a host may ask for in one call: a whole Modbus address space.
-constexpr int kMaxHostUnits = 65536;
 } // namespace
 
 bool hostRangeFits(int addr, int64_t units)
 {
-    return units <= kMaxHostUnits && int64_t(addr) + units <= int64_t(INT_MAX) + 1;
+    return units <= RTUPLC_MAX_HOST_UNITS && int64_t(addr) + units <= int64_t(INT_MAX) + 1;
 }
 
 extern "C" RTUPLC_EXPORT int intf_getData(int station, QString regName, int addr, int count, unsigned char *out)
@@ -456,11 +454,11 @@ extern "C" RTUPLC_EXPORT int intf_getData(int station, QString regName, int addr
     return guarded(-1, [&] {
         const int reg = getIndexFromRegName(regName);
         if (reg < 0)
-            return -1;
+            return RTUPLC_REFUSED;
         if (count <= 0)
-            return 1;
+            return RTUPLC_OK;
         if (out == nullptr || !hostRangeFits(addr, count))
-            return -1;
+            return RTUPLC_REFUSED;
         StateLock lock(driver.stateMutex);
         const RegisterArea &info = registerArea(reg);
         const int pid = driver.areaIndex.prefixId(info.prefix);
@@ -468,11 +466,11 @@ extern "C" RTUPLC_EXPORT int intf_getData(int station, QString regName, int addr
         switch (info.kind) {
         case AreaKind::Bit:
             for (int i = 0; i < count; ++i)
-                out[i] = visible(areas.at(dataAreaFor(station, pid, addr + i)))[0];
+                out[i] = visible(areas.at(getIndexOfDataArea(station, pid, addr + i)))[0];
             break;
         case AreaKind::Word:
             for (int i = 0; i < count; ++i) {
-                const uint8_t *v = visible(areas.at(dataAreaFor(station, pid, addr + i)));
+                const uint8_t *v = visible(areas.at(getIndexOfDataArea(station, pid, addr + i)));
                 out[2 * i] = v[0];
                 out[2 * i + 1] = v[1];
             }
@@ -480,8 +478,8 @@ extern "C" RTUPLC_EXPORT int intf_getData(int station, QString regName, int addr
         case AreaKind::DWordOverWords:
             // The register at the higher address is the low half of the value.
             for (int j = 0; j < count / 2; ++j) {
-                const _DATA_ &hi = areas.at(dataAreaFor(station, pid, addr + 2 * j + 1));
-                const _DATA_ &lo = areas.at(dataAreaFor(station, pid, addr + 2 * j));
+                const _DATA_ &hi = areas.at(getIndexOfDataArea(station, pid, addr + 2 * j + 1));
+                const _DATA_ &lo = areas.at(getIndexOfDataArea(station, pid, addr + 2 * j));
                 const bool pending = hi.writePending || lo.writePending;
                 const uint8_t *h = pending ? hi.writeValue : hi.value;
                 const uint8_t *l = pending ? lo.writeValue : lo.value;
@@ -493,9 +491,9 @@ extern "C" RTUPLC_EXPORT int intf_getData(int station, QString regName, int addr
             break;
         case AreaKind::DWordUnit:
             for (int j = 0; j < count / 2; ++j)
-                std::memcpy(out + 4 * j, visible(areas.at(dataAreaFor(station, pid, addr + j))), 4);
+                std::memcpy(out + 4 * j, visible(areas.at(getIndexOfDataArea(station, pid, addr + j))), 4);
             break;
         }
-        return 1;
+        return RTUPLC_OK;
     });
 }

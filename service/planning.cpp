@@ -9,7 +9,6 @@
 namespace {
 
 constexpr uint32_t kWeightStep = 65535;
-constexpr int kConditionQueueSlot = 512; // a fuller queue recycles this entry
 
 int truncToInt(double v)
 {
@@ -52,15 +51,15 @@ struct BlockBuilder {
 
     void cutLong()
     {
-        while (cur.len > MAX_READ_UNITS) {
+        while (cur.len > RTUPLC_MAX_READ_UNITS) {
             MergeItem piece = cur;
-            piece.len = MAX_READ_UNITS;
+            piece.len = RTUPLC_MAX_READ_UNITS;
             emit(piece);
-            cur.startAddr += MAX_READ_UNITS;
-            cur.len -= MAX_READ_UNITS;
+            cur.startAddr += RTUPLC_MAX_READ_UNITS;
+            cur.len -= RTUPLC_MAX_READ_UNITS;
             if (mode == MERGE_RECIPE) {
                 const int reg = getIndexFromRegName(cur.regName);
-                cur.offset += int64_t(MAX_READ_UNITS) * (reg < 0 ? 1 : recipeWordsPerUnit(reg));
+                cur.offset += int64_t(RTUPLC_MAX_READ_UNITS) * (reg < 0 ? 1 : recipeWordsPerUnit(reg));
             }
         }
     }
@@ -79,7 +78,7 @@ struct BlockBuilder {
         cutLong();
         if (judgeAddrMerge(cur, item, 0, 0) == 0 && item.startAddr >= origin) {
             const int64_t span = item.startAddr + item.len - cur.startAddr;
-            if (span <= MAX_READ_UNITS) {
+            if (span <= RTUPLC_MAX_READ_UNITS) {
                 cur.len = std::max(cur.len, span);
                 return;
             }
@@ -106,7 +105,7 @@ std::vector<MergeItem> bridgeGaps(const std::vector<MergeItem> &blocks)
         const MergeItem &b = blocks[i];
         const int64_t span = b.startAddr + b.len - cur.startAddr;
         if (judgeAddrMerge(cur, b, 1, driver.maxBlockLen) == 0 && b.startAddr >= cur.startAddr &&
-            span <= MAX_READ_UNITS) {
+            span <= RTUPLC_MAX_READ_UNITS) {
             cur.len = std::max(cur.len, span);
         } else {
             out.push_back(cur);
@@ -256,8 +255,8 @@ void groupingKey(const KEY_ADDRESS &key, int maxLen, QList<KEY_ADDRESS> &out, in
         piece.len = (j == whole) ? rest : maxLen;
         if (copyData == 1) {
             const int64_t from = int64_t(j) * maxLen * bytesPerUnit;
-            const int64_t n = std::min<int64_t>(int64_t(piece.len) * bytesPerUnit, RECORD_DATA_BYTES - from);
-            if (from < RECORD_DATA_BYTES && n > 0)
+            const int64_t n = std::min<int64_t>(int64_t(piece.len) * bytesPerUnit, RTUPLC_RECORD_DATA_BYTES - from);
+            if (from < RTUPLC_RECORD_DATA_BYTES && n > 0)
                 std::copy(key.data + from, key.data + from + n, piece.data);
         }
         out.append(piece);
@@ -283,7 +282,7 @@ int _setDataAreaMonitorFlag(int station, const QString &regName, int startAddr, 
     const auto flag = [&](int64_t a, int bit) {
         if (a > INT_MAX || a < INT_MIN)
             return;
-        _DATA_ &unit = driver.dataAreas[dataAreaFor(station, pid, static_cast<int>(a))];
+        _DATA_ &unit = driver.dataAreas[getIndexOfDataArea(station, pid, static_cast<int>(a))];
         unit.monitorFlags = _setBitValue(unit.monitorFlags, bit, 1);
     };
     const int64_t start = startAddr;
@@ -352,7 +351,7 @@ RTUPLC_EXPORT int intf_addrMerge(QList<KEY_ADDRESS> &list)
             return 0;
         for (const MergeItem &b : addrMerge(std::move(items), MERGE_MONITOR, nullptr)) {
             VARIABLE v;
-            v.reqKind = SEND_MONITOR;
+            v.reqKind = RTUPLC_KIND_MONITOR_READ;
             v.station = b.station;
             v.regName = b.regName;
             v.startAddr = static_cast<int>(b.startAddr);
@@ -368,9 +367,9 @@ RTUPLC_EXPORT int intf_addConditionRead(const KEY_ADDRESS &key, int kind)
     return guarded(-1, [&] {
         const int reg = getIndexFromRegName(key.regName);
         if (reg < 0)
-            return -1;
+            return RTUPLC_REFUSED;
         if (!hostRangeFits(key.startAddr, std::max(key.len, 0)))
-            return -1;
+            return RTUPLC_REFUSED;
         StateLock lock(driver.stateMutex);
         const int limit = key.bitPos == -1 ? splitBits() : splitWords();
         const int whole = key.len > limit ? key.len / limit : 1;
@@ -398,13 +397,13 @@ RTUPLC_EXPORT int intf_addConditionRead(const KEY_ADDRESS &key, int kind)
             }
             if (found >= 0)
                 queue[found] = v;
-            else if (queue.size() > kConditionQueueSlot)
-                queue[kConditionQueueSlot] = v;
+            else if (queue.size() > RTUPLC_QUEUE_LAST)
+                queue[RTUPLC_QUEUE_LAST] = v;
             else
                 queue.append(v);
             driver.lastCondVar = v;
         }
-        return 1;
+        return RTUPLC_OK;
     });
 }
 

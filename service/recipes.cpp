@@ -21,12 +21,12 @@ void rcpAddrToVar(const _RCP_VAR_PRO &req, VARIABLE &var, int withData)
     const RegisterArea &info = registerArea(reg);
     if (info.isBit()) {
         // A bit of a recipe takes a whole buffer word: non-zero means on.
-        const int bits = std::min(req.len, RECORD_DATA_BYTES);
+        const int bits = std::min(req.len, RTUPLC_RECORD_DATA_BYTES);
         for (int i = 0; i < bits; ++i)
             var.data[i] = words[i] != 0 ? 1 : 0;
         return;
     }
-    const int64_t bytes = std::min<int64_t>(int64_t(req.len) * (info.unitWidth / 8), RECORD_DATA_BYTES);
+    const int64_t bytes = std::min<int64_t>(int64_t(req.len) * (info.unitWidth / 8), RTUPLC_RECORD_DATA_BYTES);
     std::memcpy(var.data, words, static_cast<size_t>(bytes));
 }
 
@@ -101,7 +101,7 @@ void copyRecipeUpload(const ReplyBytes &r, int dataPos, const VARIABLE &var)
     const int64_t qStart = var.startAddr;
     const int64_t qEnd = qStart + var.len;
     const auto inRequest = [&](int64_t from, int64_t units) { return from >= qStart && from + units <= qEnd; };
-    const QString rwi = QStringLiteral("RWI");
+    const QString rwi = QString::fromLatin1(RTUPLC_NOTICE_RECIPE_TEXT);
     const auto word = [&](int64_t w) { return static_cast<int>(w); };
 
     for (int i = first; i < end; ++i) {
@@ -125,7 +125,7 @@ void copyRecipeUpload(const ReplyBytes &r, int dataPos, const VARIABLE &var)
                 const uint8_t b = (r[dataPos + bit / 8] >> (bit % 8)) & 1;
                 buffer[2 * w] = b;
                 buffer[2 * w + 1] = 0;
-                notifyHost(0, -1, rwi, word(w));
+                notifyHost(0, RTUPLC_NOTICE_STATION, rwi, word(w));
             }
         } else if (kind == AreaKind::DWordOverWords) {
             for (int64_t m = 0; m < v.len / 2; ++m) {
@@ -136,8 +136,8 @@ void copyRecipeUpload(const ReplyBytes &r, int dataPos, const VARIABLE &var)
                 const int64_t o = dataPos + 2 * (a - qStart);
                 for (int b = 0; b < 4; ++b)
                     buffer[2 * w + b] = r[o + 3 - b];
-                notifyHost(0, -1, rwi, word(w));
-                notifyHost(0, -1, rwi, word(w + 1));
+                notifyHost(0, RTUPLC_NOTICE_STATION, rwi, word(w));
+                notifyHost(0, RTUPLC_NOTICE_STATION, rwi, word(w + 1));
             }
         } else if (kind == AreaKind::Word) {
             for (int64_t m = 0; m < v.len; ++m) {
@@ -149,7 +149,7 @@ void copyRecipeUpload(const ReplyBytes &r, int dataPos, const VARIABLE &var)
                 // Least significant byte first, as a download reads the buffer.
                 buffer[2 * w] = r[o + 1];
                 buffer[2 * w + 1] = r[o];
-                notifyHost(0, -1, rwi, word(w));
+                notifyHost(0, RTUPLC_NOTICE_STATION, rwi, word(w));
             }
         } else {
             // One value per recipe variable, whatever its length.
@@ -160,8 +160,8 @@ void copyRecipeUpload(const ReplyBytes &r, int dataPos, const VARIABLE &var)
             const int64_t o = dataPos + 4 * (a - qStart);
             for (int b = 0; b < 4; ++b)
                 buffer[2 * w + b] = r[o + 3 - b];
-            notifyHost(0, -1, rwi, word(w));
-            notifyHost(0, -1, rwi, word(w + 1));
+            notifyHost(0, RTUPLC_NOTICE_STATION, rwi, word(w));
+            notifyHost(0, RTUPLC_NOTICE_STATION, rwi, word(w + 1));
         }
     }
 }

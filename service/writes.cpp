@@ -7,7 +7,6 @@
 
 namespace {
 
-constexpr int kWriteQueueLast = 512; // the queue holds indices 0..512
 
 int wordAt(const uint8_t *bytes)
 {
@@ -36,22 +35,22 @@ void enqueueWrite(const VARIABLE &v)
             return;
         }
     }
-    if (queue.size() <= kWriteQueueLast)
+    if (queue.size() <= RTUPLC_QUEUE_LAST)
         queue.append(v);
     else
-        queue[kWriteQueueLast] = v;
+        queue[RTUPLC_QUEUE_LAST] = v;
 }
 
 // Shows a 16-bit word written to an area, telling the host first if what it saw
 // changes.
 void showWord(int station, int pid, int addr, const uint8_t *bytes, int plainName)
 {
-    const int k = dataAreaFor(station, pid, addr);
+    const int k = getIndexOfDataArea(station, pid, addr);
     int was = wordAt(shown(driver.dataAreas.at(k)));
     int now = wordAt(bytes);
     if (was != now)
         _wordDataChange(&was, &now, k, plainName);
-    const int again = dataAreaFor(station, pid, addr); // the callback may have reset the cache
+    const int again = getIndexOfDataArea(station, pid, addr); // the callback may have reset the cache
     _DATA_ &area = driver.dataAreas[again];
     area.writeValue[0] = bytes[0];
     area.writeValue[1] = bytes[1];
@@ -72,11 +71,11 @@ void write_saveDataToArea(int station, const QString &regName, int addr, int cou
     switch (info.kind) {
     case AreaKind::Bit:
         for (int i = 0; i < count; ++i) {
-            const int k = dataAreaFor(station, pid, addr + i);
+            const int k = getIndexOfDataArea(station, pid, addr + i);
             // A bit written by the host is reported whether or not it is monitored.
             if (shown(driver.dataAreas.at(k))[0] != data[i])
                 notifyHost(driver.driverId, station, regName, addr + i);
-            _DATA_ &area = driver.dataAreas[dataAreaFor(station, pid, addr + i)];
+            _DATA_ &area = driver.dataAreas[getIndexOfDataArea(station, pid, addr + i)];
             area.writeValue[0] = data[i];
             area.writePending = 1;
         }
@@ -95,13 +94,13 @@ void write_saveDataToArea(int station, const QString &regName, int addr, int cou
     case AreaKind::DWordUnit:
         for (int j = 0; j < count / 2; ++j) {
             const uint8_t *bytes = data + 4 * j;
-            const int k = dataAreaFor(station, pid, addr + j);
+            const int k = getIndexOfDataArea(station, pid, addr + j);
             const uint8_t *s = shown(driver.dataAreas.at(k));
             int was = uchar2int32(s[0], s[1], s[2], s[3]);
             int now = uchar2int32(bytes[0], bytes[1], bytes[2], bytes[3]);
             if (was != now)
                 _dwordDataChange(&was, &now, k, plainName);
-            _DATA_ &area = driver.dataAreas[dataAreaFor(station, pid, addr + j)];
+            _DATA_ &area = driver.dataAreas[getIndexOfDataArea(station, pid, addr + j)];
             std::memcpy(area.writeValue, bytes, 4);
             area.writePending = 1;
         }
@@ -122,7 +121,7 @@ void _write_FailOrSuc(int station, const QString &regName, int startAddr, int le
 
     for (int i = 0; i < len; ++i) {
         const int a = startAddr + i;
-        const int k = dataAreaFor(station, pid, a);
+        const int k = getIndexOfDataArea(station, pid, a);
         _DATA_ &area = driver.dataAreas[k];
         area.writePending = 0;
         if (success) {
@@ -148,15 +147,15 @@ extern "C" RTUPLC_EXPORT int intf_setData(int station, QString regName, int addr
     return guarded(-1, [&] {
         const int reg = getIndexFromRegName(regName);
         if (reg < 0)
-            return driver.localWriteMode != 0 ? 1 : -1;
+            return driver.localWriteMode != 0 ? RTUPLC_OK : RTUPLC_REFUSED;
         const RegisterArea &info = registerArea(reg);
         const bool bits = info.isBit();
         // A queued write must fit the data of one request; a local write only shows.
-        const int maxCount = bits ? MAX_SETDATA_BITS : MAX_SETDATA_WORDS;
+        const int maxCount = bits ? RTUPLC_MAX_WRITE_BITS : RTUPLC_MAX_WRITE_WORDS;
         if (driver.localWriteMode == 0 && (count < 0 || count > maxCount))
-            return -1;
+            return RTUPLC_REFUSED;
         if (count > 0 && (data == nullptr || !hostRangeFits(addr, count)))
-            return -1;
+            return RTUPLC_REFUSED;
 
         StateLock lock(driver.stateMutex);
         if (driver.localWriteMode == 0) {
@@ -170,7 +169,7 @@ extern "C" RTUPLC_EXPORT int intf_setData(int station, QString regName, int addr
             if (count > 0)
                 std::memcpy(key.data, data, static_cast<size_t>(count * bytesPerUnit));
             // Each piece must fit one Modbus write and its byte-count byte.
-            const int split = bits ? std::min(splitBits(), MAX_WRITE_BITS) : std::min(splitWords(), MAX_WRITE_WORDS);
+            const int split = bits ? std::min(splitBits(), FRAME_MAX_WRITE_COILS) : std::min(splitWords(), FRAME_MAX_WRITE_REGISTERS);
             QList<KEY_ADDRESS> pieces;
             groupingKey(key, split, pieces, 1);
 
@@ -193,6 +192,6 @@ extern "C" RTUPLC_EXPORT int intf_setData(int station, QString regName, int addr
             }
         }
         write_saveDataToArea(station, regName, addr, count, data);
-        return 1;
+        return RTUPLC_OK;
     });
 }

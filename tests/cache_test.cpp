@@ -225,7 +225,7 @@ TEST_F(Cache, PolledBlockFindsItsAreasAfterTheCacheChanged)
              intf_setData(1, "D_W", 300, 1, w, 2);
          }, all},
         {"another read decoded", [] {
-             analyzeFrameOfVal(registersReply(1, {7, 7}), 2, 3, variable(1, "D_W", 500, 2, SEND_CONDITION));
+             analyzeFrameOfVal(registersReply(1, {7, 7}), 2, 3, variable(1, "D_W", 500, 2, RTUPLC_KIND_CONDITION_READ));
          }, all},
         {"restart and register again", [] {
              intf_initProperty(nullptr, 0, nullptr, nullptr, "1#1#0#3#64", nullptr);

@@ -62,7 +62,7 @@ inline KEY_ADDRESS key(int station, const QString &reg, int start, int len, int 
     return k;
 }
 
-inline VARIABLE variable(int station, const QString &reg, int start, int len, int kind = SEND_MONITOR)
+inline VARIABLE variable(int station, const QString &reg, int start, int len, int kind = RTUPLC_KIND_MONITOR_READ)
 {
     VARIABLE v;
     v.reqKind = kind;

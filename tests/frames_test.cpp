@@ -85,7 +85,7 @@ TEST_F(Frames, WriteRequestsPackBitsAndOrderWords)
     };
     for (const Row &r : rows) {
         driver.frameList.clear();
-        VARIABLE v = variable(r.station, r.reg, r.start, r.len, SEND_WRITE);
+        VARIABLE v = variable(r.station, r.reg, r.start, r.len, RTUPLC_KIND_WRITE);
         std::copy(r.data.begin(), r.data.end(), v.data);
         getWriteFrame(v, driver.frameList);
         SCOPED_TRACE(r.reg);
@@ -95,17 +95,17 @@ TEST_F(Frames, WriteRequestsPackBitsAndOrderWords)
         EXPECT_EQ(f.replyLen, r.replyLen);
         EXPECT_EQ(f.dataPos, 0);
         EXPECT_EQ(f.dataLen, 0);
-        EXPECT_EQ(f.reqKind, SEND_WRITE);
+        EXPECT_EQ(f.reqKind, RTUPLC_KIND_WRITE);
     }
     driver.frameList.clear();
-    VARIABLE unknown = variable(1, "D", 0, 1, SEND_WRITE);
+    VARIABLE unknown = variable(1, "D", 0, 1, RTUPLC_KIND_WRITE);
     getWriteFrame(unknown, driver.frameList);
     EXPECT_TRUE(driver.frameList.isEmpty());
 }
 
 TEST_F(Frames, WriteOfAnOddBitCountLeavesHighBitsClear)
 {
-    VARIABLE v = variable(1, "M", 0, 3, SEND_WRITE);
+    VARIABLE v = variable(1, "M", 0, 3, RTUPLC_KIND_WRITE);
     v.data[0] = 1;
     v.data[1] = 1;
     v.data[2] = 1;
@@ -146,7 +146,7 @@ TEST_F(Frames, ReplyCheckIsExactLengthAndCrc)
 
 TEST_F(Frames, WriteEchoAndBroadcast)
 {
-    VARIABLE v = variable(1, "D_W", 10, 1, SEND_WRITE);
+    VARIABLE v = variable(1, "D_W", 10, 1, RTUPLC_KIND_WRITE);
     getWriteFrame(v, driver.frameList);
     const auto check = [](const QByteArray &b) {
         return check_rcv_data(reinterpret_cast<const unsigned char *>(b.constData()), {}, b.size(), driver.frameList.first());
@@ -155,7 +155,7 @@ TEST_F(Frames, WriteEchoAndBroadcast)
     EXPECT_EQ(check(withCrc(hex("011000990007"))), 2); // address and quantity are not compared
     EXPECT_EQ(check(QByteArray()), 0);
     driver.frameList.clear();
-    VARIABLE broadcast = variable(0, "D_W", 10, 1, SEND_WRITE);
+    VARIABLE broadcast = variable(0, "D_W", 10, 1, RTUPLC_KIND_WRITE);
     getWriteFrame(broadcast, driver.frameList);
     EXPECT_EQ(check(QByteArray()), 2);
 }

@@ -187,7 +187,7 @@ TEST_F(Soak, FaultyLineLosesNothing)
             w.addr = nextWord++;
             w.value = value & 0xFFFF;
             w.before = sim.reg(1, uint32_t(w.addr));
-            intf_setData(1, "D_W", w.addr, 1, data.data(), SEND_WRITE);
+            intf_setData(1, "D_W", w.addr, 1, data.data(), RTUPLC_KIND_WRITE);
             break;
         case 1:
             w.reg = "D_D";
@@ -195,7 +195,7 @@ TEST_F(Soak, FaultyLineLosesNothing)
             nextDword += 2;
             w.value = value;
             w.before = sim.reg32(1, uint32_t(w.addr));
-            intf_setData(1, "D_D", w.addr, 2, data.data(), SEND_WRITE);
+            intf_setData(1, "D_D", w.addr, 2, data.data(), RTUPLC_KIND_WRITE);
             break;
         default:
             w.reg = "M";
@@ -203,7 +203,7 @@ TEST_F(Soak, FaultyLineLosesNothing)
             w.value = value & 1;
             w.before = sim.coil(1, uint32_t(2000 + w.addr));
             data[0] = uint8_t(w.value);
-            intf_setData(1, "M", w.addr, 1, data.data(), SEND_WRITE);
+            intf_setData(1, "M", w.addr, 1, data.data(), RTUPLC_KIND_WRITE);
             break;
         }
         writes[target(w.reg, w.addr)] = w;
@@ -226,7 +226,7 @@ TEST_F(Soak, FaultyLineLosesNothing)
         const int r = intf_dealRcvFrame(reply, what);
         ASSERT_TRUE(r == 1 || r == 2 || r == 8) << r;
         ++results[r];
-        if (f.reqKind == SEND_WRITE && (r == 1 || r == 2)) {
+        if (f.reqKind == RTUPLC_KIND_WRITE && (r == 1 || r == 2)) {
             auto it = writes.find(target(f.regName, f.startAddr));
             ASSERT_NE(it, writes.end()) << what.toStdString();
             (r == 1 ? it->second.landed : it->second.failed) += 1;
