@@ -321,15 +321,23 @@ RTUPLC_EXPORT int intf_addrMerge(QList<KEY_ADDRESS> &list)
         std::vector<MergeItem> items;
         items.reserve(static_cast<size_t>(list.size()));
         for (int i = 0; i < list.size(); ++i) {
-            if (i + 4 < list.size()) { // each record is a heap node of its own, 1 KB apart
-                const char *ahead = reinterpret_cast<const char *>(&list.at(i + 4));
+            // Each record is a heap node of its own, a kilobyte from the next, and its
+            // name another: fetch the record a few ahead, and the name of one whose
+            // record has arrived.
+            if (i + 8 < list.size()) {
+                const char *ahead = reinterpret_cast<const char *>(&list.at(i + 8));
                 __builtin_prefetch(ahead);
                 __builtin_prefetch(ahead + 63);
             }
+            if (i + 4 < list.size())
+                __builtin_prefetch(const_cast<QString &>(list.at(i + 4).regName).data_ptr());
             const KEY_ADDRESS &k = list.at(i);
             if (!hostRangeFits(k.startAddr, std::max(k.len, 0)))
                 continue; // no screen shows that many units; flagging them would exhaust memory
-            items.push_back(MergeItem{k.station, k.regName, k.startAddr, k.len, i, 0});
+            // The table's own text of a known name: the same characters, and no host
+            // string is read or shared again from here on.
+            const int reg = regIndexOf(k.regName);
+            items.push_back(MergeItem{k.station, reg >= 0 ? REG_LIST[reg] : k.regName, k.startAddr, k.len, i, 0});
         }
         // Flags in the host's order (areas are created in that order). Screens list their
         // items in no order of address, so each item's areas are somewhere else in the
