@@ -223,6 +223,20 @@ void DataAreaIndex::findRun(const QList<_DATA_> &areas, int station, int prefix,
     }
 }
 
+void DataAreaIndex::prefetchRun(const QList<_DATA_> &areas, int station, int prefix, int start, int count)
+{
+    if (indexed_ != areas.size())
+        return; // findRun will rebuild first; nothing worth fetching now
+    const int table = tableOf(station, prefix, false);
+    if (table < 0)
+        return;
+    for (int i = 0; i < count && i < kPageSize * 4; ++i) {
+        const int32_t *c = cell(table, static_cast<int>(uint32_t(start) + uint32_t(i)), false);
+        if (c && *c >= 0 && *c < areas.size())
+            __builtin_prefetch(&areas.at(*c));
+    }
+}
+
 void DataAreaIndex::add(const QList<_DATA_> &areas, int station, int prefixId, int addr, int index)
 {
     if (indexed_ != index) { // the list changed behind the index: start over

@@ -62,6 +62,8 @@ public:
     void findRun(const QList<_DATA_> &areas, int station, int prefixId, int start, int count, int *out);
     // Starts fetching the index entry of a key that will be looked up soon.
     void prefetch(int station, int prefixId, int addr);
+    // Starts fetching the areas of a run that findRun will be asked for soon.
+    void prefetchRun(const QList<_DATA_> &areas, int station, int prefixId, int start, int count);
     // Records that areas[index] holds the key (index is the last element).
     void add(const QList<_DATA_> &areas, int station, int prefixId, int addr, int index);
     void clear();
