@@ -166,6 +166,9 @@ std::vector<MergeItem> addrMerge(std::vector<MergeItem> items, int mode, QList<i
             for (int i = 0; i < REG_COUNT; ++i) {
                 const RegisterArea &area = registerArea(i);
                 name[i] = area.name.contains(QLatin1Char('_')) ? area.prefix + QStringLiteral("_W") : area.name;
+                const int same = getIndexFromRegName(name[i]);
+                if (same >= 0)
+                    name[i] = REG_LIST[same]; // items carry REG_LIST's texts: most need no assignment
             }
         }
     } monitorNames;
