@@ -1,5 +1,6 @@
 // Speed of the driver's hot paths, each measured side by side with a plain baseline of
-// the same operation (a linear scan of the data areas, a bubble sort, a bitwise CRC).
+// the same operation (a linear scan of the data areas, a hashed cache, a bubble sort,
+// registration with text keys, a bitwise CRC).
 //
 //   build/bench/rtuplc_bench                    all benchmarks
 //   build/bench/rtuplc_bench --memory           resident bytes per data area at 1M areas:
