@@ -10,7 +10,7 @@
 #include <ostream>
 #include <vector>
 
-#include "rtuplc_sim/request.h"
+#include "rtuplc_support/request.h"
 #include "serviceForProtocol.h"
 
 // Lets failing assertions show Qt strings as text.

@@ -22,7 +22,7 @@
 #include <map>
 #include <random>
 
-#include "rtuplc_sim/simulator.h"
+#include "rtuplc_support/simulator.h"
 
 using namespace testing_support;
 

@@ -1,0 +1,113 @@
+// The controller simulator: a Modbus RTU slave holding the controller's memory, served
+// over TCP (RTU frames, no MBAP header), a pseudo-terminal or a serial device.
+//
+// It runs in the caller's process, one thread per endpoint, so tests start it on a
+// free loopback port or a pty, set memory, inject faults and read the memory back:
+//
+//     rtusim::Simulator sim;
+//     sim.fill(rtusim::Fill::Pattern);
+//     std::string error;
+//     if (!sim.startTcp("127.0.0.1", 0, &error)) ...   // 0: any free port
+//     int port = sim.tcpPort();
+//     sim.setReg(1, 100, 1234);
+//     ... talk to it ...
+//     sim.stop();
+//
+// Every function may be called from any thread, also while the simulator serves.
+#ifndef RTUPLC_SIM_SIMULATOR_H
+#define RTUPLC_SIM_SIMULATOR_H
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "rtuplc_support/memory.h"
+#include "rtuplc_support/request.h"
+#include "rtuplc_support/serial_line.h"
+
+namespace rtusim {
+
+constexpr int kDefaultTcpPort = 8000;
+
+// Faults injected into the conversation, each drawn per request.
+struct Faults {
+    double drop = 0;      // no reply: the request was lost on its way in (not executed)
+                          // or its reply was lost (executed), one or the other at random
+    double corrupt = 0;   // one bit of the reply flipped, so its CRC fails
+    double exception = 0; // refused with "slave device busy" instead of executed
+    int delayMs = 0;      // added before every reply
+};
+
+struct Counters {
+    uint64_t requests = 0;      // frames with a valid CRC, whatever their station
+    uint64_t replies = 0;       // frames sent back, exceptions and corrupted ones included
+    uint64_t exceptions = 0;    // exception replies, injected or earned
+    uint64_t writes = 0;        // write requests executed, broadcasts included
+    uint64_t broadcasts = 0;    // requests to station 0 (executed if writes, never answered)
+    uint64_t otherStations = 0; // requests for stations not simulated (not answered)
+    uint64_t dropped = 0;
+    uint64_t corrupted = 0;
+    uint64_t discarded = 0;     // received bytes that formed no valid frame
+};
+
+class Simulator {
+public:
+    Simulator();
+    ~Simulator(); // stops serving
+    Simulator(const Simulator &) = delete;
+    Simulator &operator=(const Simulator &) = delete;
+
+    // Stations answered (1..247); the default is station 1. New stations get the
+    // current fill; stations left out keep their memory for when they come back.
+    void setStations(const std::vector<int> &stations);
+    std::vector<int> stations() const;
+    // Fills the memory of every station; dump() reports what differs from it.
+    void fill(Fill fill);
+    void setFaults(const Faults &faults);
+    void setSeed(uint64_t seed);
+    void setLimits(const Limits &limits);
+    // Lets values change over time, starting from 0: D 0 counts every 250 ms, M 0
+    // toggles every second, and the 32-bit counter 200 (registers 9700, 9701) ramps
+    // by 1000 every 250 ms up to 100000.
+    void setAnimate(bool on);
+    // Answers no faster than a serial line of these settings would carry request and
+    // reply, so that a host on loopback sees the pace of the real line; off by default.
+    void setPacing(const std::optional<SerialLine> &line);
+    // Receives one line per frame received and sent, in hex; empty switches it off.
+    void setLog(std::function<void(const std::string &)> log);
+
+    // Each start adds an endpoint, served until stop(). False, with a reason, when the
+    // endpoint cannot be opened.
+    bool startTcp(const std::string &host, int port, std::string *error);
+    int tcpPort() const; // of the last TCP endpoint started
+    bool startPty(std::string *error);
+    std::string ptyPath() const; // of the last pty started, e.g. /dev/pts/4
+    bool startSerial(const std::string &device, const SerialLine &line, std::string *error);
+    void stop();
+    bool running() const;
+
+    // Memory of a simulated station; other stations throw std::out_of_range.
+    uint16_t reg(int station, uint32_t address) const;
+    void setReg(int station, uint32_t address, uint16_t value);
+    // Two registers, the high half at `address`, as the controller keeps 32-bit values.
+    uint32_t reg32(int station, uint32_t address) const;
+    void setReg32(int station, uint32_t address, uint32_t value);
+    bool coil(int station, uint32_t address) const;
+    void setCoil(int station, uint32_t address, bool on);
+
+    Counters counters() const;
+    // One line per unit that differs from the fill, e.g. "1 register 100 D:100 = 1234".
+    std::string dump() const;
+
+    struct Impl; // the state the endpoint threads share; defined inside the library
+
+private:
+    std::unique_ptr<Impl> impl_;
+};
+
+} // namespace rtusim
+
+#endif

@@ -1,0 +1,391 @@
+#include "rtuplc_support/simulator.h"
+
+#include <unistd.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <sstream>
+#include <stdexcept>
+
+#include "rtuplc_support/modbus.h"
+#include "simulator_impl.h"
+
+namespace rtusim {
+
+namespace {
+
+constexpr std::chrono::milliseconds kAnimationTick{250};
+constexpr uint32_t kCounterRegister = 0;  // D 0
+constexpr uint32_t kToggleCoil = 2000;    // M 0
+constexpr int kToggleTicks = 4;
+constexpr uint32_t kRampRegister = 9700;  // 32-bit counter 200, high register first
+constexpr uint32_t kRampStep = 1000;
+constexpr uint32_t kRampTop = 100000;
+
+std::string hex(const std::vector<uint8_t> &bytes)
+{
+    std::string s;
+    char b[4];
+    for (uint8_t v : bytes) {
+        snprintf(b, sizeof b, "%02X ", v);
+        s += b;
+    }
+    if (!s.empty())
+        s.pop_back();
+    return s;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------------
+// Stop signal.
+
+bool StopSignal::open()
+{
+    return ::pipe(fds_) == 0;
+}
+
+void StopSignal::raise()
+{
+    if (fds_[1] >= 0) {
+        const char b = 1;
+        [[maybe_unused]] ssize_t n = ::write(fds_[1], &b, 1);
+    }
+}
+
+void StopSignal::close()
+{
+    for (int &fd : fds_) {
+        if (fd >= 0)
+            ::close(fd);
+        fd = -1;
+    }
+}
+
+bool StopSignal::waitFor(std::chrono::microseconds d) const
+{
+    pollfd p{fds_[0], POLLIN, 0};
+    return ::poll(&p, 1, static_cast<int>((d.count() + 999) / 1000)) > 0;
+}
+
+// ---------------------------------------------------------------------------------
+// Serving a frame.
+
+StationMemory &Simulator::Impl::stationMemory(int station)
+{
+    if (std::find(stations.begin(), stations.end(), station) == stations.end())
+        throw std::out_of_range("station " + std::to_string(station) + " is not simulated");
+    return memory.at(station);
+}
+
+const StationMemory &Simulator::Impl::stationMemory(int station) const
+{
+    return const_cast<Impl *>(this)->stationMemory(station);
+}
+
+void Simulator::Impl::logFrame(const char *direction, const std::vector<uint8_t> &bytes)
+{
+    std::lock_guard<std::mutex> lock(logMutex);
+    if (log)
+        log(std::string(direction) + " " + hex(bytes));
+}
+
+std::optional<Simulator::Impl::Answer> Simulator::Impl::serve(const std::vector<uint8_t> &frame)
+{
+    ++counters.requests;
+    logFrame("rx", frame);
+    const int station = frame[0];
+    const uint8_t *pdu = frame.data() + 1;
+    const size_t pduBytes = frame.size() - 1 - kCrcBytes;
+
+    if (station == kBroadcastStation) {
+        // Everybody listens to a broadcast and nobody answers it.
+        ++counters.broadcasts;
+        if (isWriteFunction(pdu[0])) {
+            std::lock_guard<std::mutex> lock(memoryMutex);
+            for (int s : stations)
+                executeRequest(memory.at(s), pdu, pduBytes, limits);
+            ++counters.writes;
+        }
+        return std::nullopt;
+    }
+
+    bool drop, executeDropped, refuse, corrupt;
+    size_t flipBit = 0;
+    std::chrono::microseconds delay;
+    std::optional<SerialLine> pacing;
+    {
+        std::lock_guard<std::mutex> lock(faultMutex);
+        std::uniform_real_distribution<double> p(0.0, 1.0);
+        drop = p(random) < faults.drop;
+        executeDropped = p(random) < 0.5;
+        refuse = p(random) < faults.exception;
+        corrupt = p(random) < faults.corrupt;
+        flipBit = std::uniform_int_distribution<size_t>(0, 8 * kMaxFrameBytes)(random);
+        delay = std::chrono::milliseconds(faults.delayMs);
+        pacing = this->pacing;
+    }
+
+    std::vector<uint8_t> reply{static_cast<uint8_t>(station)};
+    {
+        std::lock_guard<std::mutex> lock(memoryMutex);
+        if (std::find(stations.begin(), stations.end(), station) == stations.end()) {
+            ++counters.otherStations; // another slave's business
+            return std::nullopt;
+        }
+        if (drop && !executeDropped) {
+            ++counters.dropped;
+            return std::nullopt;
+        }
+        std::vector<uint8_t> pduReply;
+        if (refuse)
+            pduReply = {static_cast<uint8_t>(pdu[0] | fc::kExceptionFlag), ex::kDeviceBusy};
+        else
+            pduReply = executeRequest(memory.at(station), pdu, pduBytes, limits);
+        if (!refuse && isWriteFunction(pdu[0]) && !(pduReply[0] & fc::kExceptionFlag))
+            ++counters.writes;
+        if (drop) {
+            ++counters.dropped;
+            return std::nullopt;
+        }
+        if (pduReply[0] & fc::kExceptionFlag)
+            ++counters.exceptions;
+        reply.insert(reply.end(), pduReply.begin(), pduReply.end());
+    }
+    appendCrc(reply);
+    if (corrupt) {
+        const size_t bit = flipBit % (8 * reply.size());
+        reply[bit / 8] ^= static_cast<uint8_t>(1u << (bit % 8));
+        ++counters.corrupted;
+    }
+    if (pacing)
+        delay += characterTime(*pacing) * int64_t(frame.size() + reply.size());
+    return Answer{reply, delay};
+}
+
+// ---------------------------------------------------------------------------------
+// Threads.
+
+void Simulator::Impl::startThread(std::function<void()> body)
+{
+    threads.emplace_back(std::move(body));
+}
+
+void Simulator::Impl::ensureThreadsStarted()
+{
+    if (!threads.empty())
+        return;
+    startThread([this] { animateLoop(); });
+}
+
+void Simulator::Impl::animateLoop()
+{
+    for (uint64_t tick = 0; !stop.waitFor(kAnimationTick); ++tick) {
+        if (!animate)
+            continue;
+        std::lock_guard<std::mutex> lock(memoryMutex);
+        for (int s : stations) {
+            StationMemory &m = memory.at(s);
+            m.registers[kCounterRegister] = static_cast<uint16_t>(m.registers[kCounterRegister] + 1);
+            if (tick % kToggleTicks == 0)
+                m.coils[kToggleCoil] ^= 1;
+            uint32_t ramp = (uint32_t(m.registers[kRampRegister]) << 16) | m.registers[kRampRegister + 1];
+            ramp = (ramp + kRampStep) % kRampTop;
+            m.registers[kRampRegister] = static_cast<uint16_t>(ramp >> 16);
+            m.registers[kRampRegister + 1] = static_cast<uint16_t>(ramp & 0xFFFF);
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------------
+// Public API.
+
+Simulator::Simulator() : impl_(std::make_unique<Impl>())
+{
+    impl_->memory[1] = StationMemory();
+}
+
+Simulator::~Simulator()
+{
+    stop();
+}
+
+void Simulator::setStations(const std::vector<int> &stations)
+{
+    std::lock_guard<std::mutex> lock(impl_->memoryMutex);
+    for (int s : stations) {
+        if (s < 1 || s > kHighestStation)
+            throw std::out_of_range("station " + std::to_string(s) + " is not 1..247");
+        if (impl_->memory.count(s) == 0)
+            fillMemory(impl_->memory[s], s, impl_->fillKind);
+    }
+    impl_->stations = stations;
+}
+
+std::vector<int> Simulator::stations() const
+{
+    std::lock_guard<std::mutex> lock(impl_->memoryMutex);
+    return impl_->stations;
+}
+
+void Simulator::fill(Fill fill)
+{
+    std::lock_guard<std::mutex> lock(impl_->memoryMutex);
+    impl_->fillKind = fill;
+    for (auto &entry : impl_->memory)
+        fillMemory(entry.second, entry.first, fill);
+}
+
+void Simulator::setFaults(const Faults &faults)
+{
+    std::lock_guard<std::mutex> lock(impl_->faultMutex);
+    impl_->faults = faults;
+}
+
+void Simulator::setSeed(uint64_t seed)
+{
+    std::lock_guard<std::mutex> lock(impl_->faultMutex);
+    impl_->random.seed(seed);
+}
+
+void Simulator::setLimits(const Limits &limits)
+{
+    std::lock_guard<std::mutex> lock(impl_->memoryMutex);
+    impl_->limits = limits;
+}
+
+void Simulator::setAnimate(bool on)
+{
+    if (on && !impl_->animate) {
+        // The moving values start from zero, whatever the fill put there.
+        std::lock_guard<std::mutex> lock(impl_->memoryMutex);
+        for (int s : impl_->stations) {
+            StationMemory &m = impl_->memory.at(s);
+            m.registers[kCounterRegister] = 0;
+            m.coils[kToggleCoil] = 0;
+            m.registers[kRampRegister] = 0;
+            m.registers[kRampRegister + 1] = 0;
+        }
+    }
+    impl_->animate = on;
+}
+
+void Simulator::setPacing(const std::optional<SerialLine> &line)
+{
+    std::lock_guard<std::mutex> lock(impl_->faultMutex);
+    impl_->pacing = line;
+}
+
+void Simulator::setLog(std::function<void(const std::string &)> log)
+{
+    std::lock_guard<std::mutex> lock(impl_->logMutex);
+    impl_->log = std::move(log);
+}
+
+int Simulator::tcpPort() const
+{
+    std::lock_guard<std::mutex> lock(impl_->endpointMutex);
+    return impl_->tcpPort;
+}
+
+std::string Simulator::ptyPath() const
+{
+    std::lock_guard<std::mutex> lock(impl_->endpointMutex);
+    return impl_->ptyPath;
+}
+
+void Simulator::stop()
+{
+    std::lock_guard<std::mutex> lock(impl_->endpointMutex);
+    impl_->stop.raise();
+    for (std::thread &t : impl_->threads)
+        t.join();
+    impl_->threads.clear();
+    for (int fd : impl_->ownedFds)
+        ::close(fd);
+    impl_->ownedFds.clear();
+    impl_->stop.close();
+}
+
+bool Simulator::running() const
+{
+    std::lock_guard<std::mutex> lock(impl_->endpointMutex);
+    return !impl_->threads.empty();
+}
+
+uint16_t Simulator::reg(int station, uint32_t address) const
+{
+    std::lock_guard<std::mutex> lock(impl_->memoryMutex);
+    return impl_->stationMemory(station).registers.at(address);
+}
+
+void Simulator::setReg(int station, uint32_t address, uint16_t value)
+{
+    std::lock_guard<std::mutex> lock(impl_->memoryMutex);
+    impl_->stationMemory(station).registers.at(address) = value;
+}
+
+uint32_t Simulator::reg32(int station, uint32_t address) const
+{
+    return (uint32_t(reg(station, address)) << 16) | reg(station, address + 1);
+}
+
+void Simulator::setReg32(int station, uint32_t address, uint32_t value)
+{
+    setReg(station, address, static_cast<uint16_t>(value >> 16));
+    setReg(station, address + 1, static_cast<uint16_t>(value & 0xFFFF));
+}
+
+bool Simulator::coil(int station, uint32_t address) const
+{
+    std::lock_guard<std::mutex> lock(impl_->memoryMutex);
+    return impl_->stationMemory(station).coils.at(address) != 0;
+}
+
+void Simulator::setCoil(int station, uint32_t address, bool on)
+{
+    std::lock_guard<std::mutex> lock(impl_->memoryMutex);
+    impl_->stationMemory(station).coils.at(address) = on ? 1 : 0;
+}
+
+Counters Simulator::counters() const
+{
+    const AtomicCounters &c = impl_->counters;
+    Counters r;
+    r.requests = c.requests;
+    r.replies = c.replies;
+    r.exceptions = c.exceptions;
+    r.writes = c.writes;
+    r.broadcasts = c.broadcasts;
+    r.otherStations = c.otherStations;
+    r.dropped = c.dropped;
+    r.corrupted = c.corrupted;
+    r.discarded = c.discarded;
+    return r;
+}
+
+std::string Simulator::dump() const
+{
+    std::lock_guard<std::mutex> lock(impl_->memoryMutex);
+    std::ostringstream out;
+    const bool pattern = impl_->fillKind == Fill::Pattern;
+    for (int s : impl_->stations) {
+        const StationMemory &m = impl_->memory.at(s);
+        for (uint32_t a = 0; a < kAddressSpace; ++a) {
+            const uint8_t fillCoil = pattern ? patternCoil(s, a) : 0;
+            if (m.coils[a] != fillCoil)
+                out << s << " coil " << a << ' ' << describeAddress(Space::Coils, a) << " = " << int(m.coils[a])
+                    << '\n';
+        }
+        for (uint32_t a = 0; a < kAddressSpace; ++a) {
+            const uint16_t fillRegister = pattern ? patternRegister(s, a) : 0;
+            if (m.registers[a] != fillRegister)
+                out << s << " register " << a << ' ' << describeAddress(Space::Registers, a) << " = "
+                    << m.registers[a] << '\n';
+        }
+    }
+    return out.str();
+}
+
+} // namespace rtusim
