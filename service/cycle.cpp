@@ -211,7 +211,7 @@ void dealListWhenFinish()
             const VARIABLE &next = driver.monitorList.constFirst();
             for (size_t at = 0; at < sizeof(VARIABLE); at += 64)
                 __builtin_prefetch(reinterpret_cast<const char *>(&next) + at);
-            const int reg = regIndexOf(next.regName);
+            const int reg = getIndexFromRegName(next.regName);
             if (reg >= 0)
                 driver.areaIndex.prefetchRun(driver.dataAreas, next.station, driver.areaIndex.prefixOfReg(reg),
                                              next.startAddr, next.len);

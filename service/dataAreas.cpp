@@ -9,43 +9,6 @@
 // ---------------------------------------------------------------------------------
 // Index of the data areas.
 
-namespace {
-// A register name packed into one integer: REG_LIST names have at most three
-// characters, so length and characters fit 64 bits and a name is found by comparing
-// integers.
-uint64_t packName(const QString &name)
-{
-    if (name.size() > 3)
-        return 0;
-    uint64_t k = uint64_t(name.size());
-    for (int i = 0; i < name.size(); ++i)
-        k |= uint64_t(name.at(i).unicode()) << (8 + 16 * i);
-    return k;
-}
-
-struct PackedRegNames {
-    uint64_t key[REG_COUNT];
-    PackedRegNames()
-    {
-        for (int i = 0; i < REG_COUNT; ++i)
-            key[i] = packName(REG_LIST[i]);
-    }
-};
-} // namespace
-
-int regIndexOf(const QString &name)
-{
-    static const PackedRegNames names;
-    const uint64_t k = packName(name);
-    if (k == 0) // longer than any register name: the table decides
-        return getIndexFromRegName(name);
-    for (int i = 0; i < REG_COUNT; ++i) {
-        if (names.key[i] == k)
-            return i;
-    }
-    return -1;
-}
-
 int DataAreaIndex::prefixId(const QString &name)
 {
     // Areas share the interned text, so the same characters are usually the same
@@ -382,7 +345,7 @@ int uchar2int32(unsigned char b0, unsigned char b1, unsigned char b2, unsigned c
 void analyzeFrameOfVal(const QByteArray &reply, int count, int dataPos, const VARIABLE &var)
 {
     const ReplyBytes r{reinterpret_cast<const unsigned char *>(reply.constData()), reply.size()};
-    const int reg = regIndexOf(var.regName);
+    const int reg = getIndexFromRegName(var.regName);
     if (reg < 0)
         return;
     const RegisterArea &info = registerArea(reg);

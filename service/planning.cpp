@@ -181,7 +181,7 @@ std::vector<MergeItem> addrMerge(std::vector<MergeItem> items, int mode, QList<i
         order.reserve(items.size());
     for (size_t i = 0; i < items.size(); ++i) {
         MergeItem &it = items[i];
-        const int reg = regIndexOf(it.regName);
+        const int reg = getIndexFromRegName(it.regName);
         if (reg >= 0)
             it.len = unitsOfHostLength(reg, static_cast<int>(it.len));
         if (recipe)
@@ -277,7 +277,7 @@ int _setBitValue(int value, int bit, int on)
 
 int _setDataAreaMonitorFlag(int station, const QString &regName, int startAddr, int len)
 {
-    const int reg = regIndexOf(regName);
+    const int reg = getIndexFromRegName(regName);
     if (reg < 0)
         return -1;
     const RegisterArea &area = registerArea(reg);
@@ -339,7 +339,7 @@ RTUPLC_EXPORT int intf_addrMerge(QList<KEY_ADDRESS> &list)
                 continue; // no screen shows that many units; flagging them would exhaust memory
             // The table's own text of a known name: the same characters, and no host
             // string is read or shared again from here on.
-            const int reg = regIndexOf(k.regName);
+            const int reg = getIndexFromRegName(k.regName);
             items.push_back(MergeItem{k.station, reg >= 0 ? REG_LIST[reg] : k.regName, k.startAddr, k.len, i, 0});
         }
         // Flags in the host's order (areas are created in that order). Screens list their
@@ -349,7 +349,7 @@ RTUPLC_EXPORT int intf_addrMerge(QList<KEY_ADDRESS> &list)
         for (size_t i = 0; i < items.size(); ++i) {
             if (i + kAhead < items.size()) {
                 const MergeItem &next = items[i + kAhead];
-                const int reg = regIndexOf(next.regName);
+                const int reg = getIndexFromRegName(next.regName);
                 if (reg >= 0)
                     driver.areaIndex.prefetch(next.station, driver.areaIndex.prefixOfReg(reg),
                                               static_cast<int>(next.startAddr));

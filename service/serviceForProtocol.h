@@ -111,10 +111,6 @@ private:
     int regPrefix_[REG_COUNT] = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
 };
 
-// Index of `name` in REG_LIST, as getIndexFromRegName, without a text comparison per
-// row: registration and decoding ask it for every item and every reply.
-int regIndexOf(const QString &name);
-
 class Protocol {
 public:
     Protocol();
