@@ -326,10 +326,10 @@ private:
                 Reason why = Reason::Malformed;
                 if (late)
                     why = Reason::Late;
-                else if (b[i] != frame_.frame[0])
-                    why = Reason::Foreign;
                 else if (size_t(len) == previous_.size() && std::memcmp(b + i, previous_.data(), previous_.size()) == 0)
                     why = Reason::Doubled;
+                else if (b[i] != frame_.frame[0])
+                    why = Reason::Foreign;
                 dropped_.push_back({why, {b + i, b + i + len}});
                 i += size_t(len);
                 noiseFrom = i;

@@ -171,9 +171,9 @@ void Link::setTiming(std::chrono::microseconds margin, std::chrono::milliseconds
 
 std::chrono::microseconds Link::guard() const
 {
-    // A slave that answers late usually also holds the requests sent meanwhile and
-    // answers them as late: leave room for more than one late reply.
-    const auto g = margin_ + 3 * maxLate_;
+    // A slave that answers late usually holds the requests sent meanwhile and answers
+    // them as late: leave room for twice the longest response seen.
+    const auto g = margin_ + 2 * std::max(maxResponse_, maxAmbiguous_);
     return std::clamp<std::chrono::microseconds>(g, std::max(silence(), std::chrono::microseconds(1000)), kMaxGuard);
 }
 
@@ -190,33 +190,41 @@ bool Link::drain(bool late)
     }
 }
 
+void Link::responded(Clock::time_point sentAt, Clock::time_point at, bool ambiguous)
+{
+    auto &longest = ambiguous ? maxAmbiguous_ : maxResponse_;
+    const auto took = std::chrono::duration_cast<std::chrono::microseconds>(at - sentAt);
+    longest = std::min<std::chrono::microseconds>(std::max(longest, took), kMaxGuard);
+}
+
 void Link::lateBy(Clock::time_point now, Clock::time_point deadline)
 {
     ++stats_.lateReplies;
-    const auto late = std::chrono::duration_cast<std::chrono::microseconds>(now - deadline);
-    if (late > maxLate_)
-        maxLate_ = std::min<std::chrono::microseconds>(late, kMaxGuard);
-    stats_.maxLateness = std::max(stats_.maxLateness, late);
+    stats_.maxLateness =
+        std::max(stats_.maxLateness, std::chrono::duration_cast<std::chrono::microseconds>(now - deadline));
 }
 
 void Link::took(const std::vector<uint8_t> &frame, Clock::time_point now, bool sentNow)
 {
-    // The answer goes to the oldest identical send still owed: if that is not the one
-    // just sent, the answer to this one may still come, and the guard stays due.
-    for (auto it = owed_.begin(); it != owed_.end(); ++it) {
-        if (it->frame != frame)
-            continue;
-        const bool earlier = !sentNow || std::next(it) != owed_.end();
-        if (earlier && now > it->deadline) {
-            // Ambiguous when this frame was sent again meanwhile: count no more
-            // lateness than the time since that send.
-            const auto since = sentNow ? now - owed_.back().sentAt : now - it->deadline;
-            lateBy(now, std::max(it->deadline, now - since));
-        }
-        owed_.erase(it);
-        break;
+    // A slave answers in order: the answer goes to the oldest identical send still
+    // owed. If that is not the one just sent, the answer to this one may still come.
+    const auto same = [&](const Owed &o) { return o.frame == frame; };
+    const auto oldest = std::find_if(owed_.begin(), owed_.end(), same);
+    if (oldest == owed_.end())
+        return;
+    const auto newest = std::find_if(owed_.rbegin(), owed_.rend(), same);
+    if (!sentNow) {
+        // Nothing was sent since: a late answer for certain. Sends whose request was
+        // lost are never answered, so measure from the latest one.
+        lateBy(now, newest->deadline);
+        responded(newest->sentAt, now, false);
+    } else {
+        // Just sent: the answer to this send or a late one to an identical send
+        // before it; the guard takes the longer response time, and it is not
+        // reported as late.
+        responded(oldest->sentAt, now, oldest != std::prev(newest.base()));
     }
-    guardDue_ = !owed_.empty();
+    owed_.erase(oldest);
 }
 
 void Link::collect(Exchange &x)
@@ -230,20 +238,27 @@ void Link::collect(Exchange &x)
 bool Link::keepQuiet(const FRAME_PRO &frame, Exchange &x, const std::atomic<bool> &stop)
 {
     const std::vector<uint8_t> bytes(frame.frame, frame.frame + frame.frameLen);
-    bool sentBefore = false;
-    for (const Owed &o : owed_)
-        sentBefore = sentBefore || o.frame == bytes;
+    const bool retry = std::all_of(owed_.begin(), owed_.end(), [&](const Owed &o) { return o.frame == bytes; });
+    const Clock::time_point newestSend = owed_.back().sentAt;
+    const Clock::time_point newestDeadline = owed_.back().deadline;
     matcher_.expect(frame);
     const auto started = Clock::now();
-    auto quietUntil = started + guard();
-    auto lastRead = started - kReplyGap - kReplyGap;
+    const auto minQuiet = std::max<std::chrono::microseconds>(margin_, silence());
+    // Before the same request again, wait as long as this slave has been seen to
+    // answer: a late answer to it is an answer to it, and taking it spares a send
+    // whose answer would be owed. Before another request every send still owed must
+    // have had time to be answered, or its answer might be taken for this request's.
+    const auto horizon = [&] {
+        return retry ? std::min(newestDeadline + minQuiet + maxResponse_, started + kMaxGuard)
+                     : std::min(newestSend + guard(), started + kMaxGuard);
+    };
+    auto quietUntil = std::max(started + minQuiet, horizon());
+    auto lastRead = started - 2 * kReplyGap;
     while (!stop) {
-        const auto now = Clock::now();
-        if (now >= quietUntil)
+        if (Clock::now() >= quietUntil)
             break;
         pollfd p{fd_, POLLIN, 0};
-        const int ready = ::poll(&p, 1, std::min(msLeft(quietUntil) + 1, 100));
-        if (ready <= 0)
+        if (::poll(&p, 1, std::min(msLeft(quietUntil) + 1, 100)) <= 0)
             continue;
         uint8_t buf[512];
         const ssize_t n = ::read(fd_, buf, sizeof buf);
@@ -255,8 +270,8 @@ bool Link::keepQuiet(const FRAME_PRO &frame, Exchange &x, const std::atomic<bool
             continue;
         }
         const auto at = Clock::now();
-        if (sentBefore) {
-            matcher_.feed(buf, size_t(n)); // an answer to the same request, sent before
+        if (retry) {
+            matcher_.feed(buf, size_t(n)); // an answer to this very request, sent before
             if (matcher_.answered()) {
                 took(bytes, at, false);
                 x.reply = matcher_.reply();
@@ -267,25 +282,20 @@ bool Link::keepQuiet(const FRAME_PRO &frame, Exchange &x, const std::atomic<bool
             }
         } else {
             matcher_.discard(buf, size_t(n), true);
-        }
-        if (at - lastRead > kReplyGap) { // the first bytes of another late reply
-            if (!owed_.empty()) {
-                lateBy(at, owed_.front().deadline);
-                owed_.pop_front();
-            } else {
-                lateBy(at, at);
+            if (at - lastRead > kReplyGap) { // the first bytes of another late reply
+                lateBy(at, owed_.empty() ? newestDeadline : owed_.front().deadline);
+                responded(newestSend, at, false);
+                if (!owed_.empty())
+                    owed_.pop_front();
             }
         }
         lastRead = at;
-        quietUntil = at + guard();
+        quietUntil = std::max(at + minQuiet, horizon());
     }
     matcher_.finish(true);
     stats_.guardTotal += std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - started);
-    guardDue_ = false;
-    // Sends of other frames are given up; an identical one's answer may still come
-    // and would be taken for this one, so it stays owed.
-    owed_.erase(std::remove_if(owed_.begin(), owed_.end(), [&](const Owed &o) { return o.frame != bytes; }),
-                owed_.end());
+    if (!retry)
+        owed_.clear(); // given time enough: those answers are lost
     return false;
 }
 
@@ -296,7 +306,7 @@ Exchange Link::exchange(const FRAME_PRO &frame, std::chrono::microseconds timeou
     if (pause_.count() > 0 && lastEnd_ != Clock::time_point{})
         std::this_thread::sleep_until(lastEnd_ + pause_);
     beforeSend();
-    if (fd_ >= 0 && guardDue_ && keepQuiet(frame, x, stop)) {
+    if (fd_ >= 0 && !owed_.empty() && keepQuiet(frame, x, stop)) {
         afterExchange();
         collect(x);
         lastEnd_ = Clock::now();
@@ -351,8 +361,6 @@ Exchange Link::exchange(const FRAME_PRO &frame, std::chrono::microseconds timeou
     } else {
         matcher_.finish(false);
         x.outcome = Exchange::Outcome::NoReply; // the driver takes nothing as a time-out
-        if (expectsReply && !stop)
-            guardDue_ = true;
     }
     collect(x);
     if (!expectsReply)

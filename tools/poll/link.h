@@ -56,8 +56,9 @@ public:
     // The turnaround margin the guard after a time-out starts from, and a pause kept
     // between the end of one exchange and the next frame.
     void setTiming(std::chrono::microseconds margin, std::chrono::milliseconds pause);
-    // The guard in force now: the margin plus three times the largest lateness seen,
-    // at least the silent interval, at most kMaxGuard.
+    // How long after the newest send still owed the line must have been quiet before
+    // another request goes out: the margin plus twice the longest response seen, at
+    // least the silent interval, at most kMaxGuard.
     std::chrono::microseconds guard() const;
     static constexpr std::chrono::seconds kMaxGuard{10};
 
@@ -87,14 +88,16 @@ private:
     bool keepQuiet(const FRAME_PRO &frame, Exchange &x, const std::atomic<bool> &stop);
     void took(const std::vector<uint8_t> &frame, Clock::time_point now, bool sentNow);
     void lateBy(Clock::time_point now, Clock::time_point deadline);
+    void responded(Clock::time_point sentAt, Clock::time_point at, bool ambiguous);
     void collect(Exchange &x);
 
     rtuplc::ReplyMatcher matcher_;
-    std::deque<Owed> owed_; // sends whose answer has not been seen
-    bool guardDue_ = false;
+    std::deque<Owed> owed_; // sends whose answer has not been seen: the guard is due
     std::chrono::microseconds margin_{500000};
     std::chrono::milliseconds pause_{0};
-    std::chrono::microseconds maxLate_{0};
+    std::chrono::microseconds maxResponse_{0};  // longest time from a send to its answer
+    std::chrono::microseconds maxAmbiguous_{0}; // the same, had an answer taken by a re-send
+                                                // been the late one to the send before
     Clock::time_point lastEnd_{};
     LineStats stats_;
 };
