@@ -336,6 +336,11 @@ const LineFault kLineFaults[] = {
     {"Missing", [](rtusim::Faults &f) { f.drop = 0.3; }},
 };
 
+void PrintTo(const LineFault &f, std::ostream *os)
+{
+    *os << f.name;
+}
+
 class PollLineFaults : public ::testing::TestWithParam<std::tuple<LineFault, bool>> {};
 
 TEST_P(PollLineFaults, NoValueIsAnotherItemsAndEveryItemArrives)
