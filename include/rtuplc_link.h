@@ -81,7 +81,9 @@ constexpr CrcTable makeCrcTable()
     return t;
 }
 inline constexpr CrcTable kCrcTable = makeCrcTable();
+} // namespace detail
 
+// Reads answer with a byte count and data; writes with the echo of their first six bytes.
 constexpr bool isReadFunction(uint8_t f)
 {
     return f == kReadCoils || f == kReadDiscreteInputs || f == kReadHoldingRegisters || f == kReadInputRegisters;
@@ -91,7 +93,6 @@ constexpr bool isWriteFunction(uint8_t f)
     return f == kWriteSingleCoil || f == kWriteSingleRegister || f == kWriteMultipleCoils ||
            f == kWriteMultipleRegisters;
 }
-} // namespace detail
 
 // The Modbus CRC-16 (initial 0xFFFF, reflected polynomial 0xA001); sent low byte first.
 constexpr uint16_t crc16(const uint8_t *data, size_t n)
@@ -132,9 +133,9 @@ constexpr long replyLength(const uint8_t *bytes, size_t n)
     const uint8_t f = bytes[1];
     if (f & kExceptionFlag)
         return long(kExceptionReplyBytes);
-    if (detail::isWriteFunction(f))
+    if (isWriteFunction(f))
         return long(kWriteEchoBytes);
-    if (!detail::isReadFunction(f))
+    if (!isReadFunction(f))
         return -1;
     return n < 3 ? 0 : long(kReadReplyFramingBytes + bytes[2]);
 }
@@ -151,7 +152,7 @@ constexpr size_t answerLength(const uint8_t *request, size_t n)
         return readBitsReplyBytes(quantity);
     if (f == kReadHoldingRegisters || f == kReadInputRegisters)
         return readRegistersReplyBytes(quantity);
-    return detail::isWriteFunction(f) ? kWriteEchoBytes : 0;
+    return isWriteFunction(f) ? kWriteEchoBytes : 0;
 }
 
 // ---------------------------------------------------------------------------------
@@ -187,7 +188,7 @@ inline MatchResult matchReply(const FRAME_PRO &frame, const uint8_t *bytes, size
         r.offset = n;
         return r;
     }
-    const bool read = detail::isReadFunction(req[1]);
+    const bool read = isReadFunction(req[1]);
     for (size_t i = 0; i < n; ++i) {
         const uint8_t *c = bytes + i;
         const size_t have = n - i;

@@ -42,7 +42,7 @@ const char *reasonText(DropReason r)
 
 bool isWriteFrame(const FRAME_PRO &f)
 {
-    return f.frameLen > 1 && rtuplc::detail::isWriteFunction(f.frame[1]);
+    return f.frameLen > 1 && rtuplc::isWriteFunction(f.frame[1]);
 }
 
 QString prefixOf(const QString &regName)

@@ -312,6 +312,8 @@ Exchange Link::exchange(const FRAME_PRO &frame, std::chrono::microseconds timeou
         lastEnd_ = Clock::now();
         return x;
     }
+    if (stop)
+        return x; // interrupted while keeping quiet: nothing is sent
     // After the silence: whatever came during it is stale too.
     if (fd_ >= 0 && !drain(false))
         closeOnFailure(); // the peer closed: reconnect before sending
