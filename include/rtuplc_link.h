@@ -10,21 +10,24 @@
 // must hand the driver only bytes that answer that frame. This header gives every
 // host the same tools for that, header-only, with nothing exported by the library:
 //
-//     rtuplc::ReplyMatcher matcher;
+//     rtuplc::ReplyMatcher matcher;                   // one per line: it keeps history
 //     FRAME_PRO f;
 //     if (intf_getSendFrame(f)) {
-//         if (lineOwesReplies)                        // an earlier exchange timed out:
-//             waitForQuiet(guard, matcher);           // what comes now is late, dropped
-//         flushInput(matcher);                        // stale bytes, dropped and counted
+//         if (owed > 0)                               // an earlier exchange timed out:
+//             keepQuiet(guard, matcher);              // what comes now is late, dropped
+//         flushInput(matcher);                        // stale bytes: matcher.discard()
 //         transmit(f.frame, f.frameLen);
-//         matcher.expect(f);
-//         while (matcher.verdict() == rtuplc::MatchVerdict::NeedMore ||
-//                matcher.verdict() == rtuplc::MatchVerdict::NotAnswer) {
-//             if (!receiveSome(buf, &n, deadline)) { matcher.finish(); break; }
-//             matcher.feed(buf, n);                   // noise, copies, strangers skipped
+//         QByteArray reply;                           // time-out: empty
+//         if (f.replyLen > 0) {
+//             matcher.expect(f);
+//             while (!matcher.answered() && receiveSome(buf, &n, deadline))
+//                 matcher.feed(buf, n);               // noise, copies, strangers skipped
+//             if (matcher.answered())                 // the reply, or a 5-byte exception
+//                 reply = QByteArray((const char *)matcher.reply().data(),
+//                                    int(matcher.reply().size()));
+//             else
+//                 matcher.finish(), ++owed;
 //         }
-//         QByteArray reply = matcher.answered() ? QByteArray(...matcher.reply()...)
-//                                               : QByteArray(); // time-out: empty
 //         int r = intf_dealRcvFrame(reply, what);
 //         for (const auto &d : matcher.takeDropped()) count(d.reason);
 //     }
@@ -32,8 +35,10 @@
 // Read replies do not echo the address: two blocks of the same length at one station
 // have replies of the same shape, and no matcher can tell a late answer to one from
 // the answer to the other. Only time can: after a time-out the host must keep the
-// line quiet for a guard time before the next frame goes out (the turnaround margin
-// plus the largest lateness seen), and drop whatever arrives in it as late.
+// line quiet for a guard time before another frame goes out (the turnaround margin
+// plus twice the longest response seen, bounded), and drop whatever arrives in it as
+// late. A late answer to the same frame sent again is an answer to it. The reference
+// host's tools/poll/link.cpp does all of this.
 #ifndef RTUPLC_LINK_H
 #define RTUPLC_LINK_H
 

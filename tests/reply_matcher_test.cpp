@@ -3,7 +3,7 @@
 // doubled reply from the answer.
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <algorithm>
 #include <string>
 
 #include "rtuplc_link.h"
@@ -25,7 +25,7 @@ FRAME_PRO request(const Bytes &head) // station, function, address, quantity (+ 
 {
     FRAME_PRO f;
     const Bytes b = head.empty() ? head : withCrc(head);
-    std::memcpy(f.frame, b.data(), b.size());
+    std::copy(b.begin(), b.end(), f.frame);
     f.frameLen = int(b.size());
     f.replyLen = head.empty() || head[0] == 0 ? 0 : int(rtuplc::answerLength(b.data(), b.size()));
     return f;
