@@ -171,7 +171,7 @@ int main(int argc, char **argv)
                                        : QString())
                   .arg(o.timeoutMs));
     out.plain(QStringLiteral("pause between exchanges: %1 ms; after a time-out the line is kept quiet for %2 ms "
-                             "(growing with the lateness of replies, at most %3 s) before the next frame")
+                             "(growing with the slave's response time, at most %3 s) before the next frame")
                   .arg(o.pauseMs)
                   .arg(link->guard().count() / 1000.0, 0, 'f', 1)
                   .arg(Link::kMaxGuard.count()));

@@ -34,9 +34,9 @@ Driver properties (property text id#localWrite#0#retries#gap, default 1#0#0#3#64
 Timing:
   --timeout MS           turnaround margin added to the transmission time of request
                          and reply at the line speed (default 500); after a time-out
-                         the line is kept quiet this long (plus the lateness seen)
-                         before the next frame, so a late reply is never taken for
-                         another request's
+                         the line is kept quiet this long (plus twice the longest
+                         response seen) before another request, so a late reply is
+                         never taken for another request's
   --pause MS             pause between the end of one exchange and the next frame,
                          for devices that need a rest between requests (default 0)
 
