@@ -69,8 +69,8 @@ struct TypedTable {
             a.prefix = regPrefixOf(a.name);
             a.kind = kindOf(row);
             const bool coils = ADDRESS_FUNC[r][0] == 1;
-            a.readFunction = coils ? FC_READ_COILS : FC_READ_HOLDING;
-            a.writeFunction = coils ? FC_WRITE_COILS : FC_WRITE_REGISTERS;
+            a.readFunction = coils ? rtuplc::kReadCoils : rtuplc::kReadHoldingRegisters;
+            a.writeFunction = coils ? rtuplc::kWriteMultipleCoils : rtuplc::kWriteMultipleRegisters;
             a.base = ADDRESS_FUNC[r][1];
             a2i(row[COL_LOWEST], a.lowest, row[COL_NOTATION], a.name);
             a2i(row[COL_HIGHEST], a.highest, row[COL_NOTATION], a.name);
@@ -119,27 +119,9 @@ int addrOffset(QString name, int addr)
 // ---------------------------------------------------------------------------------
 // CRC.
 
-namespace {
-constexpr std::array<uint16_t, 256> makeCrcTable()
-{
-    std::array<uint16_t, 256> t{};
-    for (unsigned b = 0; b < 256; ++b) {
-        uint16_t crc = static_cast<uint16_t>(b);
-        for (int k = 0; k < 8; ++k)
-            crc = (crc & 1) ? static_cast<uint16_t>((crc >> 1) ^ 0xA001) : static_cast<uint16_t>(crc >> 1);
-        t[b] = crc;
-    }
-    return t;
-}
-constexpr std::array<uint16_t, 256> kCrcTable = makeCrcTable();
-} // namespace
-
 unsigned short computate_check(const unsigned char *data, unsigned short len)
 {
-    uint16_t crc = 0xFFFF;
-    for (unsigned i = 0; i < len; ++i)
-        crc = static_cast<uint16_t>((crc >> 8) ^ kCrcTable[(crc ^ data[i]) & 0xFF]);
-    return crc;
+    return rtuplc::crc16(data, len);
 }
 
 // ---------------------------------------------------------------------------------
@@ -191,8 +173,7 @@ void putHeader(FRAME_PRO &f, int station, uint8_t function, int64_t address, int
 }
 
 constexpr int kWriteHeaderBytes = 7; // header plus the byte-count byte
-constexpr int kCrcBytes = 2;
-constexpr int kMaxWriteDataBytes = RTUPLC_FRAME_BYTES - kWriteHeaderBytes - kCrcBytes;
+constexpr int kMaxWriteDataBytes = RTUPLC_FRAME_BYTES - kWriteHeaderBytes - int(rtuplc::kCrcBytes);
 
 } // namespace
 
@@ -219,11 +200,11 @@ int getReadFrame(QList<VARIABLE> vars, QList<FRAME_PRO> &queue)
     if (area.isBit()) {
         // Bits are counted the Modbus way: one coil per address, packed 8 per byte.
         putHeader(f, v.station, area.readFunction, address, v.len);
-        f.replyLen = clampToInt(readBitsReplyLen(v.len));
+        f.replyLen = clampToInt(rtuplc::readBitsReplyBytes(v.len));
     } else {
         const int q = wireRegisters(area, v.len);
         putHeader(f, v.station, area.readFunction, address, q);
-        f.replyLen = clampToInt(readRegistersReplyLen(q));
+        f.replyLen = clampToInt(rtuplc::readRegistersReplyBytes(q));
     }
     appendCrc(f, 6);
     f.dataPos = 3;
@@ -291,7 +272,7 @@ void getWriteFrame(VARIABLE &v, QList<FRAME_PRO> &queue)
     }
     appendCrc(f, kWriteHeaderBytes + dataBytes);
     // The controller answers a broadcast with silence, so no reply is expected.
-    f.replyLen = v.station != 0 ? WRITE_ECHO_BYTES : 0;
+    f.replyLen = v.station != 0 ? int(rtuplc::kWriteEchoBytes) : 0;
     f.dataPos = 0;
     f.dataLen = 0;
     copyVariable(f, v);

@@ -17,6 +17,7 @@
 #include <cstdint>
 
 #include "rtuplc.h"
+#include "rtuplc_link.h"
 
 // One request as the driver queues it and turns it into a frame: a run of units of one
 // register area at one station, to read or to write.
@@ -96,17 +97,12 @@ inline constexpr int32_t ADDRESS_FUNC[REG_COUNT][2] = {
 };
 
 // ---------------------------------------------------------------------------------
-// Modbus RTU framing. The controller reads up to RTUPLC_MAX_READ_UNITS units per
-// request; Modbus caps a write at 123 registers or 1968 coils, and the byte-count byte
-// of a write must hold its data.
+// Modbus RTU framing: function codes, the CRC and the size of every reply come from
+// rtuplc_link.h, the one place hosts and the driver read them from. The controller
+// reads up to RTUPLC_MAX_READ_UNITS units per request; Modbus caps a write at 123
+// registers or 1968 coils, and the byte-count byte of a write must hold its data.
 constexpr int FRAME_MAX_WRITE_REGISTERS = 122; // keeps 2 x q within the byte-count byte
 constexpr int FRAME_MAX_WRITE_COILS = 1968;
-constexpr int RTU_FRAMING_BYTES = 5;           // a read reply: station, function, byte count, CRC
-constexpr int WRITE_ECHO_BYTES = 8;
-constexpr uint8_t FC_READ_COILS = 0x01;
-constexpr uint8_t FC_READ_HOLDING = 0x03;
-constexpr uint8_t FC_WRITE_COILS = 0x0F;
-constexpr uint8_t FC_WRITE_REGISTERS = 0x10;
 
 // ---------------------------------------------------------------------------------
 // The register table, typed. The text tables above stay what the editor reads; every
@@ -182,10 +178,6 @@ int judgeAddrMerge(const Block &block, const Item &item, int gapSwitch, int64_t 
 
 // Modbus CRC-16 (initial 0xFFFF, reflected polynomial 0xA001); sent low byte first.
 unsigned short computate_check(const unsigned char *data, unsigned short len);
-
-// Expected reply sizes, the one place that knows the layout of a Modbus reply.
-inline int64_t readBitsReplyLen(int64_t bits) { return (bits + 7) / 8 + RTU_FRAMING_BYTES; }
-inline int64_t readRegistersReplyLen(int64_t registers) { return 2 * registers + RTU_FRAMING_BYTES; }
 
 // A read frame for the first variable of `vars`: 1 appended, 0 nothing (a broadcast
 // station, an unknown area, an empty list).

@@ -195,7 +195,7 @@ QByteArray Slave::answer(const FRAME_PRO &f)
     const uint8_t *p = f.frame;
     const uint32_t address = uint32_t(p[2] << 8 | p[3]);
     const uint32_t quantity = uint32_t(p[4] << 8 | p[5]);
-    const uint32_t end = std::min<uint32_t>(address + quantity, rtusim::kAddressSpace);
+    const uint32_t end = std::min<uint32_t>(address + quantity, rtusupport::kAddressSpace);
     if (p[1] == FC_READ_COILS) {
         for (uint32_t a = address; a < end; ++a)
             memory_.coils[a] = coilAt(a, gen) ? 1 : 0;
@@ -203,10 +203,10 @@ QByteArray Slave::answer(const FRAME_PRO &f)
         for (uint32_t a = address; a < end; ++a)
             memory_.registers[a] = registerAt(a, gen);
     }
-    rtusim::Limits limits;
+    rtusupport::Limits limits;
     limits.maxReadRegisters = RTUPLC_MAX_READ_UNITS;
     limits.everyAddressMapped = true;
-    const std::vector<uint8_t> pdu = rtusim::executeRequest(memory_, p + 1, size_t(f.frameLen - 3), limits);
+    const std::vector<uint8_t> pdu = rtusupport::executeRequest(memory_, p + 1, size_t(f.frameLen - 3), limits);
     QByteArray r(1, static_cast<char>(p[0]));
     r.append(reinterpret_cast<const char *>(pdu.data()), static_cast<int>(pdu.size()));
     return withCrc(r);

@@ -148,10 +148,10 @@ struct Slave {
     QByteArray answer(const FRAME_PRO &f);
 
 private:
-    rtusim::StationMemory memory_;
+    rtusupport::StationMemory memory_;
 };
 
-using rtusim::withCrc;
+using rtusupport::withCrc;
 
 // Checks what the driver hands the host: a frame inside its record, with a good CRC.
 void checkFrame(const FRAME_PRO &f);

@@ -120,13 +120,15 @@ constexpr bool crcMatches(const uint8_t *bytes, size_t n)
 // ---------------------------------------------------------------------------------
 // Reply sizes: the one place that knows the layout of a reply.
 
-constexpr size_t readBitsReplyBytes(size_t bits)
+// Signed, so that a driver record of any length gets the same arithmetic as the
+// frame it describes (the quantity field keeps only 16 bits of it).
+constexpr int64_t readBitsReplyBytes(int64_t bits)
 {
-    return kReadReplyFramingBytes + (bits + 7) / 8;
+    return int64_t(kReadReplyFramingBytes) + (bits + 7) / 8;
 }
-constexpr size_t readRegistersReplyBytes(size_t registers)
+constexpr int64_t readRegistersReplyBytes(int64_t registers)
 {
-    return kReadReplyFramingBytes + 2 * registers;
+    return int64_t(kReadReplyFramingBytes) + 2 * registers;
 }
 
 // The length of the reply that starts at `bytes`, told from its first bytes: 0 when
@@ -154,9 +156,9 @@ constexpr size_t answerLength(const uint8_t *request, size_t n)
     const uint8_t f = request[1];
     const size_t quantity = size_t(request[4]) << 8 | request[5];
     if (f == kReadCoils || f == kReadDiscreteInputs)
-        return readBitsReplyBytes(quantity);
+        return size_t(readBitsReplyBytes(int64_t(quantity)));
     if (f == kReadHoldingRegisters || f == kReadInputRegisters)
-        return readRegistersReplyBytes(quantity);
+        return size_t(readRegistersReplyBytes(int64_t(quantity)));
     return isWriteFunction(f) ? kWriteEchoBytes : 0;
 }
 

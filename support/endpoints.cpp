@@ -19,7 +19,7 @@
 #include "rtuplc_support/framer.h"
 #include "simulator_impl.h"
 
-namespace rtusim {
+namespace rtusupport {
 
 namespace {
 
@@ -302,4 +302,4 @@ bool Simulator::startSerial(const std::string &device, const SerialLine &line, s
     return true;
 }
 
-} // namespace rtusim
+} // namespace rtusupport

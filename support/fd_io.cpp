@@ -6,7 +6,7 @@
 
 #include <cerrno>
 
-namespace rtusim {
+namespace rtusupport {
 
 bool writeAll(int fd, const uint8_t *bytes, size_t n, std::chrono::milliseconds timeout)
 {
@@ -33,4 +33,4 @@ bool writeAll(int fd, const uint8_t *bytes, size_t n, std::chrono::milliseconds 
     return true;
 }
 
-} // namespace rtusim
+} // namespace rtusupport

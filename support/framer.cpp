@@ -2,7 +2,7 @@
 
 #include "rtuplc_support/modbus.h"
 
-namespace rtusim {
+namespace rtusupport {
 
 namespace {
 constexpr int kFixedRequestBytes = 8;          // station, function, 2 x 16 bits, CRC
@@ -15,13 +15,13 @@ int requestLength(const uint8_t *bytes, size_t n)
     if (n < 2)
         return 0;
     switch (bytes[1]) {
-    case fc::kReadCoils:
-    case fc::kReadHoldingRegisters:
-    case fc::kWriteSingleCoil:
-    case fc::kWriteSingleRegister:
+    case rtuplc::kReadCoils:
+    case rtuplc::kReadHoldingRegisters:
+    case rtuplc::kWriteSingleCoil:
+    case rtuplc::kWriteSingleRegister:
         return kFixedRequestBytes;
-    case fc::kWriteMultipleCoils:
-    case fc::kWriteMultipleRegisters:
+    case rtuplc::kWriteMultipleCoils:
+    case rtuplc::kWriteMultipleRegisters:
         return n > kByteCountIndex ? kMultipleWriteOverhead + bytes[kByteCountIndex] : 0;
     default:
         return -1;
@@ -37,7 +37,7 @@ void RtuFramer::feed(const uint8_t *bytes, size_t n, Clock::time_point now)
         discard();
     buffer_.insert(buffer_.end(), bytes, bytes + n);
     lastByte_ = now;
-    if (buffer_.size() > kMaxFrameBytes * 4) // garbage without end: do not hoard it
+    if (buffer_.size() > rtuplc::kMaxFrameBytes * 4) // garbage without end: do not hoard it
         discard();
 }
 
@@ -47,7 +47,7 @@ std::optional<std::vector<uint8_t>> RtuFramer::next(Clock::time_point now)
         return std::nullopt;
     const int length = requestLength(buffer_.data(), buffer_.size());
     if (length > 0 && buffer_.size() >= size_t(length)) {
-        if (!crcMatches(buffer_.data(), size_t(length))) {
+        if (!rtuplc::crcMatches(buffer_.data(), size_t(length))) {
             discard(); // the rest of a broken frame would only look like another one
             return std::nullopt;
         }
@@ -58,7 +58,7 @@ std::optional<std::vector<uint8_t>> RtuFramer::next(Clock::time_point now)
     if (now - lastByte_ < silence_)
         return std::nullopt;
     // Silence ends the frame: only a frame of an unknown function can be complete here.
-    if (length < 0 && buffer_.size() >= kMinFrameBytes && crcMatches(buffer_.data(), buffer_.size())) {
+    if (length < 0 && buffer_.size() >= kMinFrameBytes && rtuplc::crcMatches(buffer_.data(), buffer_.size())) {
         std::vector<uint8_t> frame;
         frame.swap(buffer_);
         return frame;
@@ -80,4 +80,4 @@ void RtuFramer::discard()
     ++discarded_;
 }
 
-} // namespace rtusim
+} // namespace rtusupport

@@ -3,7 +3,7 @@
 #include <bitset>
 #include <cstdio>
 
-namespace rtusim {
+namespace rtusupport {
 
 const std::vector<AreaRange> &controllerMap()
 {
@@ -80,4 +80,4 @@ void fillMemory(StationMemory &memory, int station, Fill fill)
     }
 }
 
-} // namespace rtusim
+} // namespace rtusupport

@@ -1,6 +1,6 @@
 #include "rtuplc_support/request.h"
 
-namespace rtusim {
+namespace rtusupport {
 
 namespace {
 
@@ -17,7 +17,7 @@ void putWord(std::vector<uint8_t> &out, uint16_t v)
 
 std::vector<uint8_t> exception(uint8_t function, uint8_t code)
 {
-    return {static_cast<uint8_t>(function | fc::kExceptionFlag), code};
+    return {static_cast<uint8_t>(function | rtuplc::kExceptionFlag), code};
 }
 
 bool mapped(const Limits &l, Space space, uint32_t first, uint32_t count)
@@ -63,18 +63,12 @@ std::vector<uint8_t> readRegisters(const StationMemory &m, uint8_t f, uint16_t f
 
 } // namespace
 
-bool isWriteFunction(uint8_t function)
-{
-    return function == fc::kWriteSingleCoil || function == fc::kWriteSingleRegister ||
-           function == fc::kWriteMultipleCoils || function == fc::kWriteMultipleRegisters;
-}
-
 std::vector<uint8_t> executeRequest(StationMemory &memory, const uint8_t *pdu, size_t n, const Limits &limits)
 {
     if (n < 1)
         return {};
     const uint8_t f = pdu[0];
-    const bool known = f == fc::kReadCoils || f == fc::kReadHoldingRegisters || isWriteFunction(f);
+    const bool known = f == rtuplc::kReadCoils || f == rtuplc::kReadHoldingRegisters || rtuplc::isWriteFunction(f);
     if (!known)
         return exception(f, ex::kIllegalFunction);
     if (n < kHeaderBytes)
@@ -84,18 +78,18 @@ std::vector<uint8_t> executeRequest(StationMemory &memory, const uint8_t *pdu, s
     const std::vector<uint8_t> echo(pdu, pdu + kHeaderBytes);
 
     switch (f) {
-    case fc::kReadCoils:
+    case rtuplc::kReadCoils:
         return readCoils(memory, f, address, quantity, limits);
-    case fc::kReadHoldingRegisters:
+    case rtuplc::kReadHoldingRegisters:
         return readRegisters(memory, f, address, quantity, limits);
-    case fc::kWriteSingleCoil:
+    case rtuplc::kWriteSingleCoil:
         if (quantity != kCoilOn && quantity != kCoilOff)
             return exception(f, ex::kIllegalDataValue);
         if (!mapped(limits, Space::Coils, address, 1))
             return exception(f, ex::kIllegalDataAddress);
         memory.coils[address] = quantity == kCoilOn ? 1 : 0;
         return echo;
-    case fc::kWriteSingleRegister:
+    case rtuplc::kWriteSingleRegister:
         if (!mapped(limits, Space::Registers, address, 1))
             return exception(f, ex::kIllegalDataAddress);
         memory.registers[address] = quantity;
@@ -109,7 +103,7 @@ std::vector<uint8_t> executeRequest(StationMemory &memory, const uint8_t *pdu, s
         return exception(f, ex::kIllegalDataValue);
     const size_t byteCount = pdu[5];
     const uint8_t *data = pdu + kMultipleWriteHeaderBytes;
-    if (f == fc::kWriteMultipleCoils) {
+    if (f == rtuplc::kWriteMultipleCoils) {
         if (quantity < 1 || quantity > limits.maxWriteCoils || byteCount != size_t(quantity + 7) / 8 ||
             n < kMultipleWriteHeaderBytes + byteCount)
             return exception(f, ex::kIllegalDataValue);
@@ -129,4 +123,4 @@ std::vector<uint8_t> executeRequest(StationMemory &memory, const uint8_t *pdu, s
     return echo;
 }
 
-} // namespace rtusim
+} // namespace rtusupport

@@ -9,7 +9,7 @@
 #include <sstream>
 #include <vector>
 
-namespace rtusim {
+namespace rtusupport {
 
 namespace {
 
@@ -146,4 +146,4 @@ bool configureTerminal(int fd, const SerialLine &line, std::string *error)
     return true;
 }
 
-} // namespace rtusim
+} // namespace rtusupport

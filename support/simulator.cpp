@@ -11,7 +11,7 @@
 #include "rtuplc_support/modbus.h"
 #include "simulator_impl.h"
 
-namespace rtusim {
+namespace rtusupport {
 
 namespace {
 
@@ -97,12 +97,12 @@ std::optional<Simulator::Impl::Answer> Simulator::Impl::serve(const std::vector<
     logFrame("rx", frame);
     const int station = frame[0];
     const uint8_t *pdu = frame.data() + 1;
-    const size_t pduBytes = frame.size() - 1 - kCrcBytes;
+    const size_t pduBytes = frame.size() - 1 - rtuplc::kCrcBytes;
 
     if (station == kBroadcastStation) {
         // Everybody listens to a broadcast and nobody answers it.
         ++counters.broadcasts;
-        if (isWriteFunction(pdu[0])) {
+        if (rtuplc::isWriteFunction(pdu[0])) {
             std::lock_guard<std::mutex> lock(memoryMutex);
             for (int s : stations)
                 executeRequest(memory.at(s), pdu, pduBytes, limits);
@@ -125,7 +125,7 @@ std::optional<Simulator::Impl::Answer> Simulator::Impl::serve(const std::vector<
         executeDropped = p(random) < 0.5;
         refuse = p(random) < faults.exception;
         corrupt = p(random) < faults.corrupt;
-        flipBit = std::uniform_int_distribution<size_t>(0, 8 * kMaxFrameBytes)(random);
+        flipBit = std::uniform_int_distribution<size_t>(0, 8 * rtuplc::kMaxFrameBytes)(random);
         delay = std::chrono::milliseconds(faults.delayMs);
         // The fields added later are drawn only when set, so that old seeds repeat.
         const auto draw = [&](double q) { return q > 0 && p(random) < q; };
@@ -176,7 +176,7 @@ std::optional<Simulator::Impl::Answer> Simulator::Impl::serve(const std::vector<
             } else {
                 m = &memory.at(other);
             }
-            if (isWriteFunction(pdu[0]))
+            if (rtuplc::isWriteFunction(pdu[0]))
                 pduReply.assign(pdu, pdu + 5); // the echo, without writing anything
             else
                 pduReply = executeRequest(*m, pdu, pduBytes, limits);
@@ -187,16 +187,16 @@ std::optional<Simulator::Impl::Answer> Simulator::Impl::serve(const std::vector<
             return Answer{{Piece{reply, delay}}};
         }
         if (refuse)
-            pduReply = {static_cast<uint8_t>(pdu[0] | fc::kExceptionFlag), ex::kDeviceBusy};
+            pduReply = {static_cast<uint8_t>(pdu[0] | rtuplc::kExceptionFlag), ex::kDeviceBusy};
         else
             pduReply = executeRequest(memory.at(station), pdu, pduBytes, limits);
-        if (!refuse && isWriteFunction(pdu[0]) && !(pduReply[0] & fc::kExceptionFlag))
+        if (!refuse && rtuplc::isWriteFunction(pdu[0]) && !(pduReply[0] & rtuplc::kExceptionFlag))
             ++counters.writes;
         if (drop) {
             ++counters.dropped;
             return std::nullopt;
         }
-        if (pduReply[0] & fc::kExceptionFlag)
+        if (pduReply[0] & rtuplc::kExceptionFlag)
             ++counters.exceptions;
         reply.insert(reply.end(), pduReply.begin(), pduReply.end());
     }
@@ -473,4 +473,4 @@ std::string Simulator::dump() const
     return out.str();
 }
 
-} // namespace rtusim
+} // namespace rtusupport

@@ -12,7 +12,7 @@
 
 #include "rtuplc_support/simulator.h"
 
-namespace rtusim {
+namespace rtusupport {
 
 // Counters updated by several endpoint threads.
 struct AtomicCounters {
@@ -85,6 +85,6 @@ struct Simulator::Impl {
 void serveListeningSocket(Simulator::Impl &sim, int listenFd);
 void serveStream(Simulator::Impl &sim, int fd, std::chrono::microseconds silence);
 
-} // namespace rtusim
+} // namespace rtusupport
 
 #endif

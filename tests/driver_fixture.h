@@ -38,7 +38,7 @@ inline void recordReport(int id, int station, QString &item, int addr)
     reports() << QStringLiteral("%1/%2/%3/%4").arg(id).arg(station).arg(item).arg(addr);
 }
 
-using rtusim::withCrc;
+using rtusupport::withCrc;
 
 inline QByteArray hex(const char *h)
 {
@@ -106,13 +106,13 @@ inline QByteArray frameBytes(const FRAME_PRO &f)
 
 // A controller answering request frames: the simulator's memory and request handling,
 // without a line in between.
-class FakeController : public rtusim::StationMemory {
+class FakeController : public rtusupport::StationMemory {
 public:
     QByteArray answer(const FRAME_PRO &f)
     {
         if (f.frameLen < 4)
             return QByteArray();
-        const std::vector<uint8_t> pdu = rtusim::executeRequest(*this, f.frame + 1, size_t(f.frameLen - 3), {});
+        const std::vector<uint8_t> pdu = rtusupport::executeRequest(*this, f.frame + 1, size_t(f.frameLen - 3), {});
         if (f.frame[0] == 0)
             return QByteArray(); // broadcasts are applied but never answered
         QByteArray r(1, char(f.frame[0]));

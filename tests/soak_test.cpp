@@ -132,7 +132,7 @@ struct WriteRecord {
 
 class Soak : public DriverTest {
 protected:
-    rtusim::Simulator sim;
+    rtusupport::Simulator sim;
 };
 
 TEST_F(Soak, FaultyLineLosesNothing)
@@ -140,7 +140,7 @@ TEST_F(Soak, FaultyLineLosesNothing)
     const char *env = std::getenv("RTUPLC_SOAK_CYCLES");
     const int cycles = env ? std::max(1000, std::atoi(env)) : kDefaultCycles;
     sim.setStations({1, 2});
-    sim.fill(rtusim::Fill::Pattern);
+    sim.fill(rtusupport::Fill::Pattern);
     sim.setSeed(1234);
     std::string error;
     ASSERT_TRUE(sim.startTcp("127.0.0.1", 0, &error)) << error;
@@ -227,7 +227,7 @@ TEST_F(Soak, FaultyLineLosesNothing)
         }
     };
 
-    rtusim::Faults faults;
+    rtusupport::Faults faults;
     faults.drop = 0.02;
     faults.corrupt = 0.04;
     faults.exception = 0.02;
@@ -252,7 +252,7 @@ TEST_F(Soak, FaultyLineLosesNothing)
     EXPECT_GT(results[2], 0) << "the faults should have failed some requests";
 
     // The line is good again: the queue drains and every block is read afresh.
-    sim.setFaults(rtusim::Faults());
+    sim.setFaults(rtusupport::Faults());
     for (int i = 0; i < 4 * blocks + 12 * int(driver.writeList.size()) + 100; ++i) {
         cycle(false);
         if (HasFatalFailure())

@@ -113,7 +113,7 @@ TEST(SimProgram, ServesTheHostOverTcpAndAPtyUntilStopped)
     ASSERT_EQ(overPty.exitCode, 0) << overPty.err;
     const tooltest::JsonOutput k = tooltest::parseJson(overPty.out);
     for (int a = 0; a < 8; ++a)
-        EXPECT_EQ(k.values.at({1, "X", a}), rtusim::patternCoil(1, 1200 + a)) << "X" << a;
+        EXPECT_EQ(k.values.at({1, "X", a}), rtusupport::patternCoil(1, 1200 + a)) << "X" << a;
 
     sim.signal(SIGUSR1);
     EXPECT_EQ(sim.lineContaining("1 register 50 "), "1 register 50 D:50 = 5") << "the dump shows the write";

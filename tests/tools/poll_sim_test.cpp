@@ -27,7 +27,7 @@ const std::map<std::string, uint32_t> kRegisterBase = {{"D_W", 0},   {"D_D", 0},
 
 // What the controller holds for a value the driver reports. A 32-bit counter v of a
 // read that starts at counter s sits in the registers 9500 + s + 2(v - s), high first.
-uint64_t expected(const rtusim::Simulator &sim, int station, const std::string &item, int address, int counterStart)
+uint64_t expected(const rtusupport::Simulator &sim, int station, const std::string &item, int address, int counterStart)
 {
     if (kCoilBase.count(item))
         return sim.coil(station, kCoilBase.at(item) + uint32_t(address)) ? 1 : 0;
@@ -40,7 +40,7 @@ uint64_t expected(const rtusim::Simulator &sim, int station, const std::string &
 }
 
 // Fills the polled ranges with values unlike the fill pattern.
-void scramble(rtusim::Simulator &sim, uint32_t seed)
+void scramble(rtusupport::Simulator &sim, uint32_t seed)
 {
     uint32_t x = seed;
     const auto next = [&] { return x = x * 1103515245u + 12345u, x >> 8; };
@@ -67,7 +67,7 @@ class PollOnce : public ::testing::TestWithParam<bool> {
 protected:
     void SetUp() override
     {
-        sim.fill(rtusim::Fill::Pattern);
+        sim.fill(rtusupport::Fill::Pattern);
         scramble(sim, 7);
         std::string error;
         if (GetParam()) {
@@ -85,7 +85,7 @@ protected:
         return tooltest::poll(args);
     }
 
-    rtusim::Simulator sim;
+    rtusupport::Simulator sim;
     std::vector<std::string> link;
 };
 
@@ -183,20 +183,20 @@ class PollFaults : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        sim.fill(rtusim::Fill::Pattern);
+        sim.fill(rtusupport::Fill::Pattern);
         scramble(sim, 11);
         sim.setSeed(2024);
         std::string error;
         ASSERT_TRUE(sim.startTcp("127.0.0.1", 0, &error)) << error;
         tcp = "127.0.0.1:" + std::to_string(sim.tcpPort());
     }
-    rtusim::Simulator sim;
+    rtusupport::Simulator sim;
     std::string tcp;
 };
 
 TEST_F(PollFaults, LossyLineCostsRetriesButNoValueAndNoWrite)
 {
-    rtusim::Faults f;
+    rtusupport::Faults f;
     f.drop = 0.3;
     f.corrupt = 0.1;
     sim.setFaults(f);
@@ -217,14 +217,14 @@ TEST_F(PollFaults, LossyLineCostsRetriesButNoValueAndNoWrite)
     EXPECT_TRUE(sim.coil(kStation, 1203));
     EXPECT_EQ(sim.reg32(kStation, 202), 99999u);
     EXPECT_TRUE(sim.coil(kStation, 2007));
-    const rtusim::Counters c = sim.counters();
+    const rtusupport::Counters c = sim.counters();
     EXPECT_GT(c.dropped + c.corrupted, 0u) << "the line really was lossy";
     EXPECT_NE(r.err.find("retries"), std::string::npos);
 }
 
 TEST_F(PollFaults, SilentControllerFailsEveryBlockClearly)
 {
-    rtusim::Faults f;
+    rtusupport::Faults f;
     f.drop = 1.0;
     sim.setFaults(f);
     const tooltest::Run r = tooltest::poll({"--tcp", tcp, "--once", "--json", "--timeout", "50", "D_W:100..109",
@@ -246,8 +246,8 @@ TEST_F(PollFaults, StoppedSimulatorIsNamedAndRefused)
 
 TEST_F(PollFaults, ExceptionIsHandedOverAtOnceAndNamed)
 {
-    rtusim::Limits standard;
-    standard.maxReadRegisters = rtusim::kStandardMaxReadRegisters;
+    rtusupport::Limits standard;
+    standard.maxReadRegisters = rtusupport::kStandardMaxReadRegisters;
     sim.setLimits(standard);
     // A timeout long enough that waiting it out three times would end the run by the limit.
     const tooltest::Run r = tooltest::poll({"--tcp", tcp, "--once", "--json", "--timeout", "20000", "D_W:0..127"},
@@ -268,12 +268,12 @@ protected:
     void SetUp() override
     {
         sim.setStations({1, 2});
-        sim.fill(rtusim::Fill::Pattern);
+        sim.fill(rtusupport::Fill::Pattern);
         std::string error;
         ASSERT_TRUE(sim.startTcp("127.0.0.1", 0, &error)) << error;
         tcp = "127.0.0.1:" + std::to_string(sim.tcpPort());
     }
-    rtusim::Simulator sim;
+    rtusupport::Simulator sim;
     std::string tcp;
 };
 
@@ -323,17 +323,17 @@ namespace {
 // item must arrive, and the write must land or be reported failed.
 struct LineFault {
     const char *name;
-    void (*set)(rtusim::Faults &);
+    void (*set)(rtusupport::Faults &);
 };
 const LineFault kLineFaults[] = {
-    {"Late", [](rtusim::Faults &f) { f.late = 0.3, f.lateByMs = 250; }},
-    {"EveryReplyLate", [](rtusim::Faults &f) { f.delayMs = 300; }},
-    {"Doubled", [](rtusim::Faults &f) { f.doubled = 0.4; }},
-    {"Foreign", [](rtusim::Faults &f) { f.foreign = 0.3; }},
-    {"Noise", [](rtusim::Faults &f) { f.noise = 0.5; }},
-    {"Split", [](rtusim::Faults &f) { f.split = 0.5; }},
-    {"WrongFunction", [](rtusim::Faults &f) { f.wrongFunction = 0.3; }},
-    {"Missing", [](rtusim::Faults &f) { f.drop = 0.3; }},
+    {"Late", [](rtusupport::Faults &f) { f.late = 0.3, f.lateByMs = 250; }},
+    {"EveryReplyLate", [](rtusupport::Faults &f) { f.delayMs = 300; }},
+    {"Doubled", [](rtusupport::Faults &f) { f.doubled = 0.4; }},
+    {"Foreign", [](rtusupport::Faults &f) { f.foreign = 0.3; }},
+    {"Noise", [](rtusupport::Faults &f) { f.noise = 0.5; }},
+    {"Split", [](rtusupport::Faults &f) { f.split = 0.5; }},
+    {"WrongFunction", [](rtusupport::Faults &f) { f.wrongFunction = 0.3; }},
+    {"Missing", [](rtusupport::Faults &f) { f.drop = 0.3; }},
 };
 
 void PrintTo(const LineFault &f, std::ostream *os)
@@ -346,11 +346,11 @@ class PollLineFaults : public ::testing::TestWithParam<std::tuple<LineFault, boo
 TEST_P(PollLineFaults, NoValueIsAnotherItemsAndEveryItemArrives)
 {
     const auto &[fault, pty] = GetParam();
-    rtusim::Simulator sim;
+    rtusupport::Simulator sim;
     sim.setStations({1, 2});
-    sim.fill(rtusim::Fill::Pattern);
+    sim.fill(rtusupport::Fill::Pattern);
     sim.setSeed(12);
-    rtusim::Faults f;
+    rtusupport::Faults f;
     fault.set(f);
     sim.setFaults(f);
     std::string error;

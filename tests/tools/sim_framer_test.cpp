@@ -9,12 +9,12 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-using Clock = rtusim::RtuFramer::Clock;
+using Clock = rtusupport::RtuFramer::Clock;
 constexpr std::chrono::milliseconds kSilence{50};
 
 Bytes framed(Bytes b)
 {
-    rtusim::appendCrc(b);
+    rtusupport::appendCrc(b);
     return b;
 }
 
@@ -24,13 +24,13 @@ const Bytes kWrite = framed({0x01, 0x10, 0x00, 0x0A, 0x00, 0x02, 0x04, 0x00, 0x0
 TEST(SimFramer, CrcIsTheModbusOne)
 {
     const Bytes b{0x01, 0x03, 0x00, 0x00, 0x00, 0x01};
-    EXPECT_EQ(rtusim::crc16(b.data(), b.size()), 0x0A84);
-    EXPECT_EQ(rtusim::crc16(nullptr, 0), 0xFFFF);
+    EXPECT_EQ(rtuplc::crc16(b.data(), b.size()), 0x0A84);
+    EXPECT_EQ(rtuplc::crc16(nullptr, 0), 0xFFFF);
 }
 
 TEST(SimFramer, SplitsBackToBackFramesByTheirOwnLength)
 {
-    rtusim::RtuFramer f(kSilence);
+    rtusupport::RtuFramer f(kSilence);
     Bytes both = kRead;
     both.insert(both.end(), kWrite.begin(), kWrite.end());
     const auto t = Clock::now();
@@ -42,7 +42,7 @@ TEST(SimFramer, SplitsBackToBackFramesByTheirOwnLength)
 
 TEST(SimFramer, JoinsAFrameArrivingInPieces)
 {
-    rtusim::RtuFramer f(kSilence);
+    rtusupport::RtuFramer f(kSilence);
     const auto t = Clock::now();
     f.feed(kWrite.data(), 5, t);
     EXPECT_EQ(f.next(t), std::nullopt);
@@ -52,7 +52,7 @@ TEST(SimFramer, JoinsAFrameArrivingInPieces)
 
 TEST(SimFramer, DiscardsABadCrcAndAStaleFragment)
 {
-    rtusim::RtuFramer f(kSilence);
+    rtusupport::RtuFramer f(kSilence);
     const auto t = Clock::now();
     Bytes bad = kRead;
     bad[3] ^= 0x01;
@@ -69,7 +69,7 @@ TEST(SimFramer, DiscardsABadCrcAndAStaleFragment)
 
 TEST(SimFramer, UnknownFunctionIsAFrameOnceTheLineFallsSilent)
 {
-    rtusim::RtuFramer f(kSilence);
+    rtusupport::RtuFramer f(kSilence);
     const Bytes odd = framed({0x01, 0x2B, 0x0E, 0x01, 0x00});
     const auto t = Clock::now();
     f.feed(odd.data(), odd.size(), t);

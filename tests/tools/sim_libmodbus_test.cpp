@@ -18,7 +18,7 @@ class LibmodbusMaster : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        sim.fill(rtusim::Fill::Pattern);
+        sim.fill(rtusupport::Fill::Pattern);
         sim.setStations({kStation, 2});
         std::string error;
         ASSERT_TRUE(sim.startPty(&error)) << error;
@@ -37,7 +37,7 @@ protected:
         sim.stop();
     }
 
-    rtusim::Simulator sim;
+    rtusupport::Simulator sim;
     modbus_t *ctx = nullptr;
 };
 
@@ -53,11 +53,11 @@ TEST_F(LibmodbusMaster, ReadsRegistersAndCoilsAtTheControllersAddresses)
     uint8_t bits[16];
     ASSERT_EQ(modbus_read_bits(ctx, 1200, 16, bits), 16) << modbus_strerror(errno);
     for (int i = 0; i < 16; ++i)
-        EXPECT_EQ(bits[i], rtusim::patternCoil(kStation, 1200 + i)) << "X" << i;
+        EXPECT_EQ(bits[i], rtusupport::patternCoil(kStation, 1200 + i)) << "X" << i;
 
     modbus_set_slave(ctx, 2);
     ASSERT_EQ(modbus_read_registers(ctx, 100, 1, regs), 1);
-    EXPECT_EQ(regs[0], rtusim::patternRegister(2, 100)) << "each station has its own memory";
+    EXPECT_EQ(regs[0], rtusupport::patternRegister(2, 100)) << "each station has its own memory";
 }
 
 TEST_F(LibmodbusMaster, WritesLandWhereTheyAreAddressed)
@@ -83,7 +83,7 @@ TEST_F(LibmodbusMaster, ExceptionsReachTheMasterWithTheirCodes)
     EXPECT_EQ(modbus_read_registers(ctx, 8400, 1, regs), -1);
     EXPECT_EQ(errno, EMBXILADD) << "an address the controller does not have";
 
-    rtusim::Limits small;
+    rtusupport::Limits small;
     small.maxReadRegisters = 8;
     sim.setLimits(small);
     EXPECT_EQ(modbus_read_registers(ctx, 0, 9, regs), -1);
@@ -96,7 +96,7 @@ TEST_F(LibmodbusMaster, ExceptionsReachTheMasterWithTheirCodes)
     EXPECT_EQ(reply[1], 0xAB);
     EXPECT_EQ(reply[2], MODBUS_EXCEPTION_ILLEGAL_FUNCTION) << "a function the controller does not serve";
 
-    rtusim::Faults busy;
+    rtusupport::Faults busy;
     busy.exception = 1.0;
     sim.setFaults(busy);
     EXPECT_EQ(modbus_write_register(ctx, 100, 1), -1);
@@ -122,7 +122,7 @@ TEST_F(LibmodbusMaster, BroadcastIsAppliedAndOtherStationsAreNotAnswered)
     uint16_t reg = 0;
     EXPECT_EQ(modbus_read_registers(ctx, 100, 1, &reg), -1);
     EXPECT_EQ(errno, ETIMEDOUT);
-    const rtusim::Counters c = sim.counters();
+    const rtusupport::Counters c = sim.counters();
     EXPECT_EQ(c.broadcasts, 1u);
     EXPECT_EQ(c.otherStations, 1u);
     EXPECT_EQ(c.replies, 0u);

@@ -25,10 +25,10 @@ class Request : public ::testing::TestWithParam<Case> {};
 
 TEST_P(Request, AnswersAsTheControllerDoes)
 {
-    rtusim::StationMemory memory;
-    rtusim::fillMemory(memory, 1, rtusim::Fill::Pattern);
+    rtusupport::StationMemory memory;
+    rtusupport::fillMemory(memory, 1, rtusupport::Fill::Pattern);
     const Case &c = GetParam();
-    EXPECT_EQ(rtusim::executeRequest(memory, c.request.data(), c.request.size(), rtusim::Limits()), c.expected);
+    EXPECT_EQ(rtusupport::executeRequest(memory, c.request.data(), c.request.size(), rtusupport::Limits()), c.expected);
 }
 
 // Pattern: register a holds a; coil a holds the parity of the bits of a.
@@ -55,20 +55,20 @@ INSTANTIATE_TEST_SUITE_P(Sim, Request, ::testing::ValuesIn(kCases),
 
 TEST(SimRequest, ReadsAsManyRegistersAsTheControllerTakesAndNoMore)
 {
-    rtusim::StationMemory memory;
+    rtusupport::StationMemory memory;
     const Bytes all{0x03, 0x00, 0x00, 0x00, 128};
-    const Bytes reply = rtusim::executeRequest(memory, all.data(), all.size(), rtusim::Limits());
+    const Bytes reply = rtusupport::executeRequest(memory, all.data(), all.size(), rtusupport::Limits());
     ASSERT_EQ(reply.size(), 2u + 256u);
     EXPECT_EQ(reply[0], 0x03);
 
-    rtusim::Limits standard;
-    standard.maxReadRegisters = rtusim::kStandardMaxReadRegisters;
-    EXPECT_EQ(rtusim::executeRequest(memory, all.data(), all.size(), standard), (Bytes{0x83, 0x03}));
+    rtusupport::Limits standard;
+    standard.maxReadRegisters = rtusupport::kStandardMaxReadRegisters;
+    EXPECT_EQ(rtusupport::executeRequest(memory, all.data(), all.size(), standard), (Bytes{0x83, 0x03}));
 }
 
 TEST(SimRequest, WritesChangeExactlyTheAddressedUnits)
 {
-    rtusim::StationMemory memory;
+    rtusupport::StationMemory memory;
     const Bytes requests[] = {
         {0x05, 0x04, 0xB7, 0xFF, 0x00},                         // X7 on
         {0x06, 0x00, 0x64, 0x04, 0xD2},                         // D100 = 1234
@@ -76,7 +76,7 @@ TEST(SimRequest, WritesChangeExactlyTheAddressedUnits)
         {0x10, 0x25, 0x1C, 0x00, 0x02, 0x04, 0x00, 0x01, 0x11, 0x70}, // 9500.. = 1, 0x1170
     };
     for (const Bytes &r : requests) {
-        const Bytes reply = rtusim::executeRequest(memory, r.data(), r.size(), rtusim::Limits());
+        const Bytes reply = rtusupport::executeRequest(memory, r.data(), r.size(), rtusupport::Limits());
         EXPECT_EQ(reply, Bytes(r.begin(), r.begin() + 5)) << "a write is answered by its echo";
     }
     EXPECT_EQ(memory.coils[1207], 1);
@@ -89,7 +89,7 @@ TEST(SimRequest, WritesChangeExactlyTheAddressedUnits)
     EXPECT_EQ(memory.registers[9501], 0x1170);
 
     int changedCoils = 0, changedRegisters = 0;
-    for (size_t a = 0; a < rtusim::kAddressSpace; ++a) {
+    for (size_t a = 0; a < rtusupport::kAddressSpace; ++a) {
         changedCoils += memory.coils[a] != 0;
         changedRegisters += memory.registers[a] != 0;
     }
@@ -99,19 +99,19 @@ TEST(SimRequest, WritesChangeExactlyTheAddressedUnits)
 
 TEST(SimRequest, RefusedWriteChangesNothing)
 {
-    rtusim::StationMemory memory;
+    rtusupport::StationMemory memory;
     const Bytes gap{0x10, 0x20, 0x3F, 0x00, 0x02, 0x04, 0, 7, 0, 7}; // SD 255 and unmapped 8256
-    rtusim::executeRequest(memory, gap.data(), gap.size(), rtusim::Limits());
+    rtusupport::executeRequest(memory, gap.data(), gap.size(), rtusupport::Limits());
     EXPECT_EQ(memory.registers[0x203F], 0) << "the mapped half of a refused write stays untouched";
 }
 
 TEST(SimMemory, NamesAddressesInTheControllersTerms)
 {
-    EXPECT_EQ(rtusim::describeAddress(rtusim::Space::Coils, 1215), "X:17");
-    EXPECT_EQ(rtusim::describeAddress(rtusim::Space::Coils, 2005), "M:5");
-    EXPECT_EQ(rtusim::describeAddress(rtusim::Space::Registers, 100), "D:100");
-    EXPECT_EQ(rtusim::describeAddress(rtusim::Space::Registers, 9501), "CV:1");
-    EXPECT_EQ(rtusim::describeAddress(rtusim::Space::Registers, 8400), "register 8400");
+    EXPECT_EQ(rtusupport::describeAddress(rtusupport::Space::Coils, 1215), "X:17");
+    EXPECT_EQ(rtusupport::describeAddress(rtusupport::Space::Coils, 2005), "M:5");
+    EXPECT_EQ(rtusupport::describeAddress(rtusupport::Space::Registers, 100), "D:100");
+    EXPECT_EQ(rtusupport::describeAddress(rtusupport::Space::Registers, 9501), "CV:1");
+    EXPECT_EQ(rtusupport::describeAddress(rtusupport::Space::Registers, 8400), "register 8400");
 }
 
 } // namespace

@@ -26,12 +26,12 @@ TEST(SerialLine, TimingFollowsTheCharacterFrame)
         {"115200,8,NONE,1", 10, microseconds(86), microseconds(1750)},
     };
     for (const Timing &c : cases) {
-        rtusim::SerialLine line;
+        rtusupport::SerialLine line;
         std::string error;
-        ASSERT_TRUE(rtusim::parseSerialLine(c.text, &line, &error)) << c.text << ": " << error;
-        EXPECT_EQ(rtusim::bitsPerCharacter(line), c.bitsPerCharacter) << c.text;
-        EXPECT_EQ(rtusim::characterTime(line), c.character) << c.text;
-        EXPECT_EQ(rtusim::silentInterval(line), c.silence) << c.text;
+        ASSERT_TRUE(rtusupport::parseSerialLine(c.text, &line, &error)) << c.text << ": " << error;
+        EXPECT_EQ(rtusupport::bitsPerCharacter(line), c.bitsPerCharacter) << c.text;
+        EXPECT_EQ(rtusupport::characterTime(line), c.character) << c.text;
+        EXPECT_EQ(rtusupport::silentInterval(line), c.silence) << c.text;
     }
 }
 
@@ -43,14 +43,14 @@ TEST(SerialLine, RefusesWhatNoLineCarries)
         {"9600,8,EVEN,3", "stop bits"},       {"fast,8,EVEN,1", "unsupported baud rate"},
     };
     for (const auto &c : cases) {
-        rtusim::SerialLine line;
+        rtusupport::SerialLine line;
         std::string error;
-        EXPECT_FALSE(rtusim::parseSerialLine(c.first, &line, &error)) << c.first;
+        EXPECT_FALSE(rtusupport::parseSerialLine(c.first, &line, &error)) << c.first;
         EXPECT_NE(error.find(c.second), std::string::npos) << c.first << " gives " << error;
     }
-    rtusim::SerialLine line;
-    ASSERT_TRUE(rtusim::parseSerialLine("19200,7,odd,2", &line, nullptr));
-    EXPECT_EQ(rtusim::formatSerialLine(line), "19200,7,ODD,2");
+    rtusupport::SerialLine line;
+    ASSERT_TRUE(rtusupport::parseSerialLine("19200,7,odd,2", &line, nullptr));
+    EXPECT_EQ(rtusupport::formatSerialLine(line), "19200,7,ODD,2");
 }
 
 } // namespace

@@ -108,7 +108,7 @@ Host::~Host()
 
 std::chrono::microseconds Host::timeoutFor(size_t frameBytes, size_t replyBytes) const
 {
-    return rtusim::characterTime(settings_.line) * int64_t(frameBytes + replyBytes) + settings_.margin;
+    return rtusupport::characterTime(settings_.line) * int64_t(frameBytes + replyBytes) + settings_.margin;
 }
 
 void Host::monitor(const std::vector<Item> &items)
@@ -132,7 +132,7 @@ void Host::write(const std::vector<WriteRequest> &writes)
         writes_.push_back(PendingWrite{w});
         // The next poll of the written value confirms the write, so it is polled too.
         const Point &p = w.target.points.front();
-        if (p.station != rtusim::kBroadcastStation && !pointIndex_.count(PointKey{p.station, p.area->name, p.address}))
+        if (p.station != rtusupport::kBroadcastStation && !pointIndex_.count(PointKey{p.station, p.area->name, p.address}))
             monitor({w.target});
     }
 }
@@ -187,7 +187,7 @@ bool Host::run(const std::atomic<bool> &stop)
     for (PendingWrite &w : writes_) {
         const Point &p = w.request.target.points.front();
         std::vector<unsigned char> bytes = w.request.bytes();
-        if (api_.setData(p.station, p.area->name, p.address, w.request.count(), bytes.data(), kWriteRequestKind) != 1) {
+        if (api_.setData(p.station, p.area->name, p.address, w.request.count(), bytes.data(), RTUPLC_KIND_WRITE) != 1) {
             out_.note(QStringLiteral("write %1: refused by the driver").arg(w.request.text));
             w.state = PendingWrite::State::Failed;
             problems_ = true;
@@ -236,8 +236,8 @@ bool Host::run(const std::atomic<bool> &stop)
 
 void Host::serveOne(const std::atomic<bool> &stop)
 {
-    const bool recipeFrame = (recipeStage_ == RecipeStage::Downloading && commandPending(kRecipeDownloadByte)) ||
-                             (recipeStage_ == RecipeStage::Uploading && commandPending(kRecipeUploadByte));
+    const bool recipeFrame = (recipeStage_ == RecipeStage::Downloading && commandPending(RTUPLC_RCP_DOWNLOAD_BYTE)) ||
+                             (recipeStage_ == RecipeStage::Uploading && commandPending(RTUPLC_RCP_UPLOAD_BYTE));
     FRAME_PRO f;
     if (api_.getSendFrame(f) != 1) {
         std::this_thread::sleep_for(kIdleWait); // nothing due: no blocks, no writes
@@ -277,7 +277,7 @@ void Host::serveOne(const std::atomic<bool> &stop)
             afterRead(f);
         else if (write)
             afterWrite(f, true);
-        if (f.dataLen > 0 && f.reqKind == kMonitorReadKind && !recipeFrame)
+        if (f.dataLen > 0 && f.reqKind == RTUPLC_KIND_MONITOR_READ && !recipeFrame)
             countPass(f);
         break;
     case 8:
@@ -290,7 +290,7 @@ void Host::serveOne(const std::atomic<bool> &stop)
             recipeFailed_ = true;
         else if (write)
             afterWrite(f, false);
-        else if (f.reqKind == kMonitorReadKind)
+        else if (f.reqKind == RTUPLC_KIND_MONITOR_READ)
             countPass(f);
         break;
     default:
@@ -358,7 +358,7 @@ void Host::afterWrite(const FRAME_PRO &f, bool ok)
             w.state = PendingWrite::State::Failed;
             problems_ = true;
             out_.note(QStringLiteral("write %1: failed").arg(w.request.text));
-        } else if (p.station == rtusim::kBroadcastStation) {
+        } else if (p.station == rtusupport::kBroadcastStation) {
             w.state = PendingWrite::State::Confirmed;
             out_.note(QStringLiteral("write %1: broadcast sent (nobody answers, so it is not confirmed)")
                           .arg(w.request.text));
@@ -398,14 +398,14 @@ QString Host::whyFailed(const FRAME_PRO &f, const Exchange &x, std::chrono::micr
         const uint8_t code = x.reply[2]; // station, function | 0x80, code
         QString why = QStringLiteral("exception %1 (%2) after %3")
                           .arg(code, 2, 16, QChar('0'))
-                          .arg(QLatin1String(rtusim::exceptionName(code)), tries);
+                          .arg(QLatin1String(rtusupport::exceptionName(code)), tries);
         const int quantity = (f.frame[kQuantityIndex] << 8) | f.frame[kQuantityIndex + 1];
-        if (f.frame[1] == rtuplc::kReadHoldingRegisters && quantity > rtusim::kStandardMaxReadRegisters)
+        if (f.frame[1] == rtuplc::kReadHoldingRegisters && quantity > rtusupport::kStandardMaxReadRegisters)
             why += QStringLiteral(": this read asks for %1 registers; standard Modbus slaves stop at %2 while this "
                                   "controller takes %3 (use --gap or shorter items for other slaves)")
                        .arg(quantity)
-                       .arg(rtusim::kStandardMaxReadRegisters)
-                       .arg(rtusim::kControllerMaxReadRegisters);
+                       .arg(rtusupport::kStandardMaxReadRegisters)
+                       .arg(rtusupport::kControllerMaxReadRegisters);
         return why;
     }
     case Exchange::Outcome::Reply:

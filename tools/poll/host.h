@@ -24,21 +24,17 @@
 
 namespace rtupoll {
 
-// The host memory block the driver reads its recipe commands from.
+// The host memory block the driver reads its recipe commands from: a whole page of it,
+// more than the RTUPLC_HOST_MEMORY_BYTES the driver needs.
 constexpr size_t kHostMemoryBytes = 65536;
-constexpr size_t kRecipeDownloadByte = 60115;
-constexpr size_t kRecipeUploadByte = 60116;
-constexpr unsigned char kRecipeCommand = 1; // the driver clears it when done
-// The kind the driver copies into queued writes.
-constexpr int kWriteRequestKind = 2;
-constexpr int kMonitorReadKind = 4;
+static_assert(kHostMemoryBytes >= size_t(RTUPLC_HOST_MEMORY_BYTES), "the driver's command bytes must fit");
 
 struct HostSettings {
     int driverId = 1;
     int localWriteMode = 0;
     int retries = 3;
     int gap = 64;
-    rtusim::SerialLine line;         // for the timing of every exchange
+    rtusupport::SerialLine line;         // for the timing of every exchange
     bool serial = false;             // keeps the silent interval
     std::chrono::milliseconds margin{500};
     std::chrono::milliseconds pause{0}; // between the end of one exchange and the next frame

@@ -7,13 +7,13 @@ namespace rtupoll {
 void Host::setCommand(size_t byte)
 {
     QMutexLocker lock(&memoryLock_);
-    memory_[byte] = kRecipeCommand;
+    memory_[byte] = RTUPLC_RCP_COMMAND;
 }
 
 bool Host::commandPending(size_t byte)
 {
     QMutexLocker lock(&memoryLock_);
-    return memory_[byte] == kRecipeCommand;
+    return memory_[byte] == RTUPLC_RCP_COMMAND;
 }
 
 void Host::advanceRecipe()
@@ -25,7 +25,7 @@ void Host::advanceRecipe()
         }
         filledWords_.clear();
         recipeStage_ = RecipeStage::Uploading;
-        setCommand(kRecipeUploadByte);
+        setCommand(RTUPLC_RCP_UPLOAD_BYTE);
     };
     switch (recipeStage_) {
     case RecipeStage::Waiting:
@@ -40,13 +40,13 @@ void Host::advanceRecipe()
                           .arg(job_.recipe->units().size())
                           .arg(job_.recipe->variables().size()));
             recipeStage_ = RecipeStage::Downloading;
-            setCommand(kRecipeDownloadByte);
+            setCommand(RTUPLC_RCP_DOWNLOAD_BYTE);
         } else {
             startUpload();
         }
         break;
     case RecipeStage::Downloading:
-        if (commandPending(kRecipeDownloadByte))
+        if (commandPending(RTUPLC_RCP_DOWNLOAD_BYTE))
             return;
         if (recipeFailed_) {
             out_.note(QStringLiteral("recipe download: failed"));
@@ -60,7 +60,7 @@ void Host::advanceRecipe()
             recipeStage_ = RecipeStage::Done;
         break;
     case RecipeStage::Uploading:
-        if (commandPending(kRecipeUploadByte))
+        if (commandPending(RTUPLC_RCP_UPLOAD_BYTE))
             return;
         finishUpload();
         recipeStage_ = RecipeStage::Done;

@@ -11,8 +11,8 @@ namespace rtupoll {
 
 namespace {
 
-using rtusim::kBroadcastStation;
-using rtusim::kHighestStation;
+using rtusupport::kBroadcastStation;
+using rtusupport::kHighestStation;
 constexpr int kLowestStation = kBroadcastStation + 1;
 
 QString notationName(int base)

@@ -105,8 +105,8 @@ private:
 
 class SerialLink : public Link {
 public:
-    SerialLink(std::string device, const rtusim::SerialLine &line)
-        : device_(std::move(device)), line_(line), silence_(rtusim::silentInterval(line))
+    SerialLink(std::string device, const rtusupport::SerialLine &line)
+        : device_(std::move(device)), line_(line), silence_(rtusupport::silentInterval(line))
     {
     }
     ~SerialLink() override
@@ -123,7 +123,7 @@ public:
             return false;
         }
         std::string why;
-        if (!rtusim::configureTerminal(fd_, line_, &why)) {
+        if (!rtusupport::configureTerminal(fd_, line_, &why)) {
             *error = device_ + ": " + why;
             ::close(fd_);
             fd_ = -1;
@@ -133,7 +133,7 @@ public:
         return true;
     }
 
-    std::string describe() const override { return "serial " + device_ + " " + rtusim::formatSerialLine(line_); }
+    std::string describe() const override { return "serial " + device_ + " " + rtusupport::formatSerialLine(line_); }
 
 protected:
     bool ensureConnected(std::string *error) override
@@ -154,7 +154,7 @@ protected:
 
 private:
     std::string device_;
-    rtusim::SerialLine line_;
+    rtusupport::SerialLine line_;
     std::chrono::microseconds silence_;
     Clock::time_point lastActivity_{};
 };
@@ -322,7 +322,7 @@ Exchange Link::exchange(const FRAME_PRO &frame, std::chrono::microseconds timeou
         x.outcome = Exchange::Outcome::LinkDown;
         return x;
     }
-    if (!rtusim::writeAll(fd_, frame.frame, n, kSendTimeout)) {
+    if (!rtusupport::writeAll(fd_, frame.frame, n, kSendTimeout)) {
         x.outcome = Exchange::Outcome::LinkDown;
         x.detail = "cannot send: " + errnoText();
         closeOnFailure();
@@ -376,7 +376,7 @@ std::unique_ptr<Link> makeTcpLink(const std::string &host, int port)
     return std::make_unique<TcpLink>(host, port);
 }
 
-std::unique_ptr<Link> makeSerialLink(const std::string &device, const rtusim::SerialLine &line)
+std::unique_ptr<Link> makeSerialLink(const std::string &device, const rtusupport::SerialLine &line)
 {
     return std::make_unique<SerialLink>(device, line);
 }

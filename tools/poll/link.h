@@ -105,7 +105,7 @@ private:
 // RTU frames over TCP, to a gateway or the simulator; reconnects when the peer drops.
 std::unique_ptr<Link> makeTcpLink(const std::string &host, int port);
 // A serial device (or pseudo-terminal); keeps the silent interval between frames.
-std::unique_ptr<Link> makeSerialLink(const std::string &device, const rtusim::SerialLine &line);
+std::unique_ptr<Link> makeSerialLink(const std::string &device, const rtusupport::SerialLine &line);
 
 } // namespace rtupoll
 

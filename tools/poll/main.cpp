@@ -46,7 +46,7 @@ int fail(int code, const QString &message)
 // The driver's default parameters: "0,9600,8,EVEN,1,0,1,ADDRESS,PORT,NAME,AREAS...".
 struct Defaults {
     std::string line = "9600,8,EVEN,1";
-    int port = rtusim::kDefaultTcpPort;
+    int port = rtusupport::kDefaultTcpPort;
     QString name;
 };
 
@@ -83,9 +83,9 @@ int main(int argc, char **argv)
         return fail(kExitDriver, QString::fromStdString(why));
     const Defaults defaults = driverDefaults(api);
 
-    rtusim::SerialLine line;
+    rtusupport::SerialLine line;
     const std::string lineText = o.lineText.empty() ? defaults.line : o.lineText;
-    if (!rtusim::parseSerialLine(lineText, &line, &why))
+    if (!rtusupport::parseSerialLine(lineText, &line, &why))
         return fail(o.lineText.empty() ? kExitDriver : kExitUsage, QString::fromStdString(why));
 
     // Everything the user typed is checked by the driver before anything is sent.
@@ -119,7 +119,7 @@ int main(int argc, char **argv)
     }
 
     // The line: the built-in simulator unless the user named one.
-    rtusim::Simulator simulator;
+    rtusupport::Simulator simulator;
     std::unique_ptr<Link> link;
     QString linkNote;
     if (o.link == Options::Link::Serial) {
@@ -127,7 +127,7 @@ int main(int argc, char **argv)
     } else if (o.link == Options::Link::Tcp) {
         link = makeTcpLink(o.host, o.port > 0 ? o.port : defaults.port);
     } else {
-        simulator.fill(rtusim::Fill::Pattern);
+        simulator.fill(rtusupport::Fill::Pattern);
         simulator.setAnimate(true);
         simulator.setPacing(line);
         if (!simulator.startTcp("127.0.0.1", 0, &why))
@@ -164,10 +164,10 @@ int main(int argc, char **argv)
                   .arg(QString::fromStdString(api.path), defaults.name, api.getVersion()));
     out.plain(QStringLiteral("link: %1%2").arg(QString::fromStdString(link->describe()), linkNote));
     out.plain(QStringLiteral("line: %1, %2 bits a character%3; reply timeout: transmission time + %4 ms")
-                  .arg(QString::fromStdString(rtusim::formatSerialLine(line)))
-                  .arg(rtusim::bitsPerCharacter(line))
+                  .arg(QString::fromStdString(rtusupport::formatSerialLine(line)))
+                  .arg(rtusupport::bitsPerCharacter(line))
                   .arg(settings.serial ? QStringLiteral(", silent interval %1 ms")
-                                             .arg(rtusim::silentInterval(line).count() / 1000.0, 0, 'f', 2)
+                                             .arg(rtusupport::silentInterval(line).count() / 1000.0, 0, 'f', 2)
                                        : QString())
                   .arg(o.timeoutMs));
     out.plain(QStringLiteral("pause between exchanges: %1 ms; after a time-out the line is kept quiet for %2 ms "

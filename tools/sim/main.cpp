@@ -94,7 +94,7 @@ bool parseInt(const std::string &text, long lo, long hi, long *out)
 
 struct TcpEndpoint {
     std::string host = "127.0.0.1";
-    int port = rtusim::kDefaultTcpPort;
+    int port = rtusupport::kDefaultTcpPort;
 };
 
 struct Options {
@@ -102,14 +102,14 @@ struct Options {
     bool pty = false;
     std::string ptyLink;
     std::string serial;
-    rtusim::SerialLine line;
+    rtusupport::SerialLine line;
     std::vector<int> stations{1};
-    rtusim::Fill fill = rtusim::Fill::Pattern;
+    rtusupport::Fill fill = rtusupport::Fill::Pattern;
     bool animate = false;
     bool pace = false;
-    int maxRead = rtusim::kControllerMaxReadRegisters;
-    rtusim::Faults faults = [] {
-        rtusim::Faults f;
+    int maxRead = rtusupport::kControllerMaxReadRegisters;
+    rtusupport::Faults faults = [] {
+        rtusupport::Faults f;
         f.lateByMs = 1000;
         return f;
     }();
@@ -159,7 +159,7 @@ int parse(int argc, char **argv, Options &o)
                 return usageError("--serial needs a device");
         } else if (a == "--line") {
             std::string why;
-            if (!value(&v) || !rtusim::parseSerialLine(v, &o.line, &why))
+            if (!value(&v) || !rtusupport::parseSerialLine(v, &o.line, &why))
                 return usageError("--line: " + why);
         } else if (a == "--station") {
             if (!value(&v))
@@ -167,14 +167,14 @@ int parse(int argc, char **argv, Options &o)
             o.stations.clear();
             std::stringstream in(v);
             for (std::string s; std::getline(in, s, ',');) {
-                if (!parseInt(s, 1, rtusim::kHighestStation, &n))
+                if (!parseInt(s, 1, rtusupport::kHighestStation, &n))
                     return usageError("--station: \"" + s + "\" is not a station 1..247");
                 o.stations.push_back(int(n));
             }
         } else if (a == "--fill") {
             if (!value(&v) || (v != "pattern" && v != "zero"))
                 return usageError("--fill takes pattern or zero");
-            o.fill = v == "zero" ? rtusim::Fill::Zero : rtusim::Fill::Pattern;
+            o.fill = v == "zero" ? rtusupport::Fill::Zero : rtusupport::Fill::Pattern;
         } else if (a == "--pace") {
             o.pace = true;
         } else if (a == "--animate") {
@@ -189,7 +189,7 @@ int parse(int argc, char **argv, Options &o)
                 return usageError(a + " takes a probability from 0 to 1");
         } else if (a == "--late" || a == "--double" || a == "--foreign" || a == "--noise" || a == "--split" ||
                    a == "--wrong-function") {
-            rtusim::Faults &f = o.faults;
+            rtusupport::Faults &f = o.faults;
             double *p = a == "--late" ? &f.late : a == "--double" ? &f.doubled : a == "--foreign" ? &f.foreign
                       : a == "--noise" ? &f.noise : a == "--split" ? &f.split : &f.wrongFunction;
             if (!value(&v) || !parseProbability(v, p))
@@ -220,7 +220,7 @@ int parse(int argc, char **argv, Options &o)
     return -1;
 }
 
-void printCounters(const rtusim::Counters &c)
+void printCounters(const rtusupport::Counters &c)
 {
     std::cerr << "rtuplc-sim: " << c.requests << " requests, " << c.replies << " replies, " << c.exceptions
               << " exceptions, " << c.writes << " writes, " << c.broadcasts << " broadcasts, " << c.otherStations
@@ -245,7 +245,7 @@ int main(int argc, char **argv)
         sigaddset(&signals, s);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-    rtusim::Simulator sim;
+    rtusupport::Simulator sim;
     try {
         sim.setStations(o.stations);
     } catch (const std::exception &e) {
@@ -253,7 +253,7 @@ int main(int argc, char **argv)
     }
     sim.fill(o.fill);
     sim.setAnimate(o.animate);
-    rtusim::Limits limits;
+    rtusupport::Limits limits;
     limits.maxReadRegisters = o.maxRead;
     sim.setLimits(limits);
     sim.setFaults(o.faults);
@@ -292,7 +292,7 @@ int main(int argc, char **argv)
             std::cerr << "rtuplc-sim: " << error << '\n';
             return 1;
         }
-        std::cout << "rtuplc-sim: serving serial " << o.serial << ' ' << rtusim::formatSerialLine(o.line)
+        std::cout << "rtuplc-sim: serving serial " << o.serial << ' ' << rtusupport::formatSerialLine(o.line)
                   << std::endl;
     }
     std::string stationList;

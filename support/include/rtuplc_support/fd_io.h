@@ -6,13 +6,13 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace rtusim {
+namespace rtusupport {
 
 // Writes all n bytes, waiting while the descriptor is full, for at most `timeout`.
 // A socket whose peer hung up fails with EPIPE rather than raising SIGPIPE. False, with
 // errno set, when the bytes could not all be written.
 bool writeAll(int fd, const uint8_t *bytes, size_t n, std::chrono::milliseconds timeout);
 
-} // namespace rtusim
+} // namespace rtusupport
 
 #endif

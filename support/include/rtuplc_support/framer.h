@@ -12,7 +12,7 @@
 #include <optional>
 #include <vector>
 
-namespace rtusim {
+namespace rtusupport {
 
 class RtuFramer {
 public:
@@ -46,6 +46,6 @@ private:
 // tell, -1 for a function whose requests have no length this slave knows.
 int requestLength(const uint8_t *bytes, size_t n);
 
-} // namespace rtusim
+} // namespace rtusupport
 
 #endif

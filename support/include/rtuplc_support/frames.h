@@ -6,17 +6,17 @@
 
 #include "rtuplc_support/modbus.h"
 
-namespace rtusim {
+namespace rtusupport {
 
 // Bytes with the Modbus CRC appended, low byte first.
 inline QByteArray withCrc(QByteArray bytes)
 {
-    const uint16_t crc = crc16(reinterpret_cast<const uint8_t *>(bytes.constData()), size_t(bytes.size()));
+    const uint16_t crc = rtuplc::crc16(reinterpret_cast<const uint8_t *>(bytes.constData()), size_t(bytes.size()));
     bytes.append(static_cast<char>(crc & 0xFF));
     bytes.append(static_cast<char>(crc >> 8));
     return bytes;
 }
 
-} // namespace rtusim
+} // namespace rtusupport
 
 #endif

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace rtusim {
+namespace rtusupport {
 
 enum class Space { Coils, Registers };
 
@@ -48,6 +48,6 @@ uint16_t patternRegister(int station, uint32_t address);
 uint8_t patternCoil(int station, uint32_t address);
 void fillMemory(StationMemory &memory, int station, Fill fill);
 
-} // namespace rtusim
+} // namespace rtusupport
 
 #endif

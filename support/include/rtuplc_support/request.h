@@ -9,7 +9,7 @@
 #include "rtuplc_support/memory.h"
 #include "rtuplc_support/modbus.h"
 
-namespace rtusim {
+namespace rtusupport {
 
 // The largest quantities one request may carry; more is answered with exception 03.
 struct Limits {
@@ -22,13 +22,11 @@ struct Limits {
     bool everyAddressMapped = false;
 };
 
-bool isWriteFunction(uint8_t function);
-
 // Executes a request PDU (function code and data: the frame without station and CRC)
 // and returns the reply PDU, a normal reply or an exception (function | 0x80, code).
 // Writes change `memory` only when the whole request is valid.
 std::vector<uint8_t> executeRequest(StationMemory &memory, const uint8_t *pdu, size_t n, const Limits &limits);
 
-} // namespace rtusim
+} // namespace rtusupport
 
 #endif

@@ -6,7 +6,7 @@
 #include <chrono>
 #include <string>
 
-namespace rtusim {
+namespace rtusupport {
 
 struct SerialLine {
     int baud = 9600;
@@ -30,6 +30,6 @@ std::chrono::microseconds silentInterval(const SerialLine &line);
 // Puts the open terminal `fd` into raw mode with the line's settings.
 bool configureTerminal(int fd, const SerialLine &line, std::string *error);
 
-} // namespace rtusim
+} // namespace rtusupport
 
 #endif

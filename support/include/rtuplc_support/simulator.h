@@ -4,8 +4,8 @@
 // It runs in the caller's process, one thread per endpoint, so tests start it on a
 // free loopback port or a pty, set memory, inject faults and read the memory back:
 //
-//     rtusim::Simulator sim;
-//     sim.fill(rtusim::Fill::Pattern);
+//     rtusupport::Simulator sim;
+//     sim.fill(rtusupport::Fill::Pattern);
 //     std::string error;
 //     if (!sim.startTcp("127.0.0.1", 0, &error)) ...   // 0: any free port
 //     int port = sim.tcpPort();
@@ -28,7 +28,7 @@
 #include "rtuplc_support/request.h"
 #include "rtuplc_support/serial_line.h"
 
-namespace rtusim {
+namespace rtusupport {
 
 constexpr int kDefaultTcpPort = 8000;
 
@@ -118,6 +118,6 @@ private:
     std::unique_ptr<Impl> impl_;
 };
 
-} // namespace rtusim
+} // namespace rtusupport
 
 #endif
