@@ -273,7 +273,7 @@ int memoryReport()
     QString what;
     intf_dealRcvFrame(blockReply(5), what);
     const long after = residentBytes();
-    std::printf("data areas: %d\nresident bytes added: %ld\nbytes per data area: %.1f\n", driver.dataAreas.size(),
+    std::printf("data areas: %d\nresident bytes added: %ld\nbytes per data area: %.1f\n", int(driver.dataAreas.size()),
                 after - before, double(after - before) / kAreas);
     return 0;
 }

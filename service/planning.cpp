@@ -304,7 +304,7 @@ RTUPLC_EXPORT int intf_addrMerge(QList<KEY_ADDRESS> &list)
             v.len = static_cast<int>(b.len);
             driver.monitorList.append(v);
         }
-        return driver.monitorList.size();
+        return int(driver.monitorList.size());
     });
 }
 
