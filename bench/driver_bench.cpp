@@ -24,7 +24,7 @@ void noReport(int, int, QString &, int) {}
 
 QByteArray withCrc(QByteArray b)
 {
-    const uint16_t crc = crc16(reinterpret_cast<const unsigned char *>(b.constData()), size_t(b.size()));
+    const uint16_t crc = computate_check(reinterpret_cast<const unsigned char *>(b.constData()), static_cast<unsigned short>(b.size()));
     b.append(char(crc & 0xFF));
     b.append(char(crc >> 8));
     return b;
@@ -53,7 +53,7 @@ void fillAreas(int areas)
     intf_initProperty(nullptr, 0, nullptr, nullptr, "1#0#0#3#64", nullptr);
     const int pid = driver.areaIndex.prefixId("D");
     for (int i = kBlock; i < areas; ++i)
-        dataAreaFor(2 + i / 8000, pid, i % 8000);
+        getIndexOfDataArea(2 + i / 8000, pid, i % 8000);
     QList<KEY_ADDRESS> keys;
     KEY_ADDRESS k;
     k.station = kStation;
@@ -124,10 +124,10 @@ void BM_PollCycleLinearBaseline(benchmark::State &state)
     var.len = kBlock;
     int turn = 0;
     for (auto _ : state) {
-        getReadFrame(QList<VARIABLE>{var});
+        getReadFrame(QList<VARIABLE>{var}, driver.frameList);
         const QByteArray &reply = replies[turn ^= 1];
         benchmark::DoNotOptimize(check_rcv_data(reinterpret_cast<const unsigned char *>(reply.constData()), {},
-                                                reply.size()));
+                                                reply.size(), driver.frameList.first()));
         decodeByScan(areas, reply, var);
         driver.frameList.clear();
     }
@@ -195,7 +195,7 @@ void BM_AddrMergeBubbleBaseline(benchmark::State &state)
                 }
             }
         }
-        benchmark::DoNotOptimize(mergeItems(std::move(work), MERGE_MONITOR, nullptr).size());
+        benchmark::DoNotOptimize(addrMerge(std::move(work), MERGE_MONITOR, nullptr).size());
     }
 }
 BENCHMARK(BM_AddrMergeBubbleBaseline)->Arg(100)->Arg(10000)->Unit(benchmark::kMillisecond)->Iterations(3);
@@ -250,7 +250,7 @@ void BM_Crc(benchmark::State &state)
 {
     const QByteArray reply = blockReply(1);
     for (auto _ : state)
-        benchmark::DoNotOptimize(crc16(reinterpret_cast<const unsigned char *>(reply.constData()), size_t(reply.size())));
+        benchmark::DoNotOptimize(computate_check(reinterpret_cast<const unsigned char *>(reply.constData()), static_cast<unsigned short>(reply.size())));
 }
 BENCHMARK(BM_Crc);
 

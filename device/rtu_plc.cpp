@@ -6,8 +6,6 @@
 #include <climits>
 #include <cstring>
 
-#include "serviceForProtocol.h"
-
 // ---------------------------------------------------------------------------------
 // Register lookups.
 
@@ -21,24 +19,45 @@ int getIndexFromRegName(const QString &name)
 }
 
 namespace {
-// The numeric columns of the table, parsed once: they are read for every frame.
-struct NumericColumns {
-    int v[REG_COUNT][REG_COLUMNS];
-    NumericColumns()
+
+AreaKind kindOf(const QString *row)
+{
+    if (row[COL_VALUE_WIDTH] == QLatin1String("1"))
+        return AreaKind::Bit;
+    if (row[COL_VALUE_WIDTH] == QLatin1String("32"))
+        return row[COL_UNIT_WIDTH] == QLatin1String("16") ? AreaKind::DWordOverWords : AreaKind::DWordUnit;
+    return AreaKind::Word;
+}
+
+// The table read once at start-up: every frame, decode and write asks it.
+struct TypedTable {
+    RegisterArea areas[REG_COUNT];
+    TypedTable()
     {
-        for (int r = 0; r < REG_COUNT; ++r)
-            for (int c = 0; c < REG_COLUMNS; ++c)
-                v[r][c] = ADDRESS_RANGE_PRO[r][c].toInt();
+        for (int r = 0; r < REG_COUNT; ++r) {
+            const QString *row = ADDRESS_RANGE_PRO[r];
+            RegisterArea &a = areas[r];
+            a.name = REG_LIST[r];
+            a.prefix = regPrefixOf(a.name);
+            a.kind = kindOf(row);
+            const bool coils = ADDRESS_FUNC[r][0] == 1;
+            a.readFunction = coils ? FC_READ_COILS : FC_READ_HOLDING;
+            a.writeFunction = coils ? FC_WRITE_COILS : FC_WRITE_REGISTERS;
+            a.base = ADDRESS_FUNC[r][1];
+            a2i(row[COL_LOWEST], a.lowest, row[COL_NOTATION], a.name);
+            a2i(row[COL_HIGHEST], a.highest, row[COL_NOTATION], a.name);
+            a.unitWidth = row[COL_UNIT_WIDTH].toInt();
+            a.plainName = row[COL_PLAIN_NAME].toInt() != 0;
+        }
     }
 };
+
 } // namespace
 
-int regColumnInt(int regIndex, int col)
+const RegisterArea &registerArea(int reg)
 {
-    static const NumericColumns columns;
-    if (regIndex < 0 || regIndex >= REG_COUNT || col < 0 || col >= REG_COLUMNS)
-        return 0;
-    return columns.v[regIndex][col];
+    static const TypedTable table;
+    return table.areas[reg];
 }
 
 QString regPrefixOf(const QString &regName)
@@ -69,24 +88,6 @@ int addrOffset(QString name, int addr)
     return addr;
 }
 
-int judgeMerge(int blockStation, const QString &blockName, int64_t blockStart, int64_t blockLen, int itemStation,
-               const QString &itemName, int64_t itemStart, int gapSwitch, int64_t maxGap)
-{
-    if (blockStation != itemStation || blockName != itemName)
-        return 1;
-    // 64-bit: addresses near the ends of int must not overflow into a false join.
-    const int64_t gap = itemStart - (blockStart + blockLen);
-    if (gapSwitch == 0)
-        return gap > 0 ? 1 : 0;
-    return gap > maxGap ? 1 : 0;
-}
-
-int judgeAddrMerge(const KEY_ADDRESS &block, const KEY_ADDRESS &item, int gapSwitch)
-{
-    return judgeMerge(block.station, block.regName, block.startAddr, block.len, item.station, item.regName,
-                      item.startAddr, gapSwitch, driver.maxBlockLen);
-}
-
 // ---------------------------------------------------------------------------------
 // CRC.
 
@@ -105,17 +106,12 @@ constexpr std::array<uint16_t, 256> makeCrcTable()
 constexpr std::array<uint16_t, 256> kCrcTable = makeCrcTable();
 } // namespace
 
-uint16_t crc16(const unsigned char *data, size_t len)
-{
-    uint16_t crc = 0xFFFF;
-    for (size_t i = 0; i < len; ++i)
-        crc = static_cast<uint16_t>((crc >> 8) ^ kCrcTable[(crc ^ data[i]) & 0xFF]);
-    return crc;
-}
-
 unsigned short computate_check(const unsigned char *data, unsigned short len)
 {
-    return crc16(data, len);
+    uint16_t crc = 0xFFFF;
+    for (unsigned i = 0; i < len; ++i)
+        crc = static_cast<uint16_t>((crc >> 8) ^ kCrcTable[(crc ^ data[i]) & 0xFF]);
+    return crc;
 }
 
 // ---------------------------------------------------------------------------------
@@ -141,7 +137,7 @@ void putWord(uint8_t *p, int64_t v)
 
 void appendCrc(FRAME_PRO &f, int len)
 {
-    const uint16_t crc = crc16(f.frame, static_cast<size_t>(len));
+    const uint16_t crc = computate_check(f.frame, static_cast<unsigned short>(len));
     f.frame[len] = static_cast<uint8_t>(crc & 0xFF);
     f.frame[len + 1] = static_cast<uint8_t>(crc >> 8);
     f.frameLen = len + 2;
@@ -168,22 +164,17 @@ void putHeader(FRAME_PRO &f, int station, uint8_t function, int64_t address, int
 
 constexpr int kWriteHeaderBytes = 7; // header plus the byte-count byte
 constexpr int kCrcBytes = 2;
-constexpr int kMaxWriteDataBytes = FRAME_BYTES - kWriteHeaderBytes - kCrcBytes;
+constexpr int kMaxWriteDataBytes = RTUPLC_FRAME_BYTES - kWriteHeaderBytes - kCrcBytes;
 
 } // namespace
 
-int wireRegisterCount(int regIndex, int len)
+// Registers on the wire for `len` units of a word area, held within int.
+int wireRegisters(const RegisterArea &area, int len)
 {
-    const float units = static_cast<float>(regColumnInt(regIndex, COL_UNIT_WIDTH)) * 0.0625f;
-    const float q = units * static_cast<float>(len);
-    if (q >= 2147483647.0f)
-        return INT_MAX;
-    if (q <= -2147483648.0f)
-        return INT_MIN;
-    return static_cast<int>(q);
+    return clampToInt(area.registersOfUnits(len));
 }
 
-int getReadFrame(QList<VARIABLE> vars)
+int getReadFrame(QList<VARIABLE> vars, QList<FRAME_PRO> &queue)
 {
     if (vars.isEmpty())
         return 0;
@@ -194,42 +185,44 @@ int getReadFrame(QList<VARIABLE> vars)
     if (reg < 0)
         return 0;
 
+    const RegisterArea &area = registerArea(reg);
     FRAME_PRO f;
-    const int64_t address = int64_t(ADDRESS_FUNC[reg][1]) + v.startAddr;
-    if (ADDRESS_FUNC[reg][0] == 1) {
+    const int64_t address = int64_t(area.base) + v.startAddr;
+    if (area.isBit()) {
         // Bits are counted the Modbus way: one coil per address, packed 8 per byte.
-        putHeader(f, v.station, FC_READ_COILS, address, v.len);
+        putHeader(f, v.station, area.readFunction, address, v.len);
         f.replyLen = clampToInt(readBitsReplyLen(v.len));
     } else {
-        const int q = wireRegisterCount(reg, v.len);
-        putHeader(f, v.station, FC_READ_HOLDING, address, q);
+        const int q = wireRegisters(area, v.len);
+        putHeader(f, v.station, area.readFunction, address, q);
         f.replyLen = clampToInt(readRegistersReplyLen(q));
     }
     appendCrc(f, 6);
     f.dataPos = 3;
     f.dataLen = v.len;
     copyVariable(f, v);
-    driver.frameList.append(f);
+    queue.append(f);
     return 1;
 }
 
-void getWriteFrame(VARIABLE &v)
+void getWriteFrame(VARIABLE &v, QList<FRAME_PRO> &queue)
 {
     const int reg = getIndexFromRegName(v.regName);
     if (reg < 0)
         return;
 
+    const RegisterArea &area = registerArea(reg);
     FRAME_PRO f;
-    const int64_t address = int64_t(ADDRESS_FUNC[reg][1]) + v.startAddr;
+    const int64_t address = int64_t(area.base) + v.startAddr;
     int dataBytes = 0;
-    if (ADDRESS_FUNC[reg][0] == 1) {
+    if (area.isBit()) {
         const int64_t n = v.len;
         const int64_t c = (n + 7) / 8;
         // The queue and recipe planning keep writes far below this; a record that
         // would overrun the frame or its own data builds nothing rather than garbage.
-        if (n < 0 || c > kMaxWriteDataBytes || n > RECORD_DATA_BYTES)
+        if (n < 0 || c > kMaxWriteDataBytes || n > RTUPLC_RECORD_DATA_BYTES)
             return;
-        putHeader(f, v.station, FC_WRITE_COILS, address, n);
+        putHeader(f, v.station, area.writeFunction, address, n);
         f.frame[6] = static_cast<uint8_t>(c);
         for (int64_t i = 0; i < c; ++i) {
             const int bitsHere = (i == c - 1 && n % 8 != 0) ? int(n % 8) : 8;
@@ -242,15 +235,15 @@ void getWriteFrame(VARIABLE &v)
         }
         dataBytes = static_cast<int>(c);
     } else {
-        const int q = wireRegisterCount(reg, v.len);
+        const int q = wireRegisters(area, v.len);
         if (q < 0 || 2 * int64_t(q) > kMaxWriteDataBytes)
             return;
-        putHeader(f, v.station, FC_WRITE_REGISTERS, address, q);
+        putHeader(f, v.station, area.writeFunction, address, q);
         f.frame[6] = static_cast<uint8_t>((2 * q) & 0xFF);
         uint8_t *out = f.frame + kWriteHeaderBytes;
-        if (regColumnInt(reg, COL_VALUE_WIDTH) == 16) {
+        if (area.kind == AreaKind::Word) {
             // Each register high byte first; the record holds them low byte first.
-            const int words = qMin(qMin(v.len, q), RECORD_DATA_BYTES / 2);
+            const int words = qMin(qMin(v.len, q), RTUPLC_RECORD_DATA_BYTES / 2);
             for (int i = 0; i < words; ++i) {
                 out[2 * i] = v.data[2 * i + 1];
                 out[2 * i + 1] = v.data[2 * i];
@@ -258,7 +251,7 @@ void getWriteFrame(VARIABLE &v)
         } else {
             // A 32-bit value goes most significant byte first, so its high register
             // travels first.
-            const int values = qMin(q / 2, RECORD_DATA_BYTES / 4);
+            const int values = qMin(q / 2, RTUPLC_RECORD_DATA_BYTES / 4);
             for (int i = 0; i < values; ++i) {
                 out[4 * i] = v.data[4 * i + 3];
                 out[4 * i + 1] = v.data[4 * i + 2];
@@ -274,27 +267,25 @@ void getWriteFrame(VARIABLE &v)
     f.dataPos = 0;
     f.dataLen = 0;
     copyVariable(f, v);
-    driver.frameList.append(f);
+    queue.append(f);
 }
 
-void handShakeFrame()
+void handShakeFrame(QList<FRAME_PRO> &queue)
 {
     // Carries no bytes and expects none: the host just gets a turn of its loop.
-    driver.frameList.append(FRAME_PRO());
+    queue.append(FRAME_PRO());
 }
 
-int check_rcv_data(const unsigned char *reply, QList<VARIABLE> vars, int len)
+int check_rcv_data(const unsigned char *reply, QList<VARIABLE> vars, int len, const FRAME_PRO &inFlight)
 {
     Q_UNUSED(vars);
-    if (driver.frameList.isEmpty())
-        return 0;
-    const FRAME_PRO &head = driver.frameList.first();
     if (len == 0)
-        return head.replyLen == 0 ? 2 : 0;
-    if (len != head.replyLen || len < 2 || reply == nullptr)
-        return 0;
-    const uint16_t crc = crc16(reply, static_cast<size_t>(len - 2));
+        return inFlight.replyLen == 0 ? CHECK_NO_DATA : CHECK_REJECTED;
+    // Longer than any frame the CRC routine can take is longer than any reply expected.
+    if (len != inFlight.replyLen || len < 2 || len > 0xFFFF || reply == nullptr)
+        return CHECK_REJECTED;
+    const uint16_t crc = computate_check(reply, static_cast<unsigned short>(len - 2));
     if (reply[len - 1] != (crc >> 8) || reply[len - 2] != (crc & 0xFF))
-        return 0;
-    return head.dataLen != 0 ? 1 : 2;
+        return CHECK_REJECTED;
+    return inFlight.dataLen != 0 ? CHECK_DATA : CHECK_NO_DATA;
 }

@@ -18,7 +18,20 @@
 
 #include "rtuplc.h"
 
-struct VARIABLE;
+// One request as the driver queues it and turns it into a frame: a run of units of one
+// register area at one station, to read or to write.
+struct VARIABLE {
+    int32_t reqKind = 0;
+    int32_t station = 0;
+    QString regName;
+    int32_t startAddr = 0;
+    int32_t len = 0;
+    uint8_t data[RTUPLC_RECORD_DATA_BYTES] = {};
+
+    VARIABLE() = default;
+    VARIABLE(const VARIABLE &) = default;
+    VARIABLE &operator=(const VARIABLE &) = default;
+};
 
 // ---------------------------------------------------------------------------------
 // Identity strings. The default device address is the loopback address, so that the
@@ -31,7 +44,7 @@ inline const QString PROCOTOL_PAR_HMI_SET_MODE = QStringLiteral("0_0");
 
 // ---------------------------------------------------------------------------------
 // Register areas.
-constexpr int REG_COUNT = 14;
+constexpr int REG_COUNT = 14; // the areas of REG_LIST
 constexpr int REG_COLUMNS = 7;
 
 inline const QString REG_LIST[REG_COUNT] = {
@@ -83,82 +96,115 @@ inline constexpr int32_t ADDRESS_FUNC[REG_COUNT][2] = {
 };
 
 // ---------------------------------------------------------------------------------
-// Limits of the link. The controller reads up to 128 units per request (standard
-// Modbus slaves stop at 125 registers); Modbus caps a write at 123 registers or 1968
-// coils, and the byte-count byte of a write must hold its data; a record carries 1024
-// data bytes.
-constexpr int MAX_READ_UNITS = 128;
-constexpr int STD_MAX_READ_REGISTERS = 125;
-constexpr int MAX_WRITE_WORDS = 122;        // keeps 2 x q within the byte-count byte
-constexpr int MAX_WRITE_BITS = 1968;
-constexpr int RECORD_DATA_BYTES = 1024;
-constexpr int MAX_SETDATA_WORDS = RECORD_DATA_BYTES / 2;
-constexpr int MAX_SETDATA_BITS = RECORD_DATA_BYTES;
-constexpr int FRAME_BYTES = 1024;
-constexpr int DEFAULT_SPLIT_WORDS = 64;     // used while maxBlockLen is 0 or less
-constexpr int DEFAULT_SPLIT_BITS = DEFAULT_SPLIT_WORDS * 8;
-constexpr int RTU_FRAMING_BYTES = 5;        // station, function, byte count, CRC
+// Modbus RTU framing. The controller reads up to RTUPLC_MAX_READ_UNITS units per
+// request; Modbus caps a write at 123 registers or 1968 coils, and the byte-count byte
+// of a write must hold its data.
+constexpr int FRAME_MAX_WRITE_REGISTERS = 122; // keeps 2 x q within the byte-count byte
+constexpr int FRAME_MAX_WRITE_COILS = 1968;
+constexpr int RTU_FRAMING_BYTES = 5;           // a read reply: station, function, byte count, CRC
 constexpr int WRITE_ECHO_BYTES = 8;
 constexpr uint8_t FC_READ_COILS = 0x01;
 constexpr uint8_t FC_READ_HOLDING = 0x03;
 constexpr uint8_t FC_WRITE_COILS = 0x0F;
 constexpr uint8_t FC_WRITE_REGISTERS = 0x10;
 
-// Offsets of the recipe command bytes in the host memory block.
-constexpr int HOST_RCP_DOWNLOAD_BYTE = 60115;
-constexpr int HOST_RCP_UPLOAD_BYTE = 60116;
-
 // ---------------------------------------------------------------------------------
-// Register lookups.
+// The register table, typed. The text tables above stay what the editor reads; every
+// rule that depends on an area's kind asks this record instead of comparing texts.
+
+enum class AreaKind {
+    Bit,            // one coil per address: X, Y, M, SM, S, T, C
+    Word,           // one 16-bit register per address: CV, TV, Z, SD, D_W
+    DWordOverWords, // a 32-bit value over two 16-bit addresses, high half first: D_D
+    DWordUnit,      // one 32-bit value per address, two registers on the wire: 32C
+};
+
+struct RegisterArea {
+    QString name;            // as REG_LIST has it, "D_W"
+    QString prefix;          // the cache's area name: the part before '_', "D"
+    AreaKind kind = AreaKind::Word;
+    uint8_t readFunction = 0;
+    uint8_t writeFunction = 0;
+    int base = 0;            // Modbus address of the area's address 0
+    int lowest = 0;          // address limits, read in the area's notation
+    int highest = 0;
+    int unitWidth = 16;      // bits one address step covers on the wire
+    bool plainName = true;   // reported under its own name, not prefix plus "_W"/"_D"
+
+    bool isBit() const { return kind == AreaKind::Bit; }
+    // Bytes of a cached value one unit uses: a bit, a register, a 32-bit unit.
+    int cacheBytes() const { return kind == AreaKind::Bit ? 1 : kind == AreaKind::DWordUnit ? 4 : 2; }
+    // Host lengths of word areas count 16-bit registers; this is how many of the area's
+    // units they make (a 32C unit takes two). The widths are 1, 16 and 32, so integer
+    // arithmetic is exact where the controller's tooling computes in single precision.
+    int64_t unitsOfWords(int64_t words) const { return kind == AreaKind::Bit ? words : words * 16 / unitWidth; }
+    // Registers on the wire for `units` units of a word area.
+    int64_t registersOfUnits(int64_t units) const { return units * unitWidth / 16; }
+};
 
 // Index 0..13 of the name in REG_LIST (exact, case-sensitive), or -1.
 int getIndexFromRegName(const QString &name);
 
-// Column `col` of the area's row read as a decimal number (0 if not a number).
-int regColumnInt(int regIndex, int col);
-
-// True when the area is a bit area (value width "1").
-inline bool isBitArea(int regIndex) { return ADDRESS_RANGE_PRO[regIndex][COL_VALUE_WIDTH] == QLatin1String("1"); }
+// The typed record of area `reg` (0..13), derived once from the text tables.
+const RegisterArea &registerArea(int reg);
 
 // Area name under which the data areas of a register are kept: the part before the
 // first '_' (D_D and D_W share "D").
 QString regPrefixOf(const QString &regName);
 
 // Converts address text in a notation (last letter D, O or H picks base 10, 8, 16).
-// Stores 0 into value when the text is not a number in that base.
+// Stores 0 into value when the text is not a number in that base. `name` is part of
+// the editor's documented signature; every notation of this controller is a run of
+// one letter, so the name never changes the conversion.
 int a2i(QString text, int &value, QString notation, QString name);
 
 // The device's address offset hook: this controller uses addresses as they are.
 int addrOffset(QString name, int addr);
 
-// 1 when `item` must open a new block, 0 when it may join `block`: different station
-// or area, or a gap (switch 0: any gap; switch 1: a gap above maxGap).
-int judgeAddrMerge(const KEY_ADDRESS &block, const KEY_ADDRESS &item, int gapSwitch);
-int judgeMerge(int blockStation, const QString &blockName, int64_t blockStart, int64_t blockLen, int itemStation,
-               const QString &itemName, int64_t itemStart, int gapSwitch, int64_t maxGap);
+// 1 when `item` must open a new block, 0 when it may join `block`: a different station
+// or area, or a gap (switch 0: any gap; switch 1: a gap above maxGap). Blocks and items
+// are anything with station, regName, startAddr and len: host keys or merge records.
+template <typename Block, typename Item>
+int judgeAddrMerge(const Block &block, const Item &item, int gapSwitch, int64_t maxGap)
+{
+    if (block.station != item.station || block.regName != item.regName)
+        return 1;
+    // 64-bit: addresses near the ends of int must not overflow into a false join.
+    const int64_t gap = int64_t(item.startAddr) - (int64_t(block.startAddr) + int64_t(block.len));
+    if (gapSwitch == 0)
+        return gap > 0 ? 1 : 0;
+    return gap > maxGap ? 1 : 0;
+}
 
 // ---------------------------------------------------------------------------------
-// Framing.
+// Framing. The builders append one FRAME_PRO to `queue`, the frame queue of whoever
+// drives the link; they read nothing else.
 
 // Modbus CRC-16 (initial 0xFFFF, reflected polynomial 0xA001); sent low byte first.
 unsigned short computate_check(const unsigned char *data, unsigned short len);
-uint16_t crc16(const unsigned char *data, size_t len);
 
 // Expected reply sizes, the one place that knows the layout of a Modbus reply.
 inline int64_t readBitsReplyLen(int64_t bits) { return (bits + 7) / 8 + RTU_FRAMING_BYTES; }
 inline int64_t readRegistersReplyLen(int64_t registers) { return 2 * registers + RTU_FRAMING_BYTES; }
 
-// Registers on the wire for `len` units of a word area: col5 x 0.0625 x len, in single
-// precision as the controller's original tooling computes it.
-int wireRegisterCount(int regIndex, int len);
+// A read frame for the first variable of `vars`: 1 appended, 0 nothing (a broadcast
+// station, an unknown area, an empty list).
+int getReadFrame(QList<VARIABLE> vars, QList<FRAME_PRO> &queue);
+// A write frame for `var`; nothing for an unknown area or a write no frame can carry.
+void getWriteFrame(VARIABLE &var, QList<FRAME_PRO> &queue);
+// A record that carries no bytes and expects none.
+void handShakeFrame(QList<FRAME_PRO> &queue);
 
-// Builders append one FRAME_PRO to driver.frameList.
-int getReadFrame(QList<VARIABLE> vars);
-void getWriteFrame(VARIABLE &var);
-void handShakeFrame();
+// Verdicts of check_rcv_data.
+enum ReplyCheck {
+    CHECK_REJECTED = 0,
+    CHECK_DATA = 1,    // accepted, carrying values to decode
+    CHECK_NO_DATA = 2, // accepted, nothing to decode (a write echo, or no reply expected)
+};
 
-// Judges a reply against the head of driver.frameList:
-// 0 rejected, 1 accepted with data, 2 accepted without data.
-int check_rcv_data(const unsigned char *reply, QList<VARIABLE> vars, int len);
+// Judges `len` reply bytes against `inFlight` by length and CRC alone. `vars` (the
+// requests the frame covers) is part of the documented signature and not consulted:
+// which request a reply answers is the host's link to tell.
+int check_rcv_data(const unsigned char *reply, QList<VARIABLE> vars, int len, const FRAME_PRO &inFlight);
 
 #endif

@@ -73,7 +73,7 @@ void onChange(int, int st, QString &item, int addr)
     case CB_WRITE: // the screen answers a change with a write of its own
         intf_getData(st, item, addr, 1, buf);
         buf[0] = static_cast<unsigned char>(buf[0] ^ 1);
-        intf_setData(st, item, addr, 1, buf, SEND_WRITE);
+        intf_setData(st, item, addr, 1, buf, RTUPLC_KIND_WRITE);
         break;
     case CB_REPLAN: { // the screen closes: nothing is monitored any more
         QList<KEY_ADDRESS> none;
@@ -83,7 +83,7 @@ void onChange(int, int st, QString &item, int addr)
         k.regName = item;
         k.startAddr = addr;
         k.len = 2;
-        intf_addConditionRead(k, SEND_CONDITION);
+        intf_addConditionRead(k, RTUPLC_KIND_CONDITION_READ);
         break;
     }
     default:
@@ -182,8 +182,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         }
         case 5:
             h.lock.lock();
-            h.memory[HOST_RCP_DOWNLOAD_BYTE] = in.u8();
-            h.memory[HOST_RCP_UPLOAD_BYTE] = in.u8();
+            h.memory[RTUPLC_RCP_DOWNLOAD_BYTE] = in.u8();
+            h.memory[RTUPLC_RCP_UPLOAD_BYTE] = in.u8();
             h.lock.unlock();
             break;
         case 6:

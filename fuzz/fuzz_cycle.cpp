@@ -69,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const int len2 = in.u8();
     const int offset = in.u16();
     const QString name = REG_LIST[sc.area];
-    const bool bits = isBitArea(sc.area);
+    const bool bits = registerArea(sc.area).isBit();
 
     if (what & T_MONITOR) {
         QList<KEY_ADDRESS> keys;
@@ -86,11 +86,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         intf_addrMerge(keys);
     }
     if (what & T_WRITE) {
-        unsigned char values[2 * RECORD_DATA_BYTES];
+        unsigned char values[2 * RTUPLC_RECORD_DATA_BYTES];
         for (size_t i = 0; i < sizeof values; ++i)
             values[i] = static_cast<unsigned char>(i * 37 + 11);
-        intf_setData(sc.station, name, sc.start, sc.len, values, SEND_WRITE);
-        intf_setData(sc.station, REG_LIST[area2], start2, len2 % 16, values + 5, SEND_WRITE);
+        intf_setData(sc.station, name, sc.start, sc.len, values, RTUPLC_KIND_WRITE);
+        intf_setData(sc.station, REG_LIST[area2], start2, len2 % 16, values + 5, RTUPLC_KIND_WRITE);
     }
     if (what & T_CONDITION) {
         KEY_ADDRESS k;
@@ -99,7 +99,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         k.startAddr = sc.start;
         k.len = sc.len;
         k.bitPos = bits ? -1 : 0;
-        intf_addConditionRead(k, SEND_CONDITION);
+        intf_addConditionRead(k, RTUPLC_KIND_CONDITION_READ);
     }
     if (what & (T_DOWNLOAD | T_UPLOAD)) {
         fuzz::Host &h = fuzz::host();
@@ -116,8 +116,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         vars[1].len = len2;
         vars[1].rcpOffset = offset + sc.len * 2;
         fuzz::setRecipe(vars);
-        h.memory[HOST_RCP_DOWNLOAD_BYTE] = (what & T_DOWNLOAD) ? 1 : 0;
-        h.memory[HOST_RCP_UPLOAD_BYTE] = (what & T_UPLOAD) ? 1 : 0;
+        h.memory[RTUPLC_RCP_DOWNLOAD_BYTE] = (what & T_DOWNLOAD) ? 1 : 0;
+        h.memory[RTUPLC_RCP_UPLOAD_BYTE] = (what & T_UPLOAD) ? 1 : 0;
     }
     if ((what & T_HANDSHAKE) && (tune & 0x20))
         driver.handshakeFlag = 1; // only the host sets it; a restart clears it

@@ -68,16 +68,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     unsigned char values[64];
     for (size_t i = 0; i < sizeof values; ++i)
         values[i] = static_cast<unsigned char>(i * 13 + 1);
-    intf_setData(1, QStringLiteral("D_W"), 5, 20, values, SEND_WRITE);
-    intf_setData(1, QStringLiteral("Y"), 0, 30, values, SEND_WRITE);
-    intf_setData(1, QStringLiteral("32C"), 201, 2, values, SEND_WRITE);
-    intf_addConditionRead(key("SD", 0, 20), SEND_CONDITION);
-    intf_addConditionRead(key("S", 0, 40, -1), SEND_CONDITION);
+    intf_setData(1, QStringLiteral("D_W"), 5, 20, values, RTUPLC_KIND_WRITE);
+    intf_setData(1, QStringLiteral("Y"), 0, 30, values, RTUPLC_KIND_WRITE);
+    intf_setData(1, QStringLiteral("32C"), 201, 2, values, RTUPLC_KIND_WRITE);
+    intf_addConditionRead(key("SD", 0, 20), RTUPLC_KIND_CONDITION_READ);
+    intf_addConditionRead(key("S", 0, 40, -1), RTUPLC_KIND_CONDITION_READ);
     QVector<_RCP_VAR_PRO> recipe{recipeVar("D_W", 100, 4, 0), recipeVar("X", 0, 10, 4),
                                  recipeVar("32C", 210, 4, 14), recipeVar("D_D", 300, 130, 20)};
     fuzz::setRecipe(recipe);
-    h.memory[HOST_RCP_DOWNLOAD_BYTE] = 1;
-    h.memory[HOST_RCP_UPLOAD_BYTE] = 1;
+    h.memory[RTUPLC_RCP_DOWNLOAD_BYTE] = 1;
+    h.memory[RTUPLC_RCP_UPLOAD_BYTE] = 1;
 
     fuzz::Scenario sc;
     sc.properties = QByteArray(text.c_str());

@@ -37,7 +37,7 @@ void closeAll()
 {
     Host &h = host();
     ASAN_POISON_MEMORY_REGION(h.memory, sizeof h.memory);
-    ASAN_UNPOISON_MEMORY_REGION(h.memory + HOST_RCP_DOWNLOAD_BYTE, 2);
+    ASAN_UNPOISON_MEMORY_REGION(h.memory + RTUPLC_RCP_DOWNLOAD_BYTE, 2);
     ASAN_POISON_MEMORY_REGION(h.recipe, sizeof h.recipe);
 }
 void openWords(int64_t first, int64_t end)
@@ -87,7 +87,7 @@ int setRecipe(QVector<_RCP_VAR_PRO> &vars)
         if (reg < 0 || q.len <= 0)
             continue;
         const int64_t first = std::max<int64_t>(q.rcpOffset, 0);
-        const int64_t end = int64_t(q.rcpOffset) + int64_t(q.len) * (regColumnInt(reg, COL_UNIT_WIDTH) == 32 ? 2 : 1);
+        const int64_t end = int64_t(q.rcpOffset) + int64_t(q.len) * (registerArea(reg).kind == AreaKind::DWordUnit ? 2 : 1);
         if (end > kRecipeWords)
             abort(); // the harness gave the driver a buffer too small for its recipe
         if (end > first)
@@ -116,15 +116,15 @@ void checkHost()
     Host &h = host();
     openAll();
     static const unsigned char zeros[sizeof h.memory] = {};
-    const unsigned char download = h.memory[HOST_RCP_DOWNLOAD_BYTE];
-    const unsigned char upload = h.memory[HOST_RCP_UPLOAD_BYTE];
-    h.memory[HOST_RCP_DOWNLOAD_BYTE] = h.memory[HOST_RCP_UPLOAD_BYTE] = 0;
+    const unsigned char download = h.memory[RTUPLC_RCP_DOWNLOAD_BYTE];
+    const unsigned char upload = h.memory[RTUPLC_RCP_UPLOAD_BYTE];
+    h.memory[RTUPLC_RCP_DOWNLOAD_BYTE] = h.memory[RTUPLC_RCP_UPLOAD_BYTE] = 0;
     if (std::memcmp(h.memory, zeros, sizeof zeros) != 0) {
         std::fprintf(stderr, "the memory block was written beyond the command bytes\n");
         abort();
     }
-    h.memory[HOST_RCP_DOWNLOAD_BYTE] = download;
-    h.memory[HOST_RCP_UPLOAD_BYTE] = upload;
+    h.memory[RTUPLC_RCP_DOWNLOAD_BYTE] = download;
+    h.memory[RTUPLC_RCP_UPLOAD_BYTE] = upload;
 
     for (int64_t c = 0; c < kRecipeWords; c += kChunkWords) {
         const int64_t n = std::min(kChunkWords, kRecipeWords - c);
@@ -179,7 +179,7 @@ void restart(const char *properties, bool withHost)
 
 QByteArray withCrc(QByteArray bytes)
 {
-    const uint16_t crc = crc16(reinterpret_cast<const unsigned char *>(bytes.constData()), size_t(bytes.size()));
+    const uint16_t crc = computate_check(reinterpret_cast<const unsigned char *>(bytes.constData()), static_cast<unsigned short>(bytes.size()));
     bytes.append(static_cast<char>(crc & 0xFF));
     bytes.append(static_cast<char>(crc >> 8));
     return bytes;
@@ -226,7 +226,7 @@ QByteArray Slave::answer(const FRAME_PRO &f) const
         break;
     }
     case FC_READ_HOLDING:
-        if (quantity < 1 || quantity > MAX_READ_UNITS)
+        if (quantity < 1 || quantity > RTUPLC_MAX_READ_UNITS)
             return exception(3);
         r.append(static_cast<char>(2 * quantity));
         for (int i = 0; i < quantity; ++i) {
@@ -247,13 +247,13 @@ QByteArray Slave::answer(const FRAME_PRO &f) const
 
 void checkFrame(const FRAME_PRO &f)
 {
-    if (f.frameLen < 0 || f.frameLen > FRAME_BYTES)
+    if (f.frameLen < 0 || f.frameLen > RTUPLC_FRAME_BYTES)
         abort();
     if (f.frameLen == 0)
         return;
     if (f.frameLen < 4)
         abort();
-    const uint16_t crc = crc16(f.frame, size_t(f.frameLen - 2));
+    const uint16_t crc = computate_check(f.frame, static_cast<unsigned short>(f.frameLen - 2));
     if (f.frame[f.frameLen - 2] != (crc & 0xFF) || f.frame[f.frameLen - 1] != (crc >> 8))
         abort();
 }
@@ -266,7 +266,7 @@ KEY_ADDRESS keyOf(int station, int area, int start, int len)
     k.regName = REG_LIST[area];
     k.startAddr = start;
     k.len = len;
-    k.bitPos = isBitArea(area) ? -1 : 0;
+    k.bitPos = registerArea(area).isBit() ? -1 : 0;
     return k;
 }
 } // namespace
@@ -275,23 +275,23 @@ void Loop::interject(Input &in)
 {
     Host &h = host();
     const QString name = REG_LIST[sc_.area];
-    static unsigned char buffer[2 * RECORD_DATA_BYTES + 64];
+    static unsigned char buffer[2 * RTUPLC_RECORD_DATA_BYTES + 64];
     switch (in.u8() % 8) {
     case 0: { // the screen writes into the area being read
         const int count = in.u8() % 24;
         const QByteArray values = in.bytes(size_t(2 * count));
         std::memset(buffer, 0, sizeof buffer);
         std::memcpy(buffer, values.constData(), size_t(values.size()));
-        intf_setData(sc_.station, name, sc_.start + in.u8() % 16, count, buffer, SEND_WRITE);
+        intf_setData(sc_.station, name, sc_.start + in.u8() % 16, count, buffer, RTUPLC_KIND_WRITE);
         break;
     }
     case 1:
-        intf_addConditionRead(keyOf(sc_.station, sc_.area, sc_.start, sc_.len + in.u8() % 32), SEND_CONDITION);
+        intf_addConditionRead(keyOf(sc_.station, sc_.area, sc_.start, sc_.len + in.u8() % 32), RTUPLC_KIND_CONDITION_READ);
         break;
     case 2: // recipe commands: only 1 starts a transfer
         h.lock.lock();
-        h.memory[HOST_RCP_DOWNLOAD_BYTE] = in.u8() % 3;
-        h.memory[HOST_RCP_UPLOAD_BYTE] = in.u8() % 3;
+        h.memory[RTUPLC_RCP_DOWNLOAD_BYTE] = in.u8() % 3;
+        h.memory[RTUPLC_RCP_UPLOAD_BYTE] = in.u8() % 3;
         h.lock.unlock();
         break;
     case 3: { // the host restarts the driver with the frame in flight
@@ -330,7 +330,7 @@ void Loop::interject(Input &in)
         const QByteArray values = in.bytes(size_t(2 * count));
         std::memset(buffer, 0, sizeof buffer);
         std::memcpy(buffer, values.constData(), size_t(values.size()));
-        intf_setData(sc_.station, REG_LIST[area], in.u16(), count, buffer, SEND_WRITE);
+        intf_setData(sc_.station, REG_LIST[area], in.u16(), count, buffer, RTUPLC_KIND_WRITE);
         break;
     }
     }

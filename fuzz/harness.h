@@ -111,7 +111,7 @@ public:
 constexpr int kRecipeSafeWords = 1 << 16;
 constexpr unsigned short kRecipeSentinel = 0xA5C3;
 struct Host {
-    unsigned char memory[HOST_RCP_UPLOAD_BYTE + 64];
+    unsigned char memory[RTUPLC_RCP_UPLOAD_BYTE + 64];
     unsigned short recipe[2 * kRecipeSafeWords + 4096];
     QMutex lock;
 };

@@ -78,7 +78,7 @@ QByteArray recorded(Target t, const QByteArray &input)
 
 int lowest(int area)
 {
-    return regColumnInt(area, COL_LOWEST);
+    return registerArea(area).lowest;
 }
 
 // ---------------------------------------------------------------------------------
@@ -133,7 +133,7 @@ void cycleSeeds(Corpus &c)
             s.what = k.what | T_CALLBACK;
             s.area = s.rcpArea = area;
             s.start = lowest(area);
-            s.len = isBitArea(area) ? 20 : 6;
+            s.len = registerArea(area).isBit() ? 20 : 6;
             s.area2 = (area + 1) % REG_COUNT;
             s.start2 = lowest(s.area2) + 8;
             c.save(QStringLiteral("%1-%2").arg(QLatin1String(k.name)).arg(REG_LIST[area]),
@@ -246,7 +246,7 @@ void latin1(fuzz::Output &o, const QByteArray &text, bool registerName)
 void editorSeeds(Corpus &c)
 {
     for (int area = 0; area < REG_COUNT; ++area) {
-        const bool bits = isBitArea(area);
+        const bool bits = registerArea(area).isBit();
         fuzz::Output o;
         o.u8(1); // intf_getRegDiscription
         name(o, area);
@@ -269,7 +269,7 @@ void editorSeeds(Corpus &c)
         o.edgy(-1);
         o.u8(4); // and clipped at the end by double words
         name(o, area);
-        o.edgy(regColumnInt(area, COL_HIGHEST) - 2);
+        o.edgy(registerArea(area).highest - 2);
         o.edgy(4);
         o.edgy(-2);
         c.save(QStringLiteral("area-%1").arg(REG_LIST[area]), o.data);
@@ -302,7 +302,7 @@ void key(fuzz::Output &o, int area, int start, int len)
     o.u8(1); // address as 16 bits
     o.u16(start);
     o.edgy(len);
-    if (isBitArea(area)) {
+    if (registerArea(area).isBit()) {
         o.u8(1); // bitPos -1
     } else {
         o.u8(0);
@@ -327,7 +327,7 @@ void apiSeeds(Corpus &c)
         o.u8(A_MERGE);
         o.u8(6);
         for (int area : {0, 2, 7, 9, 12, 13})
-            key(o, area, lowest(area), isBitArea(area) ? 16 : 4);
+            key(o, area, lowest(area), registerArea(area).isBit() ? 16 : 4);
         cycles(o, 6);
         o.u8(A_SET);
         o.u8(0);
@@ -338,7 +338,7 @@ void apiSeeds(Corpus &c)
         o.u8(4);
         o.bytes(QByteArray::fromHex("34120100"));
         o.u8(0xFF); // not null
-        o.edgy(SEND_WRITE);
+        o.edgy(RTUPLC_KIND_WRITE);
         cycles(o, 3);
         o.u8(A_GET);
         o.u8(0);
@@ -412,10 +412,10 @@ void apiSeeds(Corpus &c)
         o.u8(CB_WRITE_MODE);
         o.u8(A_CONDITION);
         key(o, 9, 0, 10);
-        o.edgy(SEND_CONDITION);
+        o.edgy(RTUPLC_KIND_CONDITION_READ);
         o.u8(A_CONDITION);
         key(o, 2, 0, 30);
-        o.edgy(SEND_CONDITION);
+        o.edgy(RTUPLC_KIND_CONDITION_READ);
         o.u8(A_MERGE);
         o.u8(1);
         key(o, 9, 0, 10);
@@ -434,7 +434,7 @@ void apiSeeds(Corpus &c)
         o.u8(8);
         o.bytes(QByteArray::fromHex("0100000002000000"));
         o.u8(0xFF);
-        o.edgy(SEND_WRITE);
+        o.edgy(RTUPLC_KIND_WRITE);
         o.u8(A_GET);
         o.u8(0);
         o.u8(7);

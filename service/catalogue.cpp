@@ -41,8 +41,6 @@ bool isLongDataType(int dataType)
     }
 }
 
-// Upper bound on copies: a larger request is a host error, not a sequence to build.
-constexpr int kMaxCopies = 65536;
 
 } // namespace
 
@@ -51,20 +49,20 @@ int validateAddress(const QString *row, const QString &regName, const QString &a
 {
     const bool bitArea = row[COL_VALUE_WIDTH] == QLatin1String("1");
     if (bitArea != use.bitUse)
-        return 1;
+        return RTUPLC_ADDR_WRONG_USE;
     if (use.typed) {
         if (row[COL_ACCESS] == QLatin1String("R") && (use.rw == 1 || use.rw == 2))
-            return 6;
+            return RTUPLC_ADDR_READ_ONLY;
         if (row[COL_VALUE_WIDTH] == QLatin1String("32") && !isLongDataType(use.dataType))
-            return 5;
+            return RTUPLC_ADDR_BAD_DATA_TYPE;
     }
     int value = 0;
     const int converted = a2i(addrText, value, row[COL_NOTATION], regName);
     if (addr == nullptr)
-        return 4; // nowhere to put the address: nothing can be reported valid
+        return RTUPLC_ADDR_UNREADABLE; // nowhere to put the address: nothing can be reported valid
     *addr = value;
     if (converted != 1)
-        return 4;
+        return RTUPLC_ADDR_UNREADABLE;
     int highest = 0;
     int lowest = 0;
     a2i(row[COL_HIGHEST], highest, row[COL_NOTATION], regName);
@@ -73,11 +71,11 @@ int validateAddress(const QString *row, const QString &regName, const QString &a
     // unit width turns into addresses (two words make one 32-bit unit).
     const double w = use.bitUse ? 16.0 : static_cast<double>(row[COL_UNIT_WIDTH].toInt());
     if (*addr < lowest)
-        return 2;
+        return RTUPLC_ADDR_OUT_OF_RANGE;
     if (static_cast<double>(count) / (w / 16.0) + static_cast<double>(*addr) > static_cast<double>(highest) + 1.0)
-        return 2;
+        return RTUPLC_ADDR_OUT_OF_RANGE;
     *addr = addrOffset(regName, *addr);
-    return 0;
+    return RTUPLC_ADDR_VALID;
 }
 
 int multiCp(QString regName, QString notation, int start, int count, int step, QVector<QString> &texts,
@@ -87,7 +85,7 @@ int multiCp(QString regName, QString notation, int start, int count, int step, Q
     if (count < 1)
         return result;
     const int reg = getIndexFromRegName(regName);
-    const int unit = reg < 0 ? 0 : regColumnInt(reg, COL_UNIT_WIDTH);
+    const int unit = reg < 0 ? 0 : registerArea(reg).unitWidth;
     const QChar kind = notation.isEmpty() ? QChar() : notation.at(0);
     QString text;
     for (int i = 0; i < count; ++i) {
@@ -125,8 +123,8 @@ RTUPLC_EXPORT int intf_getRegListByType(int type, QStringList *names)
         return 0;
     return guarded(0, [&] {
         for (int i = 0; i < REG_COUNT; ++i) {
-            const int width = regColumnInt(i, COL_VALUE_WIDTH);
-            if ((type == 0 && width == 1) || (type != 0 && width > 1))
+            const bool bits = registerArea(i).isBit();
+            if ((type == 0 && bits) || (type != 0 && !bits))
                 names->append(REG_LIST[i]);
         }
         return (type == 0 || type == 1) ? 1 : 0;
@@ -157,7 +155,7 @@ RTUPLC_EXPORT int intf_checkAddrValidity(const QString &regName, const QString &
     return guarded(3, [&] {
         const int reg = getIndexFromRegName(regName);
         if (reg < 0)
-            return 3;
+            return int(RTUPLC_ADDR_UNKNOWN_AREA);
         AddressUse use;
         use.bitUse = wordUse == 0;
         return validateAddress(ADDRESS_RANGE_PRO[reg], regName, addrText, addr, count, use);
@@ -170,7 +168,7 @@ RTUPLC_EXPORT int intf_checkAddr(const QString &regName, const QString &addrText
     return guarded(3, [&] {
         const int reg = getIndexFromRegName(regName);
         if (reg < 0)
-            return 3;
+            return int(RTUPLC_ADDR_UNKNOWN_AREA);
         AddressUse use;
         use.bitUse = dataType == -1;
         use.typed = true;
@@ -183,12 +181,12 @@ RTUPLC_EXPORT int intf_checkAddr(const QString &regName, const QString &addrText
 RTUPLC_EXPORT int intf_multiCopy(const QString &regName, int start, int count, int step,
                                  QVector<QString> *texts, QVector<int> *values)
 {
-    if (texts == nullptr || values == nullptr || count > kMaxCopies)
-        return 0;
+    if (texts == nullptr || values == nullptr || count > RTUPLC_MAX_HOST_UNITS)
+        return RTUPLC_COPY_UNKNOWN_AREA;
     return guarded(0, [&] {
         const int reg = getIndexFromRegName(regName);
         if (reg < 0)
-            return 0;
+            return int(RTUPLC_COPY_UNKNOWN_AREA);
         const QString *row = ADDRESS_RANGE_PRO[reg];
         int highest = 0;
         a2i(row[COL_HIGHEST], highest, row[COL_NOTATION], regName);

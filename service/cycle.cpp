@@ -25,8 +25,8 @@ RecipeCommands readRecipeCommands(unsigned char *memory, QMutex *hostLock)
         return c;
     if (hostLock)
         hostLock->lock();
-    c.download = memory[HOST_RCP_DOWNLOAD_BYTE] == 1;
-    c.upload = memory[HOST_RCP_UPLOAD_BYTE] == 1;
+    c.download = memory[RTUPLC_RCP_DOWNLOAD_BYTE] == 1;
+    c.upload = memory[RTUPLC_RCP_UPLOAD_BYTE] == 1;
     if (hostLock)
         hostLock->unlock();
     return c;
@@ -41,15 +41,15 @@ void readCurVar()
 {
     driver.curVarList.clear();
     driver.curVarList.append(driver.curVar);
-    getReadFrame(driver.curVarList);
+    getReadFrame(driver.curVarList, driver.frameList);
 }
 
 // Picks the next request and builds its frame. Returns false when nothing is due.
 bool chooseNext(const RecipeCommands &commands)
 {
     if (driver.handshakeFlag != 0) {
-        driver.sendState = SEND_HANDSHAKE;
-        handShakeFrame();
+        driver.sendState = RTUPLC_KIND_HANDSHAKE;
+        handShakeFrame(driver.frameList);
         return true;
     }
     RecipeCommands c = commands;
@@ -61,8 +61,8 @@ bool chooseNext(const RecipeCommands &commands)
     }
     if (c.download) {
         rcpAddrToVar(driver.rcpReqs.at(driver.rcpIndex), driver.curVar, 1);
-        driver.sendState = SEND_RCP_DOWNLOAD;
-        getWriteFrame(driver.curVar);
+        driver.sendState = RTUPLC_KIND_RECIPE_DOWNLOAD;
+        getWriteFrame(driver.curVar, driver.frameList);
         return true;
     }
     if (c.upload && !recipeRequestLeft()) {
@@ -72,33 +72,33 @@ bool chooseNext(const RecipeCommands &commands)
     }
     if (c.upload) {
         rcpAddrToVar(driver.rcpReqs.at(driver.rcpIndex), driver.curVar, 0);
-        driver.sendState = SEND_RCP_UPLOAD;
+        driver.sendState = RTUPLC_KIND_RECIPE_UPLOAD;
         readCurVar();
         return true;
     }
     if (!driver.writeList.isEmpty() && driver.priorityCount < kMaxWritesInRow) {
         driver.curVar = driver.writeList.first();
-        driver.sendState = SEND_WRITE;
+        driver.sendState = RTUPLC_KIND_WRITE;
         driver.priorityCount += 1;
-        getWriteFrame(driver.curVar);
+        getWriteFrame(driver.curVar, driver.frameList);
         return true;
     }
     if (!driver.conditionList.isEmpty() && driver.priorityCount < kMaxPriorityReadsInRow) {
         driver.curVar = driver.conditionList.first();
-        driver.sendState = SEND_CONDITION;
+        driver.sendState = RTUPLC_KIND_CONDITION_READ;
         driver.priorityCount += 1;
         readCurVar();
         return true;
     }
     if (!driver.monitorList.isEmpty()) {
         driver.curVar = driver.monitorList.first();
-        driver.sendState = SEND_MONITOR;
+        driver.sendState = RTUPLC_KIND_MONITOR_READ;
         driver.priorityCount = 0;
         readCurVar();
         return true;
     }
     driver.priorityCount = 0;
-    driver.sendState = SEND_IDLE;
+    driver.sendState = RTUPLC_KIND_IDLE;
     driver.frameList.clear();
     return false;
 }
@@ -110,11 +110,11 @@ void skipUnbuildableRecipeRequest()
 {
     if (!driver.frameList.isEmpty())
         return;
-    if (driver.sendState != SEND_RCP_DOWNLOAD && driver.sendState != SEND_RCP_UPLOAD)
+    if (driver.sendState != RTUPLC_KIND_RECIPE_DOWNLOAD && driver.sendState != RTUPLC_KIND_RECIPE_UPLOAD)
         return;
     if (++driver.rcpIndex >= driver.rcpReqs.size()) {
         driver.rcpIndex = 0;
-        driver.pendingHostClear |= driver.sendState == SEND_RCP_DOWNLOAD ? kClearDownload : kClearUpload;
+        driver.pendingHostClear |= driver.sendState == RTUPLC_KIND_RECIPE_DOWNLOAD ? kClearDownload : kClearUpload;
     }
 }
 
@@ -137,9 +137,9 @@ void applyPendingHostClears()
     if (hostLock)
         hostLock->lock();
     if (clear & kClearDownload)
-        memory[HOST_RCP_DOWNLOAD_BYTE] = 0;
+        memory[RTUPLC_RCP_DOWNLOAD_BYTE] = 0;
     if (clear & kClearUpload)
-        memory[HOST_RCP_UPLOAD_BYTE] = 0;
+        memory[RTUPLC_RCP_UPLOAD_BYTE] = 0;
     if (hostLock)
         hostLock->unlock();
 }
@@ -177,21 +177,22 @@ int dealReadFrameReturnSaveData(const QByteArray &reply)
 void dealListWhenFinish()
 {
     switch (driver.sendState) {
-    case SEND_WRITE:
+    case RTUPLC_KIND_WRITE:
         if (!driver.writeList.isEmpty()) {
             QMutexLocker queueLock(&driver.listMutex);
             driver.writeList.removeFirst();
         }
         break;
-    case SEND_CONDITION: {
+    case RTUPLC_KIND_CONDITION_READ: {
         if (driver.conditionList.isEmpty())
             break;
         const VARIABLE &head = driver.conditionList.first();
         const VARIABLE &last = driver.lastCondVar;
         if (head.station == last.station && head.regName == last.regName && head.startAddr == last.startAddr &&
             head.len == last.len) {
-            static const QString batchDone = QStringLiteral("-1");
-            notifyHost(-1, -1, batchDone, driver.commError ? -1 : 0);
+            static const QString batchDone = QString::fromLatin1(RTUPLC_NOTICE_BATCH_TEXT);
+            notifyHost(RTUPLC_NOTICE_BATCH_ID, RTUPLC_NOTICE_STATION, batchDone,
+                       driver.commError ? RTUPLC_BATCH_FAILED : RTUPLC_BATCH_DONE);
         }
         if (driver.conditionList.isEmpty())
             break; // the host emptied it from its callback
@@ -201,13 +202,13 @@ void dealListWhenFinish()
             driver.conditionList.removeFirst();
         break;
     }
-    case SEND_MONITOR:
+    case RTUPLC_KIND_MONITOR_READ:
         if (driver.monitorList.size() >= 2)
             driver.monitorList.append(driver.monitorList.takeFirst()); // round-robin
         break;
-    case SEND_RCP_DOWNLOAD:
-    case SEND_RCP_UPLOAD: {
-        const int clear = driver.sendState == SEND_RCP_DOWNLOAD ? kClearDownload : kClearUpload;
+    case RTUPLC_KIND_RECIPE_DOWNLOAD:
+    case RTUPLC_KIND_RECIPE_UPLOAD: {
+        const int clear = driver.sendState == RTUPLC_KIND_RECIPE_DOWNLOAD ? kClearDownload : kClearUpload;
         if (driver.commError) {
             driver.rcpIndex = 0;
             driver.pendingHostClear |= clear;
@@ -233,7 +234,7 @@ RTUPLC_EXPORT int intf_getSendFrame(FRAME_PRO &out)
             StateLock lock(driver.stateMutex);
             if (!driver.frameList.isEmpty()) {
                 out = driver.frameList.first(); // the same frame again after a rejected reply
-                return 1;
+                return int(RTUPLC_SEND_FRAME);
             }
             memory = driver.hostMemory;
             hostLock = driver.hostMutex;
@@ -261,40 +262,40 @@ RTUPLC_EXPORT int intf_dealRcvFrame(QByteArray reply, QString &errorText)
         errorText = QString();
         StateLock lock(driver.stateMutex);
         if (driver.frameList.isEmpty())
-            return 0;
+            return int(RTUPLC_REPLY_IDLE);
         errorText = getErrorInfo(reply);
-        const int verdict = check_rcv_data(reinterpret_cast<const unsigned char *>(reply.constData()),
-                                           driver.curVarList, reply.size());
         // What settling needs of the head, taken before callbacks may change the queue.
         const FRAME_PRO &head = driver.frameList.first();
+        const int verdict = check_rcv_data(reinterpret_cast<const unsigned char *>(reply.constData()),
+                                           driver.curVarList, reply.size(), head);
         const int station = head.station;
         const QString regName = head.regName;
         const int startAddr = head.startAddr;
         const int len = head.len;
 
-        if (verdict == 0) {
+        if (verdict == CHECK_REJECTED) {
             driver.failCount += 1;
             if (driver.failCount < driver.retryTimes)
-                return 8;
+                return int(RTUPLC_REPLY_RETRY);
             driver.commError = 1;
-            if (driver.sendState == SEND_WRITE)
+            if (driver.sendState == RTUPLC_KIND_WRITE)
                 _write_FailOrSuc(station, regName, startAddr, len, 0);
             driver.frameList.clear();
             driver.failCount = 0;
             dealListWhenFinish();
-            return 2;
+            return int(RTUPLC_REPLY_FAILED);
         }
         driver.commError = 0;
-        if (verdict == 1)
+        if (verdict == CHECK_DATA)
             dealReadFrameReturnSaveData(reply);
-        else if (driver.sendState == SEND_WRITE)
+        else if (driver.sendState == RTUPLC_KIND_WRITE)
             _write_FailOrSuc(station, regName, startAddr, len, 1);
         if (!driver.frameList.isEmpty())
             driver.frameList.removeFirst();
         if (driver.frameList.isEmpty())
             dealListWhenFinish();
         driver.failCount = 0;
-        return 1;
+        return int(RTUPLC_REPLY_ACCEPTED);
     });
     applyPendingHostClears();
     return result;

@@ -133,7 +133,7 @@ void DataAreaIndex::add(const QList<_DATA_> &areas, int station, int prefixId, i
 // ---------------------------------------------------------------------------------
 // Lookup.
 
-int dataAreaFor(int station, int prefixId, int addr)
+int getIndexOfDataArea(int station, int prefixId, int addr)
 {
     QList<_DATA_> &areas = driver.dataAreas;
     const int found = driver.areaIndex.find(areas, station, prefixId, addr);
@@ -152,7 +152,7 @@ int dataAreaFor(int station, int prefixId, int addr)
 int getIndexOfDataArea(int station, const QString &name, int addr, QList<_DATA_> &areas)
 {
     if (&areas == &driver.dataAreas)
-        return dataAreaFor(station, driver.areaIndex.prefixId(name), addr);
+        return getIndexOfDataArea(station, driver.areaIndex.prefixId(name), addr);
     for (int i = 0; i < areas.size(); ++i) {
         const _DATA_ &a = areas.at(i);
         if (a.station == station && a.regPrefix == name && a.addr == addr)
@@ -269,23 +269,24 @@ void analyzeFrameOfVal(const QByteArray &reply, int count, int dataPos, const VA
     const int reg = getIndexFromRegName(var.regName);
     if (reg < 0)
         return;
-    const int pid = driver.areaIndex.prefixId(regPrefixOf(var.regName));
-    const int unit = regColumnInt(reg, COL_UNIT_WIDTH);
-    const int plainName = regColumnInt(reg, COL_PLAIN_NAME);
+    const RegisterArea &info = registerArea(reg);
+    const int pid = driver.areaIndex.prefixId(info.prefix);
+    const int plainName = info.plainName ? 1 : 0;
     const uint32_t generation = driver.resetGeneration;
     const auto addrOf = [&](int i) { return static_cast<int>(uint32_t(var.startAddr) + uint32_t(i)); };
 
     for (int i = 0; i < count; ++i) {
-        const int k = dataAreaFor(var.station, pid, addrOf(i));
+        const int k = getIndexOfDataArea(var.station, pid, addrOf(i));
         _DATA_ &area = driver.dataAreas[k];
-        if (unit == 1) {
+        // Units are decoded by their width on the wire: D_D travels as its registers.
+        if (info.kind == AreaKind::Bit) {
             const uint8_t b = (r[dataPos + i / 8] >> (i % 8)) & 1;
             if (area.value[0] == b)
                 continue;
             area.value[0] = b;
             area.writePending = 0;
             _bitDataChange(k);
-        } else if (unit == 16) {
+        } else if (info.kind != AreaKind::DWordUnit) {
             const int64_t p = dataPos + 2 * int64_t(i);
             int newValue = uchar2int16(r[p + 1], r[p]);
             int oldValue = uchar2int16(area.value[0], area.value[1]);
@@ -295,7 +296,7 @@ void analyzeFrameOfVal(const QByteArray &reply, int count, int dataPos, const VA
             area.value[1] = r[p];
             area.writePending = 0;
             _wordDataChange(&oldValue, &newValue, k, plainName);
-        } else if (unit == 32) {
+        } else {
             const int64_t p = dataPos + 4 * int64_t(i);
             int newValue = uchar2int32(r[p + 3], r[p + 2], r[p + 1], r[p]);
             int oldValue = uchar2int32(area.value[0], area.value[1], area.value[2], area.value[3]);
@@ -305,13 +306,11 @@ void analyzeFrameOfVal(const QByteArray &reply, int count, int dataPos, const VA
                 area.value[b] = r[p + 3 - b];
             area.writePending = 0;
             _dwordDataChange(&oldValue, &newValue, k, plainName);
-        } else {
-            return;
         }
         if (driver.resetGeneration != generation)
             return; // a callback restarted the driver: this reply is stale
     }
-    if (driver.sendState == SEND_RCP_UPLOAD)
+    if (driver.sendState == RTUPLC_KIND_RECIPE_UPLOAD)
         copyRecipeUpload(r, dataPos, var);
 }
 
@@ -324,13 +323,11 @@ const uint8_t *visible(const _DATA_ &a)
     return a.writePending ? a.writeValue : a.value;
 }
 
-// Largest read or write a host may ask for in one call: a whole Modbus address space.
-constexpr int kMaxHostUnits = 65536;
 } // namespace
 
 bool hostRangeFits(int addr, int64_t units)
 {
-    return units <= kMaxHostUnits && int64_t(addr) + units <= int64_t(INT_MAX) + 1;
+    return units <= RTUPLC_MAX_HOST_UNITS && int64_t(addr) + units <= int64_t(INT_MAX) + 1;
 }
 
 extern "C" RTUPLC_EXPORT int intf_getData(int station, QString regName, int addr, int count, unsigned char *out)
@@ -338,30 +335,32 @@ extern "C" RTUPLC_EXPORT int intf_getData(int station, QString regName, int addr
     return guarded(-1, [&] {
         const int reg = getIndexFromRegName(regName);
         if (reg < 0)
-            return -1;
+            return RTUPLC_REFUSED;
         if (count <= 0)
-            return 1;
+            return RTUPLC_OK;
         if (out == nullptr || !hostRangeFits(addr, count))
-            return -1;
+            return RTUPLC_REFUSED;
         StateLock lock(driver.stateMutex);
-        const int pid = driver.areaIndex.prefixId(regPrefixOf(regName));
-        const QString &valueWidth = ADDRESS_RANGE_PRO[reg][COL_VALUE_WIDTH];
-        const QString &unitWidth = ADDRESS_RANGE_PRO[reg][COL_UNIT_WIDTH];
+        const RegisterArea &info = registerArea(reg);
+        const int pid = driver.areaIndex.prefixId(info.prefix);
         const QList<_DATA_> &areas = driver.dataAreas;
-        if (valueWidth == QLatin1String("1")) {
+        switch (info.kind) {
+        case AreaKind::Bit:
             for (int i = 0; i < count; ++i)
-                out[i] = visible(areas.at(dataAreaFor(station, pid, addr + i)))[0];
-        } else if (valueWidth == QLatin1String("16")) {
+                out[i] = visible(areas.at(getIndexOfDataArea(station, pid, addr + i)))[0];
+            break;
+        case AreaKind::Word:
             for (int i = 0; i < count; ++i) {
-                const uint8_t *v = visible(areas.at(dataAreaFor(station, pid, addr + i)));
+                const uint8_t *v = visible(areas.at(getIndexOfDataArea(station, pid, addr + i)));
                 out[2 * i] = v[0];
                 out[2 * i + 1] = v[1];
             }
-        } else if (valueWidth == QLatin1String("32") && unitWidth == QLatin1String("16")) {
+            break;
+        case AreaKind::DWordOverWords:
             // The register at the higher address is the low half of the value.
             for (int j = 0; j < count / 2; ++j) {
-                const _DATA_ &hi = areas.at(dataAreaFor(station, pid, addr + 2 * j + 1));
-                const _DATA_ &lo = areas.at(dataAreaFor(station, pid, addr + 2 * j));
+                const _DATA_ &hi = areas.at(getIndexOfDataArea(station, pid, addr + 2 * j + 1));
+                const _DATA_ &lo = areas.at(getIndexOfDataArea(station, pid, addr + 2 * j));
                 const bool pending = hi.writePending || lo.writePending;
                 const uint8_t *h = pending ? hi.writeValue : hi.value;
                 const uint8_t *l = pending ? lo.writeValue : lo.value;
@@ -370,10 +369,12 @@ extern "C" RTUPLC_EXPORT int intf_getData(int station, QString regName, int addr
                 out[4 * j + 2] = l[0];
                 out[4 * j + 3] = l[1];
             }
-        } else if (valueWidth == QLatin1String("32")) {
+            break;
+        case AreaKind::DWordUnit:
             for (int j = 0; j < count / 2; ++j)
-                std::memcpy(out + 4 * j, visible(areas.at(dataAreaFor(station, pid, addr + j))), 4);
+                std::memcpy(out + 4 * j, visible(areas.at(getIndexOfDataArea(station, pid, addr + j))), 4);
+            break;
         }
-        return 1;
+        return RTUPLC_OK;
     });
 }

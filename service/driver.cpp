@@ -27,12 +27,12 @@ Protocol::~Protocol() = default;
 
 int splitWords()
 {
-    return driver.maxWordLen > 0 ? driver.maxWordLen : DEFAULT_SPLIT_WORDS;
+    return driver.maxWordLen > 0 ? driver.maxWordLen : RTUPLC_DEFAULT_SPLIT_WORDS;
 }
 
 int splitBits()
 {
-    return driver.maxBitLen > 0 ? driver.maxBitLen : DEFAULT_SPLIT_BITS;
+    return driver.maxBitLen > 0 ? driver.maxBitLen : RTUPLC_DEFAULT_SPLIT_WORDS * 8;
 }
 
 extern "C" {
@@ -95,7 +95,7 @@ RTUPLC_EXPORT void intf_setAddrValueChangeCallBack(AddrValueChangeCallBack fn)
 RTUPLC_EXPORT int intf_initProperty(unsigned char *hostMem, intptr_t ignored, unsigned short *rcpBuf,
                                     int *errorCode, const char *propertyText, QMutex *hostLock)
 {
-    Q_UNUSED(ignored);
+    Q_UNUSED(ignored); // one machine word of the documented signature that this driver has no use for
     if (errorCode)
         *errorCode = 0;
     return guarded(1, [&] {
@@ -105,7 +105,7 @@ RTUPLC_EXPORT int intf_initProperty(unsigned char *hostMem, intptr_t ignored, un
         if (parts.size() > 4) {
             driver.driverId = parts[0].toInt();
             driver.localWriteMode = parts[1].toInt();
-            (void)parts[2].toInt(); // a field the controller's tooling reserves
+            // parts[2] is a field the controller's tooling reserves; nothing uses it.
             driver.retryTimes = parts[3].toInt();
             driver.maxBlockLen = parts[4].toInt();
         }
@@ -121,7 +121,7 @@ RTUPLC_EXPORT int intf_initProperty(unsigned char *hostMem, intptr_t ignored, un
         driver.dataAreas.clear();
         driver.areaIndex.clear();
         ++driver.resetGeneration;
-        driver.sendState = SEND_IDLE;
+        driver.sendState = RTUPLC_KIND_IDLE;
         driver.priorityCount = 0;
         driver.handshakeFlag = 0;
         driver.failCount = 0;

@@ -9,7 +9,6 @@
 namespace {
 
 constexpr uint32_t kWeightStep = 65535;
-constexpr int kConditionQueueSlot = 512; // a fuller queue recycles this entry
 
 int truncToInt(double v)
 {
@@ -22,31 +21,18 @@ int truncToInt(double v)
     return static_cast<int>(v);
 }
 
-// Host lengths of word areas count 16-bit registers; the monitored path turns them
-// into the area's units (32C: registers to 32-bit values), in single precision as the
-// controller's tooling does.
-int monitorUnits(int reg, int len)
+// Host lengths of word areas count 16-bit registers; planning turns them into the
+// area's units (32C: registers to 32-bit values).
+int unitsOfHostLength(int reg, int len)
 {
-    const int unit = regColumnInt(reg, COL_UNIT_WIDTH);
-    if (unit == 1 || unit == 0)
-        return len;
-    const float factor = 16.0f / static_cast<float>(unit);
-    return truncToInt(static_cast<double>(static_cast<float>(len) * factor));
-}
-
-int recipeUnits(int reg, int len)
-{
-    const int unit = regColumnInt(reg, COL_UNIT_WIDTH);
-    if (regColumnInt(reg, COL_VALUE_WIDTH) == 1 || unit == 0)
-        return len;
-    return truncToInt(static_cast<double>(len) * (16.0 / static_cast<double>(unit)));
+    return truncToInt(static_cast<double>(registerArea(reg).unitsOfWords(len)));
 }
 
 // Buffer words one unit takes in a recipe: a bit and a register take one, a 32-bit
 // value two.
 int recipeWordsPerUnit(int reg)
 {
-    return regColumnInt(reg, COL_UNIT_WIDTH) == 32 ? 2 : 1;
+    return registerArea(reg).kind == AreaKind::DWordUnit ? 2 : 1;
 }
 
 struct BlockBuilder {
@@ -65,15 +51,15 @@ struct BlockBuilder {
 
     void cutLong()
     {
-        while (cur.len > MAX_READ_UNITS) {
+        while (cur.len > RTUPLC_MAX_READ_UNITS) {
             MergeItem piece = cur;
-            piece.len = MAX_READ_UNITS;
+            piece.len = RTUPLC_MAX_READ_UNITS;
             emit(piece);
-            cur.start += MAX_READ_UNITS;
-            cur.len -= MAX_READ_UNITS;
+            cur.startAddr += RTUPLC_MAX_READ_UNITS;
+            cur.len -= RTUPLC_MAX_READ_UNITS;
             if (mode == MERGE_RECIPE) {
                 const int reg = getIndexFromRegName(cur.regName);
-                cur.offset += int64_t(MAX_READ_UNITS) * (reg < 0 ? 1 : recipeWordsPerUnit(reg));
+                cur.offset += int64_t(RTUPLC_MAX_READ_UNITS) * (reg < 0 ? 1 : recipeWordsPerUnit(reg));
             }
         }
     }
@@ -81,7 +67,7 @@ struct BlockBuilder {
     void open(const MergeItem &item)
     {
         cur = item;
-        origin = item.start;
+        origin = item.startAddr;
     }
 
     // First pass: only touching or overlapping items join. An item that starts before
@@ -90,10 +76,9 @@ struct BlockBuilder {
     void add(const MergeItem &item)
     {
         cutLong();
-        if (judgeMerge(cur.station, cur.regName, cur.start, cur.len, item.station, item.regName, item.start, 0, 0) == 0 &&
-            item.start >= origin) {
-            const int64_t span = item.start + item.len - cur.start;
-            if (span <= MAX_READ_UNITS) {
+        if (judgeAddrMerge(cur, item, 0, 0) == 0 && item.startAddr >= origin) {
+            const int64_t span = item.startAddr + item.len - cur.startAddr;
+            if (span <= RTUPLC_MAX_READ_UNITS) {
                 cur.len = std::max(cur.len, span);
                 return;
             }
@@ -118,10 +103,9 @@ std::vector<MergeItem> bridgeGaps(const std::vector<MergeItem> &blocks)
     MergeItem cur = blocks.front();
     for (size_t i = 1; i < blocks.size(); ++i) {
         const MergeItem &b = blocks[i];
-        const int64_t span = b.start + b.len - cur.start;
-        if (judgeMerge(cur.station, cur.regName, cur.start, cur.len, b.station, b.regName, b.start, 1,
-                       driver.maxBlockLen) == 0 &&
-            b.start >= cur.start && span <= MAX_READ_UNITS) {
+        const int64_t span = b.startAddr + b.len - cur.startAddr;
+        if (judgeAddrMerge(cur, b, 1, driver.maxBlockLen) == 0 && b.startAddr >= cur.startAddr &&
+            span <= RTUPLC_MAX_READ_UNITS) {
             cur.len = std::max(cur.len, span);
         } else {
             out.push_back(cur);
@@ -142,7 +126,7 @@ uint32_t getRegAddressWeight(int station, const QString &regName, int startAddr,
     return (uint32_t(station) * n + uint32_t(p)) * kWeightStep + uint32_t(startAddr);
 }
 
-std::vector<MergeItem> mergeItems(std::vector<MergeItem> items, int mode, QList<int> *starts)
+std::vector<MergeItem> addrMerge(std::vector<MergeItem> items, int mode, QList<int> *starts)
 {
     if (items.empty())
         return {};
@@ -151,20 +135,15 @@ std::vector<MergeItem> mergeItems(std::vector<MergeItem> items, int mode, QList<
         const int reg = getIndexFromRegName(it.regName);
         if (reg < 0)
             continue; // unknown areas merge only with their very own name
-        if (recipe) {
-            it.len = recipeUnits(reg, static_cast<int>(it.len));
-        } else {
-            const int cut = it.regName.indexOf(QLatin1Char('_'));
-            if (cut >= 0) // D_D and D_W share the D registers and are read together
-                it.regName = it.regName.left(cut) + QStringLiteral("_W");
-            it.len = monitorUnits(reg, static_cast<int>(it.len));
-        }
+        if (!recipe && it.regName.contains(QLatin1Char('_'))) // D_D and D_W share the D registers
+            it.regName = registerArea(reg).prefix + QStringLiteral("_W");
+        it.len = unitsOfHostLength(reg, static_cast<int>(it.len));
     }
     if (!recipe && items.size() >= 2) {
         std::vector<std::pair<uint32_t, size_t>> order(items.size());
         for (size_t i = 0; i < items.size(); ++i) {
             const MergeItem &it = items[i];
-            order[i] = {getRegAddressWeight(it.station, it.regName, static_cast<int>(it.start),
+            order[i] = {getRegAddressWeight(it.station, it.regName, static_cast<int>(it.startAddr),
                                             static_cast<int>(it.len)),
                         i};
         }
@@ -195,13 +174,13 @@ void addrMerge(QList<KEY_ADDRESS> &keys, int mode)
         const KEY_ADDRESS &k = keys.at(i);
         items.push_back(MergeItem{k.station, k.regName, k.startAddr, k.len, i, k.keyField2});
     }
-    const std::vector<MergeItem> blocks = mergeItems(std::move(items), mode, mode == MERGE_RECIPE ? &driver.rcpReqStart : nullptr);
+    const std::vector<MergeItem> blocks = addrMerge(std::move(items), mode, mode == MERGE_RECIPE ? &driver.rcpReqStart : nullptr);
     QList<KEY_ADDRESS> result;
     result.reserve(static_cast<int>(blocks.size()));
     for (const MergeItem &b : blocks) {
         KEY_ADDRESS block = keys.at(b.src); // a block carries the fields of its opening item
         block.regName = b.regName;
-        block.startAddr = static_cast<int>(b.start);
+        block.startAddr = static_cast<int>(b.startAddr);
         block.len = static_cast<int>(b.len);
         block.keyField2 = static_cast<int>(b.offset);
         result.append(block);
@@ -225,8 +204,8 @@ void groupingKey(const KEY_ADDRESS &key, int maxLen, QList<KEY_ADDRESS> &out, in
         piece.len = (j == whole) ? rest : maxLen;
         if (copyData == 1) {
             const int64_t from = int64_t(j) * maxLen * bytesPerUnit;
-            const int64_t n = std::min<int64_t>(int64_t(piece.len) * bytesPerUnit, RECORD_DATA_BYTES - from);
-            if (from < RECORD_DATA_BYTES && n > 0)
+            const int64_t n = std::min<int64_t>(int64_t(piece.len) * bytesPerUnit, RTUPLC_RECORD_DATA_BYTES - from);
+            if (from < RTUPLC_RECORD_DATA_BYTES && n > 0)
                 std::copy(key.data + from, key.data + from + n, piece.data);
         }
         out.append(piece);
@@ -247,17 +226,17 @@ int _setDataAreaMonitorFlag(int station, const QString &regName, int startAddr, 
     const int reg = getIndexFromRegName(regName);
     if (reg < 0)
         return -1;
-    const QString &width = ADDRESS_RANGE_PRO[reg][COL_VALUE_WIDTH];
-    const QString &unit = ADDRESS_RANGE_PRO[reg][COL_UNIT_WIDTH];
-    const int pid = driver.areaIndex.prefixId(regPrefixOf(regName));
+    const RegisterArea &area = registerArea(reg);
+    const int pid = driver.areaIndex.prefixId(area.prefix);
     const auto flag = [&](int64_t a, int bit) {
         if (a > INT_MAX || a < INT_MIN)
             return;
-        _DATA_ &area = driver.dataAreas[dataAreaFor(station, pid, static_cast<int>(a))];
-        area.monitorFlags = _setBitValue(area.monitorFlags, bit, 1);
+        _DATA_ &unit = driver.dataAreas[getIndexOfDataArea(station, pid, static_cast<int>(a))];
+        unit.monitorFlags = _setBitValue(unit.monitorFlags, bit, 1);
     };
     const int64_t start = startAddr;
-    if (width == QLatin1String("32") && unit == QLatin1String("16")) {
+    switch (area.kind) {
+    case AreaKind::DWordOverWords: {
         // A 32-bit value over two registers: its first register gets bit 1, the
         // second bit 2.
         const int64_t m = len - len % 2;
@@ -265,12 +244,17 @@ int _setDataAreaMonitorFlag(int station, const QString &regName, int startAddr, 
             flag(a, 1);
             flag(a + 1, 2);
         }
-    } else if (width == QLatin1String("32") && unit == QLatin1String("32")) {
+        break;
+    }
+    case AreaKind::DWordUnit:
         for (int64_t a = start; a < start + len / 2; ++a)
             flag(a, 0);
-    } else if (width == unit && (width == QLatin1String("1") || width == QLatin1String("16"))) {
+        break;
+    case AreaKind::Bit:
+    case AreaKind::Word:
         for (int64_t a = start; a < start + len; ++a)
             flag(a, 0);
+        break;
     }
     return 0;
 }
@@ -295,12 +279,12 @@ RTUPLC_EXPORT int intf_addrMerge(QList<KEY_ADDRESS> &list)
         driver.monitorList.clear();
         if (items.empty())
             return 0;
-        for (const MergeItem &b : mergeItems(std::move(items), MERGE_MONITOR, nullptr)) {
+        for (const MergeItem &b : addrMerge(std::move(items), MERGE_MONITOR, nullptr)) {
             VARIABLE v;
-            v.reqKind = SEND_MONITOR;
+            v.reqKind = RTUPLC_KIND_MONITOR_READ;
             v.station = b.station;
             v.regName = b.regName;
-            v.startAddr = static_cast<int>(b.start);
+            v.startAddr = static_cast<int>(b.startAddr);
             v.len = static_cast<int>(b.len);
             driver.monitorList.append(v);
         }
@@ -313,9 +297,9 @@ RTUPLC_EXPORT int intf_addConditionRead(const KEY_ADDRESS &key, int kind)
     return guarded(-1, [&] {
         const int reg = getIndexFromRegName(key.regName);
         if (reg < 0)
-            return -1;
+            return RTUPLC_REFUSED;
         if (!hostRangeFits(key.startAddr, std::max(key.len, 0)))
-            return -1;
+            return RTUPLC_REFUSED;
         StateLock lock(driver.stateMutex);
         const int limit = key.bitPos == -1 ? splitBits() : splitWords();
         const int whole = key.len > limit ? key.len / limit : 1;
@@ -330,7 +314,7 @@ RTUPLC_EXPORT int intf_addConditionRead(const KEY_ADDRESS &key, int kind)
             v.startAddr = key.startAddr + j * (key.len > limit ? limit : 0);
             const int pieceLen = key.len > limit ? (j == whole ? rest : limit) : key.len;
             // Sized like the monitored path: bits stay bits, 32C registers become values.
-            v.len = monitorUnits(reg, pieceLen);
+            v.len = unitsOfHostLength(reg, pieceLen);
 
             // Index 0 may be in flight and is never replaced.
             int found = -1;
@@ -343,13 +327,13 @@ RTUPLC_EXPORT int intf_addConditionRead(const KEY_ADDRESS &key, int kind)
             }
             if (found >= 0)
                 queue[found] = v;
-            else if (queue.size() > kConditionQueueSlot)
-                queue[kConditionQueueSlot] = v;
+            else if (queue.size() > RTUPLC_QUEUE_LAST)
+                queue[RTUPLC_QUEUE_LAST] = v;
             else
                 queue.append(v);
             driver.lastCondVar = v;
         }
-        return 1;
+        return RTUPLC_OK;
     });
 }
 

@@ -18,15 +18,15 @@ void rcpAddrToVar(const _RCP_VAR_PRO &req, VARIABLE &var, int withData)
     if (reg < 0 || driver.rcpBuffer == nullptr || req.rcpOffset < 0 || req.len <= 0)
         return; // nothing to send but zeros
     const unsigned short *words = driver.rcpBuffer + req.rcpOffset;
-    const int unit = regColumnInt(reg, COL_UNIT_WIDTH);
-    if (unit == 1) {
+    const RegisterArea &info = registerArea(reg);
+    if (info.isBit()) {
         // A bit of a recipe takes a whole buffer word: non-zero means on.
-        const int bits = std::min(req.len, RECORD_DATA_BYTES);
+        const int bits = std::min(req.len, RTUPLC_RECORD_DATA_BYTES);
         for (int i = 0; i < bits; ++i)
             var.data[i] = words[i] != 0 ? 1 : 0;
         return;
     }
-    const int64_t bytes = std::min<int64_t>(int64_t(req.len) * (unit / 8), RECORD_DATA_BYTES);
+    const int64_t bytes = std::min<int64_t>(int64_t(req.len) * (info.unitWidth / 8), RTUPLC_RECORD_DATA_BYTES);
     std::memcpy(var.data, words, static_cast<size_t>(bytes));
 }
 
@@ -61,11 +61,11 @@ extern "C" RTUPLC_EXPORT int intf_setRcpAddress(QVector<_RCP_VAR_PRO> &vars)
         }
         driver.rcpReqStart.clear();
         driver.rcpReqs.clear();
-        for (const MergeItem &b : mergeItems(std::move(items), MERGE_RECIPE, &driver.rcpReqStart)) {
+        for (const MergeItem &b : addrMerge(std::move(items), MERGE_RECIPE, &driver.rcpReqStart)) {
             _RCP_VAR_PRO req;
             req.station = b.station;
             req.regName = b.regName;
-            req.startAddr = static_cast<int>(b.start);
+            req.startAddr = static_cast<int>(b.startAddr);
             req.len = static_cast<int>(b.len);
             req.rcpOffset = static_cast<int>(b.offset);
             driver.rcpReqs.append(req);
@@ -96,13 +96,12 @@ void copyRecipeUpload(const ReplyBytes &r, int dataPos, const VARIABLE &var)
     if (reg < 0)
         return;
     unsigned char *buffer = reinterpret_cast<unsigned char *>(driver.rcpBuffer);
-    const int unit = regColumnInt(reg, COL_UNIT_WIDTH);
-    const bool dword16 = unit == 16 && regColumnInt(reg, COL_VALUE_WIDTH) == 32;
+    const AreaKind kind = registerArea(reg).kind;
     // The request in area units; only units it carries are copied.
     const int64_t qStart = var.startAddr;
     const int64_t qEnd = qStart + var.len;
     const auto inRequest = [&](int64_t from, int64_t units) { return from >= qStart && from + units <= qEnd; };
-    const QString rwi = QStringLiteral("RWI");
+    const QString rwi = QString::fromLatin1(RTUPLC_NOTICE_RECIPE_TEXT);
     const auto word = [&](int64_t w) { return static_cast<int>(w); };
 
     for (int i = first; i < end; ++i) {
@@ -113,7 +112,7 @@ void copyRecipeUpload(const ReplyBytes &r, int dataPos, const VARIABLE &var)
         // between; walking one near INT_MAX units long would stall the host's loop.
         if (v.len <= 0 || !hostRangeFits(v.startAddr, v.len))
             continue;
-        if (unit == 1) {
+        if (kind == AreaKind::Bit) {
             // One buffer word per bit, 0 or 1.
             for (int64_t m = 0; m < v.len; ++m) {
                 const int64_t a = int64_t(v.startAddr) + m;
@@ -126,9 +125,9 @@ void copyRecipeUpload(const ReplyBytes &r, int dataPos, const VARIABLE &var)
                 const uint8_t b = (r[dataPos + bit / 8] >> (bit % 8)) & 1;
                 buffer[2 * w] = b;
                 buffer[2 * w + 1] = 0;
-                notifyHost(0, -1, rwi, word(w));
+                notifyHost(0, RTUPLC_NOTICE_STATION, rwi, word(w));
             }
-        } else if (dword16) {
+        } else if (kind == AreaKind::DWordOverWords) {
             for (int64_t m = 0; m < v.len / 2; ++m) {
                 const int64_t a = int64_t(v.startAddr) + 2 * m;
                 const int64_t w = int64_t(v.rcpOffset) + 2 * m;
@@ -137,10 +136,10 @@ void copyRecipeUpload(const ReplyBytes &r, int dataPos, const VARIABLE &var)
                 const int64_t o = dataPos + 2 * (a - qStart);
                 for (int b = 0; b < 4; ++b)
                     buffer[2 * w + b] = r[o + 3 - b];
-                notifyHost(0, -1, rwi, word(w));
-                notifyHost(0, -1, rwi, word(w + 1));
+                notifyHost(0, RTUPLC_NOTICE_STATION, rwi, word(w));
+                notifyHost(0, RTUPLC_NOTICE_STATION, rwi, word(w + 1));
             }
-        } else if (unit == 16) {
+        } else if (kind == AreaKind::Word) {
             for (int64_t m = 0; m < v.len; ++m) {
                 const int64_t a = int64_t(v.startAddr) + m;
                 const int64_t w = int64_t(v.rcpOffset) + m;
@@ -150,9 +149,9 @@ void copyRecipeUpload(const ReplyBytes &r, int dataPos, const VARIABLE &var)
                 // Least significant byte first, as a download reads the buffer.
                 buffer[2 * w] = r[o + 1];
                 buffer[2 * w + 1] = r[o];
-                notifyHost(0, -1, rwi, word(w));
+                notifyHost(0, RTUPLC_NOTICE_STATION, rwi, word(w));
             }
-        } else if (unit == 32) {
+        } else {
             // One value per recipe variable, whatever its length.
             const int64_t a = v.startAddr;
             const int64_t w = v.rcpOffset;
@@ -161,8 +160,8 @@ void copyRecipeUpload(const ReplyBytes &r, int dataPos, const VARIABLE &var)
             const int64_t o = dataPos + 4 * (a - qStart);
             for (int b = 0; b < 4; ++b)
                 buffer[2 * w + b] = r[o + 3 - b];
-            notifyHost(0, -1, rwi, word(w));
-            notifyHost(0, -1, rwi, word(w + 1));
+            notifyHost(0, RTUPLC_NOTICE_STATION, rwi, word(w));
+            notifyHost(0, RTUPLC_NOTICE_STATION, rwi, word(w + 1));
         }
     }
 }

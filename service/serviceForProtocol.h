@@ -16,20 +16,6 @@
 #include "rtuplc.h"
 #include "rtu_plc.h"
 
-// One queued request: a block to read or a value to write.
-struct VARIABLE {
-    int32_t reqKind = 0;
-    int32_t station = 0;
-    QString regName;
-    int32_t startAddr = 0;
-    int32_t len = 0;
-    uint8_t data[1024] = {};
-
-    VARIABLE() = default;
-    VARIABLE(const VARIABLE &) = default;
-    VARIABLE &operator=(const VARIABLE &) = default;
-};
-
 // One cached unit of controller memory: a bit, a 16-bit register or a 32-bit value.
 struct _DATA_ {
     uint8_t writePending = 0;
@@ -46,17 +32,6 @@ enum MonitorFlag {
     MON_UNIT = 1 << 0,      // the unit itself is watched
     MON_DWORD_LO = 1 << 1,  // first register of a watched 32-bit value
     MON_DWORD_HI = 1 << 2,  // second register of a watched 32-bit value
-};
-
-// Values of Protocol::sendState.
-enum SendState {
-    SEND_IDLE = 0,
-    SEND_HANDSHAKE = 1,
-    SEND_WRITE = 2,
-    SEND_CONDITION = 3,
-    SEND_MONITOR = 4,
-    SEND_RCP_DOWNLOAD = 5,
-    SEND_RCP_UPLOAD = 6,
 };
 
 // Texts of the items a change report names for one area name P: P, P_W, P_D, where
@@ -140,6 +115,8 @@ public:
     QList<FRAME_PRO> frameList;
     QMutex listMutex;
     int32_t rcpIndex = 0;
+    // Written by intf_SetDriverPropertyPage and never read back: hosts see the member,
+    // so it stays where the layout has it.
     QString propertyPage;
 
     // --- Members below are the implementation's own; hosts never see them. ---
@@ -178,7 +155,7 @@ enum MergeMode { MERGE_MONITOR = 1, MERGE_RECIPE = 2 };
 struct MergeItem {
     int station = 0;
     QString regName;
-    int64_t start = 0;
+    int64_t startAddr = 0;
     int64_t len = 0;
     int src = 0;
     int64_t offset = 0;
@@ -186,21 +163,32 @@ struct MergeItem {
 
 // Normalises lengths (word lengths to the area's units; in monitor mode D_D becomes
 // D_W), sorts by weight in monitor mode (recipe callers sort beforehand), and merges
-// into blocks of at most MAX_READ_UNITS. In recipe mode `starts` receives, per block,
-// the `src` of the first item it covers.
-std::vector<MergeItem> mergeItems(std::vector<MergeItem> items, int mode, QList<int> *starts);
-
-uint32_t getRegAddressWeight(int station, const QString &regName, int startAddr, int len);
+// into blocks of at most RTUPLC_MAX_READ_UNITS. In recipe mode `starts` receives, per block,
+// the `src` of the first item it covers. Registration and recipe planning call this
+// form: it carries no 1 KB records.
+std::vector<MergeItem> addrMerge(std::vector<MergeItem> items, int mode, QList<int> *starts);
+// The same on host keys, in and out; blocks carry the fields of their opening key.
 void addrMerge(QList<KEY_ADDRESS> &keys, int mode);
+
+// (station x 14 + register position) x 65535 + address, compared unsigned. `len` is
+// part of the documented signature and plays no part in the order.
+uint32_t getRegAddressWeight(int station, const QString &regName, int startAddr, int len);
 void groupingKey(const KEY_ADDRESS &key, int maxLen, QList<KEY_ADDRESS> &out, int copyData);
 int _setDataAreaMonitorFlag(int station, const QString &regName, int startAddr, int len);
 int _setBitValue(int value, int bit, int on);
 void rcpAddrToVar(const _RCP_VAR_PRO &req, VARIABLE &var, int withData);
 
 // --- Data areas and change reports. ---
+// The data area of (station, area name, address): the first that matches, or a new one
+// appended with every other field zero. On driver.dataAreas it is found through the
+// index; any other list is scanned.
 int getIndexOfDataArea(int station, const QString &name, int addr, QList<_DATA_> &areas);
-int dataAreaFor(int station, int prefixId, int addr); // fast path on driver.dataAreas
+// The same on driver.dataAreas with the area name interned (DataAreaIndex::prefixId):
+// what the decoder, the host's reads and writes call for every unit.
+int getIndexOfDataArea(int station, int prefixId, int addr);
 void _bitDataChange(int area);
+// The old and new values are part of the documented signatures; what is reported
+// depends only on the area's monitor flags, so they are not read (and may be null).
 void _wordDataChange(int *oldValue, int *newValue, int area, int plainName);
 void _dwordDataChange(int *oldValue, int *newValue, int area, int plainName);
 int uchar2int16(unsigned char lo, unsigned char hi);
@@ -219,6 +207,7 @@ void notifyHost(int driverId, int station, const QString &item, int addr);
 // --- Cycle. ---
 QString getErrorInfo(const QByteArray &reply);
 void dealListWhenFinish();
+// Returns 0, which nobody reads: the documented signature keeps the int.
 int dealReadFrameReturnSaveData(const QByteArray &reply);
 void applyPendingHostClears();
 

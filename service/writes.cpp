@@ -7,7 +7,6 @@
 
 namespace {
 
-constexpr int kWriteQueueLast = 512; // the queue holds indices 0..512
 
 int wordAt(const uint8_t *bytes)
 {
@@ -36,22 +35,22 @@ void enqueueWrite(const VARIABLE &v)
             return;
         }
     }
-    if (queue.size() <= kWriteQueueLast)
+    if (queue.size() <= RTUPLC_QUEUE_LAST)
         queue.append(v);
     else
-        queue[kWriteQueueLast] = v;
+        queue[RTUPLC_QUEUE_LAST] = v;
 }
 
 // Shows a 16-bit word written to an area, telling the host first if what it saw
 // changes.
 void showWord(int station, int pid, int addr, const uint8_t *bytes, int plainName)
 {
-    const int k = dataAreaFor(station, pid, addr);
+    const int k = getIndexOfDataArea(station, pid, addr);
     int was = wordAt(shown(driver.dataAreas.at(k)));
     int now = wordAt(bytes);
     if (was != now)
         _wordDataChange(&was, &now, k, plainName);
-    const int again = dataAreaFor(station, pid, addr); // the callback may have reset the cache
+    const int again = getIndexOfDataArea(station, pid, addr); // the callback may have reset the cache
     _DATA_ &area = driver.dataAreas[again];
     area.writeValue[0] = bytes[0];
     area.writeValue[1] = bytes[1];
@@ -65,43 +64,47 @@ void write_saveDataToArea(int station, const QString &regName, int addr, int cou
     const int reg = getIndexFromRegName(regName);
     if (reg < 0 || count <= 0 || data == nullptr)
         return;
-    const int pid = driver.areaIndex.prefixId(regPrefixOf(regName));
-    const QString &width = ADDRESS_RANGE_PRO[reg][COL_VALUE_WIDTH];
-    const QString &unit = ADDRESS_RANGE_PRO[reg][COL_UNIT_WIDTH];
-    const int plainName = regColumnInt(reg, COL_PLAIN_NAME);
+    const RegisterArea &info = registerArea(reg);
+    const int pid = driver.areaIndex.prefixId(info.prefix);
+    const int plainName = info.plainName ? 1 : 0;
 
-    if (width == QLatin1String("1")) {
+    switch (info.kind) {
+    case AreaKind::Bit:
         for (int i = 0; i < count; ++i) {
-            const int k = dataAreaFor(station, pid, addr + i);
+            const int k = getIndexOfDataArea(station, pid, addr + i);
             // A bit written by the host is reported whether or not it is monitored.
             if (shown(driver.dataAreas.at(k))[0] != data[i])
                 notifyHost(driver.driverId, station, regName, addr + i);
-            _DATA_ &area = driver.dataAreas[dataAreaFor(station, pid, addr + i)];
+            _DATA_ &area = driver.dataAreas[getIndexOfDataArea(station, pid, addr + i)];
             area.writeValue[0] = data[i];
             area.writePending = 1;
         }
-    } else if (width == QLatin1String("16")) {
+        break;
+    case AreaKind::Word:
         for (int i = 0; i < count; ++i)
             showWord(station, pid, addr + i, data + 2 * i, plainName);
-    } else if (width == QLatin1String("32") && unit == QLatin1String("16")) {
+        break;
+    case AreaKind::DWordOverWords:
         // The low half of the value goes to the register at the higher address.
         for (int j = 0; j < count / 2; ++j) {
             showWord(station, pid, addr + 2 * j + 1, data + 4 * j, plainName);
             showWord(station, pid, addr + 2 * j, data + 4 * j + 2, plainName);
         }
-    } else if (width == QLatin1String("32")) {
+        break;
+    case AreaKind::DWordUnit:
         for (int j = 0; j < count / 2; ++j) {
             const uint8_t *bytes = data + 4 * j;
-            const int k = dataAreaFor(station, pid, addr + j);
+            const int k = getIndexOfDataArea(station, pid, addr + j);
             const uint8_t *s = shown(driver.dataAreas.at(k));
             int was = uchar2int32(s[0], s[1], s[2], s[3]);
             int now = uchar2int32(bytes[0], bytes[1], bytes[2], bytes[3]);
             if (was != now)
                 _dwordDataChange(&was, &now, k, plainName);
-            _DATA_ &area = driver.dataAreas[dataAreaFor(station, pid, addr + j)];
+            _DATA_ &area = driver.dataAreas[getIndexOfDataArea(station, pid, addr + j)];
             std::memcpy(area.writeValue, bytes, 4);
             area.writePending = 1;
         }
+        break;
     }
 }
 
@@ -110,17 +113,15 @@ void _write_FailOrSuc(int station, const QString &regName, int startAddr, int le
     const int reg = getIndexFromRegName(regName);
     if (reg < 0 || len <= 0 || !hostRangeFits(startAddr, len))
         return;
-    const int pid = driver.areaIndex.prefixId(regPrefixOf(regName));
-    const QString &width = ADDRESS_RANGE_PRO[reg][COL_VALUE_WIDTH];
-    const QString &unit = ADDRESS_RANGE_PRO[reg][COL_UNIT_WIDTH];
-    const int plainName = regColumnInt(reg, COL_PLAIN_NAME);
+    const RegisterArea &info = registerArea(reg);
+    const int pid = driver.areaIndex.prefixId(info.prefix);
+    const int plainName = info.plainName ? 1 : 0;
     const bool success = ok == 1;
-    // Bytes of writeValue each unit uses: a bit one, a register two, a 32-bit unit four.
-    const int bytes = width == QLatin1String("1") ? 1 : (width == QLatin1String("32") && unit != QLatin1String("16")) ? 4 : 2;
+    const int bytes = info.cacheBytes();
 
     for (int i = 0; i < len; ++i) {
         const int a = startAddr + i;
-        const int k = dataAreaFor(station, pid, a);
+        const int k = getIndexOfDataArea(station, pid, a);
         _DATA_ &area = driver.dataAreas[k];
         area.writePending = 0;
         if (success) {
@@ -146,14 +147,15 @@ extern "C" RTUPLC_EXPORT int intf_setData(int station, QString regName, int addr
     return guarded(-1, [&] {
         const int reg = getIndexFromRegName(regName);
         if (reg < 0)
-            return driver.localWriteMode != 0 ? 1 : -1;
-        const bool bits = regColumnInt(reg, COL_VALUE_WIDTH) == 1;
+            return driver.localWriteMode != 0 ? RTUPLC_OK : RTUPLC_REFUSED;
+        const RegisterArea &info = registerArea(reg);
+        const bool bits = info.isBit();
         // A queued write must fit the data of one request; a local write only shows.
-        const int maxCount = bits ? MAX_SETDATA_BITS : MAX_SETDATA_WORDS;
+        const int maxCount = bits ? RTUPLC_MAX_WRITE_BITS : RTUPLC_MAX_WRITE_WORDS;
         if (driver.localWriteMode == 0 && (count < 0 || count > maxCount))
-            return -1;
+            return RTUPLC_REFUSED;
         if (count > 0 && (data == nullptr || !hostRangeFits(addr, count)))
-            return -1;
+            return RTUPLC_REFUSED;
 
         StateLock lock(driver.stateMutex);
         if (driver.localWriteMode == 0) {
@@ -167,11 +169,10 @@ extern "C" RTUPLC_EXPORT int intf_setData(int station, QString regName, int addr
             if (count > 0)
                 std::memcpy(key.data, data, static_cast<size_t>(count * bytesPerUnit));
             // Each piece must fit one Modbus write and its byte-count byte.
-            const int split = bits ? std::min(splitBits(), MAX_WRITE_BITS) : std::min(splitWords(), MAX_WRITE_WORDS);
+            const int split = bits ? std::min(splitBits(), FRAME_MAX_WRITE_COILS) : std::min(splitWords(), FRAME_MAX_WRITE_REGISTERS);
             QList<KEY_ADDRESS> pieces;
             groupingKey(key, split, pieces, 1);
 
-            const int unitWidth = regColumnInt(reg, COL_UNIT_WIDTH);
             int lowered = 0; // how far later pieces move down when words become 32-bit units
             for (const KEY_ADDRESS &p : pieces) {
                 VARIABLE v;
@@ -181,8 +182,8 @@ extern "C" RTUPLC_EXPORT int intf_setData(int station, QString regName, int addr
                 v.startAddr = p.startAddr;
                 v.len = p.len;
                 std::memcpy(v.data, p.data, static_cast<size_t>(std::max(0, p.len * bytesPerUnit)));
-                if (!bits && unitWidth > 0) {
-                    const int units = p.len * 16 / unitWidth;
+                if (!bits) {
+                    const int units = static_cast<int>(info.unitsOfWords(p.len));
                     v.startAddr = p.startAddr - lowered;
                     v.len = units;
                     lowered += p.len - units;
@@ -191,6 +192,6 @@ extern "C" RTUPLC_EXPORT int intf_setData(int station, QString regName, int addr
             }
         }
         write_saveDataToArea(station, regName, addr, count, data);
-        return 1;
+        return RTUPLC_OK;
     });
 }

@@ -126,7 +126,7 @@ TEST_F(BadInput, PropertyTextsOfAnyShape)
         std::vector<uint8_t> data(1024, 1);
         EXPECT_EQ(intf_setData(1, "D_W", 0, 512, data.data(), 2), 1);
         for (const VARIABLE &v : driver.writeList)
-            EXPECT_LE(v.len, MAX_WRITE_WORDS);
+            EXPECT_LE(v.len, FRAME_MAX_WRITE_REGISTERS);
     }
 }
 

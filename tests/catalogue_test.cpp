@@ -77,8 +77,8 @@ TEST(Properties, ParsingTable)
     EXPECT_EQ(intf_initProperty(nullptr, 0, nullptr, nullptr, nullptr, nullptr), 1);
     // Until a positive maxBlockLen arrives, cutting uses 64 words / 512 bits.
     intf_initProperty(nullptr, 0, nullptr, nullptr, "1#0#0#3#0", nullptr);
-    EXPECT_EQ(splitWords(), DEFAULT_SPLIT_WORDS);
-    EXPECT_EQ(splitBits(), DEFAULT_SPLIT_BITS);
+    EXPECT_EQ(splitWords(), RTUPLC_DEFAULT_SPLIT_WORDS);
+    EXPECT_EQ(splitBits(), RTUPLC_DEFAULT_SPLIT_WORDS * 8);
 }
 
 TEST(Properties, ReinitEmptiesTrafficKeepsRecipeAndCallback)

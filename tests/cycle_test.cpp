@@ -47,7 +47,7 @@ TEST_F(Cycle, NothingToDo)
 {
     FRAME_PRO f;
     EXPECT_EQ(intf_getSendFrame(f), 0);
-    EXPECT_EQ(driver.sendState, SEND_IDLE);
+    EXPECT_EQ(driver.sendState, RTUPLC_KIND_IDLE);
     QString what = "stale";
     EXPECT_EQ(intf_dealRcvFrame(QByteArray(), what), 0);
     EXPECT_TRUE(what.isEmpty());
@@ -162,7 +162,7 @@ TEST_F(Cycle, BroadcastWriteAndHandshakeNeedNoReply)
         FRAME_PRO f;
         ASSERT_EQ(intf_getSendFrame(f), 1);
         EXPECT_EQ(f.frameLen, 0);
-        EXPECT_EQ(driver.sendState, SEND_HANDSHAKE);
+        EXPECT_EQ(driver.sendState, RTUPLC_KIND_HANDSHAKE);
         QString what;
         EXPECT_EQ(intf_dealRcvFrame(QByteArray(), what), 1);
         EXPECT_EQ(what, "0#0(0)");
@@ -187,9 +187,9 @@ TEST_F(Cycle, RecipeDownloadWalksEveryRequestThenClearsItsByte)
     recipe[2] = 0x3333;
     recipe[4] = 0x5678; // 32C value 0x12345678, least significant word first
     recipe[5] = 0x1234;
-    memory[HOST_RCP_DOWNLOAD_BYTE] = 1;
+    memory[RTUPLC_RCP_DOWNLOAD_BYTE] = 1;
     EXPECT_EQ(kinds(plc.run(5)), "555");
-    EXPECT_EQ(memory[HOST_RCP_DOWNLOAD_BYTE], 0);
+    EXPECT_EQ(memory[RTUPLC_RCP_DOWNLOAD_BYTE], 0);
     EXPECT_EQ(driver.rcpIndex, 0);
     EXPECT_EQ(plc.registers[0], 0x1111);
     EXPECT_EQ(plc.registers[1], 0x2222);
@@ -204,7 +204,7 @@ TEST_F(Cycle, DownloadSendsARequestBackToBackFromItsFirstOffset)
     setRecipe({rcp("D_W", 0, 2, 10), rcp("D_W", 2, 2, 20)}); // touching, laid out apart
     for (int i = 0; i < 32; ++i)
         recipe[size_t(i)] = uint16_t(0x100 + i);
-    memory[HOST_RCP_DOWNLOAD_BYTE] = 1;
+    memory[RTUPLC_RCP_DOWNLOAD_BYTE] = 1;
     plc.run(2);
     for (int a = 0; a < 4; ++a)
         EXPECT_EQ(plc.registers[size_t(a)], 0x10A + a) << a;
@@ -222,9 +222,9 @@ TEST_F(Cycle, RecipeUploadFillsTheBufferAndReportsEachWord)
     plc.registers[9701] = 0x0002;
     plc.coils[2005] = 1;
     plc.coils[2007] = 1;
-    memory[HOST_RCP_UPLOAD_BYTE] = 1;
+    memory[RTUPLC_RCP_UPLOAD_BYTE] = 1;
     EXPECT_EQ(kinds(plc.run(4)), "6666");
-    EXPECT_EQ(memory[HOST_RCP_UPLOAD_BYTE], 0);
+    EXPECT_EQ(memory[RTUPLC_RCP_UPLOAD_BYTE], 0);
     EXPECT_EQ(recipe[4], 0xABCD);
     EXPECT_EQ(recipe[5], 0x0102);
     EXPECT_EQ(recipe[10], 0x5678);
@@ -243,12 +243,12 @@ TEST_F(Cycle, RecipeCommandWithoutRequestsEndsAtOnce)
 {
     withHost();
     monitor({key(1, "D_W", 0, 1)});
-    memory[HOST_RCP_DOWNLOAD_BYTE] = 1;
-    memory[HOST_RCP_UPLOAD_BYTE] = 1;
+    memory[RTUPLC_RCP_DOWNLOAD_BYTE] = 1;
+    memory[RTUPLC_RCP_UPLOAD_BYTE] = 1;
     driver.rcpReqs.clear();
     EXPECT_EQ(kinds(plc.run(1)), "4");
-    EXPECT_EQ(memory[HOST_RCP_DOWNLOAD_BYTE], 0);
-    EXPECT_EQ(memory[HOST_RCP_UPLOAD_BYTE], 0);
+    EXPECT_EQ(memory[RTUPLC_RCP_DOWNLOAD_BYTE], 0);
+    EXPECT_EQ(memory[RTUPLC_RCP_UPLOAD_BYTE], 0);
     EXPECT_EQ(driver.rcpIndex, 0);
 }
 
@@ -256,9 +256,9 @@ TEST_F(Cycle, FailedRecipeTransferStopsAndClearsItsByte)
 {
     withHost("1#0#0#1#64");
     setRecipe({rcp("D_W", 0, 1, 0), rcp("D_W", 5, 1, 1)});
-    memory[HOST_RCP_UPLOAD_BYTE] = 1;
+    memory[RTUPLC_RCP_UPLOAD_BYTE] = 1;
     EXPECT_EQ(exchange(plc.answer(FRAME_PRO())), 2);
-    EXPECT_EQ(memory[HOST_RCP_UPLOAD_BYTE], 0);
+    EXPECT_EQ(memory[RTUPLC_RCP_UPLOAD_BYTE], 0);
     EXPECT_EQ(driver.rcpIndex, 0);
 }
 
@@ -266,11 +266,11 @@ TEST_F(Cycle, UnbuildableRecipeRequestIsSkipped)
 {
     withHost();
     setRecipe({rcp("D_W", 0, 1, 0, 0), rcp("D_W", 5, 1, 1, 1)});
-    memory[HOST_RCP_UPLOAD_BYTE] = 1;
+    memory[RTUPLC_RCP_UPLOAD_BYTE] = 1;
     FRAME_PRO f;
     EXPECT_EQ(intf_getSendFrame(f), 0) << "no read goes to the broadcast station";
     EXPECT_EQ(kinds(plc.run(3)), "6");
-    EXPECT_EQ(memory[HOST_RCP_UPLOAD_BYTE], 0);
+    EXPECT_EQ(memory[RTUPLC_RCP_UPLOAD_BYTE], 0);
 }
 
 TEST_F(Cycle, NullHostMemoryReadsNoCommands)

@@ -10,7 +10,7 @@
 #include <ostream>
 #include <vector>
 
-#include "rtuplc_sim/request.h"
+#include "rtuplc_support/request.h"
 #include "serviceForProtocol.h"
 
 // Lets failing assertions show Qt strings as text.
@@ -40,7 +40,7 @@ inline void recordReport(int id, int station, QString &item, int addr)
 // Bytes with the Modbus CRC appended, low byte first.
 inline QByteArray withCrc(QByteArray bytes)
 {
-    const uint16_t crc = crc16(reinterpret_cast<const unsigned char *>(bytes.constData()), size_t(bytes.size()));
+    const uint16_t crc = computate_check(reinterpret_cast<const unsigned char *>(bytes.constData()), static_cast<unsigned short>(bytes.size()));
     bytes.append(char(crc & 0xFF));
     bytes.append(char(crc >> 8));
     return bytes;
@@ -62,7 +62,7 @@ inline KEY_ADDRESS key(int station, const QString &reg, int start, int len, int 
     return k;
 }
 
-inline VARIABLE variable(int station, const QString &reg, int start, int len, int kind = SEND_MONITOR)
+inline VARIABLE variable(int station, const QString &reg, int start, int len, int kind = RTUPLC_KIND_MONITOR_READ)
 {
     VARIABLE v;
     v.reqKind = kind;

@@ -14,7 +14,7 @@ TEST(Crc, KnownAnswers)
     EXPECT_EQ(computate_check(request, 6), 0x0A84); // sent as 84 0A
     EXPECT_EQ(computate_check(request, 0), 0xFFFF);
     const QByteArray ascii("123456789");
-    EXPECT_EQ(crc16(reinterpret_cast<const unsigned char *>(ascii.constData()), 9), 0x4B37); // CRC-16/MODBUS check
+    EXPECT_EQ(computate_check(reinterpret_cast<const unsigned char *>(ascii.constData()), 9), 0x4B37); // CRC-16/MODBUS check
 }
 
 TEST_F(Frames, ReadRequestsForEveryArea)
@@ -39,7 +39,7 @@ TEST_F(Frames, ReadRequestsForEveryArea)
         driver.frameList.clear();
         VARIABLE v = variable(r.station, r.reg, r.start, r.len);
         v.data[7] = 0x42;
-        const int built = getReadFrame(QList<VARIABLE>{v});
+        const int built = getReadFrame(QList<VARIABLE>{v}, driver.frameList);
         SCOPED_TRACE(r.reg);
         if (r.frame[0] == 0) {
             EXPECT_EQ(built, 0);
@@ -85,9 +85,9 @@ TEST_F(Frames, WriteRequestsPackBitsAndOrderWords)
     };
     for (const Row &r : rows) {
         driver.frameList.clear();
-        VARIABLE v = variable(r.station, r.reg, r.start, r.len, SEND_WRITE);
+        VARIABLE v = variable(r.station, r.reg, r.start, r.len, RTUPLC_KIND_WRITE);
         std::copy(r.data.begin(), r.data.end(), v.data);
-        getWriteFrame(v);
+        getWriteFrame(v, driver.frameList);
         SCOPED_TRACE(r.reg);
         ASSERT_EQ(driver.frameList.size(), 1);
         const FRAME_PRO &f = driver.frameList.first();
@@ -95,22 +95,22 @@ TEST_F(Frames, WriteRequestsPackBitsAndOrderWords)
         EXPECT_EQ(f.replyLen, r.replyLen);
         EXPECT_EQ(f.dataPos, 0);
         EXPECT_EQ(f.dataLen, 0);
-        EXPECT_EQ(f.reqKind, SEND_WRITE);
+        EXPECT_EQ(f.reqKind, RTUPLC_KIND_WRITE);
     }
     driver.frameList.clear();
-    VARIABLE unknown = variable(1, "D", 0, 1, SEND_WRITE);
-    getWriteFrame(unknown);
+    VARIABLE unknown = variable(1, "D", 0, 1, RTUPLC_KIND_WRITE);
+    getWriteFrame(unknown, driver.frameList);
     EXPECT_TRUE(driver.frameList.isEmpty());
 }
 
 TEST_F(Frames, WriteOfAnOddBitCountLeavesHighBitsClear)
 {
-    VARIABLE v = variable(1, "M", 0, 3, SEND_WRITE);
+    VARIABLE v = variable(1, "M", 0, 3, RTUPLC_KIND_WRITE);
     v.data[0] = 1;
     v.data[1] = 1;
     v.data[2] = 1;
     v.data[3] = 1; // beyond len: must not leak into the frame
-    getWriteFrame(v);
+    getWriteFrame(v, driver.frameList);
     ASSERT_EQ(driver.frameList.size(), 1);
     EXPECT_EQ(driver.frameList.first().frame[7], 0x07);
     EXPECT_EQ(driver.frameList.first().frameLen, 10);
@@ -119,10 +119,10 @@ TEST_F(Frames, WriteOfAnOddBitCountLeavesHighBitsClear)
 // Every prefix, every flipped bit and a stray trailing byte of a good reply.
 TEST_F(Frames, ReplyCheckIsExactLengthAndCrc)
 {
-    getReadFrame(QList<VARIABLE>{variable(1, "D_W", 100, 2)});
+    getReadFrame(QList<VARIABLE>{variable(1, "D_W", 100, 2)}, driver.frameList);
     const QByteArray good = registersReply(1, {0x1234, 0x0005});
     const auto check = [](const QByteArray &b) {
-        return check_rcv_data(reinterpret_cast<const unsigned char *>(b.constData()), {}, b.size());
+        return check_rcv_data(reinterpret_cast<const unsigned char *>(b.constData()), {}, b.size(), driver.frameList.first());
     };
     EXPECT_EQ(check(good), 1);
     for (int n = 0; n < good.size(); ++n)
@@ -146,17 +146,17 @@ TEST_F(Frames, ReplyCheckIsExactLengthAndCrc)
 
 TEST_F(Frames, WriteEchoAndBroadcast)
 {
-    VARIABLE v = variable(1, "D_W", 10, 1, SEND_WRITE);
-    getWriteFrame(v);
+    VARIABLE v = variable(1, "D_W", 10, 1, RTUPLC_KIND_WRITE);
+    getWriteFrame(v, driver.frameList);
     const auto check = [](const QByteArray &b) {
-        return check_rcv_data(reinterpret_cast<const unsigned char *>(b.constData()), {}, b.size());
+        return check_rcv_data(reinterpret_cast<const unsigned char *>(b.constData()), {}, b.size(), driver.frameList.first());
     };
     EXPECT_EQ(check(writeEcho(driver.frameList.first())), 2);
     EXPECT_EQ(check(withCrc(hex("011000990007"))), 2); // address and quantity are not compared
     EXPECT_EQ(check(QByteArray()), 0);
     driver.frameList.clear();
-    VARIABLE broadcast = variable(0, "D_W", 10, 1, SEND_WRITE);
-    getWriteFrame(broadcast);
+    VARIABLE broadcast = variable(0, "D_W", 10, 1, RTUPLC_KIND_WRITE);
+    getWriteFrame(broadcast, driver.frameList);
     EXPECT_EQ(check(QByteArray()), 2);
 }
 
@@ -177,7 +177,7 @@ TEST_F(Frames, ErrorTexts)
     };
     for (const Row &r : rows) {
         driver.frameList.clear();
-        getReadFrame(QList<VARIABLE>{r.v});
+        getReadFrame(QList<VARIABLE>{r.v}, driver.frameList);
         EXPECT_EQ(getErrorInfo(r.reply).toStdString(), r.text);
     }
 }

@@ -61,9 +61,9 @@ TEST_F(FuzzFinding, UploadSkipsAVariableThatGotNoRequest)
         ASSERT_EQ(driver.rcpReqs.size(), 2);
         for (int i = 0; i < 14; ++i)
             plc.registers[size_t(i)] = uint16_t(0x100 + i);
-        memory[HOST_RCP_UPLOAD_BYTE] = 1;
+        memory[RTUPLC_RCP_UPLOAD_BYTE] = 1;
         plc.run(2);
-        EXPECT_EQ(memory[HOST_RCP_UPLOAD_BYTE], 0);
+        EXPECT_EQ(memory[RTUPLC_RCP_UPLOAD_BYTE], 0);
         EXPECT_EQ(written(), (QList<int>{0, 1, 2, 3, 20, 21, 22, 23}));
         EXPECT_EQ(recipe[2], 0x102);
         EXPECT_EQ(recipe[20], 0x10A);

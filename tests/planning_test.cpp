@@ -102,7 +102,7 @@ TEST_F(Planning, RandomItemsAreCoveredWithinTheLimit)
         QList<KEY_ADDRESS> blocks = items;
         addrMerge(blocks, mode);
         for (const KEY_ADDRESS &b : blocks)
-            EXPECT_LE(b.len, MAX_READ_UNITS);
+            EXPECT_LE(b.len, RTUPLC_MAX_READ_UNITS);
         for (const KEY_ADDRESS &it : items) {
             for (int a = it.startAddr; a < it.startAddr + it.len; ++a) {
                 bool covered = false;
@@ -188,7 +188,7 @@ TEST_F(Planning, RegistrationReplacesTheLastOne)
     QList<KEY_ADDRESS> keys = {key(1, "D_W", 10, 1), key(1, "D_D", 10, 2), key(2, "D_W", 10, 1), key(1, "Q", 0, 3)};
     EXPECT_EQ(intf_addrMerge(keys), 3);
     EXPECT_EQ(monitorBlocks(), "1:Q:0+3 1:D_W:10+2 2:D_W:10+1"); // an unknown area weighs least
-    EXPECT_EQ(driver.monitorList.first().reqKind, SEND_MONITOR);
+    EXPECT_EQ(driver.monitorList.first().reqKind, RTUPLC_KIND_MONITOR_READ);
     const int d10 = getIndexOfDataArea(1, "D", 10, driver.dataAreas);
     EXPECT_EQ(driver.dataAreas[d10].monitorFlags, MON_UNIT | MON_DWORD_LO);
     EXPECT_EQ(driver.dataAreas.size(), 3); // D/10 and D/11 at station 1, D/10 at station 2
@@ -259,7 +259,7 @@ TEST_F(Planning, ConditionReadsWithoutSplitSizeUseTheDefault)
     restart("1#0#0#3#0");
     EXPECT_EQ(intf_addConditionRead(key(1, "D_W", 0, 100), 3), 1);
     ASSERT_EQ(driver.conditionList.size(), 2);
-    EXPECT_EQ(driver.conditionList[0].len, DEFAULT_SPLIT_WORDS);
+    EXPECT_EQ(driver.conditionList[0].len, RTUPLC_DEFAULT_SPLIT_WORDS);
 }
 
 TEST_F(Planning, RecipeRequestsTable)

@@ -22,7 +22,7 @@
 #include <map>
 #include <random>
 
-#include "rtuplc_sim/simulator.h"
+#include "rtuplc_support/simulator.h"
 
 using namespace testing_support;
 
@@ -164,7 +164,7 @@ TEST_F(Soak, FaultyLineLosesNothing)
                    {2, "SD", 0, 8}};
     QList<KEY_ADDRESS> keys;
     for (const Watched &w : watched)
-        keys << key(w.station, w.reg, w.start, w.len, regColumnInt(getIndexFromRegName(w.reg), COL_VALUE_WIDTH) == 1 ? -1 : 0);
+        keys << key(w.station, w.reg, w.start, w.len, registerArea(getIndexFromRegName(w.reg)).isBit() ? -1 : 0);
     const int blocks = intf_addrMerge(keys);
     ASSERT_GT(blocks, 0);
 
@@ -187,7 +187,7 @@ TEST_F(Soak, FaultyLineLosesNothing)
             w.addr = nextWord++;
             w.value = value & 0xFFFF;
             w.before = sim.reg(1, uint32_t(w.addr));
-            intf_setData(1, "D_W", w.addr, 1, data.data(), SEND_WRITE);
+            intf_setData(1, "D_W", w.addr, 1, data.data(), RTUPLC_KIND_WRITE);
             break;
         case 1:
             w.reg = "D_D";
@@ -195,7 +195,7 @@ TEST_F(Soak, FaultyLineLosesNothing)
             nextDword += 2;
             w.value = value;
             w.before = sim.reg32(1, uint32_t(w.addr));
-            intf_setData(1, "D_D", w.addr, 2, data.data(), SEND_WRITE);
+            intf_setData(1, "D_D", w.addr, 2, data.data(), RTUPLC_KIND_WRITE);
             break;
         default:
             w.reg = "M";
@@ -203,7 +203,7 @@ TEST_F(Soak, FaultyLineLosesNothing)
             w.value = value & 1;
             w.before = sim.coil(1, uint32_t(2000 + w.addr));
             data[0] = uint8_t(w.value);
-            intf_setData(1, "M", w.addr, 1, data.data(), SEND_WRITE);
+            intf_setData(1, "M", w.addr, 1, data.data(), RTUPLC_KIND_WRITE);
             break;
         }
         writes[target(w.reg, w.addr)] = w;
@@ -226,7 +226,7 @@ TEST_F(Soak, FaultyLineLosesNothing)
         const int r = intf_dealRcvFrame(reply, what);
         ASSERT_TRUE(r == 1 || r == 2 || r == 8) << r;
         ++results[r];
-        if (f.reqKind == SEND_WRITE && (r == 1 || r == 2)) {
+        if (f.reqKind == RTUPLC_KIND_WRITE && (r == 1 || r == 2)) {
             auto it = writes.find(target(f.regName, f.startAddr));
             ASSERT_NE(it, writes.end()) << what.toStdString();
             (r == 1 ? it->second.landed : it->second.failed) += 1;
@@ -283,9 +283,9 @@ TEST_F(Soak, FaultyLineLosesNothing)
     for (const Watched &w : watched) {
         const int reg = getIndexFromRegName(w.reg);
         const int base = ADDRESS_FUNC[reg][1];
-        const bool bits = regColumnInt(reg, COL_VALUE_WIDTH) == 1;
-        const bool counter = regColumnInt(reg, COL_UNIT_WIDTH) == 32;
-        const bool dword = !counter && regColumnInt(reg, COL_VALUE_WIDTH) == 32;
+        const bool bits = registerArea(reg).isBit();
+        const bool counter = registerArea(reg).kind == AreaKind::DWordUnit;
+        const bool dword = registerArea(reg).kind == AreaKind::DWordOverWords;
         const int bytes = bits ? w.len : counter ? 4 * (w.len / 2) : dword ? 4 * (w.len / 2) : 2 * w.len;
         const QByteArray got = read(w.station, w.reg, w.start, w.len, bytes);
         const auto u8 = [&](int i) { return uint32_t(uint8_t(got[i])); };

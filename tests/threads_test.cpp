@@ -26,10 +26,10 @@ TEST_F(Threads, WritesFromAnotherThreadAreNeitherLostNorTorn)
             const int addr = i % 16;
             const uint16_t value = uint16_t(i);
             unsigned char bytes[2] = {uint8_t(value & 0xFF), uint8_t(value >> 8)};
-            EXPECT_EQ(intf_setData(1, "D_W", addr, 1, bytes, SEND_WRITE), 1);
+            EXPECT_EQ(intf_setData(1, "D_W", addr, 1, bytes, RTUPLC_KIND_WRITE), 1);
             last[addr] = value;
             unsigned char bit = uint8_t(i & 1);
-            intf_setData(1, "X", i % 8, 1, &bit, SEND_WRITE);
+            intf_setData(1, "X", i % 8, 1, &bit, RTUPLC_KIND_WRITE);
             unsigned char out[32];
             intf_getData(1, "D_W", 0, 16, out);
         }
@@ -43,7 +43,7 @@ TEST_F(Threads, WritesFromAnotherThreadAreNeitherLostNorTorn)
             QString what;
             intf_dealRcvFrame(plc.answer(f), what);
         }
-        if (!writing && driver.writeList.isEmpty() && f.reqKind == SEND_MONITOR)
+        if (!writing && driver.writeList.isEmpty() && f.reqKind == RTUPLC_KIND_MONITOR_READ)
             ++settled;
     }
     screen.join();

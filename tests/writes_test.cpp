@@ -20,7 +20,7 @@ protected:
     }
     int write(const char *reg, int addr, std::vector<uint8_t> data, int count = -1, int station = 1)
     {
-        return intf_setData(station, reg, addr, count < 0 ? int(data.size()) : count, data.data(), SEND_WRITE);
+        return intf_setData(station, reg, addr, count < 0 ? int(data.size()) : count, data.data(), RTUPLC_KIND_WRITE);
     }
 };
 
@@ -29,7 +29,7 @@ TEST_F(Writes, OneWordIsQueuedAndShown)
     EXPECT_EQ(write("D_W", 10, {0x34, 0x12}, 1), 1);
     EXPECT_EQ(queue(), "D_W:10+1");
     EXPECT_EQ(driver.writeList.first().data[0], 0x34);
-    EXPECT_EQ(driver.writeList.first().reqKind, SEND_WRITE);
+    EXPECT_EQ(driver.writeList.first().reqKind, RTUPLC_KIND_WRITE);
     EXPECT_EQ(area(1, "D", 10).writePending, 1);
     EXPECT_EQ(area(1, "D", 10).writeValue[1], 0x12);
     EXPECT_EQ(area(1, "D", 10).value[1], 0x00) << "the value read stays for a failed write to fall back to";
@@ -190,7 +190,7 @@ TEST_F(Writes, SettlingTable)
             d.value[0] = 0x34;
             d.value[1] = 0x12;
         }
-        const int count = regColumnInt(getIndexFromRegName(r.reg), COL_VALUE_WIDTH) == 1 ? int(r.data.size())
+        const int count = registerArea(getIndexFromRegName(r.reg)).isBit() ? int(r.data.size())
                                                                                             : int(r.data.size()) / 2;
         write(r.reg, r.addr, r.data, count);
         reports().clear();

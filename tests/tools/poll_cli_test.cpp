@@ -6,7 +6,7 @@
 #include <signal.h>
 
 #include "poll_process.h"
-#include "rtuplc_sim/memory.h"
+#include "rtuplc_support/memory.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <sstream>
 
 #include "poll_process.h"
-#include "rtuplc_sim/simulator.h"
+#include "rtuplc_support/simulator.h"
 
 namespace {
 

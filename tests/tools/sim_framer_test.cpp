@@ -3,8 +3,8 @@
 
 #include <vector>
 
-#include "rtuplc_sim/framer.h"
-#include "rtuplc_sim/modbus.h"
+#include "rtuplc_support/framer.h"
+#include "rtuplc_support/modbus.h"
 
 namespace {
 

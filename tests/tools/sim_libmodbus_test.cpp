@@ -8,7 +8,7 @@
 #include <chrono>
 #include <thread>
 
-#include "rtuplc_sim/simulator.h"
+#include "rtuplc_support/simulator.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "rtuplc_sim/request.h"
+#include "rtuplc_support/request.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // Line settings as the driver's parameters give them, and the timing they imply.
 #include <gtest/gtest.h>
 
-#include "rtuplc_sim/serial_line.h"
+#include "rtuplc_support/serial_line.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <thread>
 
-#include "rtuplc_sim/modbus.h"
+#include "rtuplc_support/modbus.h"
 
 namespace rtupoll {
 

@@ -14,8 +14,8 @@
 #include <cstring>
 #include <thread>
 
-#include "rtuplc_sim/fd_io.h"
-#include "rtuplc_sim/modbus.h"
+#include "rtuplc_support/fd_io.h"
+#include "rtuplc_support/modbus.h"
 
 namespace rtupoll {
 

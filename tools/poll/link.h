@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "rtuplc_sim/serial_line.h"
+#include "rtuplc_support/serial_line.h"
 
 namespace rtupoll {
 

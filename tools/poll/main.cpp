@@ -13,7 +13,7 @@
 #include "options.h"
 #include "output.h"
 #include "recipe.h"
-#include "rtuplc_sim/simulator.h"
+#include "rtuplc_support/simulator.h"
 
 using namespace rtupoll;
 

@@ -9,7 +9,7 @@
 #include <sstream>
 #include <string>
 
-#include "rtuplc_sim/simulator.h"
+#include "rtuplc_support/simulator.h"
 
 namespace {
 

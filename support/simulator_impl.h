@@ -10,7 +10,7 @@
 #include <random>
 #include <thread>
 
-#include "rtuplc_sim/simulator.h"
+#include "rtuplc_support/simulator.h"
 
 namespace rtusim {
 

@@ -15,8 +15,8 @@
 #include <cstring>
 #include <list>
 
-#include "rtuplc_sim/fd_io.h"
-#include "rtuplc_sim/framer.h"
+#include "rtuplc_support/fd_io.h"
+#include "rtuplc_support/framer.h"
 #include "simulator_impl.h"
 
 namespace rtusim {

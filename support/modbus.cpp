@@ -1,4 +1,4 @@
-#include "rtuplc_sim/modbus.h"
+#include "rtuplc_support/modbus.h"
 
 namespace rtusim {
 

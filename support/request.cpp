@@ -1,4 +1,4 @@
-#include "rtuplc_sim/request.h"
+#include "rtuplc_support/request.h"
 
 namespace rtusim {
 

@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "rtuplc_sim/memory.h"
-#include "rtuplc_sim/modbus.h"
+#include "rtuplc_support/memory.h"
+#include "rtuplc_support/modbus.h"
 
 namespace rtusim {
 

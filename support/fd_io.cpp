@@ -1,4 +1,4 @@
-#include "rtuplc_sim/fd_io.h"
+#include "rtuplc_support/fd_io.h"
 
 #include <poll.h>
 #include <sys/socket.h>

@@ -1,4 +1,4 @@
-#include "rtuplc_sim/memory.h"
+#include "rtuplc_support/memory.h"
 
 #include <bitset>
 #include <cstdio>

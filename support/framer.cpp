@@ -1,6 +1,6 @@
-#include "rtuplc_sim/framer.h"
+#include "rtuplc_support/framer.h"
 
-#include "rtuplc_sim/modbus.h"
+#include "rtuplc_support/modbus.h"
 
 namespace rtusim {
 

@@ -1,4 +1,4 @@
-#include "rtuplc_sim/simulator.h"
+#include "rtuplc_support/simulator.h"
 
 #include <unistd.h>
 #include <poll.h>
@@ -8,7 +8,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "rtuplc_sim/modbus.h"
+#include "rtuplc_support/modbus.h"
 #include "simulator_impl.h"
 
 namespace rtusim {

@@ -24,9 +24,9 @@
 #include <string>
 #include <vector>
 
-#include "rtuplc_sim/memory.h"
-#include "rtuplc_sim/request.h"
-#include "rtuplc_sim/serial_line.h"
+#include "rtuplc_support/memory.h"
+#include "rtuplc_support/request.h"
+#include "rtuplc_support/serial_line.h"
 
 namespace rtusim {
 

@@ -1,4 +1,4 @@
-#include "rtuplc_sim/serial_line.h"
+#include "rtuplc_support/serial_line.h"
 
 #include <termios.h>
 
