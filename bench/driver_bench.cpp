@@ -1,16 +1,23 @@
 // Speed of the driver's hot paths, each measured side by side with a plain baseline of
-// the same operation (a linear scan of the data areas, a bubble sort, a bitwise CRC).
+// the same operation (a linear scan of the data areas, a hashed cache, a bubble sort,
+// registration with text keys, a bitwise CRC).
 //
 //   build/bench/rtuplc_bench                    all benchmarks
-//   build/bench/rtuplc_bench --memory           resident bytes per data area at 1M areas
+//   build/bench/rtuplc_bench --memory           resident bytes per data area at 1M areas:
+//                                               one block polled, and every block polled
 #include <benchmark/benchmark.h>
 
+#include <QHash>
 #include <QRandomGenerator>
 
 #include <cstdio>
 #include <cstring>
+#include <algorithm>
 #include <fstream>
+#include <random>
+#include <unordered_map>
 #include <string>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "serviceForProtocol.h"
@@ -141,6 +148,227 @@ BENCHMARK(BM_PollCycleLinearBaseline)
     ->Unit(benchmark::kMicrosecond)
     ->MinTime(0.5);
 
+// --- A panel that monitors everything it caches: every block polled in turn. ---
+//
+// `units` registers of D_W, one 125-register item per block, registered in random
+// order over as many stations as they need (64 blocks a station). Each benchmark
+// iteration is one whole rotation over every block; every register changes in every
+// reply. "cycle" is the time of one getSendFrame + dealRcvFrame, averaged over the
+// rotations, so the caches are as cold as a real panel leaves them.
+
+constexpr int kBlocksPerStation = 8000 / kBlock;
+
+QList<KEY_ADDRESS> panelItems(int units)
+{
+    QList<KEY_ADDRESS> keys;
+    for (int b = 0; b < units / kBlock; ++b) {
+        KEY_ADDRESS k;
+        k.station = 1 + b / kBlocksPerStation;
+        k.regName = QStringLiteral("D_W");
+        k.startAddr = (b % kBlocksPerStation) * kBlock;
+        k.len = kBlock;
+        keys << k;
+    }
+    std::mt19937 rng(11);
+    std::shuffle(keys.begin(), keys.end(), rng);
+    return keys;
+}
+
+// A reply to the register read in `f` whose every register differs between seeds.
+QByteArray replyFor(const FRAME_PRO &f, uint16_t seed)
+{
+    const int registers = (f.frame[4] << 8) | f.frame[5];
+    QByteArray b;
+    b.append(char(f.frame[0]));
+    b.append(char(0x03));
+    b.append(char(2 * registers));
+    for (int i = 0; i < registers; ++i) {
+        const uint16_t w = uint16_t(seed + 3 * i + f.frame[3]);
+        b.append(char(w >> 8));
+        b.append(char(w & 0xFF));
+    }
+    return withCrc(b);
+}
+
+// Registers the panel and answers one rotation, so that every area exists and the
+// replies of both parities are ready in the order the blocks are polled.
+struct Panel {
+    int blocks = 0;
+    std::vector<QByteArray> replies[2];
+    std::vector<VARIABLE> reads; // the blocks in the order they are polled
+
+    explicit Panel(int units)
+    {
+        intf_setAddrValueChangeCallBack(noReport);
+        intf_initProperty(nullptr, 0, nullptr, nullptr, "1#0#0#3#64", nullptr);
+        QList<KEY_ADDRESS> keys = panelItems(units);
+        blocks = intf_addrMerge(keys);
+        for (int b = 0; b < blocks; ++b) {
+            FRAME_PRO f;
+            intf_getSendFrame(f);
+            reads.push_back(driver.curVar);
+            replies[0].push_back(replyFor(f, 1000));
+            replies[1].push_back(replyFor(f, 2000));
+            QString what;
+            intf_dealRcvFrame(replies[1].back(), what);
+        }
+    }
+};
+
+void BM_PollRoundRobin(benchmark::State &state)
+{
+    Panel panel(int(state.range(0)));
+    int parity = 0;
+    for (auto _ : state) {
+        const std::vector<QByteArray> &replies = panel.replies[parity ^= 1];
+        for (int b = 0; b < panel.blocks; ++b) {
+            FRAME_PRO f;
+            intf_getSendFrame(f);
+            QString what;
+            benchmark::DoNotOptimize(intf_dealRcvFrame(replies[size_t(b)], what));
+        }
+    }
+    state.counters["units"] = double(driver.dataAreas.size());
+    state.counters["cycle"] = benchmark::Counter(double(panel.blocks), benchmark::Counter::kIsIterationInvariantRate |
+                                                                           benchmark::Counter::kInvert);
+}
+BENCHMARK(BM_PollRoundRobin)->Arg(1000)->Arg(10000)->Arg(100000)->Arg(1000000)->Unit(benchmark::kMillisecond);
+
+// The same rotation with every unit of every reply found by a std::unordered_map
+// lookup, as a plain hashed cache does: the driver's own request work (the frame, the
+// reply check, the error text, turning the list), the decode and a callback per
+// changed unit, with the host's text copied for it as the driver does.
+void BM_PollRoundRobinHashBaseline(benchmark::State &state)
+{
+    Panel panel(int(state.range(0)));
+    QList<_DATA_> areas = driver.dataAreas; // the same areas in the same order
+    areas.detach();
+    std::unordered_map<uint64_t, int> index;
+    index.reserve(size_t(areas.size()));
+    for (int i = 0; i < areas.size(); ++i)
+        index.emplace(uint64_t(uint32_t(areas.at(i).station)) << 32 | uint32_t(areas.at(i).addr), i);
+    const QString itemText = QString::fromLatin1("D_W");
+    void (*volatile report)(int, int, QString &, int) = noReport;
+    int parity = 0;
+    for (auto _ : state) {
+        const std::vector<QByteArray> &replies = panel.replies[parity ^= 1];
+        for (int b = 0; b < panel.blocks; ++b) {
+            FRAME_PRO f;
+            intf_getSendFrame(f);
+            const QByteArray &reply = replies[size_t(b)];
+            const unsigned char *r = reinterpret_cast<const unsigned char *>(reply.constData());
+            benchmark::DoNotOptimize(getErrorInfo(reply));
+            benchmark::DoNotOptimize(check_rcv_data(r, driver.curVarList, reply.size(), driver.frameList.first()));
+            const VARIABLE &var = driver.curVar;
+            for (int i = 0; i < var.len; ++i) {
+                _DATA_ &a = areas[index[uint64_t(uint32_t(var.station)) << 32 | uint32_t(var.startAddr + i)]];
+                const int p = 3 + 2 * i;
+                if (uchar2int16(a.value[0], a.value[1]) != uchar2int16(r[p + 1], r[p])) {
+                    a.value[0] = r[p + 1];
+                    a.value[1] = r[p];
+                    a.writePending = 0;
+                    if (a.monitorFlags & MON_UNIT) {
+                        QString item = itemText;
+                        report(1, a.station, item, a.addr);
+                    }
+                }
+            }
+            driver.frameList.clear();
+            driver.monitorList.append(driver.monitorList.takeFirst());
+        }
+    }
+    state.counters["units"] = double(areas.size());
+    state.counters["cycle"] = benchmark::Counter(double(panel.blocks), benchmark::Counter::kIsIterationInvariantRate |
+                                                                           benchmark::Counter::kInvert);
+}
+BENCHMARK(BM_PollRoundRobinHashBaseline)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Arg(1000000)
+    ->Unit(benchmark::kMillisecond);
+
+// --- Registration as screens do it: 100k items of one to four units of D_W or M,
+// scattered over 200 stations, in random order; first into an empty cache, then the
+// same list again (every area already there). ---
+
+QList<KEY_ADDRESS> screenItems(int n)
+{
+    std::mt19937 rng(5);
+    QList<KEY_ADDRESS> items;
+    items.reserve(n);
+    for (int i = 0; i < n; ++i) {
+        KEY_ADDRESS k;
+        const bool word = rng() % 2 == 0;
+        k.station = 1 + int(rng() % 200);
+        k.regName = word ? QStringLiteral("D_W") : QStringLiteral("M");
+        k.len = 1 + int(rng() % 4);
+        k.startAddr = int(rng() % uint32_t((word ? 8000 : 2000) - k.len));
+        k.bitPos = word ? 0 : -1;
+        items << k;
+    }
+    return items;
+}
+
+void BM_RegisterFirst(benchmark::State &state)
+{
+    QList<KEY_ADDRESS> items = screenItems(int(state.range(0)));
+    for (auto _ : state) {
+        state.PauseTiming();
+        intf_initProperty(nullptr, 0, nullptr, nullptr, "1#0#0#3#64", nullptr);
+        state.ResumeTiming();
+        benchmark::DoNotOptimize(intf_addrMerge(items));
+    }
+    state.counters["units"] = double(driver.dataAreas.size());
+    state.counters["blocks"] = double(driver.monitorList.size());
+}
+BENCHMARK(BM_RegisterFirst)->Arg(100000)->Unit(benchmark::kMillisecond);
+
+void BM_RegisterAgain(benchmark::State &state)
+{
+    QList<KEY_ADDRESS> items = screenItems(int(state.range(0)));
+    intf_initProperty(nullptr, 0, nullptr, nullptr, "1#0#0#3#64", nullptr);
+    intf_addrMerge(items);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(intf_addrMerge(items));
+}
+BENCHMARK(BM_RegisterAgain)->Arg(100000)->Unit(benchmark::kMillisecond);
+
+// The same registration done plainly: a std::unordered_map for the areas, the item's
+// texts compared and rebuilt per item, and a stable sort on the resulting weights.
+void BM_RegisterPlainBaseline(benchmark::State &state)
+{
+    const QList<KEY_ADDRESS> items = screenItems(int(state.range(0)));
+    for (auto _ : state) {
+        QList<_DATA_> areas;
+        QHash<QString, int> index;
+        std::vector<std::pair<uint32_t, int>> order;
+        for (int i = 0; i < items.size(); ++i) {
+            const KEY_ADDRESS &k = items.at(i);
+            const QString prefix = regPrefixOf(k.regName);
+            for (int a = k.startAddr; a < k.startAddr + k.len; ++a) {
+                const QString key = QStringLiteral("%1/%2/%3").arg(k.station).arg(prefix).arg(a);
+                auto it = index.find(key);
+                if (it == index.end()) {
+                    _DATA_ d;
+                    d.station = k.station;
+                    d.regPrefix = prefix;
+                    d.addr = a;
+                    areas.append(d);
+                    it = index.insert(key, areas.size() - 1);
+                }
+                areas[it.value()].monitorFlags |= MON_UNIT;
+            }
+            const QString name = k.regName.contains('_') ? k.regName.section('_', 0, 0) + "_W" : k.regName;
+            order.emplace_back(getRegAddressWeight(k.station, name, k.startAddr, k.len), i);
+        }
+        std::stable_sort(order.begin(), order.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
+        benchmark::DoNotOptimize(order.data());
+        benchmark::DoNotOptimize(areas.size());
+    }
+}
+BENCHMARK(BM_RegisterPlainBaseline)->Arg(100000)->Unit(benchmark::kMillisecond);
+
 // --- Merging the monitored addresses into read blocks. ---
 
 QList<KEY_ADDRESS> randomItems(int n)
@@ -262,19 +490,50 @@ void BM_CrcBitwiseBaseline(benchmark::State &state)
 }
 BENCHMARK(BM_CrcBitwiseBaseline);
 
+// Resident bytes the driver adds, over the units it caches, in a process of its own
+// so that one measurement's freed memory does not hide the next one's.
+template <typename F>
+void measure(const char *what, F &&fill)
+{
+    std::fflush(stdout);
+    const pid_t child = fork();
+    if (child == 0) {
+        const long before = residentBytes();
+        fill();
+        const long after = residentBytes();
+        std::printf("%s: %d data areas, resident bytes added %ld, %.1f bytes per data area\n", what,
+                    int(driver.dataAreas.size()), after - before, double(after - before) / driver.dataAreas.size());
+        std::fflush(stdout);
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+}
+
 int memoryReport()
 {
-    constexpr int kAreas = 1000000;
-    const long before = residentBytes();
-    fillAreas(kAreas);
-    // Polling once touches every path a live panel touches.
-    FRAME_PRO f;
-    intf_getSendFrame(f);
-    QString what;
-    intf_dealRcvFrame(blockReply(5), what);
-    const long after = residentBytes();
-    std::printf("data areas: %d\nresident bytes added: %ld\nbytes per data area: %.1f\n", int(driver.dataAreas.size()),
-                after - before, double(after - before) / kAreas);
+    constexpr int kUnits = 1000000;
+    measure("1M areas, one block polled", [] {
+        fillAreas(kUnits);
+        // Polling once touches every path a live panel touches.
+        FRAME_PRO f;
+        intf_getSendFrame(f);
+        QString what;
+        intf_dealRcvFrame(blockReply(5), what);
+    });
+    // The host's list of items is the host's memory: made before the measurement.
+    static QList<KEY_ADDRESS> keys = panelItems(kUnits);
+    measure("1M units monitored, every block polled once", [] {
+        intf_setAddrValueChangeCallBack(noReport);
+        intf_initProperty(nullptr, 0, nullptr, nullptr, "1#0#0#3#64", nullptr);
+        const int blocks = intf_addrMerge(keys);
+        for (int b = 0; b < blocks; ++b) {
+            FRAME_PRO f;
+            intf_getSendFrame(f);
+            QString what;
+            intf_dealRcvFrame(replyFor(f, 7), what);
+        }
+    });
     return 0;
 }
 

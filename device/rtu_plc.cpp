@@ -9,10 +9,38 @@
 // ---------------------------------------------------------------------------------
 // Register lookups.
 
+namespace {
+// A register name packed into one integer: REG_LIST names have at most three
+// characters, so length and characters fit 64 bits, and a name of every item of a
+// registration or reply is found by comparing integers instead of texts.
+uint64_t packName(const QString &name)
+{
+    if (name.size() > 3)
+        return 0;
+    uint64_t k = uint64_t(name.size());
+    for (int i = 0; i < name.size(); ++i)
+        k |= uint64_t(name.at(i).unicode()) << (8 + 16 * i);
+    return k;
+}
+
+struct PackedRegNames {
+    uint64_t key[REG_COUNT];
+    PackedRegNames()
+    {
+        for (int i = 0; i < REG_COUNT; ++i)
+            key[i] = packName(REG_LIST[i]);
+    }
+};
+} // namespace
+
 int getIndexFromRegName(const QString &name)
 {
+    static const PackedRegNames names;
+    const uint64_t k = packName(name);
+    if (k == 0) // longer than any register name, or empty: none matches
+        return -1;
     for (int i = 0; i < REG_COUNT; ++i) {
-        if (REG_LIST[i] == name)
+        if (names.key[i] == k)
             return i;
     }
     return -1;

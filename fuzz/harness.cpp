@@ -177,14 +177,6 @@ void restart(const char *properties, bool withHost)
     closeAll();
 }
 
-QByteArray withCrc(QByteArray bytes)
-{
-    const uint16_t crc = computate_check(reinterpret_cast<const unsigned char *>(bytes.constData()), static_cast<unsigned short>(bytes.size()));
-    bytes.append(static_cast<char>(crc & 0xFF));
-    bytes.append(static_cast<char>(crc >> 8));
-    return bytes;
-}
-
 namespace {
 bool coilAt(uint32_t a, uint32_t gen)
 {
@@ -196,52 +188,27 @@ uint16_t registerAt(uint32_t a, uint32_t gen)
 }
 } // namespace
 
-QByteArray Slave::answer(const FRAME_PRO &f) const
+QByteArray Slave::answer(const FRAME_PRO &f)
 {
     if (f.frameLen < 8 || f.frame[0] == 0)
         return QByteArray(); // nothing a slave would take, or a broadcast
     const uint8_t *p = f.frame;
     const uint32_t address = uint32_t(p[2] << 8 | p[3]);
-    const int quantity = p[4] << 8 | p[5];
-    QByteArray r;
-    r.append(static_cast<char>(p[0]));
-    r.append(static_cast<char>(p[1]));
-    const auto exception = [&](int code) {
-        r[1] = static_cast<char>(p[1] | 0x80);
-        r.append(static_cast<char>(code));
-        return withCrc(r);
-    };
-    switch (p[1]) {
-    case FC_READ_COILS: {
-        if (quantity < 1 || quantity > 2000)
-            return exception(3);
-        const int bytes = (quantity + 7) / 8;
-        r.append(static_cast<char>(bytes));
-        for (int i = 0; i < bytes; ++i) {
-            uint8_t v = 0;
-            for (int j = 0; j < 8 && 8 * i + j < quantity; ++j)
-                v = static_cast<uint8_t>(v | (coilAt(address + uint32_t(8 * i + j), gen) << j));
-            r.append(static_cast<char>(v));
-        }
-        break;
+    const uint32_t quantity = uint32_t(p[4] << 8 | p[5]);
+    const uint32_t end = std::min<uint32_t>(address + quantity, rtusim::kAddressSpace);
+    if (p[1] == FC_READ_COILS) {
+        for (uint32_t a = address; a < end; ++a)
+            memory_.coils[a] = coilAt(a, gen) ? 1 : 0;
+    } else if (p[1] == FC_READ_HOLDING) {
+        for (uint32_t a = address; a < end; ++a)
+            memory_.registers[a] = registerAt(a, gen);
     }
-    case FC_READ_HOLDING:
-        if (quantity < 1 || quantity > RTUPLC_MAX_READ_UNITS)
-            return exception(3);
-        r.append(static_cast<char>(2 * quantity));
-        for (int i = 0; i < quantity; ++i) {
-            const uint16_t w = registerAt(address + uint32_t(i), gen);
-            r.append(static_cast<char>(w >> 8));
-            r.append(static_cast<char>(w & 0xFF));
-        }
-        break;
-    case FC_WRITE_COILS:
-    case FC_WRITE_REGISTERS:
-        r = QByteArray(reinterpret_cast<const char *>(p), 6);
-        break;
-    default:
-        return exception(1);
-    }
+    rtusim::Limits limits;
+    limits.maxReadRegisters = RTUPLC_MAX_READ_UNITS;
+    limits.everyAddressMapped = true;
+    const std::vector<uint8_t> pdu = rtusim::executeRequest(memory_, p + 1, size_t(f.frameLen - 3), limits);
+    QByteArray r(1, static_cast<char>(p[0]));
+    r.append(reinterpret_cast<const char *>(pdu.data()), static_cast<int>(pdu.size()));
     return withCrc(r);
 }
 

@@ -13,6 +13,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "rtuplc_support/frames.h"
+#include "rtuplc_support/request.h"
 #include "serviceForProtocol.h"
 
 namespace fuzz {
@@ -138,15 +140,18 @@ void finish();
 // from the same place.
 void restart(const char *properties = kDefaultProperties, bool withHost = true);
 
-// A Modbus slave without memory of its own: coil a reads as bit (a * 7 + gen) % 3 == 0
-// and register a as a hash of (a, gen), so that bumping gen changes values.
+// The controller's request handling (support/) at every address, whose values move
+// with gen: before a read, coil a is set to (a * 7 + gen) % 3 == 0 and register a to a
+// hash of (a, gen), so that bumping gen changes what the next read sees.
 struct Slave {
     uint32_t gen = 0;
-    QByteArray answer(const FRAME_PRO &f) const;
+    QByteArray answer(const FRAME_PRO &f);
+
+private:
+    rtusim::StationMemory memory_;
 };
 
-// Bytes with the Modbus CRC appended, low byte first.
-QByteArray withCrc(QByteArray bytes);
+using rtusim::withCrc;
 
 // Checks what the driver hands the host: a frame inside its record, with a good CRC.
 void checkFrame(const FRAME_PRO &f);

@@ -203,8 +203,19 @@ void dealListWhenFinish()
         break;
     }
     case RTUPLC_KIND_MONITOR_READ:
-        if (driver.monitorList.size() >= 2)
+        if (driver.monitorList.size() >= 2) {
             driver.monitorList.append(driver.monitorList.takeFirst()); // round-robin
+            // The next block was last polled a whole rotation ago and has left the
+            // processor's cache: start fetching its request and its areas while the
+            // host carries this reply and the next frame.
+            const VARIABLE &next = driver.monitorList.constFirst();
+            for (size_t at = 0; at < sizeof(VARIABLE); at += 64)
+                __builtin_prefetch(reinterpret_cast<const char *>(&next) + at);
+            const int reg = getIndexFromRegName(next.regName);
+            if (reg >= 0)
+                driver.areaIndex.prefetchRun(driver.dataAreas, next.station, driver.areaIndex.prefixOfReg(reg),
+                                             next.startAddr, next.len);
+        }
         break;
     case RTUPLC_KIND_RECIPE_DOWNLOAD:
     case RTUPLC_KIND_RECIPE_UPLOAD: {

@@ -2,34 +2,21 @@
 // change reports to the host, and the host's reads.
 #include "serviceForProtocol.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 
 // ---------------------------------------------------------------------------------
 // Index of the data areas.
 
-namespace {
-constexpr size_t kInitialSlots = 64;
-
-uint64_t mix64(uint64_t x)
-{
-    x ^= x >> 33;
-    x *= 0xff51afd7ed558ccdULL;
-    x ^= x >> 33;
-    x *= 0xc4ceb9fe1a85ec53ULL;
-    x ^= x >> 33;
-    return x;
-}
-} // namespace
-
-uint64_t DataAreaIndex::hashKey(int station, int prefix, int addr)
-{
-    const uint64_t k = (uint64_t(uint32_t(station)) << 32) | uint32_t(addr);
-    return mix64(k ^ (uint64_t(uint32_t(prefix)) * 0x9E3779B97F4A7C15ULL));
-}
-
 int DataAreaIndex::prefixId(const QString &name)
 {
+    // Areas share the interned text, so the same characters are usually the same
+    // storage: try that before comparing characters.
+    for (size_t i = 0; i < prefixes_.size(); ++i) {
+        if (prefixes_[i].name.constData() == name.constData() && prefixes_[i].name.size() == name.size())
+            return static_cast<int>(i);
+    }
     for (size_t i = 0; i < prefixes_.size(); ++i) {
         if (prefixes_[i].name == name)
             return static_cast<int>(i);
@@ -44,33 +31,108 @@ int DataAreaIndex::prefixId(const QString &name)
     return static_cast<int>(prefixes_.size() - 1);
 }
 
+int DataAreaIndex::prefixOfReg(int reg)
+{
+    if (reg < 0 || reg >= REG_COUNT)
+        return -1;
+    if (regPrefix_[reg] < 0)
+        regPrefix_[reg] = prefixId(registerArea(reg).prefix);
+    return regPrefix_[reg];
+}
+
 void DataAreaIndex::clear()
 {
-    slots_.clear();
-    used_ = 0;
+    tables_.clear();
+    nearTables_.clear();
+    tableIds_.clear();
+    lastTable_ = -1;
+    cells_.clear();
+    cells_.shrink_to_fit(); // an emptied cache gives its memory back
+    far_.clear();
     indexed_ = 0;
+}
+
+int DataAreaIndex::tableOf(int station, int prefix, bool create)
+{
+    if (lastTable_ >= 0) {
+        const Table &t = tables_[size_t(lastTable_)];
+        if (t.station == station && t.prefix == prefix)
+            return lastTable_;
+    }
+    const bool near = station >= 0 && station < kNearStations && prefix < kNearPrefixes;
+    const size_t nearAt = size_t(station) * kNearPrefixes + size_t(prefix);
+    const uint64_t key = (uint64_t(uint32_t(station)) << 32) | uint32_t(prefix);
+    if (near) {
+        if (!nearTables_.empty() && nearTables_[nearAt] >= 0)
+            return lastTable_ = nearTables_[nearAt];
+    } else {
+        const auto it = tableIds_.find(key);
+        if (it != tableIds_.end())
+            return lastTable_ = it->second;
+    }
+    if (!create)
+        return -1;
+    tables_.push_back(Table{station, prefix, {}});
+    const int id = static_cast<int>(tables_.size() - 1);
+    if (near) {
+        if (nearTables_.empty())
+            nearTables_.assign(size_t(kNearStations) * kNearPrefixes, -1);
+        nearTables_[nearAt] = id;
+    } else {
+        tableIds_.emplace(key, id);
+    }
+    return lastTable_ = id;
+}
+
+void DataAreaIndex::prefetch(int station, int prefix, int addr)
+{
+    const int table = tableOf(station, prefix, false);
+    if (table < 0 || addr < 0 || addr >= kDirectLimit)
+        return;
+    const std::vector<int32_t> &pages = tables_[size_t(table)].pages;
+    const size_t page = size_t(addr) >> kPageBits;
+    if (page < pages.size() && pages[page] >= 0)
+        __builtin_prefetch(&cells_[size_t(pages[page]) + (size_t(addr) & (kPageSize - 1))]);
+}
+
+int32_t *DataAreaIndex::cell(int table, int addr, bool create)
+{
+    if (addr < 0 || addr >= kDirectLimit) {
+        const uint64_t key = (uint64_t(uint32_t(table)) << 32) | uint32_t(addr);
+        const auto it = far_.find(key);
+        if (it != far_.end())
+            return &it->second;
+        return create ? &far_.emplace(key, -1).first->second : nullptr;
+    }
+    std::vector<int32_t> &pages = tables_[size_t(table)].pages;
+    const size_t page = size_t(addr) >> kPageBits;
+    if (page >= pages.size()) {
+        if (!create)
+            return nullptr;
+        pages.resize(page + 1, -1);
+    }
+    if (pages[page] < 0) {
+        if (!create)
+            return nullptr;
+        pages[page] = static_cast<int32_t>(cells_.size());
+        cells_.resize(cells_.size() + kPageSize, -1);
+    }
+    return &cells_[size_t(pages[page]) + (size_t(addr) & (kPageSize - 1))];
+}
+
+bool DataAreaIndex::holds(const _DATA_ &a, int station, int prefix, int addr) const
+{
+    if (a.station != station || a.addr != addr)
+        return false;
+    const QString &name = prefixName(prefix);
+    return (a.regPrefix.constData() == name.constData() && a.regPrefix.size() == name.size()) || a.regPrefix == name;
 }
 
 void DataAreaIndex::insert(int station, int prefix, int addr, int index)
 {
-    const size_t mask = slots_.size() - 1;
-    size_t i = hashKey(station, prefix, addr) & mask;
-    while (slots_[i].index >= 0)
-        i = (i + 1) & mask;
-    slots_[i] = Slot{station, addr, prefix, index};
-    ++used_;
-}
-
-void DataAreaIndex::grow()
-{
-    std::vector<Slot> old;
-    old.swap(slots_);
-    slots_.assign(old.empty() ? kInitialSlots : old.size() * 2, Slot{0, 0, 0, -1});
-    used_ = 0;
-    for (const Slot &s : old) {
-        if (s.index >= 0)
-            insert(s.station, s.prefix, s.addr, s.index);
-    }
+    int32_t *c = cell(tableOf(station, prefix, true), addr, true);
+    if (*c < 0) // keep the first of equal keys
+        *c = index;
 }
 
 void DataAreaIndex::rebuild(const QList<_DATA_> &areas)
@@ -78,44 +140,64 @@ void DataAreaIndex::rebuild(const QList<_DATA_> &areas)
     clear();
     for (int i = 0; i < areas.size(); ++i) {
         const _DATA_ &a = areas.at(i);
-        const int p = prefixId(a.regPrefix);
-        if (probe(a.station, p, a.addr) < 0) { // keep the first of equal keys
-            if ((used_ + 1) * 2 > slots_.size())
-                grow();
-            insert(a.station, p, a.addr, i);
-        }
+        insert(a.station, prefixId(a.regPrefix), a.addr, i);
     }
     indexed_ = areas.size();
-}
-
-int DataAreaIndex::probe(int station, int prefix, int addr) const
-{
-    if (slots_.empty())
-        return -1;
-    const size_t mask = slots_.size() - 1;
-    for (size_t i = hashKey(station, prefix, addr) & mask;; i = (i + 1) & mask) {
-        const Slot &s = slots_[i];
-        if (s.index < 0)
-            return -1;
-        if (s.station == station && s.addr == addr && s.prefix == prefix)
-            return s.index;
-    }
 }
 
 int DataAreaIndex::find(const QList<_DATA_> &areas, int station, int prefix, int addr)
 {
     if (indexed_ != areas.size())
         rebuild(areas);
-    const int index = probe(station, prefix, addr);
-    if (index < 0)
-        return -1;
-    // A host that rewrote an area in place leaves a stale entry behind: check the area
-    // itself and rebuild once if it no longer matches.
-    const _DATA_ &a = areas.at(index);
-    if (a.station == station && a.addr == addr && a.regPrefix == prefixName(prefix))
-        return index;
-    rebuild(areas);
-    return probe(station, prefix, addr);
+    for (int attempt = 0;; ++attempt) {
+        const int table = tableOf(station, prefix, false);
+        const int32_t *c = table < 0 ? nullptr : cell(table, addr, false);
+        const int index = c ? *c : -1;
+        // A host that rewrote an area in place leaves a stale entry behind: check the
+        // area itself and rebuild once if it no longer matches.
+        if (index < 0 || holds(areas.at(index), station, prefix, addr) || attempt > 0)
+            return index;
+        rebuild(areas);
+    }
+}
+
+void DataAreaIndex::findRun(const QList<_DATA_> &areas, int station, int prefix, int start, int count, int *out)
+{
+    if (indexed_ != areas.size())
+        rebuild(areas);
+    // First the positions, one table for the whole run; then every area is asked for
+    // at once (a block spans pages of memory the processor's prefetcher does not cross,
+    // and the fetches overlap), and only then checked.
+    const int table = tableOf(station, prefix, false);
+    for (int i = 0; i < count; ++i) {
+        const int32_t *c = table < 0 ? nullptr : cell(table, static_cast<int>(uint32_t(start) + uint32_t(i)), false);
+        out[i] = c ? *c : -1;
+    }
+    for (int i = 0; i < count; ++i) {
+        if (out[i] >= 0)
+            __builtin_prefetch(&areas.at(out[i]));
+    }
+    for (int i = 0; i < count; ++i) {
+        if (out[i] >= 0 && !holds(areas.at(out[i]), station, prefix, static_cast<int>(uint32_t(start) + uint32_t(i)))) {
+            for (int j = 0; j < count; ++j) // stale: find() rebuilds and looks again
+                out[j] = find(areas, station, prefix, static_cast<int>(uint32_t(start) + uint32_t(j)));
+            return;
+        }
+    }
+}
+
+void DataAreaIndex::prefetchRun(const QList<_DATA_> &areas, int station, int prefix, int start, int count)
+{
+    if (indexed_ != areas.size())
+        return; // findRun will rebuild first; nothing worth fetching now
+    const int table = tableOf(station, prefix, false);
+    if (table < 0)
+        return;
+    for (int i = 0; i < count && i < kPageSize * 4; ++i) {
+        const int32_t *c = cell(table, static_cast<int>(uint32_t(start) + uint32_t(i)), false);
+        if (c && *c >= 0 && *c < areas.size())
+            __builtin_prefetch(&areas.at(*c));
+    }
 }
 
 void DataAreaIndex::add(const QList<_DATA_> &areas, int station, int prefixId, int addr, int index)
@@ -124,8 +206,6 @@ void DataAreaIndex::add(const QList<_DATA_> &areas, int station, int prefixId, i
         rebuild(areas);
         return;
     }
-    if ((used_ + 1) * 2 > slots_.size())
-        grow();
     insert(station, prefixId, addr, index);
     indexed_ = index + 1;
 }
@@ -205,7 +285,7 @@ void reportUnit(int area, bool word, int plainName)
     AreaReport r;
     if (!reportOf(area, r))
         return;
-    const ItemTexts texts = *r.texts;
+    const ItemTexts &texts = *r.texts; // interned texts never move
     if (plainName != 0) {
         if (r.flags & MON_UNIT)
             notifyHost(driver.driverId, r.station, texts.plain, r.addr);
@@ -231,8 +311,7 @@ void _bitDataChange(int area)
     AreaReport r;
     if (!reportOf(area, r) || !(r.flags & MON_UNIT))
         return;
-    const QString text = r.texts->plain;
-    notifyHost(driver.driverId, r.station, text, r.addr);
+    notifyHost(driver.driverId, r.station, r.texts->plain, r.addr);
 }
 
 void _wordDataChange(int *oldValue, int *newValue, int area, int plainName)
@@ -270,13 +349,30 @@ void analyzeFrameOfVal(const QByteArray &reply, int count, int dataPos, const VA
     if (reg < 0)
         return;
     const RegisterArea &info = registerArea(reg);
-    const int pid = driver.areaIndex.prefixId(info.prefix);
+    const int pid = driver.areaIndex.prefixOfReg(reg);
     const int plainName = info.plainName ? 1 : 0;
     const uint32_t generation = driver.resetGeneration;
     const auto addrOf = [&](int i) { return static_cast<int>(uint32_t(var.startAddr) + uint32_t(i)); };
 
+    // The block's areas are resolved once, a chunk at a time, before the values are
+    // compared: one table for the block, its cells walked in order. A position is
+    // used while the list keeps its size and the area still holds the key; once a
+    // callback has added areas (or the host changed the list) each unit is looked up
+    // again, and a unit with no area yet gets one when its turn comes, so areas are
+    // created in the same order as by a lookup per unit.
+    constexpr int kChunk = 128;
+    int resolved[kChunk];
+    int resolvedSize = -1;
     for (int i = 0; i < count; ++i) {
-        const int k = getIndexOfDataArea(var.station, pid, addrOf(i));
+        if (i % kChunk == 0) {
+            driver.areaIndex.findRun(driver.dataAreas, var.station, pid, addrOf(i), std::min(kChunk, count - i),
+                                     resolved);
+            resolvedSize = driver.dataAreas.size();
+        }
+        int k = resolved[i % kChunk];
+        if (k < 0 || driver.dataAreas.size() != resolvedSize ||
+            !driver.areaIndex.holds(driver.dataAreas.at(k), var.station, pid, addrOf(i)))
+            k = getIndexOfDataArea(var.station, pid, addrOf(i));
         _DATA_ &area = driver.dataAreas[k];
         // Units are decoded by their width on the wire: D_D travels as its registers.
         if (info.kind == AreaKind::Bit) {

@@ -116,6 +116,31 @@ std::vector<MergeItem> bridgeGaps(const std::vector<MergeItem> &blocks)
     return out;
 }
 
+// Sorts keys of (weight << 32 | position) by weight, keeping positions in order among
+// equal weights: three stable counting passes of 11 bits over the weight, linear in the
+// number of items where a comparison sort of 100k items costs several times more.
+void sortByWeight(std::vector<uint64_t> &keys)
+{
+    constexpr int kBits = 11;
+    constexpr size_t kBuckets = size_t(1) << kBits;
+    std::vector<uint64_t> other(keys.size());
+    std::vector<size_t> count(kBuckets);
+    for (int shift = 32; shift < 64; shift += kBits) {
+        std::fill(count.begin(), count.end(), 0);
+        for (const uint64_t k : keys)
+            ++count[(k >> shift) & (kBuckets - 1)];
+        size_t at = 0;
+        for (size_t &c : count) {
+            const size_t n = c;
+            c = at;
+            at += n;
+        }
+        for (const uint64_t k : keys)
+            other[count[(k >> shift) & (kBuckets - 1)]++] = k;
+        keys.swap(other);
+    }
+}
+
 } // namespace
 
 uint32_t getRegAddressWeight(int station, const QString &regName, int startAddr, int len)
@@ -131,28 +156,57 @@ std::vector<MergeItem> addrMerge(std::vector<MergeItem> items, int mode, QList<i
     if (items.empty())
         return {};
     const bool recipe = mode == MERGE_RECIPE;
-    for (MergeItem &it : items) {
+    // Per register, what monitor planning reads it as: D_D and D_W share the D
+    // registers and are read together as D_W. One shared text per register, so that
+    // no item builds a string of its own.
+    static const struct MonitorNames {
+        QString name[REG_COUNT];
+        MonitorNames()
+        {
+            for (int i = 0; i < REG_COUNT; ++i) {
+                const RegisterArea &area = registerArea(i);
+                name[i] = area.name.contains(QLatin1Char('_')) ? area.prefix + QStringLiteral("_W") : area.name;
+                const int same = getIndexFromRegName(name[i]);
+                if (same >= 0)
+                    name[i] = REG_LIST[same]; // items carry REG_LIST's texts: most need no assignment
+            }
+        }
+    } monitorNames;
+    // Weight of each register's name in the host-visible register list, looked up once
+    // per call instead of once per item (-2: not yet looked up).
+    int regWeight[REG_COUNT];
+    std::fill(std::begin(regWeight), std::end(regWeight), -2);
+    std::vector<uint64_t> order; // weight in the high half, position in the low: sorts stably
+    if (!recipe)
+        order.reserve(items.size());
+    for (size_t i = 0; i < items.size(); ++i) {
+        MergeItem &it = items[i];
         const int reg = getIndexFromRegName(it.regName);
-        if (reg < 0)
-            continue; // unknown areas merge only with their very own name
-        if (!recipe && it.regName.contains(QLatin1Char('_'))) // D_D and D_W share the D registers
-            it.regName = registerArea(reg).prefix + QStringLiteral("_W");
-        it.len = unitsOfHostLength(reg, static_cast<int>(it.len));
+        if (reg >= 0)
+            it.len = unitsOfHostLength(reg, static_cast<int>(it.len));
+        if (recipe)
+            continue;
+        uint32_t weight;
+        if (reg >= 0) {
+            const QString &name = monitorNames.name[reg];
+            if (it.regName.constData() != name.constData())
+                it.regName = name;
+            int &p = regWeight[reg];
+            if (p == -2)
+                p = driver.regList.indexOf(name);
+            const uint32_t n = static_cast<uint32_t>(driver.regList.size());
+            weight = (uint32_t(it.station) * n + uint32_t(p)) * kWeightStep + uint32_t(int(it.startAddr));
+        } else { // unknown areas merge only with their very own name
+            weight = getRegAddressWeight(it.station, it.regName, static_cast<int>(it.startAddr), static_cast<int>(it.len));
+        }
+        order.push_back((uint64_t(weight) << 32) | uint64_t(i));
     }
     if (!recipe && items.size() >= 2) {
-        std::vector<std::pair<uint32_t, size_t>> order(items.size());
-        for (size_t i = 0; i < items.size(); ++i) {
-            const MergeItem &it = items[i];
-            order[i] = {getRegAddressWeight(it.station, it.regName, static_cast<int>(it.startAddr),
-                                            static_cast<int>(it.len)),
-                        i};
-        }
-        std::stable_sort(order.begin(), order.end(),
-                         [](const auto &a, const auto &b) { return a.first < b.first; });
+        sortByWeight(order);
         std::vector<MergeItem> sorted;
         sorted.reserve(items.size());
-        for (const auto &o : order)
-            sorted.push_back(std::move(items[o.second]));
+        for (const uint64_t o : order)
+            sorted.push_back(std::move(items[size_t(o & 0xFFFFFFFFu)]));
         items.swap(sorted);
     }
 
@@ -227,7 +281,7 @@ int _setDataAreaMonitorFlag(int station, const QString &regName, int startAddr, 
     if (reg < 0)
         return -1;
     const RegisterArea &area = registerArea(reg);
-    const int pid = driver.areaIndex.prefixId(area.prefix);
+    const int pid = driver.areaIndex.prefixOfReg(reg);
     const auto flag = [&](int64_t a, int bit) {
         if (a > INT_MAX || a < INT_MIN)
             return;
@@ -270,11 +324,38 @@ RTUPLC_EXPORT int intf_addrMerge(QList<KEY_ADDRESS> &list)
         std::vector<MergeItem> items;
         items.reserve(static_cast<size_t>(list.size()));
         for (int i = 0; i < list.size(); ++i) {
+            // Each record is a heap node of its own, a kilobyte from the next, and its
+            // name another: fetch the record a few ahead, and the name of one whose
+            // record has arrived.
+            if (i + 8 < list.size()) {
+                const char *ahead = reinterpret_cast<const char *>(&list.at(i + 8));
+                __builtin_prefetch(ahead);
+                __builtin_prefetch(ahead + 63);
+            }
+            if (i + 4 < list.size())
+                __builtin_prefetch(const_cast<QString &>(list.at(i + 4).regName).data_ptr());
             const KEY_ADDRESS &k = list.at(i);
             if (!hostRangeFits(k.startAddr, std::max(k.len, 0)))
                 continue; // no screen shows that many units; flagging them would exhaust memory
-            _setDataAreaMonitorFlag(k.station, k.regName, k.startAddr, k.len);
-            items.push_back(MergeItem{k.station, k.regName, k.startAddr, k.len, i, 0});
+            // The table's own text of a known name: the same characters, and no host
+            // string is read or shared again from here on.
+            const int reg = getIndexFromRegName(k.regName);
+            items.push_back(MergeItem{k.station, reg >= 0 ? REG_LIST[reg] : k.regName, k.startAddr, k.len, i, 0});
+        }
+        // Flags in the host's order (areas are created in that order). Screens list their
+        // items in no order of address, so each item's areas are somewhere else in the
+        // index: the index of an item a few ahead is fetched while this one is flagged.
+        constexpr size_t kAhead = 8;
+        for (size_t i = 0; i < items.size(); ++i) {
+            if (i + kAhead < items.size()) {
+                const MergeItem &next = items[i + kAhead];
+                const int reg = getIndexFromRegName(next.regName);
+                if (reg >= 0)
+                    driver.areaIndex.prefetch(next.station, driver.areaIndex.prefixOfReg(reg),
+                                              static_cast<int>(next.startAddr));
+            }
+            const MergeItem &it = items[i];
+            _setDataAreaMonitorFlag(it.station, it.regName, static_cast<int>(it.startAddr), static_cast<int>(it.len));
         }
         driver.monitorList.clear();
         if (items.empty())

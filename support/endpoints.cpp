@@ -59,11 +59,13 @@ bool answerFrames(Simulator::Impl &sim, RtuFramer &framer, int fd)
         auto answer = sim.serve(*frame);
         if (!answer)
             continue;
-        if (answer->delay.count() > 0 && sim.stop.waitFor(answer->delay))
-            return true; // stopping: the reply no longer matters
-        sim.logFrame("tx", answer->reply);
-        if (!writeAll(fd, answer->reply.data(), answer->reply.size(), kWriteTimeout))
-            return false;
+        for (const auto &piece : answer->pieces) {
+            if (piece.after.count() > 0 && sim.stop.waitFor(piece.after))
+                return true; // stopping: the reply no longer matters
+            sim.logFrame("tx", piece.bytes);
+            if (!writeAll(fd, piece.bytes.data(), piece.bytes.size(), kWriteTimeout))
+                return false;
+        }
         ++sim.counters.replies;
     }
     return true;

@@ -20,6 +20,13 @@ std::vector<uint8_t> exception(uint8_t function, uint8_t code)
     return {static_cast<uint8_t>(function | fc::kExceptionFlag), code};
 }
 
+bool mapped(const Limits &l, Space space, uint32_t first, uint32_t count)
+{
+    if (l.everyAddressMapped)
+        return uint64_t(first) + count <= kAddressSpace;
+    return isMapped(space, first, count);
+}
+
 // Header of every request served here: function, address, quantity (or value).
 constexpr size_t kHeaderBytes = 5;
 // Multiple writes add a byte count after the header.
@@ -29,7 +36,7 @@ std::vector<uint8_t> readCoils(const StationMemory &m, uint8_t f, uint16_t first
 {
     if (count < 1 || count > l.maxReadCoils)
         return exception(f, ex::kIllegalDataValue);
-    if (!isMapped(Space::Coils, first, count))
+    if (!mapped(l, Space::Coils, first, count))
         return exception(f, ex::kIllegalDataAddress);
     std::vector<uint8_t> out{f, static_cast<uint8_t>((count + 7) / 8)};
     for (int i = 0; i < count; i += 8) {
@@ -46,7 +53,7 @@ std::vector<uint8_t> readRegisters(const StationMemory &m, uint8_t f, uint16_t f
 {
     if (count < 1 || count > l.maxReadRegisters)
         return exception(f, ex::kIllegalDataValue);
-    if (!isMapped(Space::Registers, first, count))
+    if (!mapped(l, Space::Registers, first, count))
         return exception(f, ex::kIllegalDataAddress);
     std::vector<uint8_t> out{f, static_cast<uint8_t>(2 * count)};
     for (int i = 0; i < count; ++i)
@@ -84,12 +91,12 @@ std::vector<uint8_t> executeRequest(StationMemory &memory, const uint8_t *pdu, s
     case fc::kWriteSingleCoil:
         if (quantity != kCoilOn && quantity != kCoilOff)
             return exception(f, ex::kIllegalDataValue);
-        if (!isMapped(Space::Coils, address, 1))
+        if (!mapped(limits, Space::Coils, address, 1))
             return exception(f, ex::kIllegalDataAddress);
         memory.coils[address] = quantity == kCoilOn ? 1 : 0;
         return echo;
     case fc::kWriteSingleRegister:
-        if (!isMapped(Space::Registers, address, 1))
+        if (!mapped(limits, Space::Registers, address, 1))
             return exception(f, ex::kIllegalDataAddress);
         memory.registers[address] = quantity;
         return echo;
@@ -106,7 +113,7 @@ std::vector<uint8_t> executeRequest(StationMemory &memory, const uint8_t *pdu, s
         if (quantity < 1 || quantity > limits.maxWriteCoils || byteCount != size_t(quantity + 7) / 8 ||
             n < kMultipleWriteHeaderBytes + byteCount)
             return exception(f, ex::kIllegalDataValue);
-        if (!isMapped(Space::Coils, address, quantity))
+        if (!mapped(limits, Space::Coils, address, quantity))
             return exception(f, ex::kIllegalDataAddress);
         for (int i = 0; i < quantity; ++i)
             memory.coils[address + i] = (data[i / 8] >> (i % 8)) & 1;
@@ -115,7 +122,7 @@ std::vector<uint8_t> executeRequest(StationMemory &memory, const uint8_t *pdu, s
     if (quantity < 1 || quantity > limits.maxWriteRegisters || byteCount != size_t(2 * quantity) ||
         n < kMultipleWriteHeaderBytes + byteCount)
         return exception(f, ex::kIllegalDataValue);
-    if (!isMapped(Space::Registers, address, quantity))
+    if (!mapped(limits, Space::Registers, address, quantity))
         return exception(f, ex::kIllegalDataAddress);
     for (int i = 0; i < quantity; ++i)
         memory.registers[address + i] = word(data + 2 * i);

@@ -111,10 +111,13 @@ std::optional<Simulator::Impl::Answer> Simulator::Impl::serve(const std::vector<
         return std::nullopt;
     }
 
-    bool drop, executeDropped, refuse, corrupt;
+    bool drop, executeDropped, refuse, corrupt, late, doubled, foreign, noise, split, wrongFunction;
     size_t flipBit = 0;
-    std::chrono::microseconds delay;
+    std::chrono::microseconds delay, lateBy;
     std::optional<SerialLine> pacing;
+    std::vector<uint8_t> noiseBytes;
+    std::vector<std::chrono::microseconds> gaps; // between pieces: the copy, the splits
+    std::vector<size_t> cuts;
     {
         std::lock_guard<std::mutex> lock(faultMutex);
         std::uniform_real_distribution<double> p(0.0, 1.0);
@@ -124,6 +127,26 @@ std::optional<Simulator::Impl::Answer> Simulator::Impl::serve(const std::vector<
         corrupt = p(random) < faults.corrupt;
         flipBit = std::uniform_int_distribution<size_t>(0, 8 * kMaxFrameBytes)(random);
         delay = std::chrono::milliseconds(faults.delayMs);
+        // The fields added later are drawn only when set, so that old seeds repeat.
+        const auto draw = [&](double q) { return q > 0 && p(random) < q; };
+        late = draw(faults.late);
+        lateBy = std::chrono::milliseconds(faults.lateByMs);
+        doubled = draw(faults.doubled);
+        foreign = draw(faults.foreign);
+        noise = draw(faults.noise);
+        split = draw(faults.split);
+        wrongFunction = draw(faults.wrongFunction);
+        std::uniform_int_distribution<int> byte(0, 255), ms(1, 5);
+        if (noise)
+            noiseBytes.resize(size_t(std::uniform_int_distribution<int>(1, 8)(random)));
+        for (uint8_t &b : noiseBytes)
+            b = uint8_t(byte(random));
+        for (int i = 0; i < 4; ++i) {
+            gaps.push_back(std::chrono::milliseconds(ms(random)));
+            cuts.push_back(size_t(byte(random)));
+        }
+        if (split)
+            cuts.resize(size_t(std::uniform_int_distribution<int>(1, 3)(random)));
         pacing = this->pacing;
     }
 
@@ -139,6 +162,30 @@ std::optional<Simulator::Impl::Answer> Simulator::Impl::serve(const std::vector<
             return std::nullopt;
         }
         std::vector<uint8_t> pduReply;
+        if (foreign && !refuse) {
+            // Another slave answers in its stead: the next simulated station, or one
+            // past it with the pattern, with its own data for the same request.
+            auto next = std::find(stations.begin(), stations.end(), station);
+            int other = std::next(next) != stations.end() ? *std::next(next) : stations.front();
+            StationMemory scratch;
+            StationMemory *m = nullptr;
+            if (other == station) {
+                other = station % kHighestStation + 1;
+                fillMemory(scratch, other, Fill::Pattern);
+                m = &scratch;
+            } else {
+                m = &memory.at(other);
+            }
+            if (isWriteFunction(pdu[0]))
+                pduReply.assign(pdu, pdu + 5); // the echo, without writing anything
+            else
+                pduReply = executeRequest(*m, pdu, pduBytes, limits);
+            ++counters.foreign;
+            reply[0] = static_cast<uint8_t>(other);
+            reply.insert(reply.end(), pduReply.begin(), pduReply.end());
+            appendCrc(reply);
+            return Answer{{Piece{reply, delay}}};
+        }
         if (refuse)
             pduReply = {static_cast<uint8_t>(pdu[0] | fc::kExceptionFlag), ex::kDeviceBusy};
         else
@@ -153,6 +200,10 @@ std::optional<Simulator::Impl::Answer> Simulator::Impl::serve(const std::vector<
             ++counters.exceptions;
         reply.insert(reply.end(), pduReply.begin(), pduReply.end());
     }
+    if (wrongFunction) {
+        reply[1] ^= 0x04; // 03 becomes 07, 10 becomes 14: a function nobody asked for
+        ++counters.wrongFunction;
+    }
     appendCrc(reply);
     if (corrupt) {
         const size_t bit = flipBit % (8 * reply.size());
@@ -161,7 +212,35 @@ std::optional<Simulator::Impl::Answer> Simulator::Impl::serve(const std::vector<
     }
     if (pacing)
         delay += characterTime(*pacing) * int64_t(frame.size() + reply.size());
-    return Answer{reply, delay};
+    if (late) {
+        delay += lateBy;
+        ++counters.late;
+    }
+    Answer answer;
+    if (noise) {
+        answer.pieces.push_back(Piece{noiseBytes, delay});
+        delay = std::chrono::microseconds(0);
+        ++counters.noise;
+    }
+    // Cut points inside the reply, in order; none unless split.
+    std::vector<size_t> at;
+    for (size_t c : (split ? cuts : std::vector<size_t>{}))
+        at.push_back(1 + c % (reply.size() - 1));
+    std::sort(at.begin(), at.end());
+    at.erase(std::unique(at.begin(), at.end()), at.end());
+    if (!at.empty())
+        ++counters.split;
+    size_t from = 0;
+    for (size_t i = 0; i <= at.size(); ++i) {
+        const size_t to = i < at.size() ? at[i] : reply.size();
+        answer.pieces.push_back(Piece{{reply.begin() + long(from), reply.begin() + long(to)}, i == 0 ? delay : gaps[i]});
+        from = to;
+    }
+    if (doubled) {
+        answer.pieces.push_back(Piece{reply, gaps[0]});
+        ++counters.doubled;
+    }
+    return answer;
 }
 
 // ---------------------------------------------------------------------------------
@@ -362,6 +441,12 @@ Counters Simulator::counters() const
     r.dropped = c.dropped;
     r.corrupted = c.corrupted;
     r.discarded = c.discarded;
+    r.late = c.late;
+    r.doubled = c.doubled;
+    r.foreign = c.foreign;
+    r.noise = c.noise;
+    r.split = c.split;
+    r.wrongFunction = c.wrongFunction;
     return r;
 }
 

@@ -17,7 +17,8 @@ namespace rtusim {
 // Counters updated by several endpoint threads.
 struct AtomicCounters {
     std::atomic<uint64_t> requests{0}, replies{0}, exceptions{0}, writes{0}, broadcasts{0}, otherStations{0},
-        dropped{0}, corrupted{0}, discarded{0};
+        dropped{0}, corrupted{0}, discarded{0}, late{0}, doubled{0}, foreign{0}, noise{0}, split{0},
+        wrongFunction{0};
 };
 
 // A pipe that becomes readable, for good, when the simulator stops: every endpoint
@@ -63,10 +64,14 @@ struct Simulator::Impl {
     StationMemory &stationMemory(int station); // under memoryMutex
     const StationMemory &stationMemory(int station) const;
 
-    // Serves one frame with a valid CRC: the reply to send, if any, after `delay`.
+    // Serves one frame with a valid CRC: the bytes to send, if any, as pieces each
+    // written `after` the one before (the first after the request).
+    struct Piece {
+        std::vector<uint8_t> bytes;
+        std::chrono::microseconds after{0};
+    };
     struct Answer {
-        std::vector<uint8_t> reply;
-        std::chrono::microseconds delay{0};
+        std::vector<Piece> pieces;
     };
     std::optional<Answer> serve(const std::vector<uint8_t> &frame);
 

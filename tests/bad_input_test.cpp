@@ -50,33 +50,15 @@ TEST_F(BadInput, RefusedCallsChangeNothing)
         {"condition read unknown area", [] { return intf_addConditionRead(key(1, "Q", 0, 1), 3); }, -1},
         {"condition read huge", [] { return intf_addConditionRead(key(1, "D_W", 0, INT_MAX), 3); }, -1},
         {"condition read past int", [] { return intf_addConditionRead(key(1, "D_W", INT_MAX, 5), 3); }, -1},
-        {"multiCopy null texts",
-         [] {
-             QVector<int> v;
-             return intf_multiCopy("D_W", 0, 1, 1, nullptr, &v);
-         },
-         0},
-        {"multiCopy huge count",
-         [] {
-             QVector<QString> t;
-             QVector<int> v;
-             return intf_multiCopy("D_W", 0, INT_MAX, 1, &t, &v) + t.size() + v.size();
-         },
-         0},
+        {"multiCopy null texts", [] { QVector<int> v; return intf_multiCopy("D_W", 0, 1, 1, nullptr, &v); }, 0},
+        {"multiCopy huge count", [] { QVector<QString> t; QVector<int> v;
+             return intf_multiCopy("D_W", 0, INT_MAX, 1, &t, &v) + t.size() + v.size(); }, 0},
         {"list by type null", [] { return intf_getRegListByType(0, nullptr); }, 0},
         {"description null", [] { return intf_getRegDiscription("X", nullptr); }, 0},
         {"validity null addr", [] { return intf_checkAddrValidity("X", "7", nullptr, 1, 0); }, 4},
-        {"validity text beyond int", [] {
-             int a = 5;
-             return intf_checkAddrValidity("D_W", "99999999999", &a, 1, 1) * 10 + a;
-         }, 40},
+        {"validity text beyond int", [] { int a = 5; return intf_checkAddrValidity("D_W", "99999999999", &a, 1, 1) * 10 + a; }, 40},
         {"typed check null addr unknown area", [] { return intf_checkAddr("Q", "7", nullptr, 0, 1, 0); }, 3},
-        {"deal with nothing in flight",
-         [] {
-             QString t = "x";
-             return intf_dealRcvFrame(QByteArray(5000, '\x01'), t) + t.size();
-         },
-         0},
+        {"deal with nothing in flight", [] { QString t = "x"; return intf_dealRcvFrame(QByteArray(5000, '\x01'), t) + t.size(); }, 0},
     };
     for (const Row &r : rows) {
         restart("1#0#0#3#64");
@@ -95,39 +77,9 @@ TEST_F(BadInput, OddRegistrationsStayHarmless)
     FakeController plc;
     for (int i = 0; i < 10; ++i)
         plc.run(1);
-    QVector<_RCP_VAR_PRO> vars(3);
-    for (_RCP_VAR_PRO &v : vars) {
-        v.driverId = 1;
-        v.station = 1;
-        v.regName = "D_W";
-        v.len = -4;
-    }
-    vars[1].len = 0;
-    vars[2].regName = "nope";
-    vars[2].len = 2;
+    QVector<_RCP_VAR_PRO> vars = {rcp("D_W", 0, -4, 0), rcp("D_W", 0, 0, 0), rcp("nope", 0, 2, 0)};
     EXPECT_EQ(intf_setRcpAddress(vars), 3);
     EXPECT_EQ(driver.rcpReqs.size(), 1) << "only the unknown area gets a request, which builds nothing";
-}
-
-TEST_F(BadInput, PropertyTextsOfAnyShape)
-{
-    struct Row {
-        QByteArray text;
-        int maxBlockLen;
-    } rows[] = {
-        {QByteArray("1#0#0#3#99999999999"), 0},  {QByteArray("1#0#0#3#\xE9\xFF"), 0},
-        {QByteArray("1#0#0#3#-2147483648"), INT_MIN}, {QByteArray(100000, '#'), 0},
-        {QByteArray("1#0#0#3#+12"), 12},
-    };
-    for (const Row &r : rows) {
-        EXPECT_EQ(intf_initProperty(nullptr, 0, nullptr, nullptr, r.text.constData(), nullptr), 1);
-        EXPECT_EQ(driver.maxBlockLen, r.maxBlockLen) << r.text.left(30).constData();
-        // Long writes still cut into frames that fit.
-        std::vector<uint8_t> data(1024, 1);
-        EXPECT_EQ(intf_setData(1, "D_W", 0, 512, data.data(), 2), 1);
-        for (const VARIABLE &v : driver.writeList)
-            EXPECT_LE(v.len, FRAME_MAX_WRITE_REGISTERS);
-    }
 }
 
 } // namespace

@@ -1,6 +1,8 @@
 // The value cache: change reports, decoding replies into data areas, host reads.
 #include "driver_fixture.h"
 
+#include <functional>
+
 using namespace testing_support;
 
 namespace {
@@ -185,6 +187,74 @@ TEST_F(Cache, IndexFollowsTheListWhenTheHostEditsIt)
     EXPECT_EQ(getIndexOfDataArea(3, "X", 1, other), 0);
     EXPECT_EQ(getIndexOfDataArea(3, "X", 1, other), 0);
     EXPECT_EQ(other.size(), 1);
+}
+
+// A callback that makes the screen read an address nobody has read yet: the list of
+// areas grows while a reply is being decoded.
+void reportAndReadNewAddress(int id, int station, QString &item, int addr)
+{
+    recordReport(id, station, item, addr);
+    unsigned char out[2];
+    intf_getData(station, QStringLiteral("D_W"), 1000 + addr, 1, out);
+}
+
+// A polled block lands in the right areas however the cache changed since it was
+// registered: areas added by screens, writes and other reads, a restart, or a host
+// that edited the list behind the driver's back.
+TEST_F(Cache, PolledBlockFindsItsAreasAfterTheCacheChanged)
+{
+    const auto unit = [](int addr) {
+        for (int i = 0; i < driver.dataAreas.size(); ++i) { // first match, as a scan finds it
+            const _DATA_ &a = driver.dataAreas.at(i);
+            if (a.station == 1 && a.regPrefix == QLatin1String("D") && a.addr == addr)
+                return i;
+        }
+        return -1;
+    };
+    const QStringList all = {"1/1/D_W/10", "1/1/D_W/11", "1/1/D_W/12", "1/1/D_W/13"};
+    struct Row {
+        const char *what;
+        std::function<void()> change;
+        QStringList expected; // reports of the second poll
+    } rows[] = {
+        {"nothing", [] {}, all},
+        {"screen reads new addresses", [] { read(1, "D_W", 100, 3, 6); }, all},
+        {"local writes, old and new", [] {
+             unsigned char w[2] = {9, 9};
+             intf_setData(1, "D_W", 12, 1, w, 2);
+             intf_setData(1, "D_W", 300, 1, w, 2);
+         }, all},
+        {"another read decoded", [] {
+             analyzeFrameOfVal(registersReply(1, {7, 7}), 2, 3, variable(1, "D_W", 500, 2, RTUPLC_KIND_CONDITION_READ));
+         }, all},
+        {"restart and register again", [] {
+             intf_initProperty(nullptr, 0, nullptr, nullptr, "1#1#0#3#64", nullptr);
+             QList<KEY_ADDRESS> keys = {key(1, "D_W", 10, 4)};
+             intf_addrMerge(keys);
+         }, all},
+        {"host empties the list", [] { driver.dataAreas.clear(); }, {}},
+        {"host removes the first area", [] { driver.dataAreas.removeFirst(); },
+         {"1/1/D_W/11", "1/1/D_W/12", "1/1/D_W/13"}},
+        {"host rekeys an area", [&] { driver.dataAreas[unit(11)].addr = 99; },
+         {"1/1/D_W/10", "1/1/D_W/12", "1/1/D_W/13"}},
+        {"callback grows the list", [] { intf_setAddrValueChangeCallBack(reportAndReadNewAddress); }, all},
+    };
+    for (const Row &r : rows) {
+        restart("1#1#0#3#64"); // local writes: nothing but the block goes out
+        QList<KEY_ADDRESS> keys = {key(1, "D_W", 10, 4)};
+        intf_addrMerge(keys);
+        ASSERT_EQ(exchange(registersReply(1, {1, 2, 3, 4})), 1);
+        r.change();
+        reports().clear();
+        ASSERT_EQ(exchange(registersReply(1, {5, 6, 7, 8})), 1) << r.what;
+        EXPECT_EQ(reports().filter("D_W/1"), r.expected) << r.what;
+        for (int a = 10; a < 14; ++a) {
+            ASSERT_GE(unit(a), 0) << r.what << " " << a;
+            EXPECT_EQ(driver.dataAreas.at(unit(a)).value[0], 5 + a - 10) << r.what << " " << a;
+            EXPECT_EQ(driver.dataAreas.at(unit(a)).writePending, 0) << r.what << " " << a;
+        }
+        EXPECT_EQ(read(1, "D_W", 10, 4, 8).toHex(), QByteArray("0500060007000800")) << r.what;
+    }
 }
 
 } // namespace

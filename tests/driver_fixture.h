@@ -10,6 +10,7 @@
 #include <ostream>
 #include <vector>
 
+#include "rtuplc_support/frames.h"
 #include "rtuplc_support/request.h"
 #include "serviceForProtocol.h"
 
@@ -37,14 +38,7 @@ inline void recordReport(int id, int station, QString &item, int addr)
     reports() << QStringLiteral("%1/%2/%3/%4").arg(id).arg(station).arg(item).arg(addr);
 }
 
-// Bytes with the Modbus CRC appended, low byte first.
-inline QByteArray withCrc(QByteArray bytes)
-{
-    const uint16_t crc = computate_check(reinterpret_cast<const unsigned char *>(bytes.constData()), static_cast<unsigned short>(bytes.size()));
-    bytes.append(char(crc & 0xFF));
-    bytes.append(char(crc >> 8));
-    return bytes;
-}
+using rtusim::withCrc;
 
 inline QByteArray hex(const char *h)
 {
@@ -73,32 +67,29 @@ inline VARIABLE variable(int station, const QString &reg, int start, int len, in
     return v;
 }
 
+// A recipe variable of this driver (id 1).
+inline _RCP_VAR_PRO rcp(const char *reg, int start, int len, int offset, int station = 1, int driverId = 1)
+{
+    return _RCP_VAR_PRO{driverId, station, reg, start, len, offset};
+}
+
 // Sends the frame the driver offers and answers it with `reply`; returns the verdict.
 inline int exchange(const QByteArray &reply, FRAME_PRO *sent = nullptr, QString *what = nullptr)
 {
     FRAME_PRO f;
-    if (intf_getSendFrame(f) != 1)
-        return -100;
-    if (sent)
-        *sent = f;
     QString text;
-    const int r = intf_dealRcvFrame(reply, text);
-    if (what)
-        *what = text;
-    return r;
+    if (intf_getSendFrame(sent ? *sent : f) != 1)
+        return -100;
+    return intf_dealRcvFrame(reply, what ? *what : text);
 }
 
 // A reply to a register read carrying `words` (high byte first on the wire).
 inline QByteArray registersReply(int station, const std::vector<uint16_t> &words)
 {
     QByteArray b;
-    b.append(char(station));
-    b.append(char(0x03));
-    b.append(char(2 * words.size()));
-    for (uint16_t w : words) {
-        b.append(char(w >> 8));
-        b.append(char(w & 0xFF));
-    }
+    b.append(char(station)).append(char(0x03)).append(char(2 * words.size()));
+    for (uint16_t w : words)
+        b.append(char(w >> 8)).append(char(w & 0xFF));
     return withCrc(b);
 }
 
@@ -130,15 +121,13 @@ public:
     }
 
     // Runs cycles until nothing is left to send or `limit` frames went out; returns the
-    // kinds of the frames sent, in order.
-    QList<int> run(int limit)
+    // kinds of the frames sent, one digit each, in order.
+    QString run(int limit)
     {
-        QList<int> kinds;
-        for (int i = 0; i < limit; ++i) {
-            FRAME_PRO f;
-            if (intf_getSendFrame(f) != 1)
-                break;
-            kinds << driver.sendState;
+        QString kinds;
+        FRAME_PRO f;
+        for (int i = 0; i < limit && intf_getSendFrame(f) == 1; ++i) {
+            kinds += QString::number(driver.sendState);
             QString what;
             intf_dealRcvFrame(answer(f), what);
         }

@@ -19,22 +19,6 @@ protected:
 
     void SetUp() override { restart("1#0#0#3#64", memory.data(), recipe.data(), &hostLock); }
 
-    static _RCP_VAR_PRO rcp(const char *reg, int start, int len, int offset)
-    {
-        _RCP_VAR_PRO v;
-        v.driverId = 1;
-        v.station = 1;
-        v.regName = reg;
-        v.startAddr = start;
-        v.len = len;
-        v.rcpOffset = offset;
-        return v;
-    }
-    void setRecipe(std::initializer_list<_RCP_VAR_PRO> vars)
-    {
-        QVector<_RCP_VAR_PRO> v(vars);
-        ASSERT_EQ(intf_setRcpAddress(v), v.size());
-    }
     // Words of the recipe buffer the driver wrote.
     QList<int> written() const
     {
@@ -57,7 +41,8 @@ TEST_F(FuzzFinding, UploadSkipsAVariableThatGotNoRequest)
         SCOPED_TRACE(len);
         SetUp();
         std::fill(recipe.begin(), recipe.end(), kUntouched);
-        setRecipe({rcp("D_W", 0, 4, 0), rcp("D_W", 2, len, 100), rcp("D_W", 10, 4, 20)});
+        QVector<_RCP_VAR_PRO> vars = {rcp("D_W", 0, 4, 0), rcp("D_W", 2, len, 100), rcp("D_W", 10, 4, 20)};
+        ASSERT_EQ(intf_setRcpAddress(vars), 3);
         ASSERT_EQ(driver.rcpReqs.size(), 2);
         for (int i = 0; i < 14; ++i)
             plc.registers[size_t(i)] = uint16_t(0x100 + i);

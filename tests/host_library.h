@@ -18,10 +18,7 @@ public:
             return;
         }
         resolve(initProperty, "intf_initProperty");
-        resolve(setCallback, "intf_setAddrValueChangeCallBack");
         resolve(addrMerge, "intf_addrMerge");
-        resolve(addConditionRead, "intf_addConditionRead");
-        resolve(setRcpAddress, "intf_setRcpAddress");
         resolve(getSendFrame, "intf_getSendFrame");
         resolve(dealRcvFrame, "intf_dealRcvFrame");
         resolve(getData, "intf_getData");
@@ -40,10 +37,7 @@ public:
     void *handle() const { return handle_; }
 
     decltype(&intf_initProperty) initProperty = nullptr;
-    decltype(&intf_setAddrValueChangeCallBack) setCallback = nullptr;
     decltype(&intf_addrMerge) addrMerge = nullptr;
-    decltype(&intf_addConditionRead) addConditionRead = nullptr;
-    decltype(&intf_setRcpAddress) setRcpAddress = nullptr;
     decltype(&intf_getSendFrame) getSendFrame = nullptr;
     decltype(&intf_dealRcvFrame) dealRcvFrame = nullptr;
     decltype(&intf_getData) getData = nullptr;

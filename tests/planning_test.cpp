@@ -7,19 +7,13 @@ using namespace testing_support;
 
 namespace {
 
-QString blocksOf(const QList<KEY_ADDRESS> &blocks)
+// Blocks as "station:area:start+len", for planned keys and for the monitor list alike.
+template <typename T>
+QString blocksOf(const QList<T> &blocks)
 {
     QStringList out;
-    for (const KEY_ADDRESS &b : blocks)
+    for (const T &b : blocks)
         out << QStringLiteral("%1:%2:%3+%4").arg(b.station).arg(b.regName).arg(b.startAddr).arg(b.len);
-    return out.join(' ');
-}
-
-QString monitorBlocks()
-{
-    QStringList out;
-    for (const VARIABLE &v : driver.monitorList)
-        out << QStringLiteral("%1:%2:%3+%4").arg(v.station).arg(v.regName).arg(v.startAddr).arg(v.len);
     return out.join(' ');
 }
 
@@ -30,44 +24,36 @@ TEST_F(Planning, MergeTable)
     struct Row {
         const char *what;
         int gap;
-        int mode;
         QList<KEY_ADDRESS> items;
         const char *blocks;
     } rows[] = {
-        {"long item cut at 128", 10, 1, {key(1, "D_W", 5, 300)}, "1:D_W:5+128 1:D_W:133+128 1:D_W:261+44"},
-        {"touching", 10, 1, {key(1, "D_W", 0, 10), key(1, "D_W", 10, 5)}, "1:D_W:0+15"},
-        {"overlapping", 0, 1, {key(1, "D_W", 0, 10), key(1, "D_W", 5, 10)}, "1:D_W:0+15"},
-        {"inside", 0, 1, {key(1, "D_W", 0, 10), key(1, "D_W", 2, 3)}, "1:D_W:0+10"},
-        {"span of 128 joins", 0, 1, {key(1, "D_W", 0, 100), key(1, "D_W", 100, 28)}, "1:D_W:0+128"},
-        {"span of 129 does not", 0, 1, {key(1, "D_W", 0, 100), key(1, "D_W", 100, 29)}, "1:D_W:0+100 1:D_W:100+29"},
-        {"gap equal to maxBlockLen bridged", 10, 1, {key(1, "D_W", 0, 5), key(1, "D_W", 15, 5)}, "1:D_W:0+20"},
-        {"gap one more kept", 10, 1, {key(1, "D_W", 0, 5), key(1, "D_W", 16, 5)}, "1:D_W:0+5 1:D_W:16+5"},
-        {"bridge never exceeds 128", 50, 1, {key(1, "D_W", 0, 60), key(1, "D_W", 100, 29)}, "1:D_W:0+60 1:D_W:100+29"},
-        {"bridge up to 128", 50, 1, {key(1, "D_W", 0, 60), key(1, "D_W", 100, 28)}, "1:D_W:0+128"},
-        {"stations never mix", 10, 1, {key(1, "D_W", 0, 5), key(2, "D_W", 5, 5)}, "1:D_W:0+5 2:D_W:5+5"},
-        {"areas never mix", 10, 1, {key(1, "CV", 0, 10), key(1, "32C", 200, 4)}, "1:32C:200+2 1:CV:0+10"},
-        {"D_D joins D_W", 10, 1, {key(1, "D_W", 0, 4), key(1, "D_D", 4, 2)}, "1:D_W:0+6"},
-        {"sorted by station, area, address", 0, 1,
+        {"long item cut at 128", 10, {key(1, "D_W", 5, 300)}, "1:D_W:5+128 1:D_W:133+128 1:D_W:261+44"},
+        {"touching", 10, {key(1, "D_W", 0, 10), key(1, "D_W", 10, 5)}, "1:D_W:0+15"},
+        {"overlapping", 0, {key(1, "D_W", 0, 10), key(1, "D_W", 5, 10)}, "1:D_W:0+15"},
+        {"inside", 0, {key(1, "D_W", 0, 10), key(1, "D_W", 2, 3)}, "1:D_W:0+10"},
+        {"span of 128 joins", 0, {key(1, "D_W", 0, 100), key(1, "D_W", 100, 28)}, "1:D_W:0+128"},
+        {"span of 129 does not", 0, {key(1, "D_W", 0, 100), key(1, "D_W", 100, 29)}, "1:D_W:0+100 1:D_W:100+29"},
+        {"gap equal to maxBlockLen bridged", 10, {key(1, "D_W", 0, 5), key(1, "D_W", 15, 5)}, "1:D_W:0+20"},
+        {"gap one more kept", 10, {key(1, "D_W", 0, 5), key(1, "D_W", 16, 5)}, "1:D_W:0+5 1:D_W:16+5"},
+        {"bridge never exceeds 128", 50, {key(1, "D_W", 0, 60), key(1, "D_W", 100, 29)}, "1:D_W:0+60 1:D_W:100+29"},
+        {"bridge up to 128", 50, {key(1, "D_W", 0, 60), key(1, "D_W", 100, 28)}, "1:D_W:0+128"},
+        {"stations never mix", 10, {key(1, "D_W", 0, 5), key(2, "D_W", 5, 5)}, "1:D_W:0+5 2:D_W:5+5"},
+        {"areas never mix", 10, {key(1, "CV", 0, 10), key(1, "32C", 200, 4)}, "1:32C:200+2 1:CV:0+10"},
+        {"D_D joins D_W", 10, {key(1, "D_W", 0, 4), key(1, "D_D", 4, 2)}, "1:D_W:0+6"},
+        {"sorted by station, area, address", 0,
          {key(2, "X", 0, 1), key(1, "D_W", 9, 1), key(1, "X", 3, 1), key(1, "D_W", 0, 1)},
          "1:X:3+1 1:D_W:0+1 1:D_W:9+1 2:X:0+1"},
-        {"example of four items", 10, 1,
-         {key(1, "D_W", 0, 4), key(1, "D_D", 4, 2), key(1, "D_W", 20, 1), key(1, "D_W", 200, 300)},
-         "1:D_W:0+6 1:D_W:20+1 1:D_W:200+128 1:D_W:328+128 1:D_W:456+44"},
-        {"32C halves registers", 10, 1, {key(1, "32C", 200, 3)}, "1:32C:200+1"},
-        {"32C halves in recipe mode", 10, 2, {key(1, "32C", 200, 3)}, "1:32C:200+1"},
-        {"recipe keeps D_D apart", 10, 2, {key(1, "D_D", 0, 2), key(1, "D_W", 2, 2)}, "1:D_D:0+2 1:D_W:2+2"},
-        {"recipe bridges no gap", 10, 2, {key(1, "D_W", 0, 2), key(1, "D_W", 3, 1)}, "1:D_W:0+2 1:D_W:3+1"},
-        {"unknown area merges with itself", 10, 1, {key(1, "Q", 0, 2), key(1, "Q", 2, 2)}, "1:Q:0+4"},
-        {"item inside pieces of a long one", 10, 1, {key(1, "D_W", 200, 300), key(1, "D_W", 300, 10)},
+        {"32C halves registers", 10, {key(1, "32C", 200, 3)}, "1:32C:200+1"},
+        {"unknown area merges with itself", 10, {key(1, "Q", 0, 2), key(1, "Q", 2, 2)}, "1:Q:0+4"},
+        {"item inside pieces of a long one", 10, {key(1, "D_W", 200, 300), key(1, "D_W", 300, 10)},
          "1:D_W:200+128 1:D_W:328+128 1:D_W:456+44"},
-        {"item reaching past pieces", 0, 1, {key(1, "D_W", 200, 300), key(1, "D_W", 400, 200)},
+        {"item reaching past pieces", 0, {key(1, "D_W", 200, 300), key(1, "D_W", 400, 200)},
          "1:D_W:200+128 1:D_W:328+128 1:D_W:456+44 1:D_W:400+128 1:D_W:528+72"},
     };
     for (const Row &r : rows) {
-        intf_initProperty(nullptr, 0, nullptr, nullptr, QStringLiteral("1#0#0#3#%1").arg(r.gap).toLatin1().constData(),
-                          nullptr);
+        driver.maxBlockLen = r.gap;
         QList<KEY_ADDRESS> items = r.items;
-        addrMerge(items, r.mode);
+        addrMerge(items, 1); // monitor planning; recipe planning has its own table below
         EXPECT_EQ(blocksOf(items), r.blocks) << r.what;
     }
 }
@@ -109,47 +95,11 @@ TEST_F(Planning, RandomItemsAreCoveredWithinTheLimit)
                 for (const KEY_ADDRESS &b : blocks)
                     covered |= b.station == it.station && b.regName == it.regName && a >= b.startAddr &&
                                a < b.startAddr + b.len;
-                ASSERT_TRUE(covered) << "round " << round << " address " << a << " of " << blocksOf({it}).toStdString()
+                ASSERT_TRUE(covered) << "round " << round << " address " << a << " of " << blocksOf(QList<KEY_ADDRESS>{it}).toStdString()
                                      << " in " << blocksOf(blocks).toStdString();
             }
         }
     }
-}
-
-TEST_F(Planning, WeightsCompareUnsignedAndAbsentNamesWeighLeast)
-{
-    EXPECT_EQ(getRegAddressWeight(0, "nope", 0, 0), 0xFFFFFFFFu - 65534u); // position -1 wraps
-    EXPECT_LT(getRegAddressWeight(1, "nope", 0, 0), getRegAddressWeight(1, "X", 0, 0));
-    EXPECT_LT(getRegAddressWeight(1, "D_W", 65534, 0), getRegAddressWeight(2, "X", 0, 0));
-}
-
-TEST_F(Planning, GroupingKeyPieces)
-{
-    struct Row {
-        int len, max;
-        QList<int> lens;
-    } rows[] = {{10, 4, {4, 4, 2}}, {8, 4, {4, 4}}, {4, 4, {4}}, {0, 4, {0}}};
-    for (const Row &r : rows) {
-        KEY_ADDRESS k = key(1, "D_W", 100, r.len);
-        for (int i = 0; i < 40; ++i)
-            k.data[i] = uint8_t(i);
-        QList<KEY_ADDRESS> out;
-        groupingKey(k, r.max, out, 1);
-        ASSERT_EQ(out.size(), r.lens.size());
-        for (int j = 0; j < out.size(); ++j) {
-            EXPECT_EQ(out[j].startAddr, 100 + j * r.max);
-            EXPECT_EQ(out[j].len, r.lens[j]);
-            EXPECT_EQ(out[j].data[0], uint8_t(2 * j * r.max)) << "two bytes per word unit";
-        }
-    }
-    KEY_ADDRESS bits = key(1, "M", 0, 10, -1);
-    for (int i = 0; i < 10; ++i)
-        bits.data[i] = uint8_t(i);
-    QList<KEY_ADDRESS> out;
-    groupingKey(bits, 4, out, 1);
-    ASSERT_EQ(out.size(), 3);
-    EXPECT_EQ(out[2].data[0], 8);
-    EXPECT_EQ(out[2].data[1], 9);
 }
 
 TEST_F(Planning, MonitorFlagsTable)
@@ -167,7 +117,6 @@ TEST_F(Planning, MonitorFlagsTable)
         {"32C", 200, 4, {"32C/200=1", "32C/201=1"}},
         {"32C", 200, 1, {}},
         {"CV", 5, 0, {}},
-        {"CV", 5, -3, {}},
     };
     for (const Row &r : rows) {
         restart("1#0#0#3#64");
@@ -178,16 +127,13 @@ TEST_F(Planning, MonitorFlagsTable)
         EXPECT_EQ(areas, r.areas) << r.reg << " " << r.start << " " << r.len;
     }
     EXPECT_EQ(_setDataAreaMonitorFlag(1, "D", 0, 1), -1);
-    EXPECT_EQ(_setBitValue(0, 2, 1), 4);
-    EXPECT_EQ(_setBitValue(7, 1, 0), 5);
-    EXPECT_EQ(_setBitValue(0, 31, 1), int(0x80000000u));
 }
 
 TEST_F(Planning, RegistrationReplacesTheLastOne)
 {
     QList<KEY_ADDRESS> keys = {key(1, "D_W", 10, 1), key(1, "D_D", 10, 2), key(2, "D_W", 10, 1), key(1, "Q", 0, 3)};
     EXPECT_EQ(intf_addrMerge(keys), 3);
-    EXPECT_EQ(monitorBlocks(), "1:Q:0+3 1:D_W:10+2 2:D_W:10+1"); // an unknown area weighs least
+    EXPECT_EQ(blocksOf(driver.monitorList), "1:Q:0+3 1:D_W:10+2 2:D_W:10+1"); // an unknown area weighs least
     EXPECT_EQ(driver.monitorList.first().reqKind, RTUPLC_KIND_MONITOR_READ);
     const int d10 = getIndexOfDataArea(1, "D", 10, driver.dataAreas);
     EXPECT_EQ(driver.dataAreas[d10].monitorFlags, MON_UNIT | MON_DWORD_LO);
@@ -204,106 +150,72 @@ TEST_F(Planning, RegistrationReplacesTheLastOne)
 
 TEST_F(Planning, ConditionReadsCutAndReplace)
 {
-    restart("1#0#0#3#20");
-    EXPECT_EQ(intf_addConditionRead(key(1, "D_W", 100, 50), 3), 1);
-    QStringList queued;
-    for (const VARIABLE &v : driver.conditionList)
-        queued << QStringLiteral("%1+%2").arg(v.startAddr).arg(v.len);
-    EXPECT_EQ(queued, (QStringList{"100+20", "120+20", "140+10"}));
-    EXPECT_EQ(driver.lastCondVar.startAddr, 140);
-    EXPECT_EQ(driver.conditionList.first().reqKind, 3);
-
     struct Row {
+        const char *properties;
         KEY_ADDRESS k;
-        QList<int> lens;
+        const char *reads;
     } rows[] = {
-        {key(1, "M", 0, 300, -1), {160, 140}}, // bits cut at 8 x maxBlockLen, kept in bits
-        {key(1, "M", 0, 160, -1), {160}},
-        {key(1, "D_W", 0, 20), {20}},
-        {key(1, "32C", 200, 6), {3}}, // registers become 32-bit values
-        {key(1, "32C", 200, 30), {10, 5}},
+        {"1#0#0#3#20", key(1, "D_W", 100, 50), "100+20 120+20 140+10"},
+        {"1#0#0#3#0", key(1, "D_W", 0, 100), "0+64 64+36"}, // no split size yet: the default
+        {"1#0#0#3#20", key(1, "M", 0, 300, -1), "0+160 160+140"}, // bits cut at 8 x maxBlockLen
+        {"1#0#0#3#20", key(1, "M", 0, 160, -1), "0+160"},
+        {"1#0#0#3#20", key(1, "D_W", 0, 20), "0+20"},
+        {"1#0#0#3#20", key(1, "32C", 200, 6), "200+3"}, // registers become 32-bit values
     };
     for (const Row &r : rows) {
-        driver.conditionList.clear();
+        restart(r.properties);
         EXPECT_EQ(intf_addConditionRead(r.k, 3), 1);
-        QList<int> lens;
+        QStringList reads;
         for (const VARIABLE &v : driver.conditionList)
-            lens << v.len;
-        EXPECT_EQ(lens, r.lens) << r.k.regName.toStdString() << " " << r.k.len;
+            reads << QStringLiteral("%1+%2").arg(v.startAddr).arg(v.len);
+        EXPECT_EQ(reads.join(' '), r.reads) << r.k.regName.toStdString() << " " << r.k.len;
+        EXPECT_EQ(driver.lastCondVar.startAddr, driver.conditionList.last().startAddr);
+        EXPECT_EQ(driver.conditionList.first().reqKind, 3);
     }
     EXPECT_EQ(intf_addConditionRead(key(1, "D", 0, 1), 3), -1);
+    driver.conditionList.clear();
+    intf_addConditionRead(key(1, "32C", 200, 30), 3); // cut at 20 registers, queued as 10 + 5 values
+    ASSERT_EQ(driver.conditionList.size(), 2);
+    EXPECT_EQ(driver.conditionList[1].len, 5);
 
     // An equal read waiting behind the head is replaced; the head never is.
     driver.conditionList.clear();
     intf_addConditionRead(key(1, "D_W", 0, 1), 3);
     intf_addConditionRead(key(1, "D_W", 0, 1), 7);
-    EXPECT_EQ(driver.conditionList.size(), 2);
     intf_addConditionRead(key(1, "D_W", 0, 1), 9);
-    EXPECT_EQ(driver.conditionList.size(), 2);
+    ASSERT_EQ(driver.conditionList.size(), 2);
     EXPECT_EQ(driver.conditionList[0].reqKind, 3);
     EXPECT_EQ(driver.conditionList[1].reqKind, 9);
 
-    // Past 512 entries, new reads recycle entry 512.
-    driver.conditionList.clear();
-    for (int i = 0; i < 513; ++i)
-        intf_addConditionRead(key(1, "D_W", i, 1), 3);
+    // Past 513 entries, new reads recycle the last one.
+    for (int i = 0; i < 520; ++i)
+        intf_addConditionRead(key(1, "D_W", 100 + i, 1), 3);
     EXPECT_EQ(driver.conditionList.size(), 513);
-    intf_addConditionRead(key(1, "D_W", 7000, 1), 3);
-    EXPECT_EQ(driver.conditionList.size(), 513);
-    EXPECT_EQ(driver.conditionList[512].startAddr, 7000);
-    EXPECT_EQ(driver.lastCondVar.startAddr, 7000);
-}
-
-TEST_F(Planning, ConditionReadsWithoutSplitSizeUseTheDefault)
-{
-    restart("1#0#0#3#0");
-    EXPECT_EQ(intf_addConditionRead(key(1, "D_W", 0, 100), 3), 1);
-    ASSERT_EQ(driver.conditionList.size(), 2);
-    EXPECT_EQ(driver.conditionList[0].len, RTUPLC_DEFAULT_SPLIT_WORDS);
+    EXPECT_EQ(driver.conditionList[512].startAddr, 619);
+    EXPECT_EQ(driver.lastCondVar.startAddr, 619);
 }
 
 TEST_F(Planning, RecipeRequestsTable)
 {
-    struct Var {
-        int id, station;
-        const char *reg;
-        int start, len, offset;
-    };
     struct Row {
         const char *what;
-        std::vector<Var> vars;
+        std::vector<_RCP_VAR_PRO> vars;
         int kept;
         const char *requests; // "reg:start+len@offset"
         QList<int> starts;
     } rows[] = {
-        {"touching words join", {{1, 1, "D_W", 0, 2, 10}, {1, 1, "D_W", 2, 2, 12}}, 2, "D_W:0+4@10", {0}},
-        {"no gap bridged", {{1, 1, "D_W", 0, 2, 0}, {1, 1, "D_W", 3, 1, 2}}, 2, "D_W:0+2@0 D_W:3+1@2", {0, 1}},
-        {"D_D apart from D_W", {{1, 1, "D_D", 0, 2, 0}, {1, 1, "D_W", 2, 2, 2}}, 2, "D_D:0+2@0 D_W:2+2@2", {0, 1}},
-        {"other drivers skipped", {{2, 1, "D_W", 0, 2, 0}, {1, 1, "D_W", 5, 1, 3}}, 1, "D_W:5+1@3", {0}},
-        {"32C registers halved", {{1, 1, "32C", 200, 4, 6}}, 1, "32C:200+2@6", {0}},
-        {"descending input sorted",
-         {{1, 1, "D_W", 20, 1, 2}, {1, 1, "D_W", 10, 1, 1}, {1, 1, "D_W", 0, 1, 0}},
-         3,
-         "D_W:0+1@0 D_W:10+1@1 D_W:20+1@2",
-         {0, 1, 2}},
-        {"long variable: one entry per piece, offsets follow",
-         {{1, 1, "D_W", 0, 300, 0}, {1, 1, "D_W", 300, 1, 300}},
-         2,
-         "D_W:0+128@0 D_W:128+128@128 D_W:256+45@256",
-         {0, 0, 0}},
+        {"touching words join", {rcp("D_W", 0, 2, 10), rcp("D_W", 2, 2, 12)}, 2, "D_W:0+4@10", {0}},
+        {"no gap bridged", {rcp("D_W", 0, 2, 0), rcp("D_W", 3, 1, 2)}, 2, "D_W:0+2@0 D_W:3+1@2", {0, 1}},
+        {"D_D apart from D_W", {rcp("D_D", 0, 2, 0), rcp("D_W", 2, 2, 2)}, 2, "D_D:0+2@0 D_W:2+2@2", {0, 1}},
+        {"other drivers skipped", {rcp("D_W", 0, 2, 0, 1, 2), rcp("D_W", 5, 1, 3)}, 1, "D_W:5+1@3", {0}},
+        {"32C registers halved", {rcp("32C", 200, 4, 6)}, 1, "32C:200+2@6", {0}},
+        {"descending input sorted", {rcp("D_W", 20, 1, 2), rcp("D_W", 10, 1, 1), rcp("D_W", 0, 1, 0)}, 3,
+         "D_W:0+1@0 D_W:10+1@1 D_W:20+1@2", {0, 1, 2}},
+        {"long variable: one entry per piece, offsets follow", {rcp("D_W", 0, 300, 0), rcp("D_W", 300, 1, 300)}, 2,
+         "D_W:0+128@0 D_W:128+128@128 D_W:256+45@256", {0, 0, 0}},
     };
     for (const Row &r : rows) {
-        QVector<_RCP_VAR_PRO> vars;
-        for (const Var &v : r.vars) {
-            _RCP_VAR_PRO p;
-            p.driverId = v.id;
-            p.station = v.station;
-            p.regName = v.reg;
-            p.startAddr = v.start;
-            p.len = v.len;
-            p.rcpOffset = v.offset;
-            vars << p;
-        }
+        QVector<_RCP_VAR_PRO> vars(r.vars.begin(), r.vars.end());
         EXPECT_EQ(intf_setRcpAddress(vars), r.kept) << r.what;
         QStringList reqs;
         for (const _RCP_VAR_PRO &q : driver.rcpReqs)
@@ -312,42 +224,9 @@ TEST_F(Planning, RecipeRequestsTable)
         EXPECT_EQ(driver.rcpReqStart, r.starts) << r.what;
     }
     // No variable of ours: the previous recipe stays.
-    QVector<_RCP_VAR_PRO> foreign(1);
-    foreign[0].driverId = 9;
+    QVector<_RCP_VAR_PRO> foreign = {rcp("D_W", 0, 1, 0, 1, 9)};
     EXPECT_EQ(intf_setRcpAddress(foreign), 0);
     EXPECT_EQ(driver.rcpReqs.size(), 3);
-}
-
-TEST_F(Planning, RecipeRequestToVariable)
-{
-    unsigned short buffer[16];
-    for (int i = 0; i < 16; ++i)
-        buffer[i] = uint16_t(0x0100 * i + i);
-    restart("1#0#0#3#64", nullptr, buffer);
-    _RCP_VAR_PRO q;
-    q.station = 3;
-    q.regName = "32C";
-    q.startAddr = 200;
-    q.len = 2;
-    q.rcpOffset = 1;
-    VARIABLE v;
-    v.reqKind = 77;
-    v.data[20] = 9;
-    rcpAddrToVar(q, v, 1);
-    EXPECT_EQ(v.reqKind, 77);
-    EXPECT_EQ(v.station, 3);
-    EXPECT_EQ(QByteArray(reinterpret_cast<char *>(v.data), 10).toHex(), QByteArray("01010202030304040000"));
-    rcpAddrToVar(q, v, 0);
-    EXPECT_EQ(QByteArray(reinterpret_cast<char *>(v.data), 8).toHex(), QByteArray("0000000000000000"));
-    q.regName = "M";
-    q.len = 3;
-    buffer[1] = 0;
-    rcpAddrToVar(q, v, 1);
-    EXPECT_EQ(QByteArray(reinterpret_cast<char *>(v.data), 4).toHex(), QByteArray("00010100"));
-    restart("1#0#0#3#64"); // no recipe buffer: a download sends zeros
-    q.regName = "D_W";
-    rcpAddrToVar(q, v, 1);
-    EXPECT_EQ(v.data[0], 0);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // Soak: the driver polls and writes the controller simulator over TCP for a few hundred
 // thousand cycles while the line drops, corrupts, delays, refuses, truncates and pads
-// replies. Afterwards every monitored value must equal the simulator's memory, every
+// replies, and answers twice, for another station, with another function or after
+// noise. Afterwards every monitored value must equal the simulator's memory, every
 // write must have either reached the controller or been reported failed, the link must
 // be healthy again and the process must not have grown.
 //
@@ -22,6 +23,7 @@
 #include <map>
 #include <random>
 
+#include "rtuplc_link.h"
 #include "rtuplc_support/simulator.h"
 
 using namespace testing_support;
@@ -56,11 +58,6 @@ long residentBytes()
     return resident * sysconf(_SC_PAGESIZE);
 }
 
-bool isException(const QByteArray &b)
-{
-    return b.size() == 5 && (uint8_t(b[1]) & 0x80) && withCrc(b.left(3)) == b;
-}
-
 // The host's end of a TCP connection carrying RTU frames.
 class TcpLine {
 public:
@@ -86,45 +83,42 @@ public:
     }
     bool ok() const { return fd_ >= 0; }
 
+    // Hands back only bytes that answer the frame: a late reply to an earlier frame,
+    // or one cut or padded by the line, must not answer this one.
     QByteArray transact(const FRAME_PRO &f)
     {
-        char buf[512];
-        while (recv(fd_, buf, sizeof buf, MSG_DONTWAIT) > 0) {
-        } // a late reply to an earlier frame must not answer this one
+        uint8_t buf[512];
+        for (ssize_t n; (n = recv(fd_, buf, sizeof buf, MSG_DONTWAIT)) > 0;)
+            matcher_.discard(buf, size_t(n), false);
+        matcher_.takeDropped();
         if (f.frameLen > 0 && send(fd_, f.frame, size_t(f.frameLen), MSG_NOSIGNAL) != f.frameLen)
             return QByteArray();
-        QByteArray reply;
         if (f.replyLen == 0)
-            return reply;
+            return QByteArray();
+        matcher_.expect(f);
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kReplyTimeoutMs);
-        while (reply.size() < f.replyLen && !isException(reply)) {
+        while (!matcher_.answered()) {
             const auto left =
                 std::chrono::duration_cast<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now());
-            if (left.count() <= 0)
-                break;
             pollfd p{fd_, POLLIN, 0};
-            if (poll(&p, 1, int(left.count() / 1000) + 1) <= 0)
+            if (left.count() <= 0 || poll(&p, 1, int(left.count() / 1000) + 1) <= 0)
                 break;
-            const ssize_t n = recv(fd_, buf, size_t(std::min<int>(int(sizeof buf), f.replyLen - reply.size())), 0);
+            const ssize_t n = recv(fd_, buf, sizeof buf, 0);
             if (n <= 0)
                 break;
-            reply.append(buf, int(n));
+            matcher_.feed(buf, size_t(n));
         }
-        if (reply.size() < f.replyLen && !isException(reply))
+        if (!matcher_.answered()) {
             usleep(kGuardMs * 1000);
-        // RTU carries no transaction id: a reply that names another station, function,
-        // or (for a write echo) another address answers an earlier request.
-        const bool otherStation = reply.size() >= 1 && uint8_t(reply[0]) != f.frame[0];
-        const bool otherFunction = reply.size() >= 2 && (uint8_t(reply[1]) & 0x7F) != f.frame[1];
-        const bool otherTarget = (f.frame[1] == 0x0F || f.frame[1] == 0x10) && reply.size() == 8 &&
-                                 std::memcmp(reply.constData() + 2, f.frame + 2, 4) != 0;
-        if (otherStation || otherFunction || otherTarget)
-            reply.clear();
-        return reply;
+            return QByteArray();
+        }
+        const std::vector<uint8_t> &r = matcher_.reply();
+        return QByteArray(reinterpret_cast<const char *>(r.data()), int(r.size()));
     }
 
 private:
     int fd_ = -1;
+    rtuplc::ReplyMatcher matcher_;
 };
 
 struct WriteRecord {
@@ -237,6 +231,10 @@ TEST_F(Soak, FaultyLineLosesNothing)
     faults.drop = 0.02;
     faults.corrupt = 0.04;
     faults.exception = 0.02;
+    faults.doubled = 0.01;
+    faults.foreign = 0.01;
+    faults.noise = 0.02;
+    faults.wrongFunction = 0.01;
     for (int i = 0; i < cycles; ++i) {
         // Now and then the controller answers too late for a while.
         const bool slow = (i / 100) % 200 == 199;

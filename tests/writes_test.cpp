@@ -24,57 +24,49 @@ protected:
     }
 };
 
-TEST_F(Writes, OneWordIsQueuedAndShown)
+// The value is shown at once, the value read is kept for a failed write to fall back
+// to; a waiting write to the same target is replaced, the head (maybe in flight) never;
+// past 513 entries new writes recycle the last one.
+TEST_F(Writes, QueueingReplacingAndTheCap)
 {
     EXPECT_EQ(write("D_W", 10, {0x34, 0x12}, 1), 1);
-    EXPECT_EQ(queue(), "D_W:10+1");
-    EXPECT_EQ(driver.writeList.first().data[0], 0x34);
     EXPECT_EQ(driver.writeList.first().reqKind, RTUPLC_KIND_WRITE);
     EXPECT_EQ(area(1, "D", 10).writePending, 1);
     EXPECT_EQ(area(1, "D", 10).writeValue[1], 0x12);
-    EXPECT_EQ(area(1, "D", 10).value[1], 0x00) << "the value read stays for a failed write to fall back to";
-}
-
-TEST_F(Writes, WaitingWriteIsReplacedButTheHeadNever)
-{
-    write("D_W", 10, {1, 0}, 1);
+    EXPECT_EQ(area(1, "D", 10).value[1], 0x00);
     write("D_W", 10, {2, 0}, 1);
-    EXPECT_EQ(queue(), "D_W:10+1 D_W:10+1") << "the head may be in flight";
     write("D_W", 10, {3, 0}, 1);
-    EXPECT_EQ(queue(), "D_W:10+1 D_W:10+1");
-    EXPECT_EQ(driver.writeList[1].data[0], 3);
     write("D_W", 11, {4, 0}, 1);
     write("D_W", 10, {5, 0, 6, 0}, 2); // a different length is a different target
     EXPECT_EQ(queue(), "D_W:10+1 D_W:10+1 D_W:11+1 D_W:10+2");
+    EXPECT_EQ(driver.writeList[0].data[0], 0x34);
+    EXPECT_EQ(driver.writeList[1].data[0], 3);
+    for (int i = 0; i < 520; ++i)
+        write("D_W", 100 + i, {1, 0}, 1);
+    EXPECT_EQ(driver.writeList.size(), 513);
+    EXPECT_EQ(driver.writeList[512].startAddr, 619);
 }
 
-TEST_F(Writes, QueueKeepsAtMost513)
-{
-    for (int i = 0; i < 513; ++i)
-        write("D_W", i, {1, 0}, 1);
-    EXPECT_EQ(driver.writeList.size(), 513);
-    write("D_W", 7000, {1, 0}, 1);
-    EXPECT_EQ(driver.writeList.size(), 513);
-    EXPECT_EQ(driver.writeList[512].startAddr, 7000);
-}
-
+// Each piece carries its own data: the first byte of the last piece is checked.
 TEST_F(Writes, SplittingTable)
 {
     struct Row {
         const char *properties, *reg;
         int addr, count;
         const char *queue;
+        int lastFirstByte;
     } rows[] = {
-        {"1#0#0#3#64", "32C", 200, 4, "32C:200+2"},
-        {"1#0#0#3#4", "32C", 200, 10, "32C:200+2 32C:202+2 32C:204+1"},
-        {"1#0#0#3#4", "D_W", 0, 10, "D_W:0+4 D_W:4+4 D_W:8+2"},
-        {"1#0#0#3#4", "D_D", 0, 8, "D_D:0+4 D_D:4+4"},
-        {"1#0#0#3#1", "M", 0, 20, "M:0+8 M:8+8 M:16+4"},
-        {"1#0#0#3#0", "D_W", 0, 100, "D_W:0+64 D_W:64+36"},
-        {"1#0#0#3#0", "X", 0, 600, "X:0+512 X:512+88"},
-        {"1#0#0#3#500", "D_W", 0, 300, "D_W:0+122 D_W:122+122 D_W:244+56"},
-        {"1#0#0#3#500", "X", 0, 1024, "X:0+1024"},
-        {"1#0#0#3#64", "D_W", 0, 0, "D_W:0+0"},
+        {"1#0#0#3#64", "32C", 200, 4, "32C:200+2", 0},
+        {"1#0#0#3#4", "32C", 200, 10, "32C:200+2 32C:202+2 32C:204+1", 16},
+        {"1#0#0#3#4", "D_W", 0, 10, "D_W:0+4 D_W:4+4 D_W:8+2", 16},
+        {"1#0#0#3#4", "D_D", 0, 8, "D_D:0+4 D_D:4+4", 8},
+        {"1#0#0#3#1", "M", 0, 20, "M:0+8 M:8+8 M:16+4", 16},
+        {"1#0#0#3#0", "D_W", 0, 100, "D_W:0+64 D_W:64+36", 128},
+        {"1#0#0#3#-4", "D_W", 0, 100, "D_W:0+64 D_W:64+36", 128},
+        {"1#0#0#3#0", "X", 0, 600, "X:0+512 X:512+88", 0},
+        {"1#0#0#3#500", "D_W", 0, 512, "D_W:0+122 D_W:122+122 D_W:244+122 D_W:366+122 D_W:488+24", 208},
+        {"1#0#0#3#500", "X", 0, 1024, "X:0+1024", 0},
+        {"1#0#0#3#64", "D_W", 0, 0, "D_W:0+0", 0},
     };
     for (const Row &r : rows) {
         restart(r.properties);
@@ -83,35 +75,8 @@ TEST_F(Writes, SplittingTable)
             data[i] = uint8_t(i);
         EXPECT_EQ(intf_setData(1, r.reg, r.addr, r.count, data.data(), 2), 1);
         EXPECT_EQ(queue(), r.queue) << r.properties << " " << r.reg << " " << r.count;
+        EXPECT_EQ(driver.writeList.last().data[0], r.lastFirstByte) << r.properties << " " << r.reg;
     }
-    // Each piece carries its own data: the 32C piece at 202 starts with value 2's bytes.
-    restart("1#0#0#3#4");
-    std::vector<uint8_t> data(40);
-    for (size_t i = 0; i < data.size(); ++i)
-        data[i] = uint8_t(i);
-    intf_setData(1, "32C", 200, 10, data.data(), 2);
-    EXPECT_EQ(driver.writeList[1].data[0], 8);
-    EXPECT_TRUE(driver.dataAreas.size() == 5);
-}
-
-TEST_F(Writes, BadCountsAreRefusedWithNothingQueued)
-{
-    std::vector<uint8_t> data(4096, 1);
-    struct Row {
-        const char *reg;
-        int count;
-        unsigned char *data;
-    } rows[] = {
-        {"D_W", -1, data.data()}, {"D_W", 513, data.data()}, {"X", 1025, data.data()},
-        {"D", 1, data.data()},    {"D_W", 1, nullptr},
-    };
-    for (const Row &r : rows) {
-        EXPECT_EQ(intf_setData(1, r.reg, 0, r.count, r.data, 2), -1) << r.reg << " " << r.count;
-        EXPECT_TRUE(driver.writeList.isEmpty());
-        EXPECT_TRUE(driver.dataAreas.isEmpty());
-    }
-    EXPECT_EQ(intf_setData(1, "D_W", 2147483647, 2, data.data(), 2), -1) << "addresses past the end of int";
-    EXPECT_EQ(intf_setData(1, "D_W", 0, 512, data.data(), 2), 1);
 }
 
 TEST_F(Writes, LocalWriteModeOnlyShows)
@@ -130,35 +95,35 @@ TEST_F(Writes, LocalWriteModeOnlyShows)
 
 TEST_F(Writes, NoticesGoOutBeforeTheCacheChanges)
 {
-    QList<KEY_ADDRESS> keys = {key(1, "D_W", 10, 1), key(1, "D_D", 20, 2), key(1, "32C", 200, 2),
-                               key(1, "CV", 3, 1)};
+    QList<KEY_ADDRESS> keys = {key(1, "D_W", 10, 1), key(1, "D_D", 20, 2), key(1, "32C", 200, 2), key(1, "CV", 3, 1)};
     intf_addrMerge(keys);
     static QString seen;
     intf_setAddrValueChangeCallBack([](int, int, QString &item, int addr) {
         recordReport(1, 1, item, addr);
-        QByteArray out(2, 0);
-        intf_getData(1, "D_W", addr, 1, reinterpret_cast<unsigned char *>(out.data()));
-        seen += out.toHex() + " ";
+        seen += read(1, "D_W", addr, 1, 2).toHex() + " ";
     });
-    write("D_W", 10, {0x34, 0x12}, 1);
-    EXPECT_EQ(seen, "0000 ") << "the callback still sees what was shown before";
-    write("D_W", 10, {0x34, 0x12}, 1);
-    EXPECT_EQ(reports(), QStringList{"1/1/D_W/10"}) << "the same value again is no change";
-    reports().clear();
-    // D_D: the register at the higher address takes the low half and is handled first.
-    write("D_D", 20, {0x02, 0x00, 0x01, 0x00}, 2);
-    EXPECT_EQ(reports(), (QStringList{"1/1/D_D/20", "1/1/D_D/20"}));
+    struct Row {
+        const char *reg;
+        int addr, count;
+        std::vector<uint8_t> data;
+        QStringList reports;
+    } rows[] = {
+        {"D_W", 10, 1, {0x34, 0x12}, {"1/1/D_W/10"}},
+        {"D_W", 10, 1, {0x34, 0x12}, {}}, // the same value again is no change
+        // The register at the higher address takes the low half and is handled first.
+        {"D_D", 20, 2, {0x02, 0x00, 0x01, 0x00}, {"1/1/D_D/20", "1/1/D_D/20"}},
+        {"32C", 200, 4, {1, 0, 0, 0, 0, 0, 0, 0}, {"1/1/32C/200"}}, // 201 is written with the value it shows
+        {"CV", 3, 1, {9, 0}, {"1/1/CV/3"}},
+        // Bits are reported directly, under the name the host gave, monitored or not.
+        {"Y", 4, 3, {1, 0, 1}, {"1/1/Y/4", "1/1/Y/6"}},
+    };
+    for (const Row &r : rows) {
+        reports().clear();
+        write(r.reg, r.addr, r.data, r.count);
+        EXPECT_EQ(reports(), r.reports) << r.reg;
+    }
+    EXPECT_TRUE(seen.startsWith("0000 ")) << "the callback still sees what was shown before";
     EXPECT_EQ(read(1, "D_D", 20, 2, 4).toHex(), QByteArray("02000100"));
-    reports().clear();
-    write("32C", 200, {1, 0, 0, 0, 0, 0, 0, 0}, 4);
-    EXPECT_EQ(reports(), QStringList{"1/1/32C/200"}) << "201 is written with the value it shows";
-    reports().clear();
-    write("CV", 3, {9, 0}, 1);
-    EXPECT_EQ(reports(), QStringList{"1/1/CV/3"});
-    reports().clear();
-    // Bits are reported directly, under the name the host gave, monitored or not.
-    write("Y", 4, {1, 0, 1}, 3);
-    EXPECT_EQ(reports(), (QStringList{"1/1/Y/4", "1/1/Y/6"}));
     intf_setAddrValueChangeCallBack(recordReport);
 }
 
@@ -168,17 +133,17 @@ TEST_F(Writes, SettlingTable)
         const char *what;
         bool ok;
         const char *reg;
-        int addr;
+        int addr, count;
         std::vector<uint8_t> data;
         QList<KEY_ADDRESS> monitored;
         QStringList reports;
     } rows[] = {
-        {"word succeeds", true, "D_W", 10, {0x78, 0x56}, {key(1, "D_W", 10, 1)}, {}},
-        {"word fails", false, "D_W", 10, {0x78, 0x56}, {key(1, "D_W", 10, 1)}, {"1/1/D_W/10"}},
-        {"bits fail", false, "Y", 4, {1, 1, 1}, {}, {"1/1/Y/4", "1/1/Y/5", "1/1/Y/6"}},
-        {"counter fails", false, "32C", 200, {1, 2, 3, 4}, {key(1, "32C", 200, 2)}, {"1/1/32C/200"}},
-        {"double word fails", false, "D_D", 100, {1, 2, 3, 4}, {key(1, "D_D", 100, 2)}, {"1/1/D_D/100", "1/1/D_D/100"}},
-        {"unmonitored word fails", false, "TV", 1, {1, 2}, {}, {}},
+        {"word succeeds", true, "D_W", 10, 1, {0x78, 0x56}, {key(1, "D_W", 10, 1)}, {}},
+        {"word fails", false, "D_W", 10, 1, {0x78, 0x56}, {key(1, "D_W", 10, 1)}, {"1/1/D_W/10"}},
+        {"bits fail", false, "Y", 4, 3, {1, 1, 1}, {}, {"1/1/Y/4", "1/1/Y/5", "1/1/Y/6"}},
+        {"counter fails", false, "32C", 200, 2, {1, 2, 3, 4}, {key(1, "32C", 200, 2)}, {"1/1/32C/200"}},
+        {"double word fails", false, "D_D", 100, 2, {1, 2, 3, 4}, {key(1, "D_D", 100, 2)}, {"1/1/D_D/100", "1/1/D_D/100"}},
+        {"unmonitored word fails", false, "TV", 1, 1, {1, 2}, {}, {}},
     };
     for (const Row &r : rows) {
         restart(r.ok ? "1#0#0#3#64" : "1#0#0#1#64");
@@ -190,9 +155,7 @@ TEST_F(Writes, SettlingTable)
             d.value[0] = 0x34;
             d.value[1] = 0x12;
         }
-        const int count = registerArea(getIndexFromRegName(r.reg)).isBit() ? int(r.data.size())
-                                                                                            : int(r.data.size()) / 2;
-        write(r.reg, r.addr, r.data, count);
+        write(r.reg, r.addr, r.data, r.count);
         reports().clear();
         FRAME_PRO f;
         ASSERT_EQ(intf_getSendFrame(f), 1);

@@ -314,3 +314,73 @@ TEST_F(PollStations, BroadcastWriteReachesEveryStationAndLocalWriteNone)
 }
 
 } // namespace
+
+namespace {
+
+// A line whose replies do not always answer the request in flight, over TCP and a
+// pty, two stations polled in blocks of one length (whose replies have one shape):
+// every value printed must be the one the controller holds for that item, every
+// item must arrive, and the write must land or be reported failed.
+struct LineFault {
+    const char *name;
+    void (*set)(rtusim::Faults &);
+};
+const LineFault kLineFaults[] = {
+    {"Late", [](rtusim::Faults &f) { f.late = 0.3, f.lateByMs = 250; }},
+    {"EveryReplyLate", [](rtusim::Faults &f) { f.delayMs = 300; }},
+    {"Doubled", [](rtusim::Faults &f) { f.doubled = 0.4; }},
+    {"Foreign", [](rtusim::Faults &f) { f.foreign = 0.3; }},
+    {"Noise", [](rtusim::Faults &f) { f.noise = 0.5; }},
+    {"Split", [](rtusim::Faults &f) { f.split = 0.5; }},
+    {"WrongFunction", [](rtusim::Faults &f) { f.wrongFunction = 0.3; }},
+    {"Missing", [](rtusim::Faults &f) { f.drop = 0.3; }},
+};
+
+void PrintTo(const LineFault &f, std::ostream *os)
+{
+    *os << f.name;
+}
+
+class PollLineFaults : public ::testing::TestWithParam<std::tuple<LineFault, bool>> {};
+
+TEST_P(PollLineFaults, NoValueIsAnotherItemsAndEveryItemArrives)
+{
+    const auto &[fault, pty] = GetParam();
+    rtusim::Simulator sim;
+    sim.setStations({1, 2});
+    sim.fill(rtusim::Fill::Pattern);
+    sim.setSeed(12);
+    rtusim::Faults f;
+    fault.set(f);
+    sim.setFaults(f);
+    std::string error;
+    std::vector<std::string> args;
+    if (pty) {
+        ASSERT_TRUE(sim.startPty(&error)) << error;
+        args = {"--serial", sim.ptyPath()};
+    } else {
+        ASSERT_TRUE(sim.startTcp("127.0.0.1", 0, &error)) << error;
+        args = {"--tcp", "127.0.0.1:" + std::to_string(sim.tcpPort())};
+    }
+    args.insert(args.end(), {"--json", "--count", "2", "--timeout", "100", "--retries", "10", "--write",
+                             "D_W:400=4321", "D_W:100..104", "D_W:100..104@2", "D_W:300..304", "D_W:300..304@2"});
+    const tooltest::Run r = tooltest::poll(args, std::chrono::seconds(60));
+    const JsonOutput j = parseJson(r.out);
+    const bool landed = sim.reg(1, 400) == 4321;
+    EXPECT_TRUE(landed || r.err.find("write D_W:400=4321: failed") != std::string::npos) << r.err;
+    for (const auto &v : j.values) {
+        const auto &[station, item, address] = v.first;
+        EXPECT_EQ(v.second, sim.reg(station, uint32_t(address))) << "station " << station << " " << item << address;
+    }
+    EXPECT_EQ(j.values.size(), 21u) << "every item arrives: " << r.out << r.err;
+    EXPECT_TRUE(j.errors.empty()) << r.err;
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_NE(r.err.find("replies dropped: "), std::string::npos) << r.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, PollLineFaults, ::testing::Combine(::testing::ValuesIn(kLineFaults), ::testing::Bool()),
+                         [](const ::testing::TestParamInfo<std::tuple<LineFault, bool>> &i) {
+                             return std::string(std::get<0>(i.param).name) + (std::get<1>(i.param) ? "Pty" : "Tcp");
+                         });
+
+} // namespace

@@ -25,11 +25,24 @@ QString hexBytes(const uint8_t *b, size_t n)
     return QByteArray(reinterpret_cast<const char *>(b), int(n)).toHex(' ').toUpper();
 }
 
+const char *reasonText(DropReason r)
+{
+    switch (r) {
+    case DropReason::Late:
+        return "late: came after its time-out";
+    case DropReason::Doubled:
+        return "doubled: a copy of the reply taken before";
+    case DropReason::Foreign:
+        return "foreign: another station's reply";
+    case DropReason::Malformed:
+    default:
+        return "malformed: noise, bad CRC, or not this request's function, byte count or echo";
+    }
+}
+
 bool isWriteFrame(const FRAME_PRO &f)
 {
-    const uint8_t code = f.frame[1];
-    return f.frameLen > 1 && (code == rtusim::fc::kWriteMultipleCoils || code == rtusim::fc::kWriteMultipleRegisters ||
-                              code == rtusim::fc::kWriteSingleCoil || code == rtusim::fc::kWriteSingleRegister);
+    return f.frameLen > 1 && rtuplc::isWriteFunction(f.frame[1]);
 }
 
 QString prefixOf(const QString &regName)
@@ -49,15 +62,34 @@ QString Stats::summary() const
     const double seconds = std::max(1e-6, elapsed.count() / 1e6);
     const double loss = framesSent ? 100.0 * double(framesSent - std::min(accepted, framesSent)) / double(framesSent) : 0.0;
     const double cycleMs = finished ? cycleTotal.count() / 1000.0 / double(finished) : 0.0;
+    const uint64_t *d = line.dropped;
     return QStringLiteral("--- %1 frames sent, %2 replies accepted, %3 retries, %4 failures, %5% loss, "
-                          "%6 polls/s, mean cycle %7 ms")
+                          "%6 polls/s, mean cycle %7 ms; replies dropped: %8 late, %9 doubled, %10 foreign, "
+                          "%11 malformed")
         .arg(framesSent)
         .arg(accepted)
         .arg(retries)
         .arg(failures)
         .arg(loss, 0, 'f', 1)
         .arg(double(finished) / seconds, 0, 'f', 1)
-        .arg(cycleMs, 0, 'f', 1);
+        .arg(cycleMs, 0, 'f', 1)
+        .arg(d[int(DropReason::Late)])
+        .arg(d[int(DropReason::Doubled)])
+        .arg(d[int(DropReason::Foreign)])
+        .arg(d[int(DropReason::Malformed)]);
+}
+
+QString Stats::lateAdvice(std::chrono::milliseconds margin) const
+{
+    if (line.lateReplies == 0)
+        return QString();
+    const long lateMs = long((line.maxLateness.count() + 999) / 1000);
+    const long suggest = (long(margin.count()) + lateMs + 99) / 100 * 100;
+    return QStringLiteral("--- %1 repl%2 came after the time-out, up to %3 ms late: try --timeout %4")
+        .arg(line.lateReplies)
+        .arg(line.lateReplies == 1 ? "y" : "ies")
+        .arg(lateMs)
+        .arg(suggest);
 }
 
 Host::Host(const DriverApi &api, Link &link, Output &output, const HostSettings &settings)
@@ -65,6 +97,7 @@ Host::Host(const DriverApi &api, Link &link, Output &output, const HostSettings 
       recipeBuffer_(kRecipeBufferWords)
 {
     g_host = this;
+    link_.setTiming(settings.margin, settings.pause);
 }
 
 Host::~Host()
@@ -178,6 +211,7 @@ bool Host::run(const std::atomic<bool> &stop)
         out_.refresh(status());
     }
     stats_.elapsed = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - started_);
+    stats_.line = link_.stats();
 
     if (settings_.once) {
         for (const Point &p : points_) {
@@ -216,12 +250,17 @@ void Host::serveOne(const std::atomic<bool> &stop)
     const auto timeout = timeoutFor(size_t(f.frameLen), size_t(f.replyLen));
     Exchange x;
     if (f.frameLen > 0) { // a handshake record carries nothing to send
-        x = link_.exchange(f.frame, size_t(f.frameLen), size_t(f.replyLen), timeout, stop);
-        if (x.outcome != Exchange::Outcome::LinkDown)
+        x = link_.exchange(f, timeout, stop);
+        if (x.sent)
             ++stats_.framesSent;
-        if (settings_.verbose)
-            std::fprintf(stderr, "tx %s\nrx %s\n", qPrintable(hexBytes(f.frame, size_t(f.frameLen))),
+        if (settings_.verbose) {
+            for (const Dropped &d : x.dropped)
+                std::fprintf(stderr, "dropped %s (%s)\n", qPrintable(hexBytes(d.bytes.data(), d.bytes.size())),
+                             reasonText(d.reason));
+            std::fprintf(stderr, "tx %s%s\nrx %s\n", qPrintable(hexBytes(f.frame, size_t(f.frameLen))),
+                         x.sent ? "" : " (not sent again: a late answer to the same request came first)",
                          qPrintable(hexBytes(x.reply.data(), x.reply.size())));
+        }
     }
     if (stop && x.outcome == Exchange::Outcome::NoReply && f.replyLen > 0)
         return; // interrupted while waiting: the frame is not judged
@@ -356,12 +395,12 @@ QString Host::whyFailed(const FRAME_PRO &f, const Exchange &x, std::chrono::micr
     const QString tries = QStringLiteral("%1 attempt%2").arg(attempts).arg(attempts == 1 ? "" : "s");
     switch (x.outcome) {
     case Exchange::Outcome::Exception: {
-        const uint8_t code = x.reply[2];
+        const uint8_t code = x.reply[2]; // station, function | 0x80, code
         QString why = QStringLiteral("exception %1 (%2) after %3")
                           .arg(code, 2, 16, QChar('0'))
                           .arg(QLatin1String(rtusim::exceptionName(code)), tries);
         const int quantity = (f.frame[kQuantityIndex] << 8) | f.frame[kQuantityIndex + 1];
-        if (f.frame[1] == rtusim::fc::kReadHoldingRegisters && quantity > rtusim::kStandardMaxReadRegisters)
+        if (f.frame[1] == rtuplc::kReadHoldingRegisters && quantity > rtusim::kStandardMaxReadRegisters)
             why += QStringLiteral(": this read asks for %1 registers; standard Modbus slaves stop at %2 while this "
                                   "controller takes %3 (use --gap or shorter items for other slaves)")
                        .arg(quantity)
@@ -379,10 +418,9 @@ QString Host::whyFailed(const FRAME_PRO &f, const Exchange &x, std::chrono::micr
     }
     const long ms = long(timeout.count() / 1000);
     if (x.bytesSeen > 0)
-        return QStringLiteral("only %1 of %2 reply bytes within %3 ms, %4")
-            .arg(x.bytesSeen)
-            .arg(f.replyLen)
+        return QStringLiteral("no reply answering it within %1 ms (%2 bytes came that did not), %3")
             .arg(ms)
+            .arg(x.bytesSeen)
             .arg(tries);
     if (!x.detail.empty())
         return QStringLiteral("%1, %2").arg(QString::fromStdString(x.detail), tries);

@@ -41,6 +41,7 @@ struct HostSettings {
     rtusim::SerialLine line;         // for the timing of every exchange
     bool serial = false;             // keeps the silent interval
     std::chrono::milliseconds margin{500};
+    std::chrono::milliseconds pause{0}; // between the end of one exchange and the next frame
     bool once = false;
     long count = 0;                  // passes over every block; 0: no bound
     std::chrono::milliseconds duration{0};
@@ -57,8 +58,11 @@ struct Stats {
     uint64_t finished = 0;           // requests done, accepted or failed
     std::chrono::microseconds cycleTotal{0};
     std::chrono::microseconds elapsed{0};
+    LineStats line;                  // what the link dropped
 
     QString summary() const;
+    // How late replies came and the time-out that would have taken them; empty if none.
+    QString lateAdvice(std::chrono::milliseconds margin) const;
 };
 
 struct RecipeJob {

@@ -5,20 +5,15 @@
 
 #include <limits>
 
+#include "rtuplc_support/modbus.h"
+
 namespace rtupoll {
 
 namespace {
 
-// intf_checkAddrValidity results.
-constexpr int kValid = 0;
-constexpr int kWrongUse = 1;
-constexpr int kOutOfRange = 2;
-constexpr int kUnknownArea = 3;
-constexpr int kUnreadable = 4;
-
-constexpr int kBroadcastStation = 0;
-constexpr int kLowestStation = 1;
-constexpr int kHighestStation = 247;
+using rtusim::kBroadcastStation;
+using rtusim::kHighestStation;
+constexpr int kLowestStation = kBroadcastStation + 1;
 
 QString notationName(int base)
 {
@@ -38,13 +33,13 @@ bool checkAddress(const DriverApi &api, const Area &area, const QString &text, i
     int addr = 0;
     const int r = api.checkAddrValidity(area.name, text, &addr, count, area.isBit() ? 0 : 1);
     switch (r) {
-    case kValid:
+    case RTUPLC_ADDR_VALID:
         *address = addr;
         return true;
-    case kUnreadable:
+    case RTUPLC_ADDR_UNREADABLE:
         *error = QStringLiteral("\"%1\" is not an address of %2: %3").arg(text, area.name, rangeText(area));
         return false;
-    case kOutOfRange:
+    case RTUPLC_ADDR_OUT_OF_RANGE:
         if (addr < area.lowest || addr > area.highest)
             *error = QStringLiteral("%1:%2 is out of range: %3").arg(area.name, text, rangeText(area));
         else if (count <= area.countPerValue())
@@ -53,10 +48,10 @@ bool checkAddress(const DriverApi &api, const Area &area, const QString &text, i
             *error = QStringLiteral("%1 from %2 runs past the highest address %3").arg(area.name, text,
                                                                                        area.highestText);
         return false;
-    case kUnknownArea:
+    case RTUPLC_ADDR_UNKNOWN_AREA:
         *error = QStringLiteral("the driver does not know the area %1").arg(area.name);
         return false;
-    case kWrongUse:
+    case RTUPLC_ADDR_WRONG_USE:
     default:
         *error = QStringLiteral("the driver refuses %1:%2 (result %3)").arg(area.name, text).arg(r);
         return false;

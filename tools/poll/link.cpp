@@ -15,7 +15,6 @@
 #include <thread>
 
 #include "rtuplc_support/fd_io.h"
-#include "rtuplc_support/modbus.h"
 
 namespace rtupoll {
 
@@ -23,6 +22,8 @@ namespace {
 
 constexpr std::chrono::milliseconds kConnectTimeout{3000};
 constexpr std::chrono::milliseconds kSendTimeout{2000};
+// Bytes that follow each other closer than this belong to one reply.
+constexpr std::chrono::milliseconds kReplyGap{3};
 
 std::string errnoText()
 {
@@ -90,20 +91,6 @@ protected:
         return fd_ >= 0;
     }
 
-    void discardInput() override
-    {
-        // A late reply to an earlier request must not pass for this one's.
-        uint8_t buf[512];
-        for (;;) {
-            const ssize_t n = ::recv(fd_, buf, sizeof buf, MSG_DONTWAIT);
-            if (n > 0)
-                continue;
-            if (n == 0) // the peer closed: reconnect before sending
-                closeOnFailure();
-            return;
-        }
-    }
-
     void closeOnFailure() override
     {
         if (fd_ >= 0)
@@ -155,7 +142,6 @@ protected:
             *error = device_ + " is not open";
         return fd_ >= 0;
     }
-    void discardInput() override { tcflush(fd_, TCIFLUSH); }
     void beforeSend() override
     {
         // Modbus frames are told apart by silence: keep the line quiet long enough.
@@ -164,6 +150,7 @@ protected:
             std::this_thread::sleep_until(quietUntil);
     }
     void afterExchange() override { lastActivity_ = Clock::now(); }
+    std::chrono::microseconds silence() const override { return silence_; }
 
 private:
     std::string device_;
@@ -176,38 +163,188 @@ private:
 
 Link::~Link() = default;
 
-Exchange Link::exchange(const uint8_t *frame, size_t n, size_t replyLen, std::chrono::microseconds timeout,
-                        const std::atomic<bool> &stop)
+void Link::setTiming(std::chrono::microseconds margin, std::chrono::milliseconds pause)
+{
+    margin_ = margin;
+    pause_ = pause;
+}
+
+std::chrono::microseconds Link::guard() const
+{
+    // A slave that answers late usually holds the requests sent meanwhile and answers
+    // them as late: leave room for twice the longest response seen.
+    const auto g = margin_ + 2 * std::max(maxResponse_, maxAmbiguous_);
+    return std::clamp<std::chrono::microseconds>(g, std::max(silence(), std::chrono::microseconds(1000)), kMaxGuard);
+}
+
+bool Link::drain(bool late)
+{
+    uint8_t buf[512];
+    for (;;) {
+        const ssize_t n = ::read(fd_, buf, sizeof buf);
+        if (n > 0) {
+            matcher_.discard(buf, size_t(n), late);
+            continue;
+        }
+        return !(n == 0 || (errno != EAGAIN && errno != EINTR && errno != EIO));
+    }
+}
+
+void Link::responded(Clock::time_point sentAt, Clock::time_point at, bool ambiguous)
+{
+    auto &longest = ambiguous ? maxAmbiguous_ : maxResponse_;
+    const auto took = std::chrono::duration_cast<std::chrono::microseconds>(at - sentAt);
+    longest = std::min<std::chrono::microseconds>(std::max(longest, took), kMaxGuard);
+}
+
+void Link::lateBy(Clock::time_point now, Clock::time_point deadline)
+{
+    ++stats_.lateReplies;
+    stats_.maxLateness =
+        std::max(stats_.maxLateness, std::chrono::duration_cast<std::chrono::microseconds>(now - deadline));
+}
+
+void Link::took(const std::vector<uint8_t> &frame, Clock::time_point now, bool sentNow)
+{
+    // A slave answers in order: the answer goes to the oldest identical send still
+    // owed. If that is not the one just sent, the answer to this one may still come.
+    const auto same = [&](const Owed &o) { return o.frame == frame; };
+    const auto oldest = std::find_if(owed_.begin(), owed_.end(), same);
+    if (oldest == owed_.end())
+        return;
+    const auto newest = std::find_if(owed_.rbegin(), owed_.rend(), same);
+    if (!sentNow) {
+        // Nothing was sent since: a late answer for certain. Sends whose request was
+        // lost are never answered, so measure from the latest one.
+        lateBy(now, newest->deadline);
+        responded(newest->sentAt, now, false);
+    } else {
+        // Just sent: the answer to this send or a late one to an identical send
+        // before it; the guard takes the longer response time, and it is not
+        // reported as late.
+        responded(oldest->sentAt, now, oldest != std::prev(newest.base()));
+    }
+    owed_.erase(oldest);
+}
+
+void Link::collect(Exchange &x)
+{
+    for (Dropped &d : matcher_.takeDropped()) {
+        ++stats_.dropped[int(d.reason)];
+        x.dropped.push_back(std::move(d));
+    }
+}
+
+bool Link::keepQuiet(const FRAME_PRO &frame, Exchange &x, const std::atomic<bool> &stop)
+{
+    const std::vector<uint8_t> bytes(frame.frame, frame.frame + frame.frameLen);
+    const bool retry = std::all_of(owed_.begin(), owed_.end(), [&](const Owed &o) { return o.frame == bytes; });
+    const Clock::time_point newestSend = owed_.back().sentAt;
+    const Clock::time_point newestDeadline = owed_.back().deadline;
+    matcher_.expect(frame);
+    const auto started = Clock::now();
+    const auto minQuiet = std::max<std::chrono::microseconds>(margin_, silence());
+    // Before the same request again, wait as long as this slave has been seen to
+    // answer: a late answer to it is an answer to it, and taking it spares a send
+    // whose answer would be owed. Before another request every send still owed must
+    // have had time to be answered, or its answer might be taken for this request's.
+    const auto horizon = [&] {
+        return retry ? std::min(newestDeadline + minQuiet + maxResponse_, started + kMaxGuard)
+                     : std::min(newestSend + guard(), started + kMaxGuard);
+    };
+    auto quietUntil = std::max(started + minQuiet, horizon());
+    auto lastRead = started - 2 * kReplyGap;
+    while (!stop) {
+        if (Clock::now() >= quietUntil)
+            break;
+        pollfd p{fd_, POLLIN, 0};
+        if (::poll(&p, 1, std::min(msLeft(quietUntil) + 1, 100)) <= 0)
+            continue;
+        uint8_t buf[512];
+        const ssize_t n = ::read(fd_, buf, sizeof buf);
+        if (n <= 0) {
+            if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
+                closeOnFailure();
+                break;
+            }
+            continue;
+        }
+        const auto at = Clock::now();
+        if (retry) {
+            matcher_.feed(buf, size_t(n)); // an answer to this very request, sent before
+            if (matcher_.answered()) {
+                took(bytes, at, false);
+                x.reply = matcher_.reply();
+                x.outcome = matcher_.verdict() == rtuplc::MatchVerdict::Reply ? Exchange::Outcome::Reply
+                                                                               : Exchange::Outcome::Exception;
+                stats_.guardTotal += std::chrono::duration_cast<std::chrono::microseconds>(at - started);
+                return true;
+            }
+        } else {
+            matcher_.discard(buf, size_t(n), true);
+            if (at - lastRead > kReplyGap) { // the first bytes of another late reply
+                lateBy(at, owed_.empty() ? newestDeadline : owed_.front().deadline);
+                responded(newestSend, at, false);
+                if (!owed_.empty())
+                    owed_.pop_front();
+            }
+        }
+        lastRead = at;
+        quietUntil = std::max(at + minQuiet, horizon());
+    }
+    matcher_.finish(true);
+    stats_.guardTotal += std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - started);
+    if (!retry)
+        owed_.clear(); // given time enough: those answers are lost
+    return false;
+}
+
+Exchange Link::exchange(const FRAME_PRO &frame, std::chrono::microseconds timeout, const std::atomic<bool> &stop)
 {
     Exchange x;
+    const size_t n = size_t(std::max(0, frame.frameLen));
+    if (pause_.count() > 0 && lastEnd_ != Clock::time_point{})
+        std::this_thread::sleep_until(lastEnd_ + pause_);
     beforeSend();
-    if (fd_ >= 0)
-        discardInput(); // after the silence: whatever came during it is stale too
+    if (fd_ >= 0 && !owed_.empty() && keepQuiet(frame, x, stop)) {
+        afterExchange();
+        collect(x);
+        lastEnd_ = Clock::now();
+        return x;
+    }
+    if (stop)
+        return x; // interrupted while keeping quiet: nothing is sent
+    // After the silence: whatever came during it is stale too.
+    if (fd_ >= 0 && !drain(false))
+        closeOnFailure(); // the peer closed: reconnect before sending
+    collect(x);
     if (!ensureConnected(&x.detail)) {
         x.outcome = Exchange::Outcome::LinkDown;
         return x;
     }
-    if (!rtusim::writeAll(fd_, frame, n, kSendTimeout)) {
+    if (!rtusim::writeAll(fd_, frame.frame, n, kSendTimeout)) {
         x.outcome = Exchange::Outcome::LinkDown;
         x.detail = "cannot send: " + errnoText();
         closeOnFailure();
         return x;
     }
-    std::vector<uint8_t> got;
-    const auto until = Clock::now() + timeout;
-    while (got.size() < replyLen && !stop) {
+    x.sent = true;
+    const auto sentAt = Clock::now();
+    const auto until = sentAt + timeout;
+    matcher_.expect(frame);
+    const bool expectsReply = frame.replyLen > 0;
+    const std::vector<uint8_t> bytes(frame.frame, frame.frame + n);
+    if (expectsReply)
+        owed_.push_back(Owed{bytes, sentAt, until});
+    while (expectsReply && !matcher_.answered() && !stop) {
         pollfd p{fd_, POLLIN, 0};
         const int ready = ::poll(&p, 1, std::min(msLeft(until), 100));
         if (ready > 0) {
             uint8_t buf[512];
-            const ssize_t r = ::read(fd_, buf, std::min(sizeof buf, replyLen - got.size()));
+            const ssize_t r = ::read(fd_, buf, sizeof buf);
             if (r > 0) {
-                got.insert(got.end(), buf, buf + r);
-                if (rtusim::isExceptionReply(got.data(), got.size())) {
-                    got.resize(rtusim::kExceptionReplyBytes); // no need to wait for the rest
-                    x.outcome = Exchange::Outcome::Exception;
-                    break;
-                }
+                x.bytesSeen += size_t(r);
+                matcher_.feed(buf, size_t(r));
             } else if (r == 0 || (errno != EAGAIN && errno != EINTR)) {
                 x.detail = r == 0 ? "the connection was closed" : errnoText();
                 closeOnFailure();
@@ -218,17 +355,19 @@ Exchange Link::exchange(const uint8_t *frame, size_t n, size_t replyLen, std::ch
         }
     }
     afterExchange();
-    x.bytesSeen = got.size();
-    if (x.outcome == Exchange::Outcome::Exception) {
-        x.reply = got;
-    } else if (replyLen > 0 && got.size() == replyLen) {
-        x.outcome = Exchange::Outcome::Reply;
-        x.reply = got;
+    if (matcher_.answered()) {
+        took(bytes, Clock::now(), true);
+        x.reply = matcher_.reply();
+        x.outcome = matcher_.verdict() == rtuplc::MatchVerdict::Reply ? Exchange::Outcome::Reply
+                                                                       : Exchange::Outcome::Exception;
     } else {
+        matcher_.finish(false);
         x.outcome = Exchange::Outcome::NoReply; // the driver takes nothing as a time-out
     }
-    if (replyLen == 0)
+    collect(x);
+    if (!expectsReply)
         beforeSend(); // a frame nobody answers still owes the line its silence
+    lastEnd_ = Clock::now();
     return x;
 }
 

@@ -1,33 +1,50 @@
 // The line to the controller: a serial device or a TCP connection carrying RTU frames.
-// It transmits one request and collects exactly the reply the driver expects, or an
-// exception reply as soon as one is complete, or nothing by the deadline.
+// It transmits one request and hands back only bytes that answer it: the reply the
+// frame expects, or an exception to it as soon as one is complete, or nothing by the
+// deadline. Everything else on the line (late, doubled, foreign or malformed replies)
+// is dropped and counted. After a time-out it keeps the line quiet for a guard time
+// before the next frame, so that a late reply is never taken for another request's.
 #ifndef RTUPLC_POLL_LINK_H
 #define RTUPLC_POLL_LINK_H
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "rtuplc_link.h"
 #include "rtuplc_support/serial_line.h"
 
 namespace rtupoll {
 
 using Clock = std::chrono::steady_clock;
+using Dropped = rtuplc::ReplyMatcher::Dropped;
+using DropReason = rtuplc::ReplyMatcher::Reason;
 
 struct Exchange {
     enum class Outcome {
-        Reply,     // replyLen bytes arrived (the driver judges them)
-        Exception, // a complete exception reply arrived
-        NoReply,   // none expected, or none (or too little) came by the deadline
+        Reply,     // a reply answering the frame arrived (the driver judges it)
+        Exception, // a complete exception reply to the frame arrived
+        NoReply,   // none expected, or none came by the deadline
         LinkDown,  // the frame could not be sent
     };
     Outcome outcome = Outcome::NoReply;
     std::vector<uint8_t> reply; // what goes to the driver: empty unless Reply or Exception
-    size_t bytesSeen = 0;       // bytes received, also when too few
+    size_t bytesSeen = 0;       // bytes received while waiting, answer or not
+    bool sent = false;          // false: a late answer to the same frame sent before was taken
     std::string detail;         // why the link is down
+    std::vector<Dropped> dropped; // bytes dropped before and during the exchange
+};
+
+// What the line did besides answering.
+struct LineStats {
+    uint64_t dropped[4] = {}; // by DropReason: late, doubled, foreign, malformed
+    uint64_t lateReplies = 0; // replies seen after their time-out (dropped or used for a retry)
+    std::chrono::microseconds maxLateness{0};
+    std::chrono::microseconds guardTotal{0}; // time spent keeping the line quiet
 };
 
 class Link {
@@ -36,19 +53,53 @@ public:
     virtual bool open(std::string *error) = 0;
     virtual std::string describe() const = 0;
 
-    // Sends `frame` and waits for `replyLen` bytes until `timeout` has passed; stops
-    // early (NoReply) when `stop` becomes true.
-    Exchange exchange(const uint8_t *frame, size_t n, size_t replyLen, std::chrono::microseconds timeout,
-                      const std::atomic<bool> &stop);
+    // The turnaround margin the guard after a time-out starts from, and a pause kept
+    // between the end of one exchange and the next frame.
+    void setTiming(std::chrono::microseconds margin, std::chrono::milliseconds pause);
+    // How long after the newest send still owed the line must have been quiet before
+    // another request goes out: the margin plus twice the longest response seen, at
+    // least the silent interval, at most kMaxGuard.
+    std::chrono::microseconds guard() const;
+    static constexpr std::chrono::seconds kMaxGuard{10};
+
+    // Sends `frame` and waits for its answer until `timeout` has passed; stops early
+    // (NoReply) when `stop` becomes true.
+    Exchange exchange(const FRAME_PRO &frame, std::chrono::microseconds timeout, const std::atomic<bool> &stop);
+    const LineStats &stats() const { return stats_; }
 
 protected:
-    virtual void discardInput() = 0;
     virtual bool ensureConnected(std::string *error) = 0;
     virtual void beforeSend() {}
     virtual void afterExchange() {}
     virtual void closeOnFailure() {}
+    virtual std::chrono::microseconds silence() const { return std::chrono::microseconds(0); }
 
     int fd_ = -1;
+
+private:
+    struct Owed {
+        std::vector<uint8_t> frame;
+        Clock::time_point sentAt, deadline;
+    };
+    // Reads what is waiting without blocking; false when the peer closed.
+    bool drain(bool late);
+    // Keeps the line quiet for the guard; true when, meanwhile, a late answer to an
+    // identical frame sent before arrived and was taken for this one.
+    bool keepQuiet(const FRAME_PRO &frame, Exchange &x, const std::atomic<bool> &stop);
+    void took(const std::vector<uint8_t> &frame, Clock::time_point now, bool sentNow);
+    void lateBy(Clock::time_point now, Clock::time_point deadline);
+    void responded(Clock::time_point sentAt, Clock::time_point at, bool ambiguous);
+    void collect(Exchange &x);
+
+    rtuplc::ReplyMatcher matcher_;
+    std::deque<Owed> owed_; // sends whose answer has not been seen: the guard is due
+    std::chrono::microseconds margin_{500000};
+    std::chrono::milliseconds pause_{0};
+    std::chrono::microseconds maxResponse_{0};  // longest time from a send to its answer
+    std::chrono::microseconds maxAmbiguous_{0}; // the same, had an answer taken by a re-send
+                                                // been the late one to the send before
+    Clock::time_point lastEnd_{};
+    LineStats stats_;
 };
 
 // RTU frames over TCP, to a gateway or the simulator; reconnects when the peer drops.

@@ -147,6 +147,7 @@ int main(int argc, char **argv)
     settings.line = line;
     settings.serial = o.link == Options::Link::Serial;
     settings.margin = std::chrono::milliseconds(o.timeoutMs);
+    settings.pause = std::chrono::milliseconds(o.pauseMs);
     settings.once = o.once;
     settings.count = o.count;
     settings.duration = std::chrono::milliseconds(static_cast<long long>(o.durationSeconds * 1000));
@@ -169,10 +170,17 @@ int main(int argc, char **argv)
                                              .arg(rtusim::silentInterval(line).count() / 1000.0, 0, 'f', 2)
                                        : QString())
                   .arg(o.timeoutMs));
+    out.plain(QStringLiteral("pause between exchanges: %1 ms; after a time-out the line is kept quiet for %2 ms "
+                             "(growing with the slave's response time, at most %3 s) before the next frame")
+                  .arg(o.pauseMs)
+                  .arg(link->guard().count() / 1000.0, 0, 'f', 1)
+                  .arg(Link::kMaxGuard.count()));
     out.plain(QStringLiteral("station %1, property text %2").arg(o.station).arg(settings.propertyText()));
 
     installSignals();
     const bool ok = host.run(g_stop);
     out.plain(host.stats().summary());
+    if (const QString late = host.stats().lateAdvice(settings.margin); !late.isEmpty())
+        out.plain(late);
     return ok ? kExitOk : kExitFailed;
 }

@@ -34,7 +34,12 @@ Driver properties (property text id#localWrite#0#retries#gap, default 1#0#0#3#64
 
 Timing:
   --timeout MS           turnaround margin added to the transmission time of request
-                         and reply at the line speed (default 500)
+                         and reply at the line speed (default 500); after a time-out
+                         the line is kept quiet this long (plus twice the longest
+                         response seen) before another request, so a late reply is
+                         never taken for another request's
+  --pause MS             pause between the end of one exchange and the next frame,
+                         for devices that need a rest between requests (default 0)
 
 Output (a line per value when first read and when it changes):
   --hex                  values in hexadecimal
@@ -43,9 +48,12 @@ Output (a line per value when first read and when it changes):
                          and failed requests {"error":"1#D_W100(10)","result":2};
                          other messages go to standard error
   --watch                a live table, redrawn in place
-  --verbose              every frame sent and received, in hex, on standard error
+  --verbose              every frame sent and received, in hex, on standard error,
+                         and every reply dropped (late, doubled, foreign, malformed)
+                         with the reason
 
-Run (default: until Ctrl-C, then a summary line):
+Run (default: until Ctrl-C, then summary lines: frames and replies, and the replies
+dropped because they did not answer the request in flight):
   --once                 poll every block once, print every value, exit
   --count N              stop after N rounds over every block
   --duration S           stop after S seconds
@@ -165,6 +173,10 @@ bool parseOptions(int argc, char **argv, Options *o, std::string *error)
             if (!value() || !toLong(v, 1, kMaxTimeoutMs, &n))
                 return fail("--timeout takes 1..600000 milliseconds");
             o->timeoutMs = int(n);
+        } else if (a == "--pause") {
+            if (!value() || !toLong(v, 0, kMaxTimeoutMs, &n))
+                return fail("--pause takes 0..600000 milliseconds");
+            o->pauseMs = int(n);
         } else if (a == "--hex") {
             o->hex = true;
         } else if (a == "--json") {

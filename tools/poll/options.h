@@ -31,6 +31,7 @@ struct Options {
     int gap = 64;
     bool localWrite = false;
     int timeoutMs = 500;
+    int pauseMs = 0;
 
     bool hex = false;
     bool json = false;

@@ -43,6 +43,15 @@ Faults (probabilities 0..1, drawn per request):
   --corrupt P           one bit of the reply flipped
   --exception P         refused with exception 06, slave device busy
   --delay MS            every reply delayed
+  --late P              the reply sent --late-by MS late (default 1000), past the
+                        master's time-out
+  --late-by MS          how late a --late reply comes
+  --double P            the reply sent twice
+  --foreign P           another station's reply (its data, valid CRC) instead of its
+                        own; the request is not executed
+  --noise P             random bytes before the reply
+  --split P             the reply written in pieces, 1..5 ms apart
+  --wrong-function P    the reply with another function code and a valid CRC
   --seed N              random seed, for repeatable faults
 
 Output:
@@ -99,7 +108,11 @@ struct Options {
     bool animate = false;
     bool pace = false;
     int maxRead = rtusim::kControllerMaxReadRegisters;
-    rtusim::Faults faults;
+    rtusim::Faults faults = [] {
+        rtusim::Faults f;
+        f.lateByMs = 1000;
+        return f;
+    }();
     bool seeded = false;
     unsigned long long seed = 0;
     bool dump = false;
@@ -174,6 +187,17 @@ int parse(int argc, char **argv, Options &o)
             double *p = a == "--drop" ? &o.faults.drop : a == "--corrupt" ? &o.faults.corrupt : &o.faults.exception;
             if (!value(&v) || !parseProbability(v, p))
                 return usageError(a + " takes a probability from 0 to 1");
+        } else if (a == "--late" || a == "--double" || a == "--foreign" || a == "--noise" || a == "--split" ||
+                   a == "--wrong-function") {
+            rtusim::Faults &f = o.faults;
+            double *p = a == "--late" ? &f.late : a == "--double" ? &f.doubled : a == "--foreign" ? &f.foreign
+                      : a == "--noise" ? &f.noise : a == "--split" ? &f.split : &f.wrongFunction;
+            if (!value(&v) || !parseProbability(v, p))
+                return usageError(a + " takes a probability from 0 to 1");
+        } else if (a == "--late-by") {
+            if (!value(&v) || !parseInt(v, 0, 60000, &n))
+                return usageError("--late-by takes 0..60000 milliseconds");
+            o.faults.lateByMs = int(n);
         } else if (a == "--delay") {
             if (!value(&v) || !parseInt(v, 0, 60000, &n))
                 return usageError("--delay takes 0..60000 milliseconds");
@@ -201,7 +225,9 @@ void printCounters(const rtusim::Counters &c)
     std::cerr << "rtuplc-sim: " << c.requests << " requests, " << c.replies << " replies, " << c.exceptions
               << " exceptions, " << c.writes << " writes, " << c.broadcasts << " broadcasts, " << c.otherStations
               << " for other stations, " << c.dropped << " dropped, " << c.corrupted << " corrupted, "
-              << c.discarded << " bad frames\n";
+              << c.discarded << " bad frames, " << c.late << " late, " << c.doubled << " doubled, " << c.foreign
+              << " foreign, " << c.noise << " with noise, " << c.split << " split, " << c.wrongFunction
+              << " of another function\n";
 }
 
 } // namespace

@@ -17,6 +17,9 @@ struct Limits {
     int maxReadCoils = kStandardMaxReadCoils;
     int maxWriteRegisters = kStandardMaxWriteRegisters;
     int maxWriteCoils = kStandardMaxWriteCoils;
+    // Answer at every address of both spaces, not only where the controller has memory:
+    // a fuzzer's addresses land anywhere, and its replies should still carry values.
+    bool everyAddressMapped = false;
 };
 
 bool isWriteFunction(uint8_t function);

@@ -39,6 +39,15 @@ struct Faults {
     double corrupt = 0;   // one bit of the reply flipped, so its CRC fails
     double exception = 0; // refused with "slave device busy" instead of executed
     int delayMs = 0;      // added before every reply
+    // Faults of a line whose replies do not answer the request in flight:
+    double late = 0;          // the reply sent lateByMs later (past the master's time-out)
+    int lateByMs = 0;
+    double doubled = 0;       // the reply sent twice, the copy 0..5 ms after it
+    double foreign = 0;       // another station's reply to the same request (that station's
+                              // data, valid CRC) instead of its own; the request is not executed
+    double noise = 0;         // 1..8 random bytes before the reply
+    double split = 0;         // the reply written in 2..4 pieces, 1..5 ms apart
+    double wrongFunction = 0; // the reply with another function code and a valid CRC
 };
 
 struct Counters {
@@ -51,6 +60,7 @@ struct Counters {
     uint64_t dropped = 0;
     uint64_t corrupted = 0;
     uint64_t discarded = 0;     // received bytes that formed no valid frame
+    uint64_t late = 0, doubled = 0, foreign = 0, noise = 0, split = 0, wrongFunction = 0;
 };
 
 class Simulator {
