@@ -502,7 +502,7 @@ void measure(const char *what, F &&fill)
         fill();
         const long after = residentBytes();
         std::printf("%s: %d data areas, resident bytes added %ld, %.1f bytes per data area\n", what,
-                    driver.dataAreas.size(), after - before, double(after - before) / driver.dataAreas.size());
+                    int(driver.dataAreas.size()), after - before, double(after - before) / driver.dataAreas.size());
         std::fflush(stdout);
         _exit(0);
     }

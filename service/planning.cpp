@@ -332,8 +332,14 @@ RTUPLC_EXPORT int intf_addrMerge(QList<KEY_ADDRESS> &list)
                 __builtin_prefetch(ahead);
                 __builtin_prefetch(ahead + 63);
             }
-            if (i + 4 < list.size())
+            if (i + 4 < list.size()) {
+#if QT_VERSION_MAJOR >= 6
+                // Qt 6 keeps the characters' address in the string itself.
+                __builtin_prefetch(list.at(i + 4).regName.constData());
+#else
                 __builtin_prefetch(const_cast<QString &>(list.at(i + 4).regName).data_ptr());
+#endif
+            }
             const KEY_ADDRESS &k = list.at(i);
             if (!hostRangeFits(k.startAddr, std::max(k.len, 0)))
                 continue; // no screen shows that many units; flagging them would exhaust memory
@@ -369,7 +375,7 @@ RTUPLC_EXPORT int intf_addrMerge(QList<KEY_ADDRESS> &list)
             v.len = static_cast<int>(b.len);
             driver.monitorList.append(v);
         }
-        return driver.monitorList.size();
+        return int(driver.monitorList.size());
     });
 }
 

@@ -70,7 +70,7 @@ extern "C" RTUPLC_EXPORT int intf_setRcpAddress(QVector<_RCP_VAR_PRO> &vars)
             req.rcpOffset = static_cast<int>(b.offset);
             driver.rcpReqs.append(req);
         }
-        return driver.rcpVars.size();
+        return int(driver.rcpVars.size());
     });
 }
 

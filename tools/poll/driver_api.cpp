@@ -19,10 +19,11 @@ std::pair<const char *, void **> slot(const char *name, F *&fn)
 
 } // namespace
 
-bool loadDriver(const std::string &path, DriverApi *api, std::string *error)
+bool loadDriver(const std::string &path, DriverApi *api, std::string *error, bool search)
 {
-    // A path without a slash would send dlopen searching the system's libraries.
-    const std::string where = path.find('/') == std::string::npos ? "./" + path : path;
+    // A path without a slash sends dlopen searching the system's libraries: wanted for
+    // the installed driver's SONAME, not for a file the user named.
+    const std::string where = !search && path.find('/') == std::string::npos ? "./" + path : path;
     void *lib = dlopen(where.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (lib == nullptr) {
         *error = std::string("cannot load the driver: ") + dlerror();
@@ -66,15 +67,18 @@ bool loadDriver(const std::string &path, DriverApi *api, std::string *error)
     return true; // the library stays loaded for the life of the program
 }
 
-std::string driverBesideProgram()
+std::string defaultDriver()
 {
     char self[PATH_MAX];
     const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (n <= 0)
-        return "librtuplc.so";
-    std::string dir(self, size_t(n));
-    dir.erase(dir.rfind('/') + 1);
-    return dir + "librtuplc.so";
+    if (n > 0) {
+        std::string beside(self, size_t(n));
+        beside.erase(beside.rfind('/') + 1);
+        beside += RTUPLC_DRIVER_FILE;
+        if (access(beside.c_str(), F_OK) == 0)
+            return beside;
+    }
+    return RTUPLC_DRIVER_SONAME;
 }
 
 } // namespace rtupoll

@@ -34,11 +34,13 @@ struct DriverApi {
 };
 
 // Loads the library and resolves every function. On failure `error` says what went
-// wrong: the loader's message, or the names the library does not export.
-bool loadDriver(const std::string &path, DriverApi *api, std::string *error);
+// wrong: the loader's message, or the names the library does not export. With search
+// false a bare file name is taken from the current directory.
+bool loadDriver(const std::string &path, DriverApi *api, std::string *error, bool search = false);
 
-// librtuplc.so in the directory of the running program.
-std::string driverBesideProgram();
+// The driver built beside the running program (librtuplc.so in a build tree) if there
+// is one, else the installed driver's SONAME, for the dynamic loader to find.
+std::string defaultDriver();
 
 } // namespace rtupoll
 

@@ -78,8 +78,8 @@ int main(int argc, char **argv)
     }
 
     DriverApi api;
-    const std::string driverPath = o.driverPath.empty() ? driverBesideProgram() : o.driverPath;
-    if (!loadDriver(driverPath, &api, &why))
+    const std::string driverPath = o.driverPath.empty() ? defaultDriver() : o.driverPath;
+    if (!loadDriver(driverPath, &api, &why, o.driverPath.empty()))
         return fail(kExitDriver, QString::fromStdString(why));
     const Defaults defaults = driverDefaults(api);
 

@@ -22,7 +22,8 @@ Connection:
   --serial DEVICE        a serial line or pseudo-terminal
   --line B,D,P,S         line settings, default 9600,8,EVEN,1 (from the driver); over
                          TCP they only set the reply timeout
-  --driver PATH          the driver library (default: librtuplc.so beside rtuplc-poll)
+  --driver PATH          the driver library (default: librtuplc.so beside
+                         rtuplc-poll, else the installed librtuplc.so.2)
 
 Driver properties (property text id#localWrite#0#retries#gap, default 1#0#0#3#64):
   --station N            station of items without @N (default 1)
