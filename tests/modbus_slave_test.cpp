@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "host_library.h"
+#include "rtuplc_support/driver_api.h"
 
 namespace {
 
@@ -91,7 +91,8 @@ class AgainstLibmodbus : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(lib.ok()) << lib.error();
+        std::string error;
+        ASSERT_TRUE(rtusupport::loadDriver(RTUPLC_LIBRARY, &lib, &error)) << error;
         ASSERT_TRUE(slave.ok());
         for (int i = 0; i < kMemory; ++i) {
             slave.map->tab_bits[i] = uint8_t((i * 7) % 3 == 0);
@@ -125,7 +126,7 @@ protected:
     uint16_t reg(int a) { return slave.map->tab_registers[a]; }
     uint32_t pair(int a) { return (uint32_t(reg(a)) << 16) | reg(a + 1); } // high half first
 
-    HostLibrary lib;
+    rtusupport::DriverApi lib;
     PtySlave slave;
 };
 

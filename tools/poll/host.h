@@ -16,7 +16,7 @@
 #include <tuple>
 #include <vector>
 
-#include "driver_api.h"
+#include "driver_location.h"
 #include "items.h"
 #include "link.h"
 #include "output.h"

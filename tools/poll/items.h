@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "driver_api.h"
+#include "driver_location.h"
 
 namespace rtupoll {
 

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <iostream>
 
-#include "driver_api.h"
+#include "driver_location.h"
 #include "host.h"
 #include "items.h"
 #include "link.h"

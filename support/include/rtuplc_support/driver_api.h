@@ -1,13 +1,14 @@
 // The driver as a host sees it: a shared library loaded at run time whose intf_*
-// functions are looked up by name. Nothing of the driver is linked in.
-#ifndef RTUPLC_POLL_DRIVER_API_H
-#define RTUPLC_POLL_DRIVER_API_H
+// functions are looked up by name. Nothing of the driver is linked in. rtuplc-poll and
+// the tests that load the built library use it.
+#ifndef RTUPLC_SUPPORT_DRIVER_API_H
+#define RTUPLC_SUPPORT_DRIVER_API_H
 
 #include <string>
 
 #include "rtuplc.h"
 
-namespace rtupoll {
+namespace rtusupport {
 
 struct DriverApi {
     decltype(&intf_getProtocolType) getProtocolType = nullptr;
@@ -30,7 +31,8 @@ struct DriverApi {
     decltype(&intf_getData) getData = nullptr;
     decltype(&intf_setData) setData = nullptr;
 
-    std::string path; // as loaded
+    std::string path;       // as loaded
+    void *handle = nullptr; // the loader's handle, to look up anything else by name
 };
 
 // Loads the library and resolves every function. On failure `error` says what went
@@ -38,10 +40,7 @@ struct DriverApi {
 // false a bare file name is taken from the current directory.
 bool loadDriver(const std::string &path, DriverApi *api, std::string *error, bool search = false);
 
-// The driver built beside the running program (librtuplc.so in a build tree) if there
-// is one, else the installed driver's SONAME, for the dynamic loader to find.
-std::string defaultDriver();
 
-} // namespace rtupoll
+} // namespace rtusupport
 
 #endif

@@ -1,4 +1,4 @@
-#include "driver_api.h"
+#include "rtuplc_support/driver_api.h"
 
 #include <dlfcn.h>
 #include <unistd.h>
@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-namespace rtupoll {
+namespace rtusupport {
 
 namespace {
 
@@ -63,22 +63,9 @@ bool loadDriver(const std::string &path, DriverApi *api, std::string *error, boo
         return false;
     }
     a.path = where;
+    a.handle = lib;
     *api = a;
     return true; // the library stays loaded for the life of the program
 }
 
-std::string defaultDriver()
-{
-    char self[PATH_MAX];
-    const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (n > 0) {
-        std::string beside(self, size_t(n));
-        beside.erase(beside.rfind('/') + 1);
-        beside += RTUPLC_DRIVER_FILE;
-        if (access(beside.c_str(), F_OK) == 0)
-            return beside;
-    }
-    return RTUPLC_DRIVER_SONAME;
-}
-
-} // namespace rtupoll
+} // namespace rtusupport
