@@ -233,9 +233,12 @@ inline MatchResult matchReply(const FRAME_PRO &frame, const uint8_t *bytes, size
 }
 
 // A matcher that keeps what a host needs between reads: the bytes received so far,
-// the last reply taken (a byte-identical copy of it in the next exchange is a doubled
-// reply and is skipped, at most once per frame in flight: a genuine answer may be
-// byte-identical too), and the dropped bytes with the reason they were dropped.
+// the last reply taken, and the dropped bytes with the reason they were dropped. A
+// byte-identical copy of the last reply taken, arriving while a copy is still possible
+// (the host tells, from the time since that reply: a slave that answers twice does so
+// at once), is a doubled reply and is skipped, at most once per request, however often
+// it is sent again: a genuine answer may be byte-identical too, and identical bytes
+// show no wrong value.
 class ReplyMatcher {
 public:
     enum class Reason {
@@ -252,17 +255,22 @@ public:
     // A frame went out (a new one or the same one again): judge what comes against it.
     void expect(const FRAME_PRO &frame)
     {
+        const bool again = frame.frameLen == frame_.frameLen && frame.frameLen >= 0 &&
+                           frame.frameLen <= int(sizeof frame.frame) &&
+                           std::memcmp(frame.frame, frame_.frame, size_t(frame.frameLen)) == 0;
+        if (!again)
+            doubledSkipped_ = false; // a new request: its first identical reply may be a copy
         frame_ = frame;
         buffer_.clear();
         scanned_ = 0;
-        doubledSkipped_ = false;
         verdict_ = MatchVerdict::NeedMore;
         reply_.clear();
     }
 
     // Adds received bytes; returns the verdict so far. Once an answer is found,
-    // whatever else is held or fed is dropped.
-    MatchVerdict feed(const uint8_t *bytes, size_t n)
+    // whatever else is held or fed is dropped. `copyPossible`: the previous reply was
+    // taken recently enough that a second copy of it may still be arriving.
+    MatchVerdict feed(const uint8_t *bytes, size_t n, bool copyPossible = true)
     {
         if (answered()) {
             classify(bytes, n, false);
@@ -272,7 +280,7 @@ public:
         for (;;) {
             const MatchResult m = matchReply(frame_, buffer_.data() + scanned_, buffer_.size() - scanned_);
             const size_t at = scanned_ + m.offset;
-            if (m.verdict == MatchVerdict::Reply && !doubledSkipped_ && !previous_.empty() &&
+            if (m.verdict == MatchVerdict::Reply && copyPossible && !doubledSkipped_ && !previous_.empty() &&
                 m.length == previous_.size() && std::memcmp(buffer_.data() + at, previous_.data(), m.length) == 0) {
                 doubledSkipped_ = true; // taken as a copy once; the next identical one is the answer
                 scanned_ = at + m.length;

@@ -22,6 +22,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kConnectTimeout{3000};
 constexpr std::chrono::milliseconds kSendTimeout{2000};
+constexpr std::chrono::milliseconds kCopyWindow{20};
 // Bytes that follow each other closer than this belong to one reply.
 constexpr std::chrono::milliseconds kReplyGap{3};
 
@@ -206,6 +207,7 @@ void Link::lateBy(Clock::time_point now, Clock::time_point deadline)
 
 void Link::took(const std::vector<uint8_t> &frame, Clock::time_point now, bool sentNow)
 {
+    lastTaken_ = now;
     // A slave answers in order: the answer goes to the oldest identical send still
     // owed. If that is not the one just sent, the answer to this one may still come.
     const auto same = [&](const Owed &o) { return o.frame == frame; };
@@ -344,7 +346,10 @@ Exchange Link::exchange(const FRAME_PRO &frame, std::chrono::microseconds timeou
             const ssize_t r = ::read(fd_, buf, sizeof buf);
             if (r > 0) {
                 x.bytesSeen += size_t(r);
-                matcher_.feed(buf, size_t(r));
+                // A slave that answers twice sends the copy right after the reply: later
+                // than the transmission of a reply plus this slack it is an answer.
+                const bool copyPossible = Clock::now() - lastTaken_ < (timeout - margin_) + kCopyWindow;
+                matcher_.feed(buf, size_t(r), copyPossible);
             } else if (r == 0 || (errno != EAGAIN && errno != EINTR)) {
                 x.detail = r == 0 ? "the connection was closed" : errnoText();
                 closeOnFailure();

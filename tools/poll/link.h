@@ -99,6 +99,7 @@ private:
     std::chrono::microseconds maxAmbiguous_{0}; // the same, had an answer taken by a re-send
                                                 // been the late one to the send before
     Clock::time_point lastEnd_{};
+    Clock::time_point lastTaken_{}; // when the last answer was taken
     LineStats stats_;
 };
 
