@@ -155,14 +155,8 @@ TEST_P(PollOnce, RecipeRoundTripThroughTheController)
     const tooltest::Run r = poll({"D_W:0", "--recipe", recipe, "--recipe-download", values, "--recipe-upload", out,
                                   "--once"});
     ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
-    EXPECT_EQ(sim.reg(kStation, 301), 0xFFFE);
-    EXPECT_EQ(sim.reg(kStation, 303), 16);
-    EXPECT_EQ(sim.reg(kStation, 304), 40000);
-    EXPECT_EQ(sim.reg32(kStation, 310), uint32_t(-100000));
+    // The upload reads the controller back; a value missing from VALUES.csv is sent as 0.
     EXPECT_EQ(sim.reg32(kStation, 9710), 123456789u);
-    EXPECT_TRUE(sim.coil(kStation, 2010));
-    EXPECT_FALSE(sim.coil(kStation, 2011)) << "a value missing from VALUES.csv is sent as 0";
-    EXPECT_TRUE(sim.coil(kStation, 2012));
     EXPECT_EQ(tooltest::readFile(out), "D_W:300,1\nD_W:301,65534\nD_W:302,3\nD_W:303,16\nD_W:304,40000\n"
                                        "D_W:305,6\nD_D:310,4294867296\n32C:210,123456789\nM:10,1\nM:11,0\n"
                                        "M:12,1\nM:13,0\n");
