@@ -113,8 +113,8 @@ TEST_F(Cache, HostReadsTable)
         int addr, count, bytes;
         const char *expected;
         int result;
-    } rows[] = {
-        {"D_W", 100, 1, 3, "34125a", 1},
+    } const rows[] = {
+        {"D_W", 100, 1, 3, "01005a", 1},
         {"D_D", 100, 2, 5, "020001005a", 1},    // higher register first: low half of the value
         {"D_D", 100, 3, 5, "020001005a", 1},    // an odd last word is ignored
         {"32C", 200, 4, 9, "78563412000000805a", 1},
@@ -123,8 +123,7 @@ TEST_F(Cache, HostReadsTable)
         {"D", 100, 1, 2, "5a5a", -1},
         {"D_W", 100, 0, 2, "5a5a", 1},
     };
-    area(1, "D", 100).value[0] = 0x34;
-    area(1, "D", 100).value[1] = 0x12;
+    area(1, "D", 100).value[0] = 0x01;
     area(1, "D", 101).value[0] = 0x02;
     area(1, "32C", 200).value[0] = 0x78;
     area(1, "32C", 200).value[1] = 0x56;
@@ -133,12 +132,6 @@ TEST_F(Cache, HostReadsTable)
     area(1, "32C", 201).value[3] = 0x80;
     area(1, "X", 8).value[0] = 1;
     area(1, "X", 10).value[0] = 1;
-    // D_D over 100/101 reads 0x00010002 once 100 holds 1.
-    const QByteArray d100 = read(1, "D_W", 100, 1, 2);
-    EXPECT_EQ(d100.toHex(), QByteArray("3412"));
-    area(1, "D", 100).value[0] = 0x01;
-    area(1, "D", 100).value[1] = 0x00;
-    rows[0].expected = "01005a";
     for (const Row &r : rows) {
         QByteArray out(r.bytes, char(0x5A));
         EXPECT_EQ(intf_getData(1, r.reg, r.addr, r.count, reinterpret_cast<unsigned char *>(out.data())), r.result)
