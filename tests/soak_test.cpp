@@ -61,27 +61,18 @@ long residentBytes()
 // The host's end of a TCP connection carrying RTU frames.
 class TcpLine {
 public:
-    explicit TcpLine(int port)
+    explicit TcpLine(int port) : fd_(socket(AF_INET, SOCK_STREAM, 0))
     {
-        fd_ = socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in a{};
         a.sin_family = AF_INET;
         a.sin_port = htons(uint16_t(port));
         a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (connect(fd_, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
-            close(fd_);
-            fd_ = -1;
-            return;
-        }
         int one = 1;
-        setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        ok_ = connect(fd_, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 &&
+              setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one) == 0;
     }
-    ~TcpLine()
-    {
-        if (fd_ >= 0)
-            close(fd_);
-    }
-    bool ok() const { return fd_ >= 0; }
+    ~TcpLine() { close(fd_); }
+    bool ok() const { return ok_; }
 
     // Hands back only bytes that answer the frame: a late reply to an earlier frame,
     // or one cut or padded by the line, must not answer this one.
@@ -97,16 +88,12 @@ public:
             return QByteArray();
         matcher_.expect(f);
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kReplyTimeoutMs);
-        while (!matcher_.answered()) {
-            const auto left =
-                std::chrono::duration_cast<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now());
-            pollfd p{fd_, POLLIN, 0};
-            if (left.count() <= 0 || poll(&p, 1, int(left.count() / 1000) + 1) <= 0)
+        for (pollfd p{fd_, POLLIN, 0}; !matcher_.answered() && std::chrono::steady_clock::now() < deadline;) {
+            const ssize_t n = poll(&p, 1, 1) > 0 ? recv(fd_, buf, sizeof buf, 0) : 0;
+            if (n < 0 || (n == 0 && (p.revents & POLLIN)))
                 break;
-            const ssize_t n = recv(fd_, buf, sizeof buf, 0);
-            if (n <= 0)
-                break;
-            matcher_.feed(buf, size_t(n));
+            if (n > 0)
+                matcher_.feed(buf, size_t(n));
         }
         if (!matcher_.answered()) {
             usleep(kGuardMs * 1000);
@@ -117,7 +104,8 @@ public:
     }
 
 private:
-    int fd_ = -1;
+    int fd_;
+    bool ok_ = false;
     rtuplc::ReplyMatcher matcher_;
 };
 
