@@ -173,8 +173,8 @@ INSTANTIATE_TEST_SUITE_P(Link, PollOnce, ::testing::Values(false, true),
                          [](const ::testing::TestParamInfo<bool> &i) { return i.param ? "Pty" : "Tcp"; });
 
 // Two stations, text output: each value shown once per change with its station; a
-// broadcast write reaches every station, a local write none.
-TEST(PollStations, LinesBroadcastAndLocalWrites)
+// broadcast write reaches every station.
+TEST(PollStations, LinesAndBroadcastWrites)
 {
     rtusupport::Simulator sim;
     sim.setStations({1, 2});
@@ -205,14 +205,6 @@ TEST(PollStations, LinesBroadcastAndLocalWrites)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     EXPECT_EQ(sim.reg(1, 30), 77);
     EXPECT_EQ(sim.reg(2, 30), 77);
-
-    const uint64_t writes = sim.counters().writes;
-    const tooltest::Run l = poll({"--local-write", "--once", "--json", "--write", "D_W:40=5"});
-    ASSERT_EQ(l.exitCode, 0) << l.err;
-    EXPECT_NE(l.err.find("property text 1#1#0#3#64"), std::string::npos) << l.err;
-    EXPECT_EQ(sim.counters().writes, writes) << "local write mode sends nothing";
-    EXPECT_EQ(sim.reg(1, 40), 40);
-    EXPECT_EQ(parseJson(l.out).values.at({1, "D_W", 40}), 40u) << "the next poll shows the controller's value";
 }
 
 // A line whose replies do not always answer the request in flight, over TCP and a
