@@ -21,13 +21,6 @@ Bytes framed(Bytes b)
 const Bytes kRead = framed({0x01, 0x03, 0x00, 0x64, 0x00, 0x0A});
 const Bytes kWrite = framed({0x01, 0x10, 0x00, 0x0A, 0x00, 0x02, 0x04, 0x00, 0x01, 0x00, 0x02});
 
-TEST(SimFramer, CrcIsTheModbusOne)
-{
-    const Bytes b{0x01, 0x03, 0x00, 0x00, 0x00, 0x01};
-    EXPECT_EQ(rtuplc::crc16(b.data(), b.size()), 0x0A84);
-    EXPECT_EQ(rtuplc::crc16(nullptr, 0), 0xFFFF);
-}
-
 // Back to back frames are split by their own length; a frame in pieces is joined.
 TEST(SimFramer, SplitsAndJoinsFramesByTheirOwnLength)
 {
