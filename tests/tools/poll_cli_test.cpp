@@ -15,8 +15,10 @@ namespace {
 // 4), 3 for a driver that cannot be used, 4 for a link that cannot be opened.
 TEST(PollCli, ExitCodesAndMessages)
 {
-    int n = 0;
-    const auto recipe = [&n](const char *text) { return tooltest::writeFile(std::to_string(++n) + ".csv", text); };
+    int n = 0; // a recipe file of its own for each row, to upload from
+    const auto recipe = [&n](const char *text) -> std::vector<std::string> {
+        return {"--recipe", tooltest::writeFile(std::to_string(++n) + ".csv", text), "--recipe-upload", "x"};
+    };
     const struct {
         std::vector<std::string> args;
         int exitCode;
@@ -37,14 +39,12 @@ TEST(PollCli, ExitCodesAndMessages)
         {{}, 2, "nothing to do"},
         {{"--recipe", "r.csv"}, 2, "--recipe needs --recipe-download"},
         {{"--colour", "D_W:1"}, 2, "unknown option --colour"},
-        {{"--recipe", recipe("D_W:100,4,0\nD_W:104,2,9\n"), "--recipe-upload", "x"}, 2, "give D_W:104 the offset 4"},
-        {{"--recipe", recipe("D_W:100,4,0\nD_W:102,2,4\n"), "--recipe-upload", "x"}, 2, "overlap"},
-        {{"--recipe", recipe("D_W:100,4,0\nD_W:200,2,2\n"), "--recipe-upload", "x"}, 2, "shares buffer word 2"},
-        {{"--recipe", recipe("D_D:100,3,0\n"), "--recipe-upload", "x"}, 2,
-         "line 1: the length counts 16-bit registers and must be even"},
-        {{"--recipe", recipe("\n# comment\nD_W:100;4;0\n"), "--recipe-upload", "x"}, 2,
-         "line 3: write AREA:ADDRESS,LENGTH,OFFSET"},
-        {{"--recipe", recipe("D_W:7999,2,0\n"), "--recipe-upload", "x"}, 2, "line 1:"},
+        {recipe("D_W:100,4,0\nD_W:104,2,9\n"), 2, "give D_W:104 the offset 4"},
+        {recipe("D_W:100,4,0\nD_W:102,2,4\n"), 2, "overlap"},
+        {recipe("D_W:100,4,0\nD_W:200,2,2\n"), 2, "shares buffer word 2"},
+        {recipe("D_D:100,3,0\n"), 2, "line 1: the length counts 16-bit registers and must be even"},
+        {recipe("\n# comment\nD_W:100;4;0\n"), 2, "line 3: write AREA:ADDRESS,LENGTH,OFFSET"},
+        {recipe("D_W:7999,2,0\n"), 2, "line 1:"},
         {{"--driver", RTUPLC_PARTIAL_DRIVER, "D_W:1"}, 3,
          "is not a complete driver: it does not export intf_getVersion, intf_getDriverPropertyPage,"},
         {{"--driver", "/nonexistent/librtuplc.so", "D_W:1"}, 3, "cannot load the driver"},
