@@ -9,12 +9,6 @@ void appendCrc(std::vector<uint8_t> &frame)
     frame.push_back(static_cast<uint8_t>(crc >> 8));
 }
 
-bool isExceptionReply(const uint8_t *bytes, size_t n)
-{
-    return n >= rtuplc::kExceptionReplyBytes && (bytes[1] & rtuplc::kExceptionFlag) != 0 &&
-           rtuplc::crcMatches(bytes, rtuplc::kExceptionReplyBytes);
-}
-
 const char *exceptionName(uint8_t code)
 {
     switch (code) {

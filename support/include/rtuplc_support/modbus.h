@@ -37,8 +37,6 @@ constexpr uint16_t kCoilOff = 0x0000;
 
 // Appends the CRC, low byte first.
 void appendCrc(std::vector<uint8_t> &frame);
-// True when the first five bytes are a complete exception reply with a valid CRC.
-bool isExceptionReply(const uint8_t *bytes, size_t n);
 // "illegal data address" and so on; "exception N" for codes without a name.
 const char *exceptionName(uint8_t code);
 
