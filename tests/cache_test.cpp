@@ -158,8 +158,12 @@ TEST_F(Cache, PendingWriteShowsUntilSettledAndReadsCreateAreas)
     EXPECT_EQ(driver.dataAreas.size(), before + 3) << "stations have areas of their own";
 }
 
-TEST_F(Cache, AListOtherThanTheDriversIsScanned)
+TEST_F(Cache, IndexFollowsTheListWhenTheHostEditsItAndScansOtherLists)
 {
+    getIndexOfDataArea(1, "D", 5, driver.dataAreas);
+    const int b = getIndexOfDataArea(1, "D", 6, driver.dataAreas);
+    driver.dataAreas.removeFirst(); // behind the driver's back
+    EXPECT_EQ(getIndexOfDataArea(1, "D", 6, driver.dataAreas), b - 1);
     QList<_DATA_> other;
     EXPECT_EQ(getIndexOfDataArea(3, "X", 1, other), 0);
     EXPECT_EQ(getIndexOfDataArea(3, "X", 1, other), 0);
