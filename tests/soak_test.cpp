@@ -61,27 +61,18 @@ long residentBytes()
 // The host's end of a TCP connection carrying RTU frames.
 class TcpLine {
 public:
-    explicit TcpLine(int port)
+    explicit TcpLine(int port) : fd_(socket(AF_INET, SOCK_STREAM, 0))
     {
-        fd_ = socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in a{};
         a.sin_family = AF_INET;
         a.sin_port = htons(uint16_t(port));
         a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (connect(fd_, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
-            close(fd_);
-            fd_ = -1;
-            return;
-        }
         int one = 1;
-        setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        ok_ = connect(fd_, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 &&
+              setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one) == 0;
     }
-    ~TcpLine()
-    {
-        if (fd_ >= 0)
-            close(fd_);
-    }
-    bool ok() const { return fd_ >= 0; }
+    ~TcpLine() { close(fd_); }
+    bool ok() const { return ok_; }
 
     // Hands back only bytes that answer the frame: a late reply to an earlier frame,
     // or one cut or padded by the line, must not answer this one.
@@ -97,16 +88,12 @@ public:
             return QByteArray();
         matcher_.expect(f);
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kReplyTimeoutMs);
-        while (!matcher_.answered()) {
-            const auto left =
-                std::chrono::duration_cast<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now());
-            pollfd p{fd_, POLLIN, 0};
-            if (left.count() <= 0 || poll(&p, 1, int(left.count() / 1000) + 1) <= 0)
+        for (pollfd p{fd_, POLLIN, 0}; !matcher_.answered() && std::chrono::steady_clock::now() < deadline;) {
+            const ssize_t n = poll(&p, 1, 1) > 0 ? recv(fd_, buf, sizeof buf, 0) : 0;
+            if (n < 0 || (n == 0 && (p.revents & POLLIN)))
                 break;
-            const ssize_t n = recv(fd_, buf, sizeof buf, 0);
-            if (n <= 0)
-                break;
-            matcher_.feed(buf, size_t(n));
+            if (n > 0)
+                matcher_.feed(buf, size_t(n));
         }
         if (!matcher_.answered()) {
             usleep(kGuardMs * 1000);
@@ -117,17 +104,16 @@ public:
     }
 
 private:
-    int fd_ = -1;
+    int fd_;
+    bool ok_ = false;
     rtuplc::ReplyMatcher matcher_;
 };
 
 struct WriteRecord {
-    QString reg;
+    int kind = 0; // word, double word, bit
     int addr = 0;
-    uint32_t value = 0;
-    uint32_t before = 0;
-    int landed = 0;
-    int failed = 0;
+    uint32_t value = 0, before = 0;
+    int landed = 0, failed = 0;
 };
 
 class Soak : public DriverTest {
@@ -165,42 +151,31 @@ TEST_F(Soak, FaultyLineLosesNothing)
     std::mt19937 rng(99);
     std::uniform_real_distribution<double> chance(0, 1);
     std::map<QString, WriteRecord> writes; // by "reg:addr", every target written once
-    int nextWord = 1000, nextDword = 3000, nextBit = 1000, frames = 0, results[9] = {};
+    int frames = 0, results[9] = {};
     long rssQuarter = 0;
-
+    // Words, double words over two registers, and bits, each into a range of its own.
+    const struct {
+        const char *reg;
+        int units, first;
+        uint32_t mask;
+    } kinds[] = {{"D_W", 1, 1000, 0xFFFF}, {"D_D", 2, 3000, 0xFFFFFFFF}, {"M", 1, 1000, 1}};
+    int next[3] = {kinds[0].first, kinds[1].first, kinds[2].first};
     const auto target = [](const QString &reg, int addr) { return reg + ':' + QString::number(addr); };
-    const auto issueWrite = [&](int i) {
+    // What the controller holds at a written target.
+    const auto held = [&](const WriteRecord &w) {
+        const uint32_t a = uint32_t(w.addr);
+        return w.kind == 0 ? sim.reg(1, a) : w.kind == 1 ? sim.reg32(1, a) : uint32_t(sim.coil(1, 2000 + a));
+    };
+    const auto issueWrite = [&](int kind) {
         WriteRecord w;
-        std::vector<uint8_t> data(4);
-        const uint32_t value = uint32_t(rng());
-        for (int b = 0; b < 4; ++b)
-            data[size_t(b)] = uint8_t(value >> (8 * b));
-        switch (i % 3) {
-        case 0:
-            w.reg = "D_W";
-            w.addr = nextWord++;
-            w.value = value & 0xFFFF;
-            w.before = sim.reg(1, uint32_t(w.addr));
-            intf_setData(1, "D_W", w.addr, 1, data.data(), RTUPLC_KIND_WRITE);
-            break;
-        case 1:
-            w.reg = "D_D";
-            w.addr = nextDword;
-            nextDword += 2;
-            w.value = value;
-            w.before = sim.reg32(1, uint32_t(w.addr));
-            intf_setData(1, "D_D", w.addr, 2, data.data(), RTUPLC_KIND_WRITE);
-            break;
-        default:
-            w.reg = "M";
-            w.addr = nextBit++;
-            w.value = value & 1;
-            w.before = sim.coil(1, uint32_t(2000 + w.addr));
-            data[0] = uint8_t(w.value);
-            intf_setData(1, "M", w.addr, 1, data.data(), RTUPLC_KIND_WRITE);
-            break;
-        }
-        writes[target(w.reg, w.addr)] = w;
+        w.kind = kind;
+        w.addr = next[kind];
+        next[kind] += kinds[kind].units;
+        w.value = uint32_t(rng()) & kinds[kind].mask;
+        w.before = held(w);
+        uint8_t data[4] = {uint8_t(w.value), uint8_t(w.value >> 8), uint8_t(w.value >> 16), uint8_t(w.value >> 24)};
+        intf_setData(1, kinds[kind].reg, w.addr, kinds[kind].units, data, RTUPLC_KIND_WRITE);
+        writes[target(kinds[kind].reg, w.addr)] = w;
     };
     // One turn of the host's loop; the line may be made to cut or pad the reply.
     const auto cycle = [&](bool hostFaults) {
@@ -242,7 +217,7 @@ TEST_F(Soak, FaultyLineLosesNothing)
         if (i % 100 == 0)
             sim.setFaults(faults);
         if (i % 40 == 0 && writes.size() < 3000) // unique targets within D and M
-            issueWrite(int(writes.size()));
+            issueWrite(int(writes.size()) % 3);
         cycle(true);
         if (HasFatalFailure())
             return;
@@ -268,40 +243,28 @@ TEST_F(Soak, FaultyLineLosesNothing)
         EXPECT_EQ(w.landed + w.failed, 1) << entry.first.toStdString() << " was settled once";
         landed += w.landed;
         failed += w.failed;
-        const uint32_t now = w.reg == "D_W"   ? sim.reg(1, uint32_t(w.addr))
-                             : w.reg == "D_D" ? sim.reg32(1, uint32_t(w.addr))
-                                              : uint32_t(sim.coil(1, uint32_t(2000 + w.addr)));
         if (w.landed)
-            EXPECT_EQ(now, w.value) << entry.first.toStdString();
+            EXPECT_EQ(held(w), w.value) << entry.first.toStdString();
         else // a reply lost after the write was done leaves either value
-            EXPECT_TRUE(now == w.value || now == w.before) << entry.first.toStdString();
+            EXPECT_TRUE(held(w) == w.value || held(w) == w.before) << entry.first.toStdString();
     }
     EXPECT_EQ(landed + failed, int(writes.size()));
 
+    // Monitored values: bits one byte each, words two bytes, double words and counters
+    // (value v of a block read from s at base + s + 2(v - s)) four bytes, low byte first.
     for (const Watched &w : watched) {
-        const int reg = getIndexFromRegName(w.reg);
-        const int base = ADDRESS_FUNC[reg][1];
-        const bool bits = registerArea(reg).isBit();
-        const bool counter = registerArea(reg).kind == AreaKind::DWordUnit;
-        const bool dword = registerArea(reg).kind == AreaKind::DWordOverWords;
-        const int bytes = bits ? w.len : counter ? 4 * (w.len / 2) : dword ? 4 * (w.len / 2) : 2 * w.len;
-        const QByteArray got = read(w.station, w.reg, w.start, w.len, bytes);
-        const auto u8 = [&](int i) { return uint32_t(uint8_t(got[i])); };
-        for (int i = 0; i < (bits ? w.len : counter || dword ? w.len / 2 : w.len); ++i) {
-            uint32_t expected, value;
-            if (bits) {
-                expected = sim.coil(w.station, uint32_t(base + w.start + i));
-                value = u8(i);
-            } else if (counter) { // value v of a block read from s sits at base + s + 2(v - s)
-                expected = sim.reg32(w.station, uint32_t(base + w.start + 2 * i));
-                value = u8(4 * i) | u8(4 * i + 1) << 8 | u8(4 * i + 2) << 16 | u8(4 * i + 3) << 24;
-            } else if (dword) {
-                expected = sim.reg32(w.station, uint32_t(base + w.start + 2 * i));
-                value = u8(4 * i) | u8(4 * i + 1) << 8 | u8(4 * i + 2) << 16 | u8(4 * i + 3) << 24;
-            } else {
-                expected = sim.reg(w.station, uint32_t(base + w.start + i));
-                value = u8(2 * i) | u8(2 * i + 1) << 8;
-            }
+        const RegisterArea &area = registerArea(getIndexFromRegName(w.reg));
+        const int base = ADDRESS_FUNC[getIndexFromRegName(w.reg)][1];
+        const int size = area.isBit() ? 1 : area.kind == AreaKind::DWordUnit || area.kind == AreaKind::DWordOverWords ? 4 : 2;
+        const int values = size == 4 ? w.len / 2 : w.len;
+        const QByteArray got = read(w.station, w.reg, w.start, w.len, size * values);
+        for (int i = 0; i < values; ++i) {
+            uint32_t value = 0;
+            for (int b = size - 1; b >= 0; --b)
+                value = value << 8 | uint8_t(got[size * i + b]);
+            const uint32_t a = uint32_t(base + w.start + (size == 4 ? 2 * i : i));
+            const uint32_t expected =
+                size == 1 ? sim.coil(w.station, a) : size == 2 ? sim.reg(w.station, a) : sim.reg32(w.station, a);
             EXPECT_EQ(value, expected) << w.station << " " << w.reg << " " << w.start + i;
         }
     }

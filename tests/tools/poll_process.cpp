@@ -18,95 +18,33 @@ extern char **environ;
 
 namespace tooltest {
 
-namespace {
-
 using Clock = std::chrono::steady_clock;
 
-pid_t spawn(const std::vector<std::string> &args, int *out, int *err)
+Child::Child(const std::vector<std::string> &args)
 {
-    int o[2], e[2];
-    if (pipe(o) != 0 || pipe(e) != 0)
+    int p[2][2];
+    if (pipe(p[0]) != 0 || pipe(p[1]) != 0)
         throw std::runtime_error("pipe");
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, o[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, e[1], STDERR_FILENO);
-    posix_spawn_file_actions_addclose(&actions, o[0]);
-    posix_spawn_file_actions_addclose(&actions, e[0]);
+    for (int i = 0; i < 2; ++i) {
+        posix_spawn_file_actions_adddup2(&actions, p[i][1], STDOUT_FILENO + i);
+        posix_spawn_file_actions_addclose(&actions, p[i][0]);
+    }
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     std::vector<char *> argv;
     for (const std::string &a : args)
         argv.push_back(const_cast<char *>(a.c_str()));
     argv.push_back(nullptr);
-    pid_t pid = -1;
-    const int r = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    const int r = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
-    close(o[1]);
-    close(e[1]);
+    for (int i = 0; i < 2; ++i) {
+        close(p[i][1]);
+        fd_[i] = p[i][0];
+        fcntl(fd_[i], F_SETFL, O_NONBLOCK);
+    }
     if (r != 0)
         throw std::runtime_error("cannot start " + args[0]);
-    fcntl(o[0], F_SETFL, O_NONBLOCK);
-    fcntl(e[0], F_SETFL, O_NONBLOCK);
-    *out = o[0];
-    *err = e[0];
-    return pid;
-}
-
-// Reads what is there from both pipes, waiting up to `ms`; false once both are closed.
-bool pump(int &out, int &err, std::string &outText, std::string &errText, int ms)
-{
-    pollfd fds[2] = {{out, POLLIN, 0}, {err, POLLIN, 0}};
-    if (out < 0 && err < 0)
-        return false;
-    poll(fds, 2, ms);
-    for (int i = 0; i < 2; ++i) {
-        int &fd = i == 0 ? out : err;
-        if (fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP)))
-            continue;
-        char buf[4096];
-        const ssize_t n = read(fd, buf, sizeof buf);
-        if (n > 0) {
-            (i == 0 ? outText : errText).append(buf, size_t(n));
-        } else if (n == 0) {
-            close(fd);
-            fd = -1;
-        }
-    }
-    return out >= 0 || err >= 0;
-}
-
-int reap(pid_t pid, Clock::time_point until)
-{
-    int status = 0;
-    while (waitpid(pid, &status, WNOHANG) == 0) {
-        if (Clock::now() >= until) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            return -1;
-        }
-        usleep(2000);
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-} // namespace
-
-Run run(const std::vector<std::string> &args, std::chrono::seconds limit)
-{
-    Child child(args);
-    return child.wait(limit);
-}
-
-Run poll(const std::vector<std::string> &args, std::chrono::seconds limit)
-{
-    std::vector<std::string> all{RTUPLC_POLL};
-    all.insert(all.end(), args.begin(), args.end());
-    return run(all, limit);
-}
-
-Child::Child(const std::vector<std::string> &args)
-{
-    pid_ = spawn(args, &out_, &err_);
 }
 
 Child::~Child()
@@ -115,25 +53,40 @@ Child::~Child()
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
     }
-    if (out_ >= 0)
-        close(out_);
-    if (err_ >= 0)
-        close(err_);
+    for (int fd : fd_)
+        if (fd >= 0)
+            close(fd);
+}
+
+bool Child::pump(int ms)
+{
+    pollfd fds[2] = {{fd_[0], POLLIN, 0}, {fd_[1], POLLIN, 0}};
+    if (fd_[0] < 0 && fd_[1] < 0)
+        return false;
+    ::poll(fds, 2, ms);
+    for (int i = 0; i < 2; ++i) {
+        char buf[4096];
+        const ssize_t n = fd_[i] >= 0 && (fds[i].revents & (POLLIN | POLLHUP)) ? read(fd_[i], buf, sizeof buf) : -1;
+        if (n > 0)
+            text_[i].append(buf, size_t(n));
+        else if (n == 0)
+            close(fd_[i]), fd_[i] = -1;
+    }
+    return fd_[0] >= 0 || fd_[1] >= 0;
 }
 
 std::string Child::lineContaining(const std::string &text, std::chrono::seconds limit)
 {
     const auto until = Clock::now() + limit;
     for (;;) {
-        size_t start = 0;
-        for (size_t nl; (nl = outBuffer_.find('\n', start)) != std::string::npos; start = nl + 1) {
-            const std::string line = outBuffer_.substr(start, nl - start);
+        for (size_t start = 0, nl; (nl = text_[0].find('\n', start)) != std::string::npos; start = nl + 1) {
+            const std::string line = text_[0].substr(start, nl - start);
             if (line.find(text) != std::string::npos) {
-                outBuffer_.erase(0, nl + 1);
+                text_[0].erase(0, nl + 1);
                 return line;
             }
         }
-        if (Clock::now() >= until || !pump(out_, err_, outBuffer_, errBuffer_, 20))
+        if (Clock::now() >= until || !pump(20))
             return "";
     }
 }
@@ -147,15 +100,30 @@ void Child::signal(int sig)
 Run Child::wait(std::chrono::seconds limit)
 {
     const auto until = Clock::now() + limit;
-    Run r;
-    while (Clock::now() < until && pump(out_, err_, outBuffer_, errBuffer_, 20)) {
+    while (Clock::now() < until && pump(20)) {
     }
-    r.exitCode = reap(pid_, until);
+    int status = 0;
+    while (waitpid(pid_, &status, WNOHANG) == 0 && Clock::now() < until)
+        usleep(2000);
+    Run r;
+    if (Clock::now() >= until && waitpid(pid_, &status, WNOHANG) == 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, &status, 0);
+    } else if (WIFEXITED(status)) {
+        r.exitCode = WEXITSTATUS(status);
+    }
     pid_ = -1;
-    pump(out_, err_, outBuffer_, errBuffer_, 0);
-    r.out = outBuffer_;
-    r.err = errBuffer_;
+    pump(0);
+    r.out = text_[0];
+    r.err = text_[1];
     return r;
+}
+
+Run poll(const std::vector<std::string> &args, std::chrono::seconds limit)
+{
+    std::vector<std::string> all{RTUPLC_POLL};
+    all.insert(all.end(), args.begin(), args.end());
+    return Child(all).wait(limit);
 }
 
 JsonOutput parseJson(const std::string &out)
@@ -188,9 +156,8 @@ std::string writeFile(const std::string &name, const std::string &text)
 
 std::string readFile(const std::string &path)
 {
-    std::ifstream in(path);
     std::stringstream s;
-    s << in.rdbuf();
+    s << std::ifstream(path).rdbuf();
     return s.str();
 }
 

@@ -19,33 +19,30 @@ struct Run {
     std::string out, err;
 };
 
-// Runs a program to its end, killing it after `limit`.
-Run run(const std::vector<std::string> &args, std::chrono::seconds limit = std::chrono::seconds(30));
-// rtuplc-poll with these arguments.
-Run poll(const std::vector<std::string> &args, std::chrono::seconds limit = std::chrono::seconds(30));
-
-// A program left running, e.g. rtuplc-sim.
+// A program left running, e.g. rtuplc-sim; killed when destroyed.
 class Child {
 public:
     explicit Child(const std::vector<std::string> &args);
-    ~Child(); // kills it if still running
+    ~Child();
     // The next line on its standard output that contains `text`, or "" by `limit`.
     std::string lineContaining(const std::string &text, std::chrono::seconds limit = std::chrono::seconds(10));
     void signal(int sig);
-    // Waits for its end (killing it after `limit`); returns the exit code and the rest
-    // of its output.
+    // Waits for its end (killing it after `limit`): its exit code and the rest of its output.
     Run wait(std::chrono::seconds limit = std::chrono::seconds(10));
-    pid_t pid() const { return pid_; }
 
 private:
+    bool pump(int ms); // false once both pipes are closed
     pid_t pid_ = -1;
-    int out_ = -1, err_ = -1;
-    std::string outBuffer_, errBuffer_;
+    int fd_[2] = {-1, -1}; // stdout, stderr
+    std::string text_[2];
 };
 
-// The value lines and error lines of --json output.
+// rtuplc-poll with these arguments, run to its end or killed after `limit`.
+Run poll(const std::vector<std::string> &args, std::chrono::seconds limit = std::chrono::seconds(30));
+
+// The lines of --json output: values by (station, item, address), failed requests.
 struct JsonOutput {
-    std::map<std::tuple<int, std::string, int>, uint64_t> values; // (station, item, address)
+    std::map<std::tuple<int, std::string, int>, uint64_t> values;
     int valueLines = 0;
     std::vector<std::string> errors; // the driver's texts of failed requests
     std::vector<std::string> other;  // lines of neither form

@@ -105,13 +105,4 @@ TEST(SimRequest, RefusedWriteChangesNothing)
     EXPECT_EQ(memory.registers[0x203F], 0) << "the mapped half of a refused write stays untouched";
 }
 
-TEST(SimMemory, NamesAddressesInTheControllersTerms)
-{
-    EXPECT_EQ(rtusupport::describeAddress(rtusupport::Space::Coils, 1215), "X:17");
-    EXPECT_EQ(rtusupport::describeAddress(rtusupport::Space::Coils, 2005), "M:5");
-    EXPECT_EQ(rtusupport::describeAddress(rtusupport::Space::Registers, 100), "D:100");
-    EXPECT_EQ(rtusupport::describeAddress(rtusupport::Space::Registers, 9501), "CV:1");
-    EXPECT_EQ(rtusupport::describeAddress(rtusupport::Space::Registers, 8400), "register 8400");
-}
-
 } // namespace
