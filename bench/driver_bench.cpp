@@ -17,6 +17,8 @@
 #include <random>
 #include <unordered_map>
 #include <string>
+
+#include "rtuplc_support/frames.h"
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,13 +31,7 @@ constexpr int kStation = 1;
 
 void noReport(int, int, QString &, int) {}
 
-QByteArray withCrc(QByteArray b)
-{
-    const uint16_t crc = computate_check(reinterpret_cast<const unsigned char *>(b.constData()), static_cast<unsigned short>(b.size()));
-    b.append(char(crc & 0xFF));
-    b.append(char(crc >> 8));
-    return b;
-}
+using rtusupport::withCrc;
 
 // A register-read reply whose every register differs from the previous reply's.
 QByteArray blockReply(uint16_t seed)
