@@ -119,19 +119,14 @@ TEST_F(Cache, HostReadsTable)
         {"D_D", 100, 3, 5, "020001005a", 1},    // an odd last word is ignored
         {"32C", 200, 4, 9, "78563412000000805a", 1},
         {"X", 8, 3, 4, "0100015a", 1},
-        {"d_w", 100, 1, 2, "5a5a", -1},
         {"D", 100, 1, 2, "5a5a", -1},
         {"D_W", 100, 0, 2, "5a5a", 1},
     };
-    area(1, "D", 100).value[0] = 0x01;
-    area(1, "D", 101).value[0] = 0x02;
-    area(1, "32C", 200).value[0] = 0x78;
-    area(1, "32C", 200).value[1] = 0x56;
-    area(1, "32C", 200).value[2] = 0x34;
-    area(1, "32C", 200).value[3] = 0x12;
-    area(1, "32C", 201).value[3] = 0x80;
-    area(1, "X", 8).value[0] = 1;
-    area(1, "X", 10).value[0] = 1;
+    const struct { const char *prefix; int addr, byte, value; } held[] = {
+        {"D", 100, 0, 0x01},   {"D", 101, 0, 0x02},   {"32C", 200, 0, 0x78}, {"32C", 200, 1, 0x56}, {"32C", 200, 2, 0x34},
+        {"32C", 200, 3, 0x12}, {"32C", 201, 3, 0x80}, {"X", 8, 0, 1},        {"X", 10, 0, 1}};
+    for (const auto &h : held)
+        area(1, h.prefix, h.addr).value[h.byte] = uint8_t(h.value);
     for (const Row &r : rows) {
         QByteArray out(r.bytes, char(0x5A));
         EXPECT_EQ(intf_getData(1, r.reg, r.addr, r.count, reinterpret_cast<unsigned char *>(out.data())), r.result)
