@@ -14,6 +14,8 @@
 #include <atomic>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <vector>
 
 #include "poll_process.h"
 
@@ -82,7 +84,8 @@ protected:
 
 TEST_F(StandardSlave, ValuesWritesAndTheReadLimit)
 {
-    const tooltest::Run r = poll({"D_W:100..103", "X:10..12", "M:5", "D_D:200", "32C:200..201", "TV:7", "Z:3"});
+    const tooltest::Run r = poll({"D_W:100..103", "X:10..12", "M:5", "D_D:200", "32C:200..201", "TV:7", "Z:3", "Y:7",
+                                  "SM:3", "S:10", "T:1", "C:2", "CV:4", "SD:5"});
     ASSERT_EQ(r.exitCode, 0) << r.err;
     const tooltest::JsonOutput j = tooltest::parseJson(r.out);
     const auto reg = [&](int a) { return uint64_t(map->tab_registers[a]); };
@@ -96,7 +99,13 @@ TEST_F(StandardSlave, ValuesWritesAndTheReadLimit)
     EXPECT_EQ(j.values.at({kStation, "32C", 201}), reg32(9702)) << "as the read of counters 200.. places it";
     EXPECT_EQ(j.values.at({kStation, "TV", 7}), reg(9007));
     EXPECT_EQ(j.values.at({kStation, "Z", 3}), reg(8503));
-    EXPECT_EQ(j.valueLines, 4 + 3 + 1 + 1 + 2 + 1 + 1);
+    // Every other area at its own base.
+    for (const auto &[item, address, base, coil] : std::vector<std::tuple<const char *, int, int, bool>>{
+             {"Y", 7, 0, true}, {"SM", 3, 4400, true}, {"S", 10, 6000, true}, {"T", 1, 8000, true},
+             {"C", 2, 9200, true}, {"CV", 4, 9500, false}, {"SD", 5, 8000, false}})
+        EXPECT_EQ(j.values.at({kStation, item, address}), coil ? map->tab_bits[base + address] : reg(base + address))
+            << item;
+    EXPECT_EQ(j.valueLines, 4 + 3 + 1 + 1 + 2 + 1 + 1 + 7);
 
     // Writes change what the driver's write frame names, and nothing else.
     std::vector<uint16_t> registers(map->tab_registers, map->tab_registers + kUnits);
