@@ -196,10 +196,10 @@ QByteArray Slave::answer(const FRAME_PRO &f)
     const uint32_t address = uint32_t(p[2] << 8 | p[3]);
     const uint32_t quantity = uint32_t(p[4] << 8 | p[5]);
     const uint32_t end = std::min<uint32_t>(address + quantity, rtusupport::kAddressSpace);
-    if (p[1] == FC_READ_COILS) {
+    if (p[1] == rtuplc::kReadCoils) {
         for (uint32_t a = address; a < end; ++a)
             memory_.coils[a] = coilAt(a, gen) ? 1 : 0;
-    } else if (p[1] == FC_READ_HOLDING) {
+    } else if (p[1] == rtuplc::kReadHoldingRegisters) {
         for (uint32_t a = address; a < end; ++a)
             memory_.registers[a] = registerAt(a, gen);
     }
