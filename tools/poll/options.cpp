@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 
+#include "rtuplc_support/modbus.h"
+
 namespace rtupoll {
 
 const char kUsage[] = R"USAGE(Usage: rtuplc-poll [OPTIONS] ITEM...
@@ -88,10 +90,10 @@ Examples:
 
 namespace {
 
-constexpr int kMinStation = 1;
-constexpr int kMaxStation = 247;
+constexpr int kMinStation = rtusupport::kBroadcastStation + 1;
+constexpr int kMaxStation = rtusupport::kHighestStation;
 constexpr int kMaxRetries = 100;
-constexpr int kMaxGap = 123; // also the largest write: one standard write frame
+constexpr int kMaxGap = rtusupport::kStandardMaxWriteRegisters; // also the largest write: one standard write frame
 constexpr int kMaxTimeoutMs = 600000;
 
 bool toLong(const std::string &s, long lo, long hi, long *out)
