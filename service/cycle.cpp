@@ -170,7 +170,11 @@ int dealReadFrameReturnSaveData(const QByteArray &reply)
     std::memcpy(var.data, head.data, sizeof var.data);
     const int count = head.dataLen;
     const int dataPos = head.dataPos;
-    analyzeFrameOfVal(reply, count, dataPos, var);
+    // An upload reply is a cached read too; the recipe buffer is filled once the cache
+    // has it, unless a change report restarted the driver in between.
+    const ReplyBytes r{reinterpret_cast<const unsigned char *>(reply.constData()), reply.size()};
+    if (analyzeFrameOfVal(reply, count, dataPos, var) && driver.sendState == RTUPLC_KIND_RECIPE_UPLOAD)
+        copyRecipeUpload(r, dataPos, var);
     return 0;
 }
 

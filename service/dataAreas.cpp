@@ -249,14 +249,6 @@ int getIndexOfDataArea(int station, const QString &name, int addr, QList<_DATA_>
 // ---------------------------------------------------------------------------------
 // Change reports.
 
-void notifyHost(int driverId, int station, const QString &item, int addr)
-{
-    AddrValueChangeCallBack cb = driver.addrValueChangeCallBack;
-    if (cb == nullptr)
-        return; // no callback installed: the host polls with intf_getData instead
-    QString text = item; // the host may change its copy; ours stays intact
-    cb(driverId, station, text, addr);
-}
 
 namespace {
 // What a report needs of an area, copied out before the first callback: a callback
@@ -342,12 +334,12 @@ int uchar2int32(unsigned char b0, unsigned char b1, unsigned char b2, unsigned c
     return static_cast<int>(v);
 }
 
-void analyzeFrameOfVal(const QByteArray &reply, int count, int dataPos, const VARIABLE &var)
+bool analyzeFrameOfVal(const QByteArray &reply, int count, int dataPos, const VARIABLE &var)
 {
     const ReplyBytes r{reinterpret_cast<const unsigned char *>(reply.constData()), reply.size()};
     const int reg = getIndexFromRegName(var.regName);
     if (reg < 0)
-        return;
+        return true;
     const RegisterArea &info = registerArea(reg);
     const int pid = driver.areaIndex.prefixOfReg(reg);
     const int plainName = info.plainName ? 1 : 0;
@@ -404,10 +396,9 @@ void analyzeFrameOfVal(const QByteArray &reply, int count, int dataPos, const VA
             _dwordDataChange(&oldValue, &newValue, k, plainName);
         }
         if (driver.resetGeneration != generation)
-            return; // a callback restarted the driver: this reply is stale
+            return false; // a callback restarted the driver: this reply is stale
     }
-    if (driver.sendState == RTUPLC_KIND_RECIPE_UPLOAD)
-        copyRecipeUpload(r, dataPos, var);
+    return true;
 }
 
 // ---------------------------------------------------------------------------------
@@ -420,11 +411,6 @@ const uint8_t *visible(const _DATA_ &a)
 }
 
 } // namespace
-
-bool hostRangeFits(int addr, int64_t units)
-{
-    return units <= RTUPLC_MAX_HOST_UNITS && int64_t(addr) + units <= int64_t(INT_MAX) + 1;
-}
 
 extern "C" RTUPLC_EXPORT int intf_getData(int station, QString regName, int addr, int count, unsigned char *out)
 {

@@ -7,6 +7,8 @@
 
 #include <QStringList>
 
+#include <climits>
+
 RTUPLC_EXPORT Protocol driver;
 
 Protocol::Protocol()
@@ -136,3 +138,20 @@ RTUPLC_EXPORT int intf_initProperty(unsigned char *hostMem, intptr_t ignored, un
 }
 
 } // extern "C"
+
+// ---------------------------------------------------------------------------------
+// What the host is told and what it can hold.
+
+void notifyHost(int driverId, int station, const QString &item, int addr)
+{
+    AddrValueChangeCallBack cb = driver.addrValueChangeCallBack;
+    if (cb == nullptr)
+        return; // no callback installed: the host polls with intf_getData instead
+    QString text = item; // the host may change its copy; ours stays intact
+    cb(driverId, station, text, addr);
+}
+
+bool hostRangeFits(int addr, int64_t units)
+{
+    return units <= RTUPLC_MAX_HOST_UNITS && int64_t(addr) + units <= int64_t(INT_MAX) + 1;
+}

@@ -231,7 +231,8 @@ struct ReplyBytes {
     int64_t n;
     unsigned char operator[](int64_t i) const { return (i >= 0 && i < n) ? p[i] : 0; }
 };
-void analyzeFrameOfVal(const QByteArray &reply, int count, int dataPos, const VARIABLE &var);
+// False when a change report restarted the driver meanwhile: the rest of the reply is stale.
+bool analyzeFrameOfVal(const QByteArray &reply, int count, int dataPos, const VARIABLE &var);
 // Fills the host's recipe buffer from the reply to the upload request in flight.
 void copyRecipeUpload(const ReplyBytes &r, int dataPos, const VARIABLE &var);
 void notifyHost(int driverId, int station, const QString &item, int addr);
