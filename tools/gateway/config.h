@@ -1,0 +1,67 @@
+// rtuplc-gateway's configuration: one YAML file per line. Every key is checked when the
+// file is read; a bad file is refused with its name, the line and key, and the reason,
+// before anything is opened.
+#ifndef RTUPLC_GATEWAY_CONFIG_H
+#define RTUPLC_GATEWAY_CONFIG_H
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace rtugw {
+
+struct LineConfig {
+    enum class Kind { Tcp, Serial };
+    Kind kind = Kind::Tcp;
+    std::string host;      // tcp: HOST of HOST:PORT
+    int port = 0;          // tcp
+    std::string device;    // serial
+    std::string settings;  // "BAUD,BITS,PARITY,STOP"; empty: the driver's default
+    bool rs485 = false;    // serial: the kernel's RS-485 mode
+    int timeoutMs = 500;   // turnaround margin added to the transmission time
+    int pauseMs = 0;       // between exchanges
+    int retries = 3;       // attempts of a request before it fails
+    int station = 1;       // for items without @STATION
+};
+
+struct MqttConfig {
+    std::string url = "mqtt://127.0.0.1:1883";
+    bool tls = false;      // mqtts://
+    std::string host;      // from the url
+    int port = 1883;       // from the url; 1883 plain, 8883 TLS by default
+    std::string clientId;  // default rtuplc-<name>
+    std::string username;
+    std::string password;  // from password-file (preferred) or password; never printed
+    std::string passwordFile;
+    std::string ca, cert, key; // absolute, resolved against the configuration's folder
+    std::string topic;     // prefix of every topic; default rtuplc/<name>
+    int qos = 1;           // 0 or 1, values and status
+    int keepalive = 30;    // s
+    size_t buffer = 100000; // messages held while the broker is away
+    int statsInterval = 10; // s; 0: no stats topic
+};
+
+struct ItemConfig {
+    std::string text;      // the item in rtuplc-poll's notation, e.g. "D_W:100..109@2"
+    bool writable = false;
+    int line = 0;          // where the file gives it, for messages
+};
+
+struct Config {
+    std::string file;      // as given on the command line
+    std::string name;      // default: the file's name without .yaml / .yml
+    LineConfig line;
+    MqttConfig mqtt;
+    std::vector<ItemConfig> items;
+};
+
+// Reads and checks `path`. False with `error` naming the file, the line and key, and
+// why ("line1.yaml:12: mqtt.qos: must be 0 or 1, not 2").
+bool loadConfig(const std::string &path, Config *config, std::string *error);
+
+// "FILE:LINE: " for messages about a place in the configuration (LINE omitted when 0).
+std::string where(const Config &config, int line);
+
+} // namespace rtugw
+
+#endif

@@ -1,0 +1,1 @@
+// mqtt_client.cpp

@@ -1,0 +1,83 @@
+// The gateway's connection to the broker, on Eclipse Paho C (MQTTAsync, MQTT 5): TLS,
+// user and password, the last will, a persistent session, reconnects with backoff.
+// While the broker is away, messages are held in an Outbox and sent in order once it
+// is back. The poll loop calls it from one thread; Paho's own thread only fills the
+// queues that takeIncoming() and takeEvents() empty.
+#ifndef RTUPLC_GATEWAY_MQTT_CLIENT_H
+#define RTUPLC_GATEWAY_MQTT_CLIENT_H
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "outbox.h"
+
+namespace rtugw {
+
+struct MqttSettings {
+    std::string host;
+    int port = 1883;
+    bool tls = false;
+    std::string ca, cert, key; // files; cert and key only when the broker asks for one
+    std::string clientId;
+    std::string username, password;
+    int keepalive = 30;         // s
+    size_t buffer = 100000;     // messages held while the broker is away
+    Message will;               // published by the broker if the connection dies
+    uint32_t sessionExpiry = 7 * 24 * 3600; // s the broker keeps the session (subscriptions, queued QoS 1)
+};
+
+struct MqttEvent {
+    enum class Type {
+        Connected,    // sessionPresent says whether the broker kept our session
+        Lost,         // an established connection dropped
+        Failed,       // a connection attempt failed: text says why, once per change of reason
+    };
+    Type type;
+    bool sessionPresent = false;
+    std::string text;           // for people: never contains the password
+};
+
+struct MqttStats {
+    uint64_t published = 0;     // handed to the broker
+    uint64_t held = 0;          // in the outbox now
+    uint64_t dropped = 0;       // intermediate values dropped from a full outbox
+};
+
+class MqttClient {
+public:
+    explicit MqttClient(const MqttSettings &settings);
+    ~MqttClient();
+    MqttClient(const MqttClient &) = delete;
+    MqttClient &operator=(const MqttClient &) = delete;
+
+    // Starts connecting in the background and returns at once; false only for settings
+    // Paho refuses (error says why). Failed attempts are retried with backoff for ever.
+    bool start(std::string *error);
+    // Filters subscribed at every connect (QoS 1).
+    void subscribe(const std::string &filter);
+
+    // Sends now when connected, else holds it. Kind as the Outbox's.
+    void publish(Message m, Outbox::Kind kind = Outbox::Kind::Value);
+    // Sends what the outbox holds, oldest first, once connected; call from the loop.
+    void pump();
+
+    std::vector<Message> takeIncoming();
+    std::vector<MqttEvent> takeEvents();
+    bool connected() const;
+    MqttStats stats() const;
+
+    // Publishes `last` (e.g. "offline" on the status topic), waits up to `timeout` for
+    // what is in flight, then disconnects cleanly so that the will is not sent.
+    void stop(const std::vector<Message> &last, std::chrono::milliseconds timeout);
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+} // namespace rtugw
+
+#endif
