@@ -6,16 +6,14 @@
 #include <cstdio>
 #include <iostream>
 
-#include "driver_location.h"
-#include "host.h"
-#include "items.h"
-#include "link.h"
 #include "options.h"
 #include "output.h"
-#include "recipe.h"
+#include "report.h"
+#include "rtuplc_host/host.h"
 #include "rtuplc_support/simulator.h"
 
 using namespace rtupoll;
+using namespace rtuhost;
 
 namespace {
 
@@ -151,12 +149,14 @@ int main(int argc, char **argv)
     settings.once = o.once;
     settings.count = o.count;
     settings.duration = std::chrono::milliseconds(static_cast<long long>(o.durationSeconds * 1000));
-    settings.verbose = o.verbose;
 
-    Host host(api, *link, out, settings);
+    Report report(out, o.verbose);
+    Host host(api, *link, report, settings);
     host.monitor(items);
-    host.write(writes);
+    for (const WriteRequest &w : writes)
+        host.write(w);
     host.recipe(job);
+    out.setPoints(host.points());
 
     // What is in force, since our defaults (9600 baud, even parity, port 8000) are
     // not what other Modbus tools assume.
@@ -179,6 +179,7 @@ int main(int argc, char **argv)
 
     installSignals();
     const bool ok = host.run(g_stop);
+    out.refresh(Report::status(host.stats()), true);
     out.plain(host.stats().summary());
     if (const QString late = host.stats().lateAdvice(settings.margin); !late.isEmpty())
         out.plain(late);

@@ -9,9 +9,11 @@
 #include <deque>
 #include <vector>
 
-#include "items.h"
+#include "rtuplc_host/items.h"
 
 namespace rtupoll {
+
+using rtuhost::Point;
 
 class Output {
 public:

@@ -4,8 +4,8 @@
 // deadline. Everything else on the line (late, doubled, foreign or malformed replies)
 // is dropped and counted. After a time-out it keeps the line quiet for a guard time
 // before the next frame, so that a late reply is never taken for another request's.
-#ifndef RTUPLC_POLL_LINK_H
-#define RTUPLC_POLL_LINK_H
+#ifndef RTUPLC_HOST_LINK_H
+#define RTUPLC_HOST_LINK_H
 
 #include <atomic>
 #include <chrono>
@@ -18,7 +18,7 @@
 #include "rtuplc_link.h"
 #include "rtuplc_support/serial_line.h"
 
-namespace rtupoll {
+namespace rtuhost {
 
 using Clock = std::chrono::steady_clock;
 using Dropped = rtuplc::ReplyMatcher::Dropped;
@@ -108,6 +108,6 @@ std::unique_ptr<Link> makeTcpLink(const std::string &host, int port);
 // A serial device (or pseudo-terminal); keeps the silent interval between frames.
 std::unique_ptr<Link> makeSerialLink(const std::string &device, const rtusupport::SerialLine &line);
 
-} // namespace rtupoll
+} // namespace rtuhost
 
 #endif

@@ -1,4 +1,4 @@
-#include "link.h"
+#include "rtuplc_host/link.h"
 
 #include <fcntl.h>
 #include <netdb.h>
@@ -16,7 +16,7 @@
 
 #include "rtuplc_support/fd_io.h"
 
-namespace rtupoll {
+namespace rtuhost {
 
 namespace {
 
@@ -386,4 +386,4 @@ std::unique_ptr<Link> makeSerialLink(const std::string &device, const rtusupport
     return std::make_unique<SerialLink>(device, line);
 }
 
-} // namespace rtupoll
+} // namespace rtuhost

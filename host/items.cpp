@@ -1,4 +1,4 @@
-#include "items.h"
+#include "rtuplc_host/items.h"
 
 #include <QRegularExpression>
 #include <QVector>
@@ -7,7 +7,7 @@
 
 #include "rtuplc_support/modbus.h"
 
-namespace rtupoll {
+namespace rtuhost {
 
 namespace {
 
@@ -266,4 +266,4 @@ uint32_t readValue(const DriverApi &api, const Point &p)
     return v;
 }
 
-} // namespace rtupoll
+} // namespace rtuhost

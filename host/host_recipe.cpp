@@ -1,8 +1,8 @@
 // The host's side of a recipe transfer: it fills its recipe buffer, sets a command
 // byte of its memory block under its lock, and watches the driver clear it.
-#include "host.h"
+#include "rtuplc_host/host.h"
 
-namespace rtupoll {
+namespace rtuhost {
 
 void Host::setCommand(size_t byte)
 {
@@ -36,7 +36,7 @@ void Host::advanceRecipe()
         passBlocks_.clear();
         if (job_.download) {
             putRecipeValues(*job_.recipe, job_.values, recipeBuffer_);
-            out_.note(QStringLiteral("recipe download: %1 values in %2 variables")
+            events_.note(QStringLiteral("recipe download: %1 values in %2 variables")
                           .arg(job_.recipe->units().size())
                           .arg(job_.recipe->variables().size()));
             recipeStage_ = RecipeStage::Downloading;
@@ -49,11 +49,11 @@ void Host::advanceRecipe()
         if (commandPending(RTUPLC_RCP_DOWNLOAD_BYTE))
             return;
         if (recipeFailed_) {
-            out_.note(QStringLiteral("recipe download: failed"));
+            events_.note(QStringLiteral("recipe download: failed"));
             recipeStage_ = RecipeStage::Done;
             return;
         }
-        out_.note(QStringLiteral("recipe download: done"));
+        events_.note(QStringLiteral("recipe download: done"));
         if (!job_.uploadPath.isEmpty())
             startUpload();
         else
@@ -73,7 +73,7 @@ void Host::advanceRecipe()
 void Host::finishUpload()
 {
     if (recipeFailed_) {
-        out_.note(QStringLiteral("recipe upload: failed"));
+        events_.note(QStringLiteral("recipe upload: failed"));
         return;
     }
     const Recipe &recipe = *job_.recipe;
@@ -100,21 +100,21 @@ void Host::finishUpload()
     }
     QString error;
     if (!saveRecipeValues(job_.uploadPath, recipe, values, &error)) {
-        out_.note(QStringLiteral("recipe upload: %1").arg(error));
+        events_.note(QStringLiteral("recipe upload: %1").arg(error));
         problems_ = true;
         return;
     }
-    out_.note(QStringLiteral("recipe upload: %1 values written to %2").arg(values.size()).arg(job_.uploadPath));
+    events_.note(QStringLiteral("recipe upload: %1 values written to %2").arg(values.size()).arg(job_.uploadPath));
     if (!missing.isEmpty())
-        out_.note(QStringLiteral("recipe upload: the driver filled no buffer word for %1").arg(missing.join(", ")));
+        events_.note(QStringLiteral("recipe upload: the driver filled no buffer word for %1").arg(missing.join(", ")));
     if (job_.download) {
         if (differing.isEmpty()) {
-            out_.note(QStringLiteral("recipe round trip: all %1 values read back as downloaded").arg(values.size()));
+            events_.note(QStringLiteral("recipe round trip: all %1 values read back as downloaded").arg(values.size()));
         } else {
-            out_.note(QStringLiteral("recipe round trip: %1").arg(differing.join("; ")));
+            events_.note(QStringLiteral("recipe round trip: %1").arg(differing.join("; ")));
             recipeFailed_ = true;
         }
     }
 }
 
-} // namespace rtupoll
+} // namespace rtuhost

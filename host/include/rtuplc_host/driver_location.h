@@ -1,12 +1,12 @@
-// Which driver rtuplc-poll loads when the user names none.
-#ifndef RTUPLC_POLL_DRIVER_LOCATION_H
-#define RTUPLC_POLL_DRIVER_LOCATION_H
+// Which driver a host loads when the user names none.
+#ifndef RTUPLC_HOST_DRIVER_LOCATION_H
+#define RTUPLC_HOST_DRIVER_LOCATION_H
 
 #include <string>
 
 #include "rtuplc_support/driver_api.h"
 
-namespace rtupoll {
+namespace rtuhost {
 
 using rtusupport::DriverApi;
 using rtusupport::loadDriver;
@@ -15,6 +15,6 @@ using rtusupport::loadDriver;
 // is one, else the installed driver's SONAME, for the dynamic loader to find.
 std::string defaultDriver();
 
-} // namespace rtupoll
+} // namespace rtuhost
 
 #endif

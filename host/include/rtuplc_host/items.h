@@ -1,8 +1,8 @@
 // What the user asks to poll and write, in the areas' own notation ("D_W:100..109",
 // "X:0..17" in octal, "D_D:200", "32C:201=70000"), checked by the driver itself
 // before anything is sent.
-#ifndef RTUPLC_POLL_ITEMS_H
-#define RTUPLC_POLL_ITEMS_H
+#ifndef RTUPLC_HOST_ITEMS_H
+#define RTUPLC_HOST_ITEMS_H
 
 #include <QString>
 #include <QStringList>
@@ -12,7 +12,7 @@
 
 #include "driver_location.h"
 
-namespace rtupoll {
+namespace rtuhost {
 
 enum class Kind {
     Bit,            // one coil per address
@@ -100,6 +100,6 @@ bool parseWrite(const QString &text, int defaultStation, const Catalogue &catalo
 // The value the driver shows for a point (intf_getData), unsigned.
 uint32_t readValue(const DriverApi &api, const Point &point);
 
-} // namespace rtupoll
+} // namespace rtuhost
 
 #endif

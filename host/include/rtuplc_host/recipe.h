@@ -1,8 +1,8 @@
 // Recipes: a CSV of variables ("AREA:ADDRESS,LENGTH,OFFSET") that the driver transfers
 // as a whole between the controller and the host's recipe buffer, and CSV files of
 // their values ("AREA:ADDRESS,VALUE").
-#ifndef RTUPLC_POLL_RECIPE_H
-#define RTUPLC_POLL_RECIPE_H
+#ifndef RTUPLC_HOST_RECIPE_H
+#define RTUPLC_HOST_RECIPE_H
 
 #include <QString>
 #include <QVector>
@@ -12,7 +12,7 @@
 
 #include "items.h"
 
-namespace rtupoll {
+namespace rtuhost {
 
 // Words of the host's recipe buffer.
 constexpr int kRecipeBufferWords = 32768;
@@ -65,6 +65,6 @@ bool saveRecipeValues(const QString &path, const Recipe &recipe, const RecipeVal
 void putRecipeValues(const Recipe &recipe, const RecipeValues &values, std::vector<unsigned short> &buffer);
 uint32_t recipeValue(const RecipeUnit &unit, const std::vector<unsigned short> &buffer);
 
-} // namespace rtupoll
+} // namespace rtuhost
 
 #endif

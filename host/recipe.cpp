@@ -1,11 +1,11 @@
-#include "recipe.h"
+#include "rtuplc_host/recipe.h"
 
 #include <QFile>
 #include <QTextStream>
 
 #include <algorithm>
 
-namespace rtupoll {
+namespace rtuhost {
 
 namespace {
 
@@ -262,4 +262,4 @@ uint32_t recipeValue(const RecipeUnit &unit, const std::vector<unsigned short> &
     return v;
 }
 
-} // namespace rtupoll
+} // namespace rtuhost

@@ -1,10 +1,10 @@
-#include "driver_location.h"
+#include "rtuplc_host/driver_location.h"
 
 #include <unistd.h>
 
 #include <climits>
 
-namespace rtupoll {
+namespace rtuhost {
 
 std::string defaultDriver()
 {
@@ -20,4 +20,4 @@ std::string defaultDriver()
     return RTUPLC_DRIVER_SONAME;
 }
 
-} // namespace rtupoll
+} // namespace rtuhost

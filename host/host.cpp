@@ -1,0 +1,615 @@
+#include "rtuplc_host/host.h"
+
+#include <QByteArray>
+#include <QList>
+
+#include <cstdio>
+#include <thread>
+
+#include "rtuplc_support/modbus.h"
+
+namespace rtuhost {
+
+namespace {
+
+// The callback carries no context pointer: the one host of this process is reached
+// through this.
+Host *g_host = nullptr;
+
+constexpr std::chrono::milliseconds kIdleWait{5};
+constexpr std::chrono::milliseconds kLinkDownWait{200};
+constexpr size_t kQuantityIndex = 4; // of a read request: quantity, high byte first
+
+} // namespace
+
+QString hexBytes(const uint8_t *b, size_t n)
+{
+    return QByteArray(reinterpret_cast<const char *>(b), int(n)).toHex(' ').toUpper();
+}
+
+const char *dropReasonText(DropReason r)
+{
+    switch (r) {
+    case DropReason::Late:
+        return "late: came after its time-out";
+    case DropReason::Doubled:
+        return "doubled: a copy of the reply taken before";
+    case DropReason::Foreign:
+        return "foreign: another station's reply";
+    case DropReason::Malformed:
+    default:
+        return "malformed: noise, bad CRC, or not this request's function, byte count or echo";
+    }
+}
+
+namespace {
+
+bool isWriteFrame(const FRAME_PRO &f)
+{
+    return f.frameLen > 1 && rtuplc::isWriteFunction(f.frame[1]);
+}
+
+QString prefixOf(const QString &regName)
+{
+    return regName.section('_', 0, 0);
+}
+
+} // namespace
+
+QString HostSettings::propertyText() const
+{
+    return QStringLiteral("%1#%2#0#%3#%4").arg(driverId).arg(localWriteMode).arg(retries).arg(gap);
+}
+
+QString Stats::summary() const
+{
+    const double seconds = std::max(1e-6, elapsed.count() / 1e6);
+    const double loss = framesSent ? 100.0 * double(framesSent - std::min(accepted, framesSent)) / double(framesSent) : 0.0;
+    const double cycleMs = finished ? cycleTotal.count() / 1000.0 / double(finished) : 0.0;
+    const uint64_t *d = line.dropped;
+    return QStringLiteral("--- %1 frames sent, %2 replies accepted, %3 retries, %4 failures, %5% loss, "
+                          "%6 polls/s, mean cycle %7 ms; replies dropped: %8 late, %9 doubled, %10 foreign, "
+                          "%11 malformed")
+        .arg(framesSent)
+        .arg(accepted)
+        .arg(retries)
+        .arg(failures)
+        .arg(loss, 0, 'f', 1)
+        .arg(double(finished) / seconds, 0, 'f', 1)
+        .arg(cycleMs, 0, 'f', 1)
+        .arg(d[int(DropReason::Late)])
+        .arg(d[int(DropReason::Doubled)])
+        .arg(d[int(DropReason::Foreign)])
+        .arg(d[int(DropReason::Malformed)]);
+}
+
+QString Stats::lateAdvice(std::chrono::milliseconds margin) const
+{
+    if (line.lateReplies == 0)
+        return QString();
+    const long lateMs = long((line.maxLateness.count() + 999) / 1000);
+    const long suggest = (long(margin.count()) + lateMs + 99) / 100 * 100;
+    return QStringLiteral("--- %1 repl%2 came after the time-out, up to %3 ms late: try --timeout %4")
+        .arg(line.lateReplies)
+        .arg(line.lateReplies == 1 ? "y" : "ies")
+        .arg(lateMs)
+        .arg(suggest);
+}
+
+bool isFinal(WriteOutcome o, bool confirmWrites)
+{
+    return o != WriteOutcome::Acknowledged || !confirmWrites;
+}
+
+HostEvents::~HostEvents() = default;
+void HostEvents::valueRead(const Point &, uint32_t) {}
+void HostEvents::blockRead(const FRAME_PRO &) {}
+void HostEvents::requestFailed(const FRAME_PRO &, const Failure &) {}
+void HostEvents::writeSettled(uint64_t, const WriteRequest &, WriteOutcome, const QString &) {}
+void HostEvents::note(const QString &) {}
+void HostEvents::exchanged(const FRAME_PRO &, const Exchange &) {}
+void HostEvents::progress(const Stats &) {}
+
+Host::Host(const DriverApi &api, Link &link, HostEvents &events, const HostSettings &settings)
+    : api_(api), link_(link), events_(events), settings_(settings), memory_(kHostMemoryBytes),
+      recipeBuffer_(kRecipeBufferWords)
+{
+    g_host = this;
+    link_.setTiming(settings.margin, settings.pause);
+}
+
+Host::~Host()
+{
+    api_.setAddrValueChangeCallBack(nullptr);
+    g_host = nullptr;
+}
+
+std::chrono::microseconds Host::timeoutFor(size_t frameBytes, size_t replyBytes) const
+{
+    return rtusupport::characterTime(settings_.line) * int64_t(frameBytes + replyBytes) + settings_.margin;
+}
+
+void Host::monitor(const std::vector<Item> &items)
+{
+    for (const Item &item : items) {
+        items_.push_back(item);
+        for (const Point &p : item.points) {
+            const PointKey key{p.station, p.area->name, p.address};
+            if (pointIndex_.count(key))
+                continue; // the same value asked for twice is shown once
+            pointIndex_[key] = points_.size();
+            points_.push_back(p);
+        }
+    }
+}
+
+long Host::pointIndex(int station, const QString &area, int address) const
+{
+    const auto found = pointIndex_.find(PointKey{station, area, address});
+    return found == pointIndex_.end() ? -1 : long(found->second);
+}
+
+const std::vector<size_t> &Host::pointsIn(const FRAME_PRO &f)
+{
+    const BlockKey key{f.station, prefixOf(f.regName), f.startAddr, f.len};
+    const auto found = blockPoints_.find(key);
+    if (found != blockPoints_.end())
+        return found->second;
+    // Blocks are few and fixed once planned: each is resolved once.
+    std::vector<size_t> &in = blockPoints_[key];
+    for (size_t i = 0; i < points_.size(); ++i) {
+        if (covers(f, points_[i]))
+            in.push_back(i);
+    }
+    return in;
+}
+
+uint64_t Host::write(const WriteRequest &w)
+{
+    PendingWrite pw;
+    pw.id = nextWriteId_++;
+    pw.request = w;
+    // rtuplc-poll's next poll of the written value confirms the write, so it is polled too.
+    const Point &p = w.target.points.front();
+    if (!started_ && settings_.confirmWrites && p.station != rtusupport::kBroadcastStation &&
+        !pointIndex_.count(PointKey{p.station, p.area->name, p.address}))
+        monitor({w.target});
+    writes_.push_back(pw);
+    if (started_)
+        issue(writes_.back());
+    return pw.id;
+}
+
+Host::PendingWrite *Host::pending(uint64_t id)
+{
+    for (PendingWrite &w : writes_) {
+        if (w.id == id)
+            return &w;
+    }
+    return nullptr;
+}
+
+void Host::issue(PendingWrite &w)
+{
+    const Point &p = w.request.target.points.front();
+    std::vector<unsigned char> bytes = w.request.bytes();
+    const int count = w.request.count();
+    inWrite_ = true; // the driver shows the value at once; it is reported once read
+    const int taken = api_.setData(p.station, p.area->name, p.address, count, bytes.data(), RTUPLC_KIND_WRITE);
+    inWrite_ = false;
+    if (taken != RTUPLC_OK) {
+        settle(w.id, WriteOutcome::Refused);
+        return;
+    }
+    if (settings_.localWriteMode != 0) {
+        settle(w.id, WriteOutcome::Local);
+        return;
+    }
+    // Mirror the driver's queue: the head may be in flight and is never replaced.
+    for (size_t i = driverQueue_.size(); i-- > 1;) {
+        QueuedWrite &q = driverQueue_[i];
+        if (q.station == p.station && q.area == p.area->name && q.address == p.address && q.count == count) {
+            const uint64_t replaced = q.id;
+            q.id = w.id;
+            settle(replaced, WriteOutcome::Replaced);
+            return;
+        }
+    }
+    const QueuedWrite entry{p.station, p.area->name, p.address, count, w.id};
+    if (driverQueue_.size() <= size_t(RTUPLC_QUEUE_LAST)) {
+        driverQueue_.push_back(entry);
+    } else {
+        const uint64_t recycled = driverQueue_.back().id;
+        driverQueue_.back() = entry;
+        settle(recycled, WriteOutcome::QueueFull);
+    }
+}
+
+void Host::settle(uint64_t id, WriteOutcome outcome, const QString &detail)
+{
+    PendingWrite *w = pending(id);
+    if (w == nullptr)
+        return;
+    using State = PendingWrite::State;
+    switch (outcome) {
+    case WriteOutcome::Acknowledged:
+        w->state = settings_.confirmWrites ? State::Acknowledged : State::Confirmed;
+        break;
+    case WriteOutcome::Confirmed:
+    case WriteOutcome::Broadcast:
+        w->state = State::Confirmed;
+        break;
+    case WriteOutcome::Local:
+        w->state = State::Local;
+        break;
+    default:
+        w->state = State::Failed;
+        problems_ = true;
+        break;
+    }
+    const WriteRequest request = w->request;
+    events_.writeSettled(id, request, outcome, detail);
+    // Settled writes leave the list, which a long-running host would otherwise grow.
+    while (!writes_.empty() && writes_.front().state != State::Queued && writes_.front().state != State::Acknowledged)
+        writes_.pop_front();
+}
+
+void Host::recipe(const RecipeJob &job)
+{
+    job_ = job;
+    recipeStage_ = job.recipe ? RecipeStage::Waiting : RecipeStage::None;
+}
+
+void Host::onChange(int driverId, int station, QString &item, int addr)
+{
+    Q_UNUSED(driverId);
+    if (g_host)
+        g_host->changed(station, item, addr);
+}
+
+void Host::changed(int station, const QString &item, int addr)
+{
+    if (station == -1) {
+        // Notices rather than values: recipe buffer words an upload filled, and the
+        // end of a batch of one-shot reads (this host queues none).
+        if (item == QLatin1String("RWI"))
+            filledWords_.insert(addr);
+        return;
+    }
+    const auto found = pointIndex_.find(PointKey{station, item, addr});
+    if (found == pointIndex_.end())
+        return;
+    // Shown once the exchange is over; a value we wrote only once a read brings it.
+    (inWrite_ ? written_ : dirty_).insert(found->second);
+}
+
+bool Host::run(const std::atomic<bool> &stop)
+{
+    start();
+    while (!finished() && !stop)
+        step(stop);
+    return finish();
+}
+
+void Host::start()
+{
+    api_.setAddrValueChangeCallBack(&Host::onChange);
+    int errorCode = 0;
+    const QByteArray property = settings_.propertyText().toLatin1();
+    api_.initProperty(memory_.data(), 0, recipeBuffer_.data(), &errorCode, property.constData(), &memoryLock_);
+
+    QList<KEY_ADDRESS> keys;
+    for (const Item &item : items_)
+        keys.append(item.key());
+    blocks_ = keys.isEmpty() ? 0 : api_.addrMerge(keys);
+
+    if (job_.recipe) {
+        QVector<_RCP_VAR_PRO> vars = job_.recipe->driverVariables(settings_.driverId);
+        const int taken = api_.setRcpAddress(vars);
+        if (taken != vars.size()) {
+            events_.note(QStringLiteral("recipe: the driver took %1 of %2 variables").arg(taken).arg(vars.size()));
+            problems_ = true;
+        }
+    }
+    started_ = true;
+    for (size_t i = 0; i < writes_.size(); ++i) {
+        if (writes_[i].state == PendingWrite::State::Queued)
+            issue(writes_[i]);
+    }
+    dirty_.clear(); // a written value shows once the controller has it
+    startedAt_ = Clock::now();
+}
+
+void Host::step(const std::atomic<bool> &stop)
+{
+    if (!retryPending_)
+        advanceRecipe();
+    if (finished())
+        return;
+    serveOne(stop);
+    events_.progress(stats_);
+}
+
+bool Host::finish()
+{
+    stats_.elapsed = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - startedAt_);
+    stats_.line = link_.stats();
+
+    if (settings_.once) {
+        for (const Point &p : points_) {
+            if (complete(p))
+                events_.valueRead(p, readValue(api_, p));
+        }
+    }
+    std::vector<uint64_t> open;
+    for (const PendingWrite &w : writes_) {
+        if (w.state == PendingWrite::State::Queued || w.state == PendingWrite::State::Acknowledged)
+            open.push_back(w.id);
+    }
+    for (uint64_t id : open)
+        settle(id, WriteOutcome::Unfinished);
+    if (recipeStage_ == RecipeStage::Downloading || recipeStage_ == RecipeStage::Uploading ||
+        recipeStage_ == RecipeStage::Waiting) {
+        events_.note(QStringLiteral("recipe: the run ended before the transfer"));
+        problems_ = true;
+    }
+    events_.progress(stats_);
+    return !problems_ && stats_.failures == 0 && !recipeFailed_;
+}
+
+void Host::serveOne(const std::atomic<bool> &stop)
+{
+    const bool recipeFrame = (recipeStage_ == RecipeStage::Downloading && commandPending(RTUPLC_RCP_DOWNLOAD_BYTE)) ||
+                             (recipeStage_ == RecipeStage::Uploading && commandPending(RTUPLC_RCP_UPLOAD_BYTE));
+    FRAME_PRO f;
+    if (api_.getSendFrame(f) != 1) {
+        std::this_thread::sleep_for(kIdleWait); // nothing due: no blocks, no writes
+        return;
+    }
+    if (!requestOpen_) {
+        requestStarted_ = Clock::now();
+        requestOpen_ = true;
+    }
+    const auto timeout = timeoutFor(size_t(f.frameLen), size_t(f.replyLen));
+    Exchange x;
+    if (f.frameLen > 0) { // a handshake record carries nothing to send
+        x = link_.exchange(f, timeout, stop);
+        if (x.sent)
+            ++stats_.framesSent;
+        events_.exchanged(f, x);
+    }
+    if (stop && x.outcome == Exchange::Outcome::NoReply && f.replyLen > 0)
+        return; // interrupted while waiting: the frame is not judged
+
+    QString errorText;
+    const QByteArray reply(reinterpret_cast<const char *>(x.reply.data()), int(x.reply.size()));
+    const int result = api_.dealRcvFrame(reply, errorText);
+    retryPending_ = result == RTUPLC_REPLY_RETRY;
+    const bool write = isWriteFrame(f) && !recipeFrame;
+    const bool poll = f.reqKind == RTUPLC_KIND_MONITOR_READ && !recipeFrame;
+    switch (result) {
+    case RTUPLC_REPLY_ACCEPTED:
+        ++stats_.accepted;
+        if (f.dataLen > 0)
+            afterRead(f);
+        else if (write)
+            afterWrite(f, true, QString());
+        if (f.dataLen > 0 && poll)
+            countPass(f);
+        break;
+    case RTUPLC_REPLY_RETRY:
+        ++stats_.retries;
+        break;
+    case RTUPLC_REPLY_FAILED: {
+        ++stats_.failures;
+        const Failure failure = whyFailed(f, x, timeout, errorText);
+        events_.requestFailed(f, failure);
+        if (recipeFrame)
+            recipeFailed_ = true;
+        else if (write)
+            afterWrite(f, false, failure.why);
+        else if (poll)
+            countPass(f);
+        break;
+    }
+    default:
+        break;
+    }
+    if (result == RTUPLC_REPLY_ACCEPTED || result == RTUPLC_REPLY_FAILED) {
+        ++stats_.finished;
+        if (poll)
+            ++stats_.polls;
+        stats_.cycleTotal += std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - requestStarted_);
+        requestOpen_ = false;
+    }
+    showDirty();
+    if (result == RTUPLC_REPLY_ACCEPTED && poll && f.dataLen > 0)
+        events_.blockRead(f);
+    if (x.outcome == Exchange::Outcome::LinkDown)
+        std::this_thread::sleep_for(kLinkDownWait); // do not spin on a dead link
+}
+
+bool Host::covers(const FRAME_PRO &f, const Point &p) const
+{
+    return f.station == p.station && prefixOf(f.regName) == p.area->cachePrefix() && p.firstUnit() >= f.startAddr &&
+           int64_t(p.firstUnit()) + p.units() <= int64_t(f.startAddr) + f.len;
+}
+
+bool Host::complete(const Point &p) const
+{
+    for (int u = p.firstUnit(); u < p.firstUnit() + p.units(); ++u) {
+        if (!read_.count(UnitKey{p.station, p.area->cachePrefix(), u}))
+            return false;
+    }
+    return true;
+}
+
+void Host::afterRead(const FRAME_PRO &f)
+{
+    const QString prefix = prefixOf(f.regName);
+    for (int u = f.startAddr; u < f.startAddr + f.len; ++u)
+        read_.insert(UnitKey{f.station, prefix, u});
+    for (size_t i = 0; i < points_.size(); ++i) {
+        if (!shown_.count(i) && complete(points_[i]))
+            dirty_.insert(i); // first sight of the value
+    }
+    // A value we wrote shows once a read brings it and no write of it is still on its way.
+    for (auto it = written_.begin(); it != written_.end();) {
+        const Point &p = points_[*it];
+        bool queued = false;
+        for (const QueuedWrite &q : driverQueue_)
+            queued = queued || (q.station == p.station && q.area == p.area->name && q.address == p.address);
+        if (!queued && covers(f, p)) {
+            dirty_.insert(*it);
+            it = written_.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    if (!settings_.confirmWrites)
+        return;
+    std::vector<std::pair<uint64_t, bool>> seen;
+    for (PendingWrite &w : writes_) {
+        const Point &p = w.request.target.points.front();
+        if (w.state == PendingWrite::State::Acknowledged && covers(f, p))
+            seen.emplace_back(w.id, readValue(api_, p) == w.request.value);
+    }
+    for (const auto &[id, same] : seen) {
+        const PendingWrite *w = pending(id);
+        const Point &p = w->request.target.points.front();
+        settle(id, same ? WriteOutcome::Confirmed : WriteOutcome::NotConfirmed,
+               QString::number(readValue(api_, p)));
+    }
+}
+
+void Host::afterWrite(const FRAME_PRO &f, bool ok, const QString &why)
+{
+    // The driver's write queue and ours settle in the same order; a frame that does not
+    // match the head is looked for further down rather than settling the wrong write.
+    size_t at = 0;
+    while (at < driverQueue_.size()) {
+        const PendingWrite *w = pending(driverQueue_[at].id);
+        if (w != nullptr && covers(f, w->request.target.points.front()))
+            break;
+        ++at;
+    }
+    if (at == driverQueue_.size())
+        return;
+    const uint64_t id = driverQueue_[at].id;
+    const bool broadcast = driverQueue_[at].station == rtusupport::kBroadcastStation;
+    driverQueue_.erase(driverQueue_.begin() + long(at));
+    if (!ok)
+        settle(id, WriteOutcome::Failed, why);
+    else
+        settle(id, broadcast ? WriteOutcome::Broadcast : WriteOutcome::Acknowledged);
+}
+
+void Host::showDirty()
+{
+    if (settings_.once) {
+        dirty_.clear(); // everything is reported once at the end
+        return;
+    }
+    for (size_t i : dirty_) {
+        const Point &p = points_[i];
+        if (!complete(p) || written_.count(i))
+            continue; // reported when its first read arrives
+        const uint32_t v = readValue(api_, p);
+        const auto was = shown_.find(i);
+        if (was != shown_.end() && was->second == v)
+            continue;
+        shown_[i] = v;
+        events_.valueRead(p, v);
+    }
+    dirty_.clear();
+}
+
+Failure Host::whyFailed(const FRAME_PRO &f, const Exchange &x, std::chrono::microseconds timeout,
+                        const QString &driverText) const
+{
+    Failure failure;
+    failure.driverText = driverText;
+    const int attempts = std::max(1, settings_.retries);
+    const QString tries = QStringLiteral("%1 attempt%2").arg(attempts).arg(attempts == 1 ? "" : "s");
+    switch (x.outcome) {
+    case Exchange::Outcome::Exception: {
+        const uint8_t code = x.reply[2]; // station, function | 0x80, code
+        failure.kind = Failure::Kind::Exception;
+        failure.exception = code;
+        failure.why = QStringLiteral("exception %1 (%2) after %3")
+                          .arg(code, 2, 16, QChar('0'))
+                          .arg(QLatin1String(rtusupport::exceptionName(code)), tries);
+        const int quantity = (f.frame[kQuantityIndex] << 8) | f.frame[kQuantityIndex + 1];
+        if (f.frame[1] == rtuplc::kReadHoldingRegisters && quantity > rtusupport::kStandardMaxReadRegisters)
+            failure.why += QStringLiteral(": this read asks for %1 registers; standard Modbus slaves stop at %2 while "
+                                          "this controller takes %3 (use --gap or shorter items for other slaves)")
+                               .arg(quantity)
+                               .arg(rtusupport::kStandardMaxReadRegisters)
+                               .arg(rtusupport::kControllerMaxReadRegisters);
+        return failure;
+    }
+    case Exchange::Outcome::Reply:
+        failure.kind = Failure::Kind::BadReply;
+        failure.why = QStringLiteral("the reply failed the driver's check (CRC or length), %1").arg(tries);
+        return failure;
+    case Exchange::Outcome::LinkDown:
+        failure.kind = Failure::Kind::LinkDown;
+        failure.why = QStringLiteral("%1 (%2)").arg(QString::fromStdString(x.detail), tries);
+        return failure;
+    case Exchange::Outcome::NoReply:
+    default:
+        break;
+    }
+    failure.kind = Failure::Kind::NoReply;
+    const long ms = long(timeout.count() / 1000);
+    if (x.bytesSeen > 0)
+        failure.why = QStringLiteral("no reply answering it within %1 ms (%2 bytes came that did not), %3")
+                          .arg(ms)
+                          .arg(x.bytesSeen)
+                          .arg(tries);
+    else if (!x.detail.empty())
+        failure.why = QStringLiteral("%1, %2").arg(QString::fromStdString(x.detail), tries);
+    else
+        failure.why = QStringLiteral("no reply within %1 ms, %2").arg(ms).arg(tries);
+    return failure;
+}
+
+bool Host::writesSettled() const
+{
+    for (const PendingWrite &w : writes_) {
+        if (w.state == PendingWrite::State::Queued)
+            return false;
+    }
+    return true;
+}
+
+void Host::countPass(const FRAME_PRO &f)
+{
+    if (!writesSettled() || recipeStage_ == RecipeStage::Downloading || recipeStage_ == RecipeStage::Uploading) {
+        passBlocks_.clear();
+        return;
+    }
+    passBlocks_.insert({f.station, f.regName, f.startAddr, f.len});
+    if (int(passBlocks_.size()) >= blocks_) {
+        ++passes_;
+        passBlocks_.clear();
+    }
+}
+
+bool Host::finished() const
+{
+    if (settings_.duration.count() > 0 && started_ && Clock::now() - startedAt_ >= settings_.duration)
+        return true;
+    const bool recipeIdle = recipeStage_ == RecipeStage::None || recipeStage_ == RecipeStage::Done;
+    if (!writesSettled() || !recipeIdle)
+        return false;
+    if (blocks_ == 0)
+        return true; // nothing to poll once writes and recipe are through
+    if (settings_.once)
+        return passes_ >= 1;
+    if (settings_.count > 0)
+        return passes_ >= settings_.count;
+    return false;
+}
+
+} // namespace rtuhost

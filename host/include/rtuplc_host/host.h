@@ -1,0 +1,252 @@
+// The host's communication loop around the driver, shared by rtuplc-poll and
+// rtuplc-gateway. It hands the driver its properties and what to poll, then serves
+// intf_getSendFrame / transmit / intf_dealRcvFrame, settling writes and driving recipe
+// transfers. It prints nothing: what happens (a value read, a request failed after its
+// retries, a write settled, a frame exchanged) is reported to HostEvents.
+//
+// The driver keeps its state in one global object, so a process has one Host.
+#ifndef RTUPLC_HOST_HOST_H
+#define RTUPLC_HOST_HOST_H
+
+#include <QMutex>
+#include <QString>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <set>
+#include <tuple>
+#include <unordered_map>
+#include <vector>
+
+#include "driver_location.h"
+#include "items.h"
+#include "link.h"
+#include "recipe.h"
+
+namespace rtuhost {
+
+// The host memory block the driver reads its recipe commands from: a whole page of it,
+// more than the RTUPLC_HOST_MEMORY_BYTES the driver needs.
+constexpr size_t kHostMemoryBytes = 65536;
+static_assert(kHostMemoryBytes >= size_t(RTUPLC_HOST_MEMORY_BYTES), "the driver's command bytes must fit");
+
+struct HostSettings {
+    int driverId = 1;
+    int localWriteMode = 0;
+    int retries = 3;
+    int gap = 64;
+    rtusupport::SerialLine line;         // for the timing of every exchange
+    bool serial = false;             // keeps the silent interval
+    std::chrono::milliseconds margin{500};
+    std::chrono::milliseconds pause{0}; // between the end of one exchange and the next frame
+    bool once = false;
+    long count = 0;                  // passes over every block; 0: no bound
+    std::chrono::milliseconds duration{0};
+    // A write is done when the controller acknowledged it, or only once a later read
+    // shows the value (rtuplc-poll's confirmation).
+    bool confirmWrites = true;
+
+    QString propertyText() const;    // driverId#localWriteMode#0#retries#gap
+};
+
+struct Stats {
+    uint64_t framesSent = 0;
+    uint64_t accepted = 0;
+    uint64_t retries = 0;
+    uint64_t failures = 0;
+    uint64_t finished = 0;           // requests done, accepted or failed
+    uint64_t polls = 0;              // poll reads done, accepted or failed
+    std::chrono::microseconds cycleTotal{0};
+    std::chrono::microseconds elapsed{0};
+    LineStats line;                  // what the link dropped
+
+    QString summary() const;
+    // How late replies came and the time-out that would have taken them; empty if none.
+    QString lateAdvice(std::chrono::milliseconds margin) const;
+};
+
+// Why a request failed after its retries.
+struct Failure {
+    enum class Kind {
+        NoReply,   // silence, or only bytes that did not answer it
+        Exception, // the station answered, refusing it: it is alive
+        BadReply,  // a reply came that failed the driver's check
+        LinkDown,  // the frame could not be sent
+    };
+    Kind kind = Kind::NoReply;
+    uint8_t exception = 0;           // the exception code, for Exception
+    QString driverText;              // the driver's description of the request
+    QString why;                     // for people: what happened, after how many attempts
+};
+
+enum class WriteOutcome {
+    Refused,      // the driver took nothing: nothing is sent
+    Local,        // local write mode: kept in the driver's cache, never sent
+    Replaced,     // a later write to the same target replaced it before it was sent
+    QueueFull,    // the driver's write queue was full and recycled its last entry
+    Failed,       // the controller did not acknowledge it after the retries
+    Broadcast,    // sent to every station; nobody answers a broadcast
+    Acknowledged, // the controller acknowledged it (final unless confirmWrites)
+    Confirmed,    // a later read shows the value written
+    NotConfirmed, // a later read shows another value
+    Unfinished,   // the run ended before it was settled
+};
+// A settled write is final: no other outcome follows for its id.
+bool isFinal(WriteOutcome o, bool confirmWrites);
+
+struct RecipeJob {
+    const Recipe *recipe = nullptr;
+    bool download = false;
+    RecipeValues values;             // to download
+    QString uploadPath;              // empty: no upload
+};
+
+// What the loop reports. Every call comes from the thread that runs the loop.
+class HostEvents {
+public:
+    virtual ~HostEvents();
+    // A value read for the first time, or read different from the value reported last.
+    virtual void valueRead(const Point &point, uint32_t value);
+    // A poll read was accepted: every point it covers (Host::pointsIn) is current.
+    virtual void blockRead(const FRAME_PRO &frame);
+    // A request failed after its retries.
+    virtual void requestFailed(const FRAME_PRO &frame, const Failure &failure);
+    // A write moved on; detail is the value read for Confirmed and NotConfirmed, the
+    // reason for Failed.
+    virtual void writeSettled(uint64_t id, const WriteRequest &write, WriteOutcome outcome, const QString &detail);
+    // Progress of a recipe transfer and anything else worth a line.
+    virtual void note(const QString &text);
+    // A frame was exchanged (for tracing): what was sent, what came, what was dropped.
+    virtual void exchanged(const FRAME_PRO &frame, const Exchange &exchange);
+    // After every turn of the loop.
+    virtual void progress(const Stats &stats);
+};
+
+class Host {
+public:
+    Host(const DriverApi &api, Link &link, HostEvents &events, const HostSettings &settings);
+    ~Host();
+
+    // What to poll and the recipe to move; before start().
+    void monitor(const std::vector<Item> &items);
+    void recipe(const RecipeJob &job);
+    // Queues a write: before start() it is handed to the driver when polling starts,
+    // after it at once. Returns the id its outcomes are reported under.
+    uint64_t write(const WriteRequest &write);
+
+    // Serves the loop until the run is over or `stop` is set. Returns false when a
+    // request failed, a write was not confirmed or a recipe transfer failed.
+    bool run(const std::atomic<bool> &stop);
+
+    // The same in steps, for a host with work of its own between exchanges:
+    // start(); while (!stop) { ...; step(stop); } finish();
+    void start();
+    void step(const std::atomic<bool> &stop);
+    bool finished() const;
+    bool finish();
+
+    const Stats &stats() const { return stats_; }
+    int blockCount() const { return blocks_; }
+    std::chrono::microseconds timeoutFor(size_t frameBytes, size_t replyBytes) const;
+
+    const std::vector<Point> &points() const { return points_; }
+    // The points a request covers, by index into points().
+    const std::vector<size_t> &pointsIn(const FRAME_PRO &f);
+    // The point of a station, area and address, or -1.
+    long pointIndex(int station, const QString &area, int address) const;
+
+private:
+    struct PendingWrite {
+        uint64_t id = 0;
+        WriteRequest request;
+        // Local: kept in the driver's cache only (local write mode), never sent.
+        enum class State { Queued, Acknowledged, Confirmed, Failed, Local } state = State::Queued;
+    };
+    // The driver's write queue as this host filled it: a write waiting for the same
+    // target is replaced and the last entry recycled when it is full, so the host
+    // knows which of its writes a write frame carries.
+    struct QueuedWrite {
+        int station;
+        QString area;
+        int address;
+        int count;
+        uint64_t id;                 // the write it carries now
+    };
+    enum class RecipeStage { None, Waiting, Downloading, Uploading, Done };
+    using UnitKey = std::tuple<int, QString, int>; // station, cache prefix, unit
+    using PointKey = std::tuple<int, QString, int>; // station, item text, address
+    using BlockKey = std::tuple<int, QString, int, int>; // station, area, start, length
+
+    static void onChange(int driverId, int station, QString &item, int addr);
+    void changed(int station, const QString &item, int addr);
+
+    void issue(PendingWrite &w);
+    void settle(uint64_t id, WriteOutcome outcome, const QString &detail = QString());
+    PendingWrite *pending(uint64_t id);
+    void serveOne(const std::atomic<bool> &stop);
+    void afterRead(const FRAME_PRO &f);
+    void afterWrite(const FRAME_PRO &f, bool ok, const QString &why);
+    void showDirty();
+    bool complete(const Point &p) const;
+    bool covers(const FRAME_PRO &f, const Point &p) const;
+    Failure whyFailed(const FRAME_PRO &f, const Exchange &x, std::chrono::microseconds timeout,
+                      const QString &driverText) const;
+
+    bool writesSettled() const;
+    void countPass(const FRAME_PRO &f);
+    void advanceRecipe();
+    void setCommand(size_t byte);
+    bool commandPending(size_t byte);
+    void finishUpload();
+
+    const DriverApi &api_;
+    Link &link_;
+    HostEvents &events_;
+    HostSettings settings_;
+
+    std::vector<unsigned char> memory_;
+    std::vector<unsigned short> recipeBuffer_;
+    QMutex memoryLock_;
+
+    std::vector<Item> items_;
+    std::vector<Point> points_;
+    std::map<PointKey, size_t> pointIndex_;
+    std::set<size_t> dirty_;
+    std::set<size_t> written_;       // changed by our own writes: shown once a read has them
+    std::map<size_t, uint32_t> shown_;
+    std::set<UnitKey> read_;
+    std::map<BlockKey, std::vector<size_t>> blockPoints_;
+    int blocks_ = 0;
+
+    std::deque<PendingWrite> writes_;
+    std::deque<QueuedWrite> driverQueue_;
+    uint64_t nextWriteId_ = 1;
+    bool started_ = false;
+    bool inWrite_ = false;
+
+    RecipeJob job_;
+    RecipeStage recipeStage_ = RecipeStage::None;
+    bool recipeFailed_ = false;
+    std::set<int> filledWords_;
+
+    std::set<std::tuple<int, QString, int, int>> passBlocks_;
+    long passes_ = 0;
+    bool problems_ = false;
+
+    Stats stats_;
+    Clock::time_point startedAt_{};
+    Clock::time_point requestStarted_{};
+    bool requestOpen_ = false;
+    bool retryPending_ = false;
+};
+
+// Text for people.
+const char *dropReasonText(DropReason r);
+QString hexBytes(const uint8_t *b, size_t n);
+
+} // namespace rtuhost
+
+#endif
