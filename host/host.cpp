@@ -376,6 +376,7 @@ void Host::serveOne(const std::atomic<bool> &stop)
         x = link_.exchange(f, timeout, stop);
         if (x.sent)
             ++stats_.framesSent;
+        stats_.line = link_.stats();
         events_.exchanged(f, x);
     }
     if (stop && x.outcome == Exchange::Outcome::NoReply && f.replyLen > 0)

@@ -5,6 +5,8 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <linux/serial.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <termios.h>
 #include <unistd.h>
@@ -106,8 +108,8 @@ private:
 
 class SerialLink : public Link {
 public:
-    SerialLink(std::string device, const rtusupport::SerialLine &line)
-        : device_(std::move(device)), line_(line), silence_(rtusupport::silentInterval(line))
+    SerialLink(std::string device, const rtusupport::SerialLine &line, bool rs485)
+        : device_(std::move(device)), line_(line), silence_(rtusupport::silentInterval(line)), rs485_(rs485)
     {
     }
     ~SerialLink() override
@@ -130,6 +132,12 @@ public:
             fd_ = -1;
             return false;
         }
+        if (rs485_ && !enableRs485(&why)) {
+            *error = "cannot switch " + device_ + " to RS-485 mode: " + why;
+            ::close(fd_);
+            fd_ = -1;
+            return false;
+        }
         tcflush(fd_, TCIOFLUSH);
         return true;
     }
@@ -137,11 +145,12 @@ public:
     std::string describe() const override { return "serial " + device_ + " " + rtusupport::formatSerialLine(line_); }
 
 protected:
-    bool ensureConnected(std::string *error) override
+    bool ensureConnected(std::string *error) override { return fd_ >= 0 || open(error); }
+    void closeOnFailure() override
     {
-        if (fd_ < 0)
-            *error = device_ + " is not open";
-        return fd_ >= 0;
+        if (fd_ >= 0)
+            ::close(fd_);
+        fd_ = -1;
     }
     void beforeSend() override
     {
@@ -154,15 +163,49 @@ protected:
     std::chrono::microseconds silence() const override { return silence_; }
 
 private:
+    // The kernel keys the transmitter with RTS for each frame, and releases the line
+    // for the reply as soon as the last character is out.
+    bool enableRs485(std::string *why)
+    {
+        serial_rs485 conf{};
+        conf.flags = SER_RS485_ENABLED | SER_RS485_RTS_ON_SEND;
+        if (::ioctl(fd_, TIOCSRS485, &conf) == 0)
+            return true;
+        *why = errnoText();
+        return false;
+    }
+
     std::string device_;
     rtusupport::SerialLine line_;
     std::chrono::microseconds silence_;
+    bool rs485_;
     Clock::time_point lastActivity_{};
 };
 
 } // namespace
 
 Link::~Link() = default;
+
+bool Link::reconnect(std::string *error)
+{
+    if (fd_ >= 0)
+        return true;
+    // A line that is down is tried again after a growing pause, not at every request:
+    // the requests fail at once meanwhile, so their stations show offline.
+    const auto now = Clock::now();
+    if (now < nextAttempt_) {
+        *error = lastError_;
+        return false;
+    }
+    if (ensureConnected(error)) {
+        backoff_ = kFirstBackoff;
+        return true;
+    }
+    lastError_ = *error;
+    nextAttempt_ = now + backoff_;
+    backoff_ = std::min(backoff_ * 2, std::chrono::milliseconds(kMaxBackoff));
+    return false;
+}
 
 void Link::setTiming(std::chrono::microseconds margin, std::chrono::milliseconds pause)
 {
@@ -320,7 +363,7 @@ Exchange Link::exchange(const FRAME_PRO &frame, std::chrono::microseconds timeou
     if (fd_ >= 0 && !drain(false))
         closeOnFailure(); // the peer closed: reconnect before sending
     collect(x);
-    if (!ensureConnected(&x.detail)) {
+    if (!reconnect(&x.detail)) {
         x.outcome = Exchange::Outcome::LinkDown;
         return x;
     }
@@ -381,9 +424,9 @@ std::unique_ptr<Link> makeTcpLink(const std::string &host, int port)
     return std::make_unique<TcpLink>(host, port);
 }
 
-std::unique_ptr<Link> makeSerialLink(const std::string &device, const rtusupport::SerialLine &line)
+std::unique_ptr<Link> makeSerialLink(const std::string &device, const rtusupport::SerialLine &line, bool rs485)
 {
-    return std::make_unique<SerialLink>(device, line);
+    return std::make_unique<SerialLink>(device, line, rs485);
 }
 
 } // namespace rtuhost

@@ -136,6 +136,8 @@ public:
     // Queues a write: before start() it is handed to the driver when polling starts,
     // after it at once. Returns the id its outcomes are reported under.
     uint64_t write(const WriteRequest &write);
+    // The id the next write() will return.
+    uint64_t nextWriteId() const { return nextWriteId_; }
 
     // Serves the loop until the run is over or `stop` is set. Returns false when a
     // request failed, a write was not confirmed or a recipe transfer failed.

@@ -61,6 +61,9 @@ public:
     // least the silent interval, at most kMaxGuard.
     std::chrono::microseconds guard() const;
     static constexpr std::chrono::seconds kMaxGuard{10};
+    // A lost line is reopened after kFirstBackoff, then after pauses doubling up to kMaxBackoff.
+    static constexpr std::chrono::milliseconds kFirstBackoff{250};
+    static constexpr std::chrono::seconds kMaxBackoff{10};
 
     // Sends `frame` and waits for its answer until `timeout` has passed; stops early
     // (NoReply) when `stop` becomes true.
@@ -77,6 +80,8 @@ protected:
     int fd_ = -1;
 
 private:
+    bool reconnect(std::string *error);
+
     struct Owed {
         std::vector<uint8_t> frame;
         Clock::time_point sentAt, deadline;
@@ -101,12 +106,17 @@ private:
     Clock::time_point lastEnd_{};
     Clock::time_point lastTaken_{}; // when the last answer was taken
     LineStats stats_;
+    Clock::time_point nextAttempt_{};
+    std::chrono::milliseconds backoff_{kFirstBackoff};
+    std::string lastError_;
 };
 
 // RTU frames over TCP, to a gateway or the simulator; reconnects when the peer drops.
 std::unique_ptr<Link> makeTcpLink(const std::string &host, int port);
 // A serial device (or pseudo-terminal); keeps the silent interval between frames.
-std::unique_ptr<Link> makeSerialLink(const std::string &device, const rtusupport::SerialLine &line);
+// With rs485 the kernel's RS-485 mode keys the transmitter. Reopened when lost.
+std::unique_ptr<Link> makeSerialLink(const std::string &device, const rtusupport::SerialLine &line,
+                                     bool rs485 = false);
 
 } // namespace rtuhost
 

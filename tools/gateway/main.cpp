@@ -1,0 +1,279 @@
+// rtuplc-gateway: polls one line through the driver and publishes its values on an
+// MQTT broker, takes writes from it with an answer for each, and keeps running through
+// line faults, broker restarts and bad input.
+#include <signal.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <set>
+#include <string>
+
+#include "config.h"
+#include "gateway.h"
+#include "mqtt_client.h"
+#include "notify.h"
+#include "rtuplc_host/host.h"
+
+using namespace rtugw;
+using namespace rtuhost;
+
+namespace {
+
+constexpr int kExitOk = 0;
+constexpr int kExitUsage = 2;  // bad configuration or command line
+constexpr int kExitDriver = 3; // the driver cannot be loaded
+constexpr std::chrono::seconds kStopTimeout{3};
+
+const char kUsage[] = R"(Usage: rtuplc-gateway --config FILE [--check] [--verbose] [--driver PATH]
+
+Polls one Modbus RTU line through the driver and publishes every value on an MQTT
+broker, retained, with its quality; takes writes to items configured writable from
+P/STATION/AREA/ADDRESS/set and answers each on .../result. One process serves one line.
+
+  --config FILE   the line's configuration (YAML; see rtuplc-gateway(1) and the example)
+  --check         check the configuration, print the plan (blocks, topics, writable
+                  items) and exit; nothing is opened
+  --verbose       log every frame exchanged and every reply dropped
+  --driver PATH   the driver library (default: beside the program, else librtuplc.so.2)
+  --help          this text
+
+Exit status: 0 stopped by SIGTERM or SIGINT (after publishing offline), 2 bad
+configuration or command line, 3 the driver cannot be loaded.
+)";
+
+std::atomic<bool> g_stop{false};
+
+void onSignal(int)
+{
+    g_stop = true;
+}
+
+void installSignals()
+{
+    struct sigaction sa{};
+    sa.sa_handler = onSignal; // no SA_RESTART: a wait in progress ends at once
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+    signal(SIGPIPE, SIG_IGN); // a line or broker that hangs up is an error to handle, not a death
+}
+
+int fail(int code, const std::string &message)
+{
+    std::cerr << "rtuplc-gateway: " << message << '\n';
+    if (code == kExitUsage && message.find(".yaml") == std::string::npos)
+        std::cerr << "(rtuplc-gateway --help explains the options)\n";
+    return code;
+}
+
+struct Args {
+    std::string config, driver;
+    bool check = false, verbose = false, help = false;
+};
+
+bool parseArgs(int argc, char **argv, Args *a, std::string *error)
+{
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        const auto value = [&](std::string *out) {
+            if (i + 1 >= argc) {
+                *error = arg + " needs a value";
+                return false;
+            }
+            *out = argv[++i];
+            return true;
+        };
+        if (arg == "--config") {
+            if (!value(&a->config))
+                return false;
+        } else if (arg == "--driver") {
+            if (!value(&a->driver))
+                return false;
+        } else if (arg == "--check") {
+            a->check = true;
+        } else if (arg == "--verbose") {
+            a->verbose = true;
+        } else if (arg == "--help" || arg == "-h") {
+            a->help = true;
+        } else {
+            *error = "unknown option " + arg;
+            return false;
+        }
+    }
+    if (!a->help && a->config.empty()) {
+        *error = "--config FILE is required";
+        return false;
+    }
+    return true;
+}
+
+// The driver's default line: "0,9600,8,EVEN,1,...".
+std::string driverDefaultLine(const DriverApi &api)
+{
+    QString text;
+    api.getDriverParameter(text);
+    const QStringList f = text.split(',');
+    return f.size() > 4 ? f.mid(1, 4).join(',').toStdString() : std::string("9600,8,EVEN,1");
+}
+
+// The blocks the driver plans, in polling order, found by letting it walk its rotation
+// with every request failing at once: nothing is sent.
+void printPlan(const DriverApi &api, const Config &c, const std::vector<Item> &items, const std::vector<Point> &points,
+               const std::set<std::tuple<int, QString, int>> &writable)
+{
+    std::vector<unsigned char> memory(kHostMemoryBytes);
+    std::vector<unsigned short> recipe(kRecipeBufferWords);
+    QMutex lock;
+    int err = 0;
+    api.initProperty(memory.data(), 0, recipe.data(), &err, "1#0#0#1#64", &lock);
+    QList<KEY_ADDRESS> keys;
+    for (const Item &item : items)
+        keys.append(item.key());
+    const int blocks = api.addrMerge(keys);
+    std::printf("gateway %s: %s, broker %s, topics under %s/\n", c.name.c_str(),
+                c.line.kind == LineConfig::Kind::Tcp ? ("tcp " + c.line.host + ":" + std::to_string(c.line.port)).c_str()
+                                                     : ("serial " + c.line.device).c_str(),
+                c.mqtt.url.c_str(), c.mqtt.topic.c_str());
+    std::printf("%d block%s polled in turn:\n", blocks, blocks == 1 ? "" : "s");
+    for (int b = 0; b < blocks; ++b) {
+        FRAME_PRO f;
+        if (api.getSendFrame(f) != 1)
+            break;
+        std::printf("  station %d %s from %d, %d unit%s (function %02X)\n", f.station, qPrintable(f.regName),
+                    f.startAddr, f.len, f.len == 1 ? "" : "s", f.frameLen > 1 ? f.frame[1] : 0);
+        QString ignored;
+        api.dealRcvFrame(QByteArray(), ignored);
+    }
+    std::printf("%zu value%s:\n", points.size(), points.size() == 1 ? "" : "s");
+    for (const Point &p : points) {
+        const bool w = writable.count({p.station, p.area->name, p.address}) != 0;
+        std::printf("  %s%s\n", topics::point(c.mqtt.topic, p).c_str(), w ? "  (writable: .../set)" : "");
+    }
+    api.setAddrValueChangeCallBack(nullptr);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    Args args;
+    std::string why;
+    if (!parseArgs(argc, argv, &args, &why))
+        return fail(kExitUsage, why);
+    if (args.help) {
+        std::cout << kUsage;
+        return kExitOk;
+    }
+
+    Config config;
+    if (!loadConfig(args.config, &config, &why))
+        return fail(kExitUsage, why);
+
+    DriverApi api;
+    const std::string driverPath = args.driver.empty() ? defaultDriver() : args.driver;
+    if (!loadDriver(driverPath, &api, &why, args.driver.empty()))
+        return fail(kExitDriver, why);
+
+    // Everything in the file is checked by the driver before anything is opened.
+    rtusupport::SerialLine line;
+    const std::string lineText = config.line.settings.empty() ? driverDefaultLine(api) : config.line.settings;
+    if (!rtusupport::parseSerialLine(lineText, &line, &why))
+        return fail(kExitUsage, where(config, 0) + "line.settings: " + why);
+    const Catalogue catalogue(api);
+    std::vector<Item> items;
+    std::set<std::tuple<int, QString, int>> writable;
+    std::set<int> stations;
+    size_t values = 0;
+    for (const ItemConfig &ic : config.items) {
+        Item item;
+        QString error;
+        if (!parseItem(QString::fromStdString(ic.text), config.line.station, catalogue, api, &item, &error))
+            return fail(kExitUsage, where(config, ic.line) + "items: " + error.toStdString());
+        for (const Point &p : item.points) {
+            if (ic.writable)
+                writable.insert({p.station, p.area->name, p.address});
+        }
+        stations.insert(item.station);
+        values += item.points.size();
+        items.push_back(item);
+    }
+    if (config.mqtt.buffer < values)
+        return fail(kExitUsage, where(config, 0) + "mqtt.buffer: " + std::to_string(config.mqtt.buffer) +
+                                    " cannot hold the latest value of each of the " + std::to_string(values) +
+                                    " values; give at least that many");
+
+    if (args.check) {
+        std::vector<Point> points;
+        std::set<std::tuple<int, QString, int>> seen;
+        for (const Item &item : items) {
+            for (const Point &p : item.points) {
+                if (seen.insert({p.station, p.area->name, p.address}).second)
+                    points.push_back(p);
+            }
+        }
+        printPlan(api, config, items, points, writable);
+        std::printf("configuration %s: ok\n", config.file.c_str());
+        return kExitOk;
+    }
+
+    installSignals();
+    std::unique_ptr<Link> link = config.line.kind == LineConfig::Kind::Tcp
+                                     ? makeTcpLink(config.line.host, config.line.port)
+                                     : makeSerialLink(config.line.device, line, config.line.rs485);
+    // A line that is not there yet is reopened by the loop: its stations show offline.
+    if (!link->open(&why))
+        std::fprintf(stderr, "rtuplc-gateway: %s; retrying\n", why.c_str());
+
+    MqttSettings ms;
+    ms.host = config.mqtt.host;
+    ms.port = config.mqtt.port;
+    ms.tls = config.mqtt.tls;
+    ms.ca = config.mqtt.ca;
+    ms.cert = config.mqtt.cert;
+    ms.key = config.mqtt.key;
+    ms.clientId = config.mqtt.clientId;
+    ms.username = config.mqtt.username;
+    ms.password = config.mqtt.password;
+    ms.keepalive = config.mqtt.keepalive;
+    ms.buffer = config.mqtt.buffer;
+    ms.will = Message{config.mqtt.topic + "/status", "offline", config.mqtt.qos, true, {}, {}};
+    MqttClient mqtt(ms);
+    if (!mqtt.start(&why))
+        return fail(kExitUsage, where(config, 0) + "mqtt: " + why);
+    mqtt.subscribe(config.mqtt.topic + "/+/+/+/set");
+
+    HostSettings settings;
+    settings.retries = config.line.retries;
+    settings.line = line;
+    settings.serial = config.line.kind == LineConfig::Kind::Serial;
+    settings.margin = std::chrono::milliseconds(config.line.timeoutMs);
+    settings.pause = std::chrono::milliseconds(config.line.pauseMs);
+    settings.confirmWrites = false; // answered once the controller acknowledged it
+
+    Gateway gateway(config, api, catalogue, mqtt, writable);
+    gateway.verbose = args.verbose;
+    Host host(api, *link, gateway, settings);
+    host.monitor(items);
+    gateway.attach(host);
+    gateway.announceStations(std::vector<int>(stations.begin(), stations.end()));
+    host.start();
+    std::fprintf(stderr, "rtuplc-gateway: %s: polling %zu values in %d blocks on %s; broker %s, topics under %s/\n",
+                 config.name.c_str(), host.points().size(), host.blockCount(), link->describe().c_str(),
+                 config.mqtt.url.c_str(), config.mqtt.topic.c_str());
+
+    ServiceNotifier notifier;
+    notifier.ready(gateway.statusLine());
+    while (!g_stop) {
+        gateway.serviceBroker();
+        host.step(g_stop);
+        notifier.alive([&] { return gateway.statusLine(); });
+    }
+    notifier.stopping();
+    std::fprintf(stderr, "rtuplc-gateway: stopping\n");
+    host.finish(); // writes still open are answered
+    gateway.serviceBroker();
+    mqtt.stop(gateway.farewell(), kStopTimeout);
+    return kExitOk;
+}
