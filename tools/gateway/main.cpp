@@ -11,9 +11,10 @@
 #include <string>
 
 #include "config.h"
-#include "gateway.h"
+#include "model.h"
 #include "mqtt_client.h"
 #include "notify.h"
+#include "plain_topics.h"
 #include "rtuplc_host/host.h"
 
 using namespace rtugw;
@@ -149,7 +150,7 @@ void printPlan(const DriverApi &api, const Config &c, const std::vector<Item> &i
     std::printf("%zu value%s:\n", points.size(), points.size() == 1 ? "" : "s");
     for (const Point &p : points) {
         const bool w = writable.count({p.station, p.area->name, p.address}) != 0;
-        std::printf("  %s%s\n", topics::point(c.mqtt.topic, p).c_str(), w ? "  (writable: .../set)" : "");
+        std::printf("  %s/%s%s\n", c.mqtt.topic.c_str(), pathOf(p).c_str(), w ? "  (writable: .../set)" : "");
     }
     api.setAddrValueChangeCallBack(nullptr);
 }
@@ -183,22 +184,23 @@ int main(int argc, char **argv)
         return fail(kExitUsage, where(config, 0) + "line.settings: " + why);
     const Catalogue catalogue(api);
     std::vector<Item> items;
+    std::vector<std::pair<Item, const ItemConfig *>> configured;
     std::set<std::tuple<int, QString, int>> writable;
-    std::set<int> stations;
-    size_t values = 0;
+    std::set<std::tuple<int, QString, int>> distinct;
     for (const ItemConfig &ic : config.items) {
         Item item;
         QString error;
         if (!parseItem(QString::fromStdString(ic.text), config.line.station, catalogue, api, &item, &error))
             return fail(kExitUsage, where(config, ic.line) + "items: " + error.toStdString());
         for (const Point &p : item.points) {
+            distinct.insert({p.station, p.area->name, p.address});
             if (ic.writable)
                 writable.insert({p.station, p.area->name, p.address});
         }
-        stations.insert(item.station);
-        values += item.points.size();
         items.push_back(item);
+        configured.emplace_back(item, &ic);
     }
+    const size_t values = distinct.size();
     if (config.mqtt.buffer < values)
         return fail(kExitUsage, where(config, 0) + "mqtt.buffer: " + std::to_string(config.mqtt.buffer) +
                                     " cannot hold the latest value of each of the " + std::to_string(values) +
@@ -238,11 +240,8 @@ int main(int argc, char **argv)
     ms.password = config.mqtt.password;
     ms.keepalive = config.mqtt.keepalive;
     ms.buffer = config.mqtt.buffer;
-    ms.will = Message{config.mqtt.topic + "/status", "offline", config.mqtt.qos, true, {}, {}};
+    ms.will = PlainTopics::will(config);
     MqttClient mqtt(ms);
-    if (!mqtt.start(&why))
-        return fail(kExitUsage, where(config, 0) + "mqtt: " + why);
-    mqtt.subscribe(config.mqtt.topic + "/+/+/+/set");
 
     HostSettings settings;
     settings.retries = config.line.retries;
@@ -252,28 +251,43 @@ int main(int argc, char **argv)
     settings.pause = std::chrono::milliseconds(config.line.pauseMs);
     settings.confirmWrites = false; // answered once the controller acknowledged it
 
-    Gateway gateway(config, api, catalogue, mqtt, writable);
-    gateway.verbose = args.verbose;
-    Host host(api, *link, gateway, settings);
+    Model model(config, api, catalogue);
+    model.verbose = args.verbose;
+    Host host(api, *link, model, settings);
     host.monitor(items);
-    gateway.attach(host);
-    gateway.announceStations(std::vector<int>(stations.begin(), stations.end()));
+    model.attach(host, configured);
+    PlainTopics plain(model, mqtt);
+    model.addSink(&plain);
+    plain.subscribe();
+    plain.start();
+    if (!mqtt.start(&why))
+        return fail(kExitUsage, where(config, 0) + "mqtt: " + why);
     host.start();
     std::fprintf(stderr, "rtuplc-gateway: %s: polling %zu values in %d blocks on %s; broker %s, topics under %s/\n",
                  config.name.c_str(), host.points().size(), host.blockCount(), link->describe().c_str(),
                  config.mqtt.url.c_str(), config.mqtt.topic.c_str());
 
+    const auto status = [&] {
+        int online = 0;
+        for (const auto &[station, state] : model.stations())
+            online += state.online ? 1 : 0;
+        char text[256];
+        std::snprintf(text, sizeof text, "%d/%zu stations online, %.1f polls/s, broker %s, %llu held", online,
+                      model.stations().size(), plain.pollsPerSecond(), plain.brokerState().c_str(),
+                      (unsigned long long)mqtt.stats().held);
+        return std::string(text);
+    };
     ServiceNotifier notifier;
-    notifier.ready(gateway.statusLine());
+    notifier.ready(status());
     while (!g_stop) {
-        gateway.serviceBroker();
+        model.tick();
         host.step(g_stop);
-        notifier.alive([&] { return gateway.statusLine(); });
+        notifier.alive(status);
     }
     notifier.stopping();
     std::fprintf(stderr, "rtuplc-gateway: stopping\n");
     host.finish(); // writes still open are answered
-    gateway.serviceBroker();
-    mqtt.stop(gateway.farewell(), kStopTimeout);
+    model.tick();
+    mqtt.stop(plain.farewell(), kStopTimeout);
     return kExitOk;
 }

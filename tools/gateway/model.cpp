@@ -1,0 +1,281 @@
+#include "model.h"
+
+#include <cstdio>
+#include <ctime>
+
+namespace rtugw {
+
+using rtuhost::Failure;
+using rtuhost::WriteOutcome;
+
+Sink::~Sink() = default;
+void Sink::pointChanged(size_t) {}
+void Sink::stationChanged(int) {}
+void Sink::tick() {}
+
+std::string pathOf(const Point &p)
+{
+    return std::to_string(p.station) + '/' + p.area->name.toStdString() + '/' + p.area->format(p.address).toStdString();
+}
+
+std::string isoTime(SystemTime t)
+{
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count();
+    const std::time_t seconds = std::time_t(ms / 1000);
+    std::tm utc{};
+    gmtime_r(&seconds, &utc);
+    char text[64];
+    std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", utc.tm_year + 1900, utc.tm_mon + 1,
+                  utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, int(ms % 1000));
+    return text;
+}
+
+std::string jsonString(const std::string &s)
+{
+    std::string out = "\"";
+    for (const char c : s) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += c;
+        } else if (static_cast<unsigned char>(c) < 0x20) {
+            char esc[8];
+            std::snprintf(esc, sizeof esc, "\\u%04x", c);
+            out += esc;
+        } else {
+            out += c;
+        }
+    }
+    return out + '"';
+}
+
+Model::Model(const Config &config, const rtuhost::DriverApi &api, const rtuhost::Catalogue &catalogue)
+    : config_(config), api_(api), catalogue_(catalogue)
+{
+}
+
+void Model::attach(rtuhost::Host &host, const std::vector<std::pair<rtuhost::Item, const ItemConfig *>> &items)
+{
+    host_ = &host;
+    points_.clear();
+    byPath_.clear();
+    for (const Point &p : host.points()) {
+        PointState s;
+        s.point = p;
+        s.path = pathOf(p);
+        byPath_[s.path] = points_.size();
+        points_.push_back(s);
+        stations_[p.station];
+    }
+    // A value named by several items is writable if any of them says so.
+    for (const auto &[item, ic] : items) {
+        for (const Point &p : item.points) {
+            const long at = host.pointIndex(p.station, p.area->name, p.address);
+            if (at < 0)
+                continue;
+            PointState &s = points_[size_t(at)];
+            s.writable = s.writable || (ic != nullptr && ic->writable);
+            if (s.item == nullptr)
+                s.item = ic;
+        }
+    }
+}
+
+void Model::addSink(Sink *sink)
+{
+    sinks_.push_back(sink);
+}
+
+const rtuhost::Stats &Model::hostStats() const
+{
+    return host_->stats();
+}
+
+long Model::find(const std::string &path) const
+{
+    const auto found = byPath_.find(path);
+    return found == byPath_.end() ? -1 : long(found->second);
+}
+
+void Model::changed(size_t index)
+{
+    for (Sink *s : sinks_)
+        s->pointChanged(index);
+}
+
+void Model::setStation(int station, bool online)
+{
+    StationState &s = stations_[station];
+    if (s.online == online)
+        return;
+    s.online = online;
+    std::fprintf(stderr, "rtuplc-gateway: station %d %s\n", station, online ? "online" : "offline");
+    for (Sink *sink : sinks_)
+        sink->stationChanged(station);
+}
+
+void Model::tick()
+{
+    for (Sink *s : sinks_)
+        s->tick();
+}
+
+void Model::valueRead(const Point &p, uint32_t value)
+{
+    const long index = host_->pointIndex(p.station, p.area->name, p.address);
+    if (index < 0)
+        return;
+    PointState &s = points_[size_t(index)];
+    s.known = true;
+    s.value = value;
+    s.good = true;
+    s.error.clear();
+    s.ts = std::chrono::system_clock::now();
+    changed(size_t(index));
+}
+
+void Model::blockRead(const FRAME_PRO &f)
+{
+    SystemTime now{};
+    for (size_t index : host_->pointsIn(f)) {
+        PointState &s = points_[index];
+        // Read again after a failure: good again, said even if the value is the same.
+        if (s.good || !s.known)
+            continue;
+        if (now == SystemTime{})
+            now = std::chrono::system_clock::now();
+        s.good = true;
+        s.error.clear();
+        s.ts = now;
+        changed(index);
+    }
+    setStation(f.station, true);
+}
+
+void Model::requestFailed(const FRAME_PRO &f, const Failure &failure)
+{
+    const std::string why = failure.why.toStdString();
+    std::fprintf(stderr, "rtuplc-gateway: %s failed: %s\n", qPrintable(failure.driverText), why.c_str());
+    if (f.reqKind == RTUPLC_KIND_MONITOR_READ) {
+        const SystemTime now = std::chrono::system_clock::now();
+        for (size_t index : host_->pointsIn(f)) {
+            PointState &s = points_[index];
+            if (!s.good && !s.error.empty())
+                continue; // already shown bad: said once per failure
+            s.good = false;
+            s.error = why;
+            s.ts = now;
+            changed(index);
+        }
+    }
+    // A station that refuses a request with an exception is alive.
+    if (failure.kind != Failure::Kind::Exception)
+        setStation(f.station, false);
+}
+
+void Model::exchanged(const FRAME_PRO &f, const rtuhost::Exchange &x)
+{
+    if (!verbose)
+        return;
+    for (const rtuhost::Dropped &d : x.dropped)
+        std::fprintf(stderr, "rtuplc-gateway: dropped %s (%s)\n",
+                     qPrintable(rtuhost::hexBytes(d.bytes.data(), d.bytes.size())), rtuhost::dropReasonText(d.reason));
+    std::fprintf(stderr, "rtuplc-gateway: tx %s rx %s\n", qPrintable(rtuhost::hexBytes(f.frame, size_t(f.frameLen))),
+                 qPrintable(rtuhost::hexBytes(x.reply.data(), x.reply.size())));
+}
+
+void Model::settle(WriteDone &done, const WriteAnswer &a)
+{
+    if (a.ok)
+        ++writes_.ok;
+    else if (a.refused)
+        ++writes_.refused;
+    else
+        ++writes_.failed;
+    if (done)
+        done(a);
+}
+
+void Model::refuse(const std::string &path, const std::string &why, WriteDone done)
+{
+    WriteAnswer refusal;
+    refusal.refused = true;
+    refusal.error = why;
+    std::fprintf(stderr, "rtuplc-gateway: write to %s refused: %s\n", path.c_str(), why.c_str());
+    settle(done, refusal);
+}
+
+void Model::write(const std::string &path, const std::string &value, WriteDone done)
+{
+    const auto refuse = [&](const std::string &why) { this->refuse(path, why, std::move(done)); };
+    // The target: STATION/AREA/ADDR, checked by the driver like a configured item.
+    const size_t first = path.find('/');
+    const size_t second = first == std::string::npos ? first : path.find('/', first + 1);
+    if (second == std::string::npos || path.find('/', second + 1) != std::string::npos)
+        return refuse("\"" + path + "\" is not a value: STATION/AREA/ADDRESS");
+    bool ok = false;
+    const int station = QString::fromStdString(path.substr(0, first)).toInt(&ok);
+    if (!ok || station < 1 || station > 247)
+        return refuse("\"" + path.substr(0, first) + "\" is not a station (1..247)");
+    const QString areaName = QString::fromStdString(path.substr(first + 1, second - first - 1));
+    const rtuhost::Area *area = catalogue_.find(areaName);
+    if (area == nullptr)
+        return refuse("\"" + areaName.toStdString() + "\" is not an area of the controller");
+    rtuhost::Item target;
+    QString error;
+    const QString text =
+        QStringLiteral("%1:%2@%3").arg(area->name, QString::fromStdString(path.substr(second + 1))).arg(station);
+    if (!rtuhost::parseItem(text, station, catalogue_, api_, &target, &error) || target.points.size() != 1)
+        return refuse("address outside the area: " + error.toStdString());
+    const Point &p = target.points.front();
+    const long index = host_->pointIndex(p.station, p.area->name, p.address);
+    if (index < 0 || !points_[size_t(index)].writable)
+        return refuse(p.label().toStdString() + "@" + std::to_string(p.station) +
+                      " is not configured writable (writable: true in the gateway's configuration)");
+    rtuhost::WriteRequest w;
+    w.text = text;
+    w.target = target;
+    if (!rtuhost::parseValue(QString::fromStdString(value), p.area->kind, &w.value, &error))
+        return refuse(error.toStdString());
+    // Filed first: a write the driver refuses is settled within write().
+    pending_[host_->nextWriteId()] = std::move(done);
+    host_->write(w);
+}
+
+void Model::writeSettled(uint64_t id, const rtuhost::WriteRequest &w, WriteOutcome outcome, const QString &detail)
+{
+    const auto found = pending_.find(id);
+    if (found == pending_.end())
+        return;
+    WriteDone done = std::move(found->second);
+    pending_.erase(found);
+    WriteAnswer a;
+    switch (outcome) {
+    case WriteOutcome::Acknowledged:
+    case WriteOutcome::Broadcast:
+    case WriteOutcome::Confirmed:
+        a.ok = true;
+        a.value = w.value;
+        break;
+    case WriteOutcome::Refused:
+        a.refused = true;
+        a.error = "refused by the driver";
+        break;
+    case WriteOutcome::Replaced:
+        a.error = "replaced by a later write to the same address before it was sent";
+        break;
+    case WriteOutcome::QueueFull:
+        a.error = "dropped: the driver's write queue was full";
+        break;
+    case WriteOutcome::Unfinished:
+        a.error = "the gateway stopped before the controller answered";
+        break;
+    default:
+        a.error = detail.isEmpty() ? std::string("not acknowledged") : detail.toStdString();
+        break;
+    }
+    if (!a.ok)
+        std::fprintf(stderr, "rtuplc-gateway: write %s: %s\n", qPrintable(w.text), a.error.c_str());
+    settle(done, a);
+}
+
+} // namespace rtugw
