@@ -5,6 +5,8 @@
 #define RTUPLC_GATEWAY_CONFIG_H
 
 #include <cstddef>
+#include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -39,12 +41,48 @@ struct MqttConfig {
     int keepalive = 30;    // s
     size_t buffer = 100000; // messages held while the broker is away
     int statsInterval = 10; // s; 0: no stats topic
+    enum class Mode { Plain, Sparkplug };
+    Mode mode = Mode::Plain; // mqtt.mode: plain JSON topics or Sparkplug B
+};
+
+// sparkplug: { group, node, primary-host } for mqtt.mode sparkplug.
+struct SparkplugConfig {
+    std::string group;         // required in sparkplug mode
+    std::string node;          // default: the gateway's name
+    std::string primaryHost;   // empty: births are published whatever the host's state
+};
+
+// homeassistant: { prefix } announces every item to Home Assistant's MQTT discovery.
+struct HomeAssistantConfig {
+    bool enabled = false;
+    std::string prefix = "homeassistant";
+};
+
+// http: { listen, token-file, history } serves the live page, the API and /metrics.
+struct HttpConfig {
+    bool enabled = false;
+    std::string listen = "127.0.0.1:8080";
+    std::string host;          // from listen
+    int port = 8080;
+    std::string tokenFile;     // empty: the page is read-only
+    std::string token;         // read from token-file; never printed
+    int historyMinutes = 10;   // kept per numeric value for the trends
+};
+
+// log: { csv, rotate, max-size } writes a row per value change.
+struct LogConfig {
+    std::string csvDir;        // empty: no CSV log
+    enum class Rotate { Daily, Never };
+    Rotate rotate = Rotate::Daily;
+    uint64_t maxBytes = 100ull * 1024 * 1024; // all files together; the oldest go first
 };
 
 struct ItemConfig {
     std::string text;      // the item in rtuplc-poll's notation, e.g. "D_W:100..109@2"
     bool writable = false;
     int line = 0;          // where the file gives it, for messages
+    // Passed to Home Assistant's discovery and shown on the page.
+    std::string name, unit, deviceClass;
 };
 
 struct Config {
@@ -53,6 +91,11 @@ struct Config {
     LineConfig line;
     MqttConfig mqtt;
     std::vector<ItemConfig> items;
+    std::map<int, std::string> stationNames; // stations: { N: { name: ... } }
+    SparkplugConfig sparkplug;
+    HomeAssistantConfig homeassistant;
+    HttpConfig http;
+    LogConfig log;
 };
 
 // Reads and checks `path`. False with `error` naming the file, the line and key, and
