@@ -1,0 +1,131 @@
+// The host loop's account of writes, against the built driver and the simulator: every
+// write is settled once, by the frame that carries it, and a value the host wrote is
+// reported only once a read brings it back.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "rtuplc_host/host.h"
+#include "rtuplc_support/simulator.h"
+
+using namespace rtuhost;
+
+namespace {
+
+struct Recorder : HostEvents {
+    std::vector<std::string> log; // "value D_W:500=9", "write 2 Replaced"
+    std::map<uint64_t, WriteOutcome> outcomes; // by id
+    void valueRead(const Point &p, uint32_t v) override
+    {
+        log.push_back("value " + p.label().toStdString() + "=" + std::to_string(v));
+    }
+    void writeSettled(uint64_t id, const WriteRequest &, WriteOutcome o, const QString &detail) override
+    {
+        log.push_back("write " + std::to_string(id) + (o == WriteOutcome::Acknowledged ? " ack" : " not: ") +
+                      (o == WriteOutcome::Acknowledged ? std::string() : detail.toStdString()));
+        outcomes[id] = o;
+    }
+};
+
+class HostWrites : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        std::string why;
+        ASSERT_TRUE(loadDriver(RTUPLC_LIBRARY, &api, &why)) << why;
+        sim.fill(rtusupport::Fill::Pattern);
+        ASSERT_TRUE(sim.startTcp("127.0.0.1", 0, &why)) << why;
+        link = makeTcpLink("127.0.0.1", sim.tcpPort());
+        settings.margin = std::chrono::milliseconds(50);
+        settings.retries = 2;
+        settings.confirmWrites = false;
+    }
+
+    WriteRequest request(const char *text)
+    {
+        const Catalogue catalogue(api);
+        WriteRequest w;
+        QString error;
+        EXPECT_TRUE(parseWrite(QString::fromLatin1(text), 1, catalogue, api, &w, &error)) << error.toStdString();
+        return w;
+    }
+
+    // Serves the loop until `done` or a few seconds have passed.
+    template <class Done> void serve(Host &host, Done done)
+    {
+        const auto until = Clock::now() + std::chrono::seconds(5);
+        while (!done() && Clock::now() < until)
+            host.step(stop);
+    }
+
+    DriverApi api;
+    rtusupport::Simulator sim;
+    std::unique_ptr<Link> link;
+    HostSettings settings;
+    std::atomic<bool> stop{false};
+    Recorder events;
+};
+
+TEST_F(HostWrites, EachWriteIsSettledOnceByTheFrameThatCarriesIt)
+{
+    struct Row {
+        const char *name;
+        std::vector<const char *> writes; // issued together, before the first exchange
+        std::vector<int> stations;        // the simulator answers these
+        std::vector<WriteOutcome> expected; // by id
+        uint16_t register500;             // what the controller holds afterwards
+    };
+    using O = WriteOutcome;
+    const std::vector<Row> rows = {
+        {"a write waiting behind the head is replaced by a later one to the same address",
+         {"D_W:500=1", "D_W:500=2", "D_W:500=3"}, {1}, {O::Acknowledged, O::Replaced, O::Acknowledged}, 3},
+        {"writes to neighbouring addresses are each acknowledged", {"D_W:500=7", "D_W:501=8"}, {1},
+         {O::Acknowledged, O::Acknowledged}, 7},
+        {"a write to a silent station fails after its retries", {"D_W:500@2=5"}, {1}, {O::Failed}, 500},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        sim.fill(rtusupport::Fill::Pattern);
+        sim.setStations(row.stations);
+        Recorder recorder;
+        Host host(api, *link, recorder, settings);
+        host.monitor({});
+        std::vector<uint64_t> ids;
+        for (const char *w : row.writes)
+            ids.push_back(host.write(request(w)));
+        host.start();
+        serve(host, [&] { return recorder.outcomes.size() >= row.writes.size(); });
+        std::vector<WriteOutcome> byId;
+        for (uint64_t id : ids)
+            byId.push_back(recorder.outcomes.count(id) ? recorder.outcomes[id] : O::Unfinished);
+        EXPECT_EQ(byId, row.expected);
+        EXPECT_EQ(sim.reg(1, 500), row.register500);
+        host.finish();
+    }
+}
+
+TEST_F(HostWrites, AWrittenValueIsReportedOnlyOnceAReadBringsIt)
+{
+    sim.setStations({1});
+    Host host(api, *link, events, settings);
+    const Catalogue catalogue(api);
+    Item item;
+    QString error;
+    ASSERT_TRUE(parseItem("D_W:500", 1, catalogue, api, &item, &error));
+    host.monitor({item});
+    host.start();
+    serve(host, [&] { return !events.log.empty(); });
+    ASSERT_EQ(events.log, std::vector<std::string>{"value D_W:500=500"});
+
+    host.write(request("D_W:500=9"));
+    serve(host, [&] { return events.log.size() >= 3; });
+    // The cache shows the value at once; the host says so only after the controller
+    // acknowledged it and a read brought it back.
+    EXPECT_EQ(events.log, (std::vector<std::string>{"value D_W:500=500", "write 1 ack", "value D_W:500=9"}));
+    host.finish();
+}
+
+} // namespace
