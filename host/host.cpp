@@ -149,19 +149,31 @@ long Host::pointIndex(int station, const QString &area, int address) const
     return found == pointIndex_.end() ? -1 : long(found->second);
 }
 
-const std::vector<size_t> &Host::pointsIn(const FRAME_PRO &f)
+Host::Block &Host::block(const FRAME_PRO &f)
 {
     const BlockKey key{f.station, prefixOf(f.regName), f.startAddr, f.len};
-    const auto found = blockPoints_.find(key);
-    if (found != blockPoints_.end())
+    const auto found = blockIndex_.find(key);
+    if (found != blockIndex_.end())
         return found->second;
     // Blocks are few and fixed once planned: each is resolved once.
-    std::vector<size_t> &in = blockPoints_[key];
+    Block &b = blockIndex_[key];
+    const QString prefix = prefixOf(f.regName);
     for (size_t i = 0; i < points_.size(); ++i) {
-        if (covers(f, points_[i]))
-            in.push_back(i);
+        const Point &p = points_[i];
+        if (p.station != f.station || p.area->cachePrefix() != prefix)
+            continue;
+        const int64_t first = p.firstUnit(), end = first + p.units();
+        if (end > f.startAddr && first < int64_t(f.startAddr) + f.len)
+            b.touching.push_back(i);
+        if (covers(f, p))
+            b.in.push_back(i);
     }
-    return in;
+    return b;
+}
+
+const std::vector<size_t> &Host::pointsIn(const FRAME_PRO &f)
+{
+    return block(f).in;
 }
 
 uint64_t Host::write(const WriteRequest &w)
@@ -311,6 +323,9 @@ void Host::start()
             problems_ = true;
         }
     }
+    shown_.assign(points_.size(), 0);
+    reported_.assign(points_.size(), false);
+    complete_.assign(points_.size(), false);
     started_ = true;
     for (size_t i = 0; i < writes_.size(); ++i) {
         if (writes_[i].state == PendingWrite::State::Queued)
@@ -336,9 +351,9 @@ bool Host::finish()
     stats_.line = link_.stats();
 
     if (settings_.once) {
-        for (const Point &p : points_) {
-            if (complete(p))
-                events_.valueRead(p, readValue(api_, p));
+        for (size_t i = 0; i < points_.size(); ++i) {
+            if (complete_[i])
+                events_.valueRead(points_[i], readValue(api_, points_[i]));
         }
     }
     std::vector<uint64_t> open;
@@ -447,12 +462,20 @@ bool Host::complete(const Point &p) const
 
 void Host::afterRead(const FRAME_PRO &f)
 {
-    const QString prefix = prefixOf(f.regName);
-    for (int u = f.startAddr; u < f.startAddr + f.len; ++u)
-        read_.insert(UnitKey{f.station, prefix, u});
-    for (size_t i = 0; i < points_.size(); ++i) {
-        if (!shown_.count(i) && complete(points_[i]))
-            dirty_.insert(i); // first sight of the value
+    Block &b = block(f);
+    if (!b.read) {
+        // The first read of a block completes the values in it; one that spans two
+        // blocks is complete once both were read.
+        b.read = true;
+        const QString prefix = prefixOf(f.regName);
+        for (int u = f.startAddr; u < f.startAddr + f.len; ++u)
+            read_.insert(UnitKey{f.station, prefix, u});
+        for (size_t i : b.touching) {
+            if (!complete_[i] && complete(points_[i])) {
+                complete_[i] = true;
+                dirty_.insert(i); // first sight of the value
+            }
+        }
     }
     // A value we wrote shows once a read brings it and no write of it is still on its way.
     for (auto it = written_.begin(); it != written_.end();) {
@@ -513,12 +536,12 @@ void Host::showDirty()
     }
     for (size_t i : dirty_) {
         const Point &p = points_[i];
-        if (!complete(p) || written_.count(i))
+        if (!complete_[i] || written_.count(i))
             continue; // reported when its first read arrives
         const uint32_t v = readValue(api_, p);
-        const auto was = shown_.find(i);
-        if (was != shown_.end() && was->second == v)
+        if (reported_[i] && shown_[i] == v)
             continue;
+        reported_[i] = true;
         shown_[i] = v;
         events_.valueRead(p, v);
     }

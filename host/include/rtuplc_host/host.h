@@ -218,9 +218,17 @@ private:
     std::map<PointKey, size_t> pointIndex_;
     std::set<size_t> dirty_;
     std::set<size_t> written_;       // changed by our own writes: shown once a read has them
-    std::map<size_t, uint32_t> shown_;
-    std::set<UnitKey> read_;
-    std::map<BlockKey, std::vector<size_t>> blockPoints_;
+    std::vector<uint32_t> shown_;    // by point: the value reported last
+    std::vector<bool> reported_;     // by point: reported at least once
+    std::vector<bool> complete_;     // by point: every unit of it was read
+    std::set<UnitKey> read_;         // units of the blocks read so far
+    struct Block {
+        std::vector<size_t> in;       // points it covers whole
+        std::vector<size_t> touching; // points with a unit in it
+        bool read = false;
+    };
+    std::map<BlockKey, Block> blockIndex_;
+    Block &block(const FRAME_PRO &f);
     int blocks_ = 0;
 
     std::deque<PendingWrite> writes_;
