@@ -84,6 +84,29 @@ const StationMemory &Simulator::Impl::stationMemory(int station) const
     return const_cast<Impl *>(this)->stationMemory(station);
 }
 
+uint8_t Simulator::Impl::refusalFor(int station, const uint8_t *pdu, size_t pduBytes) const
+{
+    constexpr size_t kAddressAndQuantityBytes = 5; // function, address, quantity or value
+    if (refusals.empty() || pduBytes < kAddressAndQuantityBytes)
+        return 0;
+    const uint8_t f = pdu[0];
+    const bool coils = f == rtuplc::kReadCoils || f == rtuplc::kWriteSingleCoil || f == rtuplc::kWriteMultipleCoils;
+    const bool registers = f == rtuplc::kReadHoldingRegisters || f == rtuplc::kWriteSingleRegister ||
+                           f == rtuplc::kWriteMultipleRegisters;
+    if (!coils && !registers)
+        return 0;
+    const uint32_t first = uint32_t(pdu[1] << 8 | pdu[2]);
+    // A single write carries a value where the others carry a quantity.
+    const bool single = f == rtuplc::kWriteSingleCoil || f == rtuplc::kWriteSingleRegister;
+    const uint32_t count = single ? 1 : uint32_t(pdu[3] << 8 | pdu[4]);
+    const Space space = coils ? Space::Coils : Space::Registers;
+    for (const Refusal &r : refusals) {
+        if (r.station == station && r.space == space && first < r.first + r.count && r.first < first + count)
+            return r.code;
+    }
+    return 0;
+}
+
 void Simulator::Impl::logFrame(const char *direction, const std::vector<uint8_t> &bytes)
 {
     std::lock_guard<std::mutex> lock(logMutex);
@@ -162,7 +185,8 @@ std::optional<Simulator::Impl::Answer> Simulator::Impl::serve(const std::vector<
             return std::nullopt;
         }
         std::vector<uint8_t> pduReply;
-        if (foreign && !refuse) {
+        const uint8_t refusedWith = refusalFor(station, pdu, pduBytes);
+        if (foreign && !refuse && refusedWith == 0) {
             // Another slave answers in its stead: the next simulated station, or one
             // past it with the pattern, with its own data for the same request.
             auto next = std::find(stations.begin(), stations.end(), station);
@@ -186,11 +210,13 @@ std::optional<Simulator::Impl::Answer> Simulator::Impl::serve(const std::vector<
             appendCrc(reply);
             return Answer{{Piece{reply, delay}}};
         }
-        if (refuse)
+        if (refusedWith != 0)
+            pduReply = {static_cast<uint8_t>(pdu[0] | rtuplc::kExceptionFlag), refusedWith};
+        else if (refuse)
             pduReply = {static_cast<uint8_t>(pdu[0] | rtuplc::kExceptionFlag), ex::kDeviceBusy};
         else
             pduReply = executeRequest(memory.at(station), pdu, pduBytes, limits);
-        if (!refuse && rtuplc::isWriteFunction(pdu[0]) && !(pduReply[0] & rtuplc::kExceptionFlag))
+        if (!(pduReply[0] & rtuplc::kExceptionFlag) && rtuplc::isWriteFunction(pdu[0]))
             ++counters.writes;
         if (drop) {
             ++counters.dropped;
@@ -426,6 +452,30 @@ void Simulator::setCoil(int station, uint32_t address, bool on)
 {
     std::lock_guard<std::mutex> lock(impl_->memoryMutex);
     impl_->stationMemory(station).coils.at(address) = on ? 1 : 0;
+}
+
+void Simulator::refuse(int station, Space space, uint32_t first, uint32_t count, uint8_t code)
+{
+    std::lock_guard<std::mutex> lock(impl_->memoryMutex);
+    std::vector<Refusal> &list = impl_->refusals;
+    if (code == 0) {
+        list.erase(std::remove_if(list.begin(), list.end(),
+                                  [&](const Refusal &r) {
+                                      return r.station == station && r.space == space && first < r.first + r.count &&
+                                             r.first < first + count;
+                                  }),
+                   list.end());
+        return;
+    }
+    list.push_back(Refusal{station, space, first, count, code});
+}
+
+void Simulator::accept(int station)
+{
+    std::lock_guard<std::mutex> lock(impl_->memoryMutex);
+    std::vector<Refusal> &list = impl_->refusals;
+    list.erase(std::remove_if(list.begin(), list.end(), [&](const Refusal &r) { return r.station == station; }),
+               list.end());
 }
 
 Counters Simulator::counters() const

@@ -36,12 +36,22 @@ private:
     int fds_[2] = {-1, -1};
 };
 
+// Units of one station's space answered with an exception instead of served.
+struct Refusal {
+    int station;
+    Space space;
+    uint32_t first;
+    uint32_t count;
+    uint8_t code;
+};
+
 struct Simulator::Impl {
     mutable std::mutex memoryMutex;
     std::map<int, StationMemory> memory; // every station ever simulated
     std::vector<int> stations{1};
     Fill fillKind = Fill::Zero;
     Limits limits;
+    std::vector<Refusal> refusals; // under memoryMutex
 
     mutable std::mutex faultMutex;
     Faults faults;
@@ -62,6 +72,8 @@ struct Simulator::Impl {
     std::string ptyPath;
 
     StationMemory &stationMemory(int station); // under memoryMutex
+    // The exception code a refusal gives this request of `station`, 0 for none; under memoryMutex.
+    uint8_t refusalFor(int station, const uint8_t *pdu, size_t pduBytes) const;
     const StationMemory &stationMemory(int station) const;
 
     // Serves one frame with a valid CRC: the bytes to send, if any, as pieces each

@@ -6,8 +6,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <mutex>
 #include <sstream>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "rtuplc_support/simulator.h"
 
@@ -53,6 +56,22 @@ Faults (probabilities 0..1, drawn per request):
   --split P             the reply written in pieces, 1..5 ms apart
   --wrong-function P    the reply with another function code and a valid CRC
   --seed N              random seed, for repeatable faults
+
+Control:
+  --control             take commands on standard input, one a line, each answered
+                        with one line on standard output ("ok", "error: WHY" or the
+                        value asked for); the end of the input stops the simulator:
+                          stations N[,N...]      stations answered (others go silent)
+                          set STATION REGISTER VALUE
+                          coil STATION COIL 0|1
+                          get STATION REGISTER   prints the register
+                          get-coil STATION COIL  prints the coil, 0 or 1
+                          refuse STATION coils|registers FIRST COUNT CODE
+                                                 requests touching those units get
+                                                 exception CODE; CODE 0 lifts it
+                          accept STATION         lifts every refusal of STATION
+                          counters               requests, replies, exceptions, writes
+                        (addresses are Modbus ones: D 100 is register 100, M 0 coil 2000)
 
 Output:
   --dump                print the memory that differs from the fill when stopping
@@ -117,6 +136,7 @@ struct Options {
     unsigned long long seed = 0;
     bool dump = false;
     bool verbose = false;
+    bool control = false;
 };
 
 // Returns -1 when parsing went through, else the exit code.
@@ -207,6 +227,8 @@ int parse(int argc, char **argv, Options &o)
                 return usageError("--seed takes a number");
             o.seeded = true;
             o.seed = static_cast<unsigned long long>(n);
+        } else if (a == "--control") {
+            o.control = true;
         } else if (a == "--dump") {
             o.dump = true;
         } else if (a == "--verbose") {
@@ -218,6 +240,112 @@ int parse(int argc, char **argv, Options &o)
     if (o.tcp.empty() && !o.pty && o.serial.empty())
         o.tcp.push_back(TcpEndpoint());
     return -1;
+}
+
+bool parseStations(const std::string &text, std::vector<int> *out)
+{
+    out->clear();
+    std::stringstream in(text);
+    long n = 0;
+    for (std::string s; std::getline(in, s, ',');) {
+        if (!parseInt(s, 1, rtusupport::kHighestStation, &n))
+            return false;
+        out->push_back(int(n));
+    }
+    return !out->empty();
+}
+
+// One command of --control, answered with one line.
+std::string control(rtusupport::Simulator &sim, const std::string &line)
+{
+    constexpr long kHighestUnit = long(rtusupport::kAddressSpace) - 1;
+    constexpr long kHighestValue = 0xFFFF;
+    constexpr long kHighestExceptionCode = 0xFF;
+    std::istringstream in(line);
+    std::vector<std::string> w;
+    for (std::string word; in >> word;)
+        w.push_back(word);
+    if (w.empty())
+        return "error: empty command";
+    const std::string &c = w[0];
+    long n[4] = {0, 0, 0, 0};
+    // Checks the argument count and reads the numbers from argument `from` on.
+    const auto numbers = [&](size_t count, size_t from, const std::vector<long> &highest) {
+        if (w.size() != count + 1)
+            return false;
+        for (size_t i = from; i <= count; ++i) {
+            if (!parseInt(w[i], i == 1 ? 1 : 0, highest[i - 1], &n[i - from]))
+                return false;
+        }
+        return true;
+    };
+    const long station = rtusupport::kHighestStation;
+    try {
+        if (c == "stations") {
+            std::vector<int> stations;
+            if (w.size() != 2 || !parseStations(w[1], &stations))
+                return "error: stations takes N[,N...] of 1..247";
+            sim.setStations(stations);
+        } else if (c == "set") {
+            if (!numbers(3, 1, {station, kHighestUnit, kHighestValue}))
+                return "error: set takes STATION REGISTER VALUE (0..65535)";
+            sim.setReg(int(n[0]), uint32_t(n[1]), uint16_t(n[2]));
+        } else if (c == "coil") {
+            if (!numbers(3, 1, {station, kHighestUnit, 1}))
+                return "error: coil takes STATION COIL 0|1";
+            sim.setCoil(int(n[0]), uint32_t(n[1]), n[2] != 0);
+        } else if (c == "get") {
+            if (!numbers(2, 1, {station, kHighestUnit}))
+                return "error: get takes STATION REGISTER";
+            return std::to_string(sim.reg(int(n[0]), uint32_t(n[1])));
+        } else if (c == "get-coil") {
+            if (!numbers(2, 1, {station, kHighestUnit}))
+                return "error: get-coil takes STATION COIL";
+            return sim.coil(int(n[0]), uint32_t(n[1])) ? "1" : "0";
+        } else if (c == "refuse") {
+            const bool named = w.size() == 6 && (w[2] == "coils" || w[2] == "registers");
+            const auto space = named && w[2] == "coils" ? rtusupport::Space::Coils : rtusupport::Space::Registers;
+            if (named)
+                w.erase(w.begin() + 2);
+            if (!named || !numbers(4, 1, {station, kHighestUnit, kHighestUnit + 1, kHighestExceptionCode}))
+                return "error: refuse takes STATION coils|registers FIRST COUNT CODE";
+            sim.refuse(int(n[0]), space, uint32_t(n[1]), uint32_t(n[2]), uint8_t(n[3]));
+        } else if (c == "accept") {
+            if (!numbers(1, 1, {station}))
+                return "error: accept takes STATION";
+            sim.accept(int(n[0]));
+        } else if (c == "counters") {
+            const rtusupport::Counters k = sim.counters();
+            return "requests " + std::to_string(k.requests) + " replies " + std::to_string(k.replies) +
+                   " exceptions " + std::to_string(k.exceptions) + " writes " + std::to_string(k.writes);
+        } else {
+            return "error: unknown command \"" + c + "\"";
+        }
+    } catch (const std::exception &e) {
+        return std::string("error: ") + e.what(); // a station not simulated, for one
+    }
+    return "ok";
+}
+
+// Lets main() stop the commands before the simulator goes away. The reading thread may
+// still wait for input when the process ends, so the gate lives as long as the process.
+struct ControlGate {
+    std::mutex mutex;
+    rtusupport::Simulator *sim = nullptr; // null once stopping
+};
+ControlGate gControl;
+
+// Serves --control until the input ends, then stops the simulator as a signal would:
+// a test that goes away takes its simulator with it.
+void controlLoop(ControlGate *gate)
+{
+    for (std::string line; std::getline(std::cin, line);) {
+        std::lock_guard<std::mutex> lock(gate->mutex);
+        if (gate->sim == nullptr)
+            return;
+        std::cout << control(*gate->sim, line) << std::endl;
+    }
+    ::kill(::getpid(), SIGTERM);
 }
 
 void printCounters(const rtusupport::Counters &c)
@@ -300,6 +428,11 @@ int main(int argc, char **argv)
         stationList += (stationList.empty() ? "" : ",") + std::to_string(s);
     std::cout << "rtuplc-sim: station " << stationList << (o.animate ? ", animated" : "") << std::endl;
 
+    if (o.control) {
+        gControl.sim = &sim;
+        std::thread(controlLoop, &gControl).detach();
+    }
+
     for (;;) {
         int s = 0;
         if (sigwait(&signals, &s) != 0)
@@ -309,6 +442,10 @@ int main(int argc, char **argv)
             continue;
         }
         break;
+    }
+    {
+        std::lock_guard<std::mutex> lock(gControl.mutex);
+        gControl.sim = nullptr;
     }
     sim.stop();
     if (!o.ptyLink.empty())

@@ -108,6 +108,12 @@ public:
     bool coil(int station, uint32_t address) const;
     void setCoil(int station, uint32_t address, bool on);
 
+    // Requests of `station` that touch units [first, first + count) of `space` are
+    // answered with exception `code`, as a controller refuses a range it has locked;
+    // code 0 lifts the refusals of that station that overlap the range.
+    void refuse(int station, Space space, uint32_t first, uint32_t count, uint8_t code);
+    void accept(int station); // lifts every refusal of the station
+
     Counters counters() const;
     // One line per unit that differs from the fill, e.g. "1 register 100 D:100 = 1234".
     std::string dump() const;
