@@ -9,6 +9,7 @@
 #include "options.h"
 #include "output.h"
 #include "report.h"
+#include "rtuplc_host/csv_log.h"
 #include "rtuplc_host/host.h"
 #include "rtuplc_support/simulator.h"
 
@@ -152,6 +153,13 @@ int main(int argc, char **argv)
 
     Report report(out, o.verbose);
     Host host(api, *link, report, settings);
+    // A single file for a run at the cabinet; the gateway keeps a file per day.
+    CsvLog csv(CsvLogSettings{o.csvFile, false, 0});
+    if (!o.csvFile.empty()) {
+        if (!csv.open(&why))
+            return fail(kExitUsage, QStringLiteral("--csv: %1").arg(QString::fromStdString(why)));
+        report.logTo(&csv, &host);
+    }
     host.monitor(items);
     for (const WriteRequest &w : writes)
         host.write(w);

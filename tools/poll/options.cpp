@@ -53,6 +53,9 @@ Output (a line per value when first read and when it changes):
   --verbose              every frame sent and received, in hex, on standard error,
                          and every reply dropped (late, doubled, foreign, malformed)
                          with the reason
+  --csv FILE             also a row per value change and per change of quality to
+                         FILE (appended; header time,station,item,address,value,
+                         quality; times ISO 8601 UTC), for a spreadsheet
 
 Run (default: until Ctrl-C, then summary lines: frames and replies, and the replies
 dropped because they did not answer the request in flight):
@@ -185,6 +188,10 @@ bool parseOptions(int argc, char **argv, Options *o, std::string *error)
             o->json = true;
         } else if (a == "--watch") {
             o->watch = true;
+        } else if (a == "--csv") {
+            if (!value() || v.empty())
+                return fail("--csv needs a file, e.g. --csv line.csv");
+            o->csvFile = v;
         } else if (a == "--verbose") {
             o->verbose = true;
         } else if (a == "--once") {

@@ -37,6 +37,7 @@ struct Options {
     bool json = false;
     bool watch = false;
     bool verbose = false;
+    std::string csvFile; // empty: no CSV log
     bool once = false;
     long count = 0;
     double durationSeconds = 0;

@@ -9,11 +9,50 @@ using rtuhost::WriteOutcome;
 void Report::valueRead(const Point &point, uint32_t value)
 {
     out_.value(point, value);
+    if (csv_)
+        logRow(point, Logged{true, value, true});
 }
 
-void Report::requestFailed(const FRAME_PRO &, const rtuhost::Failure &failure)
+void Report::blockRead(const FRAME_PRO &frame)
+{
+    // A value read again after a failure is good again, changed or not.
+    if (csv_)
+        logQuality(frame, true);
+}
+
+void Report::requestFailed(const FRAME_PRO &frame, const rtuhost::Failure &failure)
 {
     out_.failed(failure.driverText, failure.why);
+    if (csv_ && frame.reqKind == RTUPLC_KIND_MONITOR_READ)
+        logQuality(frame, false);
+}
+
+void Report::logQuality(const FRAME_PRO &frame, bool good)
+{
+    for (size_t index : host_->pointsIn(frame)) {
+        const Point &p = host_->points()[index];
+        const auto it = logged_.find({p.station, p.area->name, p.address});
+        // A value never read has no row to correct; one read is logged by valueRead.
+        if (it != logged_.end() && it->second.good != good)
+            logRow(p, Logged{it->second.known, it->second.value, good});
+    }
+}
+
+void Report::logRow(const Point &point, const Logged &now)
+{
+    Logged &last = logged_[{point.station, point.area->name, point.address}];
+    if (last.known == now.known && last.value == now.value && last.good == now.good)
+        return;
+    last = now;
+    const rtuhost::CsvRow row{std::chrono::system_clock::now(), point.station, point.area->name.toStdString(),
+                              point.area->format(point.address).toStdString(), now.known, now.value, now.good};
+    std::string error;
+    const bool ok = csv_->append(row, &error);
+    // Said once when the log fails, and once when it works again: the polling goes on.
+    if (ok == csvFailing_) {
+        csvFailing_ = !ok;
+        std::fprintf(stderr, ok ? "rtuplc-poll: the CSV log is written again\n" : "rtuplc-poll: %s\n", error.c_str());
+    }
 }
 
 void Report::writeSettled(uint64_t, const rtuhost::WriteRequest &w, WriteOutcome outcome, const QString &detail)
