@@ -107,6 +107,21 @@ uint8_t Simulator::Impl::refusalFor(int station, const uint8_t *pdu, size_t pduB
     return 0;
 }
 
+void Simulator::Impl::churnRead(StationMemory &m, const uint8_t *pdu)
+{
+    const bool coils = pdu[0] == rtuplc::kReadCoils;
+    if (!coils && pdu[0] != rtuplc::kReadHoldingRegisters)
+        return;
+    const uint32_t first = uint32_t(pdu[1] << 8 | pdu[2]);
+    const uint32_t count = uint32_t(pdu[3] << 8 | pdu[4]);
+    for (uint32_t a = first; a < first + count && a < kAddressSpace; ++a) {
+        if (coils)
+            m.coils[a] ^= 1;
+        else
+            ++m.registers[a];
+    }
+}
+
 void Simulator::Impl::logFrame(const char *direction, const std::vector<uint8_t> &bytes)
 {
     std::lock_guard<std::mutex> lock(logMutex);
@@ -216,6 +231,8 @@ std::optional<Simulator::Impl::Answer> Simulator::Impl::serve(const std::vector<
             pduReply = {static_cast<uint8_t>(pdu[0] | rtuplc::kExceptionFlag), ex::kDeviceBusy};
         else
             pduReply = executeRequest(memory.at(station), pdu, pduBytes, limits);
+        if (churn && !(pduReply[0] & rtuplc::kExceptionFlag))
+            churnRead(memory.at(station), pdu);
         if (!(pduReply[0] & rtuplc::kExceptionFlag) && rtuplc::isWriteFunction(pdu[0]))
             ++counters.writes;
         if (drop) {
@@ -358,6 +375,11 @@ void Simulator::setLimits(const Limits &limits)
 {
     std::lock_guard<std::mutex> lock(impl_->memoryMutex);
     impl_->limits = limits;
+}
+
+void Simulator::setChurn(bool on)
+{
+    impl_->churn = on;
 }
 
 void Simulator::setAnimate(bool on)

@@ -63,6 +63,7 @@ struct Simulator::Impl {
 
     AtomicCounters counters;
     std::atomic<bool> animate{false};
+    std::atomic<bool> churn{false};
 
     std::mutex endpointMutex;
     StopSignal stop;
@@ -90,6 +91,9 @@ struct Simulator::Impl {
     void logFrame(const char *direction, const std::vector<uint8_t> &bytes);
     void ensureThreadsStarted(); // the animation thread, with the first endpoint
     void animateLoop();
+    // Every value a read returned is changed for the next one: coils toggled,
+    // registers counted up. Called with the memory locked.
+    static void churnRead(StationMemory &m, const uint8_t *pdu);
     void startThread(std::function<void()> body);
 };
 

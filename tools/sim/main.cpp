@@ -38,6 +38,8 @@ Controller:
                         address, a coil the parity of its address)
   --animate             D 0 counts every 250 ms, M 0 toggles every second, the
                         32-bit counter 200 ramps (registers 9700, 9701)
+  --churn               every value a read returns has changed by the next read
+                        (coils toggle, registers count up): a host's heaviest load
   --max-read N          largest register read accepted (default 128; 125 acts like a
                         standard slave)
 
@@ -125,6 +127,7 @@ struct Options {
     std::vector<int> stations{1};
     rtusupport::Fill fill = rtusupport::Fill::Pattern;
     bool animate = false;
+    bool churn = false;
     bool pace = false;
     int maxRead = rtusupport::kControllerMaxReadRegisters;
     rtusupport::Faults faults = [] {
@@ -199,6 +202,8 @@ int parse(int argc, char **argv, Options &o)
             o.pace = true;
         } else if (a == "--animate") {
             o.animate = true;
+        } else if (a == "--churn") {
+            o.churn = true;
         } else if (a == "--max-read") {
             if (!value(&v) || !parseInt(v, 1, 255, &n))
                 return usageError("--max-read takes 1..255 registers");
@@ -381,6 +386,7 @@ int main(int argc, char **argv)
     }
     sim.fill(o.fill);
     sim.setAnimate(o.animate);
+    sim.setChurn(o.churn);
     rtusupport::Limits limits;
     limits.maxReadRegisters = o.maxRead;
     sim.setLimits(limits);

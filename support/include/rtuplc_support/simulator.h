@@ -83,6 +83,9 @@ public:
     // toggles every second, and the 32-bit counter 200 (registers 9700, 9701) ramps
     // by 1000 every 250 ms up to 100000.
     void setAnimate(bool on);
+    // Changes every value a read returned, so that each poll finds every value new:
+    // the heaviest load a host can get from a line (benchmarks).
+    void setChurn(bool on);
     // Answers no faster than a serial line of these settings would carry request and
     // reply, so that a host on loopback sees the pace of the real line; off by default.
     void setPacing(const std::optional<SerialLine> &line);
