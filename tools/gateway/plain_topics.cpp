@@ -221,16 +221,9 @@ void PlainTopics::tick()
         publishStats();
 }
 
-void PlainTopics::publishStats()
+std::string PlainTopics::statsJson(const rtuhost::Stats &h, const MqttStats &m, const WriteCounters &w,
+                                   double pollsPerSecond, long long uptimeSeconds)
 {
-    const auto now = std::chrono::steady_clock::now();
-    const rtuhost::Stats &h = model_.hostStats();
-    const double seconds = std::chrono::duration<double>(now - lastStats_).count();
-    pollsPerSecond_ = seconds > 0 ? double(h.polls - pollsAtLastStats_) / seconds : 0;
-    pollsAtLastStats_ = h.polls;
-    lastStats_ = now;
-    const MqttStats m = mqtt_.stats();
-    const WriteCounters &w = model_.writes();
     const uint64_t *d = h.line.dropped;
     char text[768];
     std::snprintf(text, sizeof text,
@@ -242,11 +235,23 @@ void PlainTopics::publishStats()
                   (unsigned long long)h.failures, (unsigned long long)d[int(rtuhost::DropReason::Late)],
                   (unsigned long long)d[int(rtuhost::DropReason::Doubled)],
                   (unsigned long long)d[int(rtuhost::DropReason::Foreign)],
-                  (unsigned long long)d[int(rtuhost::DropReason::Malformed)], pollsPerSecond_,
+                  (unsigned long long)d[int(rtuhost::DropReason::Malformed)], pollsPerSecond,
                   (unsigned long long)m.published, (unsigned long long)m.held, (unsigned long long)m.dropped,
-                  (unsigned long long)w.ok, (unsigned long long)w.failed, (unsigned long long)w.refused,
-                  (long long)std::chrono::duration_cast<std::chrono::seconds>(now - started_).count());
-    mqtt_.publish(Message{prefix_ + "/stats", text, qos_, true, {}, {}});
+                  (unsigned long long)w.ok, (unsigned long long)w.failed, (unsigned long long)w.refused, uptimeSeconds);
+    return text;
+}
+
+void PlainTopics::publishStats()
+{
+    const auto now = std::chrono::steady_clock::now();
+    const rtuhost::Stats &h = model_.hostStats();
+    const double seconds = std::chrono::duration<double>(now - lastStats_).count();
+    pollsPerSecond_ = seconds > 0 ? double(h.polls - pollsAtLastStats_) / seconds : 0;
+    pollsAtLastStats_ = h.polls;
+    lastStats_ = now;
+    const long long uptime = std::chrono::duration_cast<std::chrono::seconds>(now - started_).count();
+    mqtt_.publish(Message{prefix_ + "/stats", statsJson(h, mqtt_.stats(), model_.writes(), pollsPerSecond_, uptime),
+                          qos_, true, {}, {}});
 }
 
 } // namespace rtugw

@@ -48,14 +48,19 @@ public:
     // The JSON of a value as the topics carry it.
     static std::string payload(const PointState &s);
     static std::string answerPayload(const std::string &idJson, const WriteAnswer &a);
+    // The JSON of the stats topic.
+    static std::string statsJson(const rtuhost::Stats &h, const MqttStats &m, const WriteCounters &w,
+                                 double pollsPerSecond, long long uptimeSeconds);
 
-private:
+    // A write request's payload: a bare number, or {"value":1234,"id":...}.
     struct Request {
         std::string idJson = "null";
         std::string value;      // empty: not a number
         std::string error;      // why the payload is unusable
     };
     static Request parseRequest(const std::string &payload);
+
+private:
     void handleSet(const Message &m);
     void publishStation(int station);
     void publishStats();

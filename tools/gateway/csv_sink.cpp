@@ -1,0 +1,54 @@
+#include "csv_sink.h"
+
+#include <cstdio>
+
+namespace rtugw {
+
+namespace {
+
+rtuhost::CsvLogSettings settingsOf(const Config &c)
+{
+    const bool daily = c.log.rotate == LogConfig::Rotate::Daily;
+    const std::string stem = c.log.csvDir + "/rtuplc-" + c.name;
+    return rtuhost::CsvLogSettings{daily ? stem : stem + ".csv", daily, c.log.maxBytes};
+}
+
+} // namespace
+
+CsvSink::CsvSink(const Model &model)
+    : model_(model), log_(settingsOf(model.config())), logged_(model.points().size())
+{
+}
+
+bool CsvSink::open(std::string *error)
+{
+    if (log_.open(error))
+        return true;
+    *error = where(model_.config(), 0) + "log.csv: " + *error;
+    return false;
+}
+
+void CsvSink::pointChanged(size_t index)
+{
+    const PointState &s = model_.points()[index];
+    Logged &last = logged_[index];
+    // A new error text on a value already bad is no change a spreadsheet needs.
+    if (last.known == s.known && last.value == s.value && last.good == s.good)
+        return;
+    last = Logged{s.known, s.value, s.good};
+    const Point &p = s.point;
+    const std::string item = s.item != nullptr && !s.item->name.empty() ? s.item->name : p.area->name.toStdString();
+    const rtuhost::CsvRow row{s.ts, p.station, item, p.area->format(p.address).toStdString(), s.known, s.value, s.good};
+    std::string error;
+    const bool ok = log_.append(row, &error);
+    // Said when the log stops working and when it works again; the gateway goes on.
+    if (ok == failing_) {
+        failing_ = !ok;
+        if (ok)
+            std::fprintf(stderr, "rtuplc-gateway: the CSV log is written again to %s\n", log_.currentFile().c_str());
+        else
+            std::fprintf(stderr, "rtuplc-gateway: log.csv: %s\n", error.c_str());
+    }
+}
+
+} // namespace rtugw

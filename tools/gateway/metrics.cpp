@@ -1,0 +1,90 @@
+#include "metrics.h"
+
+#include <cstdio>
+
+namespace rtugw {
+
+const char kMetricsContentType[] = "text/plain; version=0.0.4; charset=utf-8";
+
+namespace {
+
+constexpr const char kPrefix[] = "rtuplc_gateway_";
+
+class Writer {
+public:
+    void family(const char *name, const char *type, const char *help)
+    {
+        text_ += std::string("# HELP ") + kPrefix + name + ' ' + help + "\n# TYPE " + kPrefix + name + ' ' + type + '\n';
+    }
+    void sample(const std::string &name, const std::string &labels, double value)
+    {
+        char number[48];
+        std::snprintf(number, sizeof number, "%.17g", value);
+        text_ += kPrefix + name + (labels.empty() ? "" : '{' + labels + '}') + ' ' + number + '\n';
+    }
+    void one(const char *name, const char *type, const char *help, double value)
+    {
+        family(name, type, help);
+        sample(name, {}, value);
+    }
+    std::string text() const { return text_; }
+
+private:
+    std::string text_;
+};
+
+std::string label(const char *key, const std::string &value)
+{
+    return std::string(key) + "=\"" + value + '"';
+}
+
+} // namespace
+
+std::string metricsText(const WebFigures &f, const std::map<int, bool> &stations)
+{
+    Writer w;
+    const rtuhost::Stats &h = f.host;
+    w.one("polls_total", "counter", "Poll reads done, answered or failed.", double(h.polls));
+    w.one("accepted_total", "counter", "Replies the driver accepted.", double(h.accepted));
+    w.one("retries_total", "counter", "Frames sent again after no or a bad reply.", double(h.retries));
+    w.one("failures_total", "counter", "Requests that failed after their retries.", double(h.failures));
+
+    w.family("replies_dropped_total", "counter",
+             "Bytes on the line that answered no request in flight, by reason.");
+    static const char *const reasons[] = {"late", "doubled", "foreign", "malformed"};
+    for (int r = 0; r < 4; ++r)
+        w.sample("replies_dropped_total", label("reason", reasons[r]), double(h.line.dropped[r]));
+
+    w.family("writes_total", "counter", "Write requests from the broker and the page, by result.");
+    w.sample("writes_total", label("result", "ok"), double(f.writes.ok));
+    w.sample("writes_total", label("result", "failed"), double(f.writes.failed));
+    w.sample("writes_total", label("result", "refused"), double(f.writes.refused));
+
+    w.one("published_total", "counter", "Messages handed to the broker.", double(f.mqtt.published));
+    w.one("held_messages", "gauge", "Messages held while the broker is away.", double(f.mqtt.held));
+    w.one("buffer_dropped_total", "counter", "Intermediate values dropped from a full outbox.",
+          double(f.mqtt.dropped));
+
+    w.family("station_up", "gauge", "1 when the station answered its last request.");
+    for (const auto &[station, online] : stations)
+        w.sample("station_up", label("station", std::to_string(station)), online ? 1 : 0);
+    w.one("line_up", "gauge", "1 when some station on the line answers.", f.lineUp ? 1 : 0);
+    w.one("broker_connected", "gauge", "1 when connected to the MQTT broker.", f.brokerUp ? 1 : 0);
+    w.one("uptime_seconds", "gauge", "Seconds since the gateway started.", double(f.uptime));
+
+    w.family("poll_cycle_seconds", "histogram",
+             "Time of a request on the line, from its first frame to its answer or failure, retries included.");
+    uint64_t cumulative = 0;
+    for (size_t i = 0; i < kCycleBuckets.size(); ++i) {
+        cumulative += f.cycle.counts[i];
+        char le[32];
+        std::snprintf(le, sizeof le, "%g", kCycleBuckets[i]);
+        w.sample("poll_cycle_seconds_bucket", label("le", le), double(cumulative));
+    }
+    w.sample("poll_cycle_seconds_bucket", label("le", "+Inf"), double(f.cycle.count));
+    w.sample("poll_cycle_seconds_sum", {}, f.cycle.sum);
+    w.sample("poll_cycle_seconds_count", {}, double(f.cycle.count));
+    return w.text();
+}
+
+} // namespace rtugw

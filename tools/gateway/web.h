@@ -1,0 +1,74 @@
+// The gateway's own web server: the live page, the JSON API under it and /metrics.
+// It answers on its own threads and reads only the WebState the poll loop fills; a
+// write from the page is queued for the loop and the request waits for its answer.
+#ifndef RTUPLC_GATEWAY_WEB_H
+#define RTUPLC_GATEWAY_WEB_H
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "model.h"
+#include "mqtt_client.h"
+#include "web_state.h"
+
+namespace httplib {
+class Server;
+}
+
+namespace rtugw {
+
+struct BrokerStatus {
+    bool up = false;
+    std::string state;
+};
+
+class WebPage : public Sink {
+public:
+    WebPage(Model &model, MqttClient &mqtt, std::function<BrokerStatus()> broker);
+    ~WebPage() override;
+
+    // The http section makes sense: anything but loopback needs a token. False with a
+    // message naming the file and key.
+    static bool checkConfig(const Config &config, std::string *error);
+    // Listens, then serves on its own threads; false when the address cannot be taken.
+    bool start(std::string *error);
+    void stop();
+
+    void pointChanged(size_t index) override;
+    void stationChanged(int station) override;
+    void tick() override;
+
+private:
+    void routes();
+    void takeWrites();
+    void observeCycles();
+    void copyFigures();
+
+    Model &model_;
+    MqttClient &mqtt_;
+    std::function<BrokerStatus()> broker_;
+    WebState state_;
+    std::unique_ptr<httplib::Server> server_;
+    std::thread thread_;
+    std::atomic<bool> stopping_{false};
+    const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point lastFigures_{};
+    std::chrono::steady_clock::time_point lastRate_ = started_;
+    uint64_t pollsAtLastRate_ = 0;
+    double pollsPerSecond_ = 0;
+    uint64_t finishedSeen_ = 0;
+    std::chrono::microseconds cycleSeen_{0};
+    CycleHistogram cycle_;
+};
+
+// Compares a secret in a time that does not tell how much of it matched.
+bool sameSecret(const std::string &given, const std::string &secret);
+bool isLoopback(const std::string &host);
+
+} // namespace rtugw
+
+#endif

@@ -1,0 +1,247 @@
+#include "web_state.h"
+
+#include "plain_topics.h"
+
+namespace rtugw {
+
+namespace {
+
+// Samples kept per value over the history window: a trend needs no more points than a
+// screen is wide, and 1,000 values stay within a few tens of megabytes.
+constexpr int64_t kSamplesPerValue = 1200;
+
+int64_t msOf(SystemTime t)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count();
+}
+
+int64_t nowMs()
+{
+    return msOf(std::chrono::system_clock::now());
+}
+
+std::string metaOf(const PointState &s)
+{
+    const Point &p = s.point;
+    std::string m = "\"station\":" + std::to_string(p.station) + ",\"area\":" + jsonString(p.area->name.toStdString()) +
+                    ",\"address\":" + jsonString(p.area->format(p.address).toStdString()) +
+                    ",\"path\":" + jsonString(s.path) + ",\"writable\":" + (s.writable ? "true" : "false") +
+                    ",\"bits\":" + (p.area->isBit() ? "true" : "false") +
+                    ",\"width\":" + std::to_string(p.area->countPerValue() * 16);
+    if (s.item != nullptr && !s.item->name.empty())
+        m += ",\"name\":" + jsonString(s.item->name);
+    if (s.item != nullptr && !s.item->unit.empty())
+        m += ",\"unit\":" + jsonString(s.item->unit);
+    return m;
+}
+
+} // namespace
+
+void CycleHistogram::add(double seconds)
+{
+    ++count;
+    sum += seconds;
+    for (size_t i = 0; i < kCycleBuckets.size(); ++i) {
+        if (seconds <= kCycleBuckets[i]) {
+            ++counts[i];
+            break;
+        }
+    }
+}
+
+WebState::WebState(const Model &model, std::chrono::minutes history)
+    : model_(model),
+      historyMs_(std::chrono::duration_cast<std::chrono::milliseconds>(history).count()),
+      resolutionMs_(historyMs_ / kSamplesPerValue)
+{
+    const std::vector<PointState> &points = model.points();
+    items_.resize(points.size());
+    for (size_t i = 0; i < points.size(); ++i) {
+        items_[i].meta = metaOf(points[i]);
+        items_[i].payload = PlainTopics::payload(points[i]);
+    }
+    for (const auto &[station, state] : model.stations())
+        stations_[station] = state.online;
+}
+
+void WebState::trim(std::deque<Sample> &h, int64_t now) const
+{
+    // The newest sample older than the window stays: it is the value at the window's start.
+    while (h.size() > 1 && h[1].ms < now - historyMs_)
+        h.pop_front();
+}
+
+void WebState::pointChanged(size_t index)
+{
+    const PointState &s = model_.points()[index];
+    std::string payload = PlainTopics::payload(s);
+    const int64_t ms = msOf(s.ts);
+    std::lock_guard<std::mutex> g(lock_);
+    Item &item = items_[index];
+    item.payload = std::move(payload);
+    item.seq = ++seq_;
+    if (s.known) {
+        const Sample sample{ms, s.value, s.good};
+        if (!item.history.empty() && ms - item.history.back().ms < resolutionMs_ &&
+            item.history.back().good == s.good && item.history.size() > 1)
+            item.history.back() = sample;
+        else
+            item.history.push_back(sample);
+        trim(item.history, ms);
+    }
+    changed_.notify_all();
+}
+
+void WebState::stationsChanged()
+{
+    std::lock_guard<std::mutex> g(lock_);
+    for (const auto &[station, state] : model_.stations())
+        stations_[station] = state.online;
+    stationsSeq_ = ++seq_;
+    changed_.notify_all();
+}
+
+void WebState::setFigures(WebFigures figures)
+{
+    std::lock_guard<std::mutex> g(lock_);
+    figures_ = std::move(figures);
+    figuresSeq_ = ++seq_;
+    changed_.notify_all();
+}
+
+std::vector<std::shared_ptr<PendingWrite>> WebState::takeWrites()
+{
+    std::lock_guard<std::mutex> g(lock_);
+    std::vector<std::shared_ptr<PendingWrite>> taken;
+    taken.swap(writes_);
+    return taken;
+}
+
+void WebState::queueWrite(const std::shared_ptr<PendingWrite> &write)
+{
+    std::lock_guard<std::mutex> g(lock_);
+    writes_.push_back(write);
+}
+
+std::string WebState::itemsJson() const
+{
+    std::lock_guard<std::mutex> g(lock_);
+    std::string json = "[";
+    for (size_t i = 0; i < items_.size(); ++i) {
+        if (i > 0)
+            json += ',';
+        // The topic's payload, with what names the value in front.
+        json += '{' + items_[i].meta + ',' + items_[i].payload.substr(1);
+    }
+    return json + ']';
+}
+
+bool WebState::historyJson(const std::string &path, std::string *json) const
+{
+    const long index = model_.find(path);
+    if (index < 0)
+        return false;
+    const int64_t now = nowMs();
+    std::lock_guard<std::mutex> g(lock_);
+    std::string j = "{\"path\":" + jsonString(path) + ",\"window\":" + std::to_string(historyMs_ / 1000) +
+                    ",\"now\":" + std::to_string(now) + ",\"points\":[";
+    bool first = true;
+    for (const Sample &s : items_[size_t(index)].history) {
+        if (s.ms < now - historyMs_ && &s != &items_[size_t(index)].history.front())
+            continue;
+        j += first ? "[" : ",[";
+        first = false;
+        j += std::to_string(s.ms) + ',' + (s.good ? std::to_string(s.value) : std::string("null")) + ']';
+    }
+    *json = j + "]}";
+    return true;
+}
+
+std::string WebState::statsJson() const
+{
+    std::lock_guard<std::mutex> g(lock_);
+    return figures_.statsJson;
+}
+
+WebFigures WebState::figures() const
+{
+    std::lock_guard<std::mutex> g(lock_);
+    return figures_;
+}
+
+std::map<int, bool> WebState::stations() const
+{
+    std::lock_guard<std::mutex> g(lock_);
+    return stations_;
+}
+
+std::string WebState::stationsJsonLocked() const
+{
+    std::string j = "[";
+    for (const auto &[station, online] : stations_) {
+        if (j.size() > 1)
+            j += ',';
+        j += "{\"station\":" + std::to_string(station) + ",\"online\":" + (online ? "true" : "false");
+        const auto name = model_.config().stationNames.find(station);
+        if (name != model_.config().stationNames.end())
+            j += ",\"name\":" + jsonString(name->second);
+        j += '}';
+    }
+    return j + ']';
+}
+
+std::string WebState::figuresJsonLocked() const
+{
+    const WebFigures &f = figures_;
+    const double meanCycleMs =
+        f.host.finished ? double(f.host.cycleTotal.count()) / 1000.0 / double(f.host.finished) : 0.0;
+    char extra[160];
+    std::snprintf(extra, sizeof extra, ",\"mean_cycle_ms\":%.1f,\"broker_up\":%s,\"broker\":", meanCycleMs,
+                  f.brokerUp ? "true" : "false");
+    const std::string stats = f.statsJson.empty() ? std::string("{}") : f.statsJson;
+    // The stats topic's object, with what only the page shows added at its end.
+    return stats.substr(0, stats.size() - 1) + (stats.size() > 2 ? "" : "\"_\":0") + extra +
+           jsonString(f.brokerState) + '}';
+}
+
+std::string WebState::updatesSince(uint64_t *seen, std::chrono::milliseconds wait)
+{
+    std::unique_lock<std::mutex> g(lock_);
+    const uint64_t since = *seen;
+    changed_.wait_for(g, wait, [&] { return stopping_ || seq_ > since; });
+    if (stopping_ || seq_ == since)
+        return {};
+    std::string j = "{\"now\":" + std::to_string(nowMs());
+    if (since == 0) {
+        j += ",\"history_minutes\":" + std::to_string(historyMs_ / 60000) + ",\"items\":[";
+        for (size_t i = 0; i < items_.size(); ++i)
+            j += (i ? ",{\"i\":" : "{\"i\":") + std::to_string(i) + ',' + items_[i].meta + ',' +
+                 items_[i].payload.substr(1);
+        j += ']';
+    } else {
+        std::string changed;
+        for (size_t i = 0; i < items_.size(); ++i) {
+            if (items_[i].seq <= since)
+                continue;
+            changed += changed.empty() ? "{\"i\":" : ",{\"i\":";
+            changed += std::to_string(i) + ',' + items_[i].payload.substr(1);
+        }
+        if (!changed.empty())
+            j += ",\"items\":[" + changed + ']';
+    }
+    if (since == 0 || stationsSeq_ > since)
+        j += ",\"stations\":" + stationsJsonLocked();
+    if (since == 0 || figuresSeq_ > since)
+        j += ",\"figures\":" + figuresJsonLocked();
+    *seen = seq_;
+    return j + '}';
+}
+
+void WebState::stop()
+{
+    std::lock_guard<std::mutex> g(lock_);
+    stopping_ = true;
+    changed_.notify_all();
+}
+
+} // namespace rtugw

@@ -1,0 +1,122 @@
+// What the web page, the JSON API and /metrics show, kept apart from the Model: the
+// HTTP server answers on its own threads while the Model lives on the poll loop's, so
+// the loop copies what changed in here (under a mutex) and the server reads only this.
+// Writes from the page travel the other way: queued here, taken by the loop.
+#ifndef RTUPLC_GATEWAY_WEB_STATE_H
+#define RTUPLC_GATEWAY_WEB_STATE_H
+
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "model.h"
+#include "mqtt_client.h"
+
+namespace rtugw {
+
+// One reading of a value for the trend; bad readings break the line.
+struct Sample {
+    int64_t ms = 0;          // since the epoch
+    uint32_t value = 0;
+    bool good = true;
+};
+
+// Upper bounds (s) of the poll cycle histogram's buckets: from a fast TCP link to a
+// slow serial line retrying.
+constexpr std::array<double, 10> kCycleBuckets{0.005, 0.01, 0.025, 0.05, 0.1, 0.25, 0.5, 1, 2.5, 5};
+
+struct CycleHistogram {
+    std::array<uint64_t, kCycleBuckets.size()> counts{}; // not cumulative
+    uint64_t count = 0;
+    double sum = 0;          // s
+    void add(double seconds);
+};
+
+// The line's and the broker's figures, as last copied by the loop.
+struct WebFigures {
+    rtuhost::Stats host;
+    MqttStats mqtt;
+    WriteCounters writes;
+    bool brokerUp = false;
+    std::string brokerState;
+    bool lineUp = false;     // some station answers
+    double pollsPerSecond = 0;
+    int64_t uptime = 0;      // s
+    CycleHistogram cycle;
+    std::string statsJson;   // as the stats topic carries it
+};
+
+// A write asked for over HTTP, answered by the loop.
+struct PendingWrite {
+    std::string path;
+    std::string value;       // empty: refused with `refusal`
+    std::string refusal;
+    std::string idJson = "null";
+    std::mutex lock;
+    std::condition_variable settled;
+    bool done = false;
+    WriteAnswer answer;
+};
+
+class WebState {
+public:
+    WebState(const Model &model, std::chrono::minutes history);
+
+    // On the loop's thread.
+    void pointChanged(size_t index);
+    void stationsChanged();
+    void setFigures(WebFigures figures);
+    std::vector<std::shared_ptr<PendingWrite>> takeWrites();
+
+    // On the server's threads.
+    std::string itemsJson() const;
+    // False when there is no such value.
+    bool historyJson(const std::string &path, std::string *json) const;
+    std::string statsJson() const;
+    WebFigures figures() const;
+    std::map<int, bool> stations() const;
+    void queueWrite(const std::shared_ptr<PendingWrite> &write);
+
+    // For the live page: what changed since `seen` (a sequence number this returns in
+    // `*seen`); everything when `seen` is 0. Waits up to `wait` for a change; empty when
+    // nothing changed or on stop. The loop copies the figures a few times a second only,
+    // so a client that asks ten times a second gets each change once.
+    std::string updatesSince(uint64_t *seen, std::chrono::milliseconds wait);
+    void stop();
+
+private:
+    struct Item {
+        std::string meta;        // "station":..,"area":.. fields, fixed
+        std::string payload;     // as the value's topic carries it
+        uint64_t seq = 0;        // when it last changed
+        std::deque<Sample> history;
+    };
+    std::string stationsJsonLocked() const;
+    std::string figuresJsonLocked() const;
+    void trim(std::deque<Sample> &h, int64_t nowMs) const;
+
+    const Model &model_;
+    const int64_t historyMs_;
+    const int64_t resolutionMs_; // samples closer than this replace each other
+    mutable std::mutex lock_;
+    std::condition_variable changed_;
+    std::vector<Item> items_;
+    std::map<int, bool> stations_;
+    uint64_t stationsSeq_ = 0;
+    WebFigures figures_;
+    uint64_t figuresSeq_ = 0;
+    uint64_t seq_ = 0;
+    bool stopping_ = false;
+    std::vector<std::shared_ptr<PendingWrite>> writes_;
+};
+
+} // namespace rtugw
+
+#endif
