@@ -1,0 +1,142 @@
+"""The command line and the configuration file: every bad one refused before anything
+is opened, naming the file, the key or line, and why; --check shows the plan without a
+broker or a line."""
+
+import os
+import subprocess
+import tempfile
+
+import harness as h
+
+SECRET = "pw-Never-Shown-5150"
+RUN_TIMEOUT = 5.0  # s; a refusal or a plan needs no network
+
+# Line numbers below count from 1 in this text.
+GOOD = """name: line1
+line:
+  tcp: 127.0.0.1:@LINE_PORT@
+  timeout: 100
+  retries: 2
+mqtt:
+  url: mqtt://127.0.0.1:@BROKER_PORT@
+  qos: 1
+  username: gateway
+  password-file: @PASSWORD_FILE@
+items:
+  - D_W:100..109
+  - M:0..15@2
+  - { item: D_W:500..504, writable: true }
+"""
+
+
+def replace(old, new):
+    return lambda text: text.replace(old, new, 1)
+
+
+def drop_section(key, last_line):
+    """Removes the lines of a top-level section, from its key to last_line (1-based)."""
+    def edit(text):
+        lines = text.splitlines(True)
+        first = next(i for i, l in enumerate(lines) if l.startswith(key + ":"))
+        return "".join(lines[:first] + lines[last_line:])
+    return edit
+
+
+# (what is wrong, how to spoil the good file, a key or text the message names, the line)
+BAD_FILES = [
+    ("unknown top-level key", replace("line:\n", "colour: red\nline:\n"), "colour", 2),
+    ("unknown key of mqtt", replace("  qos: 1\n", "  qos: 1\n  tpoic: x\n"), "tpoic", 9),
+    ("qos out of range", replace("qos: 1", "qos: 2"), "qos", 8),
+    ("qos not a number", replace("qos: 1", "qos: high"), "qos", 8),
+    ("item text unreadable", replace("- D_W:100..109", "- D_W:abc"), "D_W:abc", 12),
+    ("item of an unknown area", replace("- D_W:100..109", "- Q:1"), "Q:1", 12),
+    ("item address outside its area", replace("- D_W:100..109", "- D_W:8000"), "D_W:8000", 12),
+    ("item address not octal", replace("- D_W:100..109", "- X:18"), "X:18", 12),
+    ("item station out of range", replace("- M:0..15@2", "- M:0..15@248"), "M:0..15@248", 13),
+    ("writable not a boolean", replace("writable: true", "writable: maybe"), "writable", 14),
+    ("no line section", drop_section("line", 5), "line", None),
+    ("no items", drop_section("items", 14), "items", None),
+    ("unreadable password file", replace("password-file: ", "password-file: /nonexistent/"), "password-file",
+     10),
+    ("url of another scheme", replace("url: mqtt://", "url: http://"), "url", 7),
+    ("tcp port out of range", replace("127.0.0.1:@LINE_PORT@", "127.0.0.1:99999"), "tcp", 3),
+    ("tcp without a port", replace("127.0.0.1:@LINE_PORT@", "127.0.0.1"), "tcp", 3),
+    ("negative timeout", replace("timeout: 100", "timeout: -5"), "timeout", 4),
+    ("retries not a number", replace("retries: 2", "retries: many"), "retries", 5),
+    ("both tcp and serial", replace("  timeout: 100\n", "  serial: /dev/ttyS0\n  timeout: 100\n"), "serial", 4),
+    ("client certificate without its key", replace("  qos: 1\n", "  qos: 1\n  cert: /etc/hostname\n"), "key",
+     9),
+    ("not YAML", replace("items:\n", "items: [D_W:1\n"), None, None),
+    ("not a mapping", lambda text: "- just\n- a list\n", None, None),
+    ("empty file", lambda text: "", None, None),
+]
+
+
+class Configuration(h.GatewayTestCase):
+    def setUp(self):
+        self.folder = tempfile.mkdtemp(prefix="rtuplc-config-")
+        self.password_file = os.path.join(self.folder, "password")
+        with open(self.password_file, "w") as f:
+            f.write(SECRET + "\n")
+
+    def fill(self, text):
+        # Nothing listens on these ports: a gateway that opened anything would hang there.
+        return (text.replace("@LINE_PORT@", str(h.free_port())).replace("@BROKER_PORT@", str(h.free_port()))
+                .replace("@PASSWORD_FILE@", self.password_file))
+
+    def run_gateway(self, args, text=None):
+        path = os.path.join(self.folder, "line1.yaml")
+        if text is not None:
+            with open(path, "w") as f:
+                f.write(text)
+        args = [a.replace("{config}", path) for a in args]
+        try:
+            done = subprocess.run([h.GATEWAY] + args, capture_output=True, text=True, timeout=RUN_TIMEOUT,
+                                  stdin=subprocess.DEVNULL)
+        except subprocess.TimeoutExpired:
+            self.fail("still running after %.0f s: %s" % (RUN_TIMEOUT, args))
+        return done.returncode, done.stdout, done.stderr
+
+    def test_bad_files_are_refused_with_where_and_why(self):
+        for what, spoil, named, line in BAD_FILES:
+            with self.subTest(what):
+                code, out, err = self.run_gateway(["--config", "{config}"], self.fill(spoil(GOOD)))
+                self.assertEqual(code, 2, "exit code; stderr:\n" + err)
+                self.assertTrue(err.startswith("rtuplc-gateway: "), err)
+                self.assertIn("line1.yaml", err, "the message names the file")
+                if named is not None or line is not None:
+                    self.assertTrue((named is not None and named in err) or
+                                    (line is not None and "line1.yaml:%d" % line in err),
+                                    "the message names %r or line %s:\n%s" % (named, line, err))
+                self.assertNotIn(SECRET, err + out)
+
+    def test_command_line(self):
+        good = self.fill(GOOD)
+        # (what, arguments, exit code, words on standard error)
+        rows = [
+            ("unknown option", ["--config", "{config}", "--bogus"], 2, "--bogus"),
+            ("no configuration", [], 2, "--config"),
+            ("--config without its file", ["--config"], 2, "--config"),
+            ("configuration file missing", ["--config", "/nonexistent/line9.yaml"], 2, "line9.yaml"),
+            ("driver missing", ["--config", "{config}", "--driver", "/nonexistent/librtuplc.so"], 3,
+             "/nonexistent/librtuplc.so"),
+            ("driver not a library", ["--config", "{config}", "--driver", self.password_file], 3, "password"),
+        ]
+        for what, args, code, words in rows:
+            with self.subTest(what):
+                got, out, err = self.run_gateway(args, good)
+                self.assertEqual(got, code, err)
+                self.assertIn(words, err)
+                self.assertNotIn(SECRET, err + out)
+
+    def test_check_prints_the_plan_without_broker_or_line(self):
+        code, out, err = self.run_gateway(["--config", "{config}", "--check"], self.fill(GOOD))
+        self.assertEqual(code, 0, err)
+        plan = out + err
+        for words in ("D_W:100", "M:0", "D_W:500", "rtuplc/line1"):
+            self.assertIn(words, plan)
+        self.assertNotIn(SECRET, plan)
+
+
+if __name__ == "__main__":
+    h.main()

@@ -1,0 +1,147 @@
+"""The gateway's life: online, offline on a clean stop and by its last will, a station
+never heard, the stats topic, a broker that restarts while values change, and the
+service manager's readiness and watchdog."""
+
+import json
+import os
+import signal
+import socket
+import tempfile
+import time
+
+import harness as h
+
+P = "rtuplc/line1"
+ITEMS = ["D_W:100..103"]
+STATS_KEYS = {"polls", "accepted", "retries", "failures", "dropped", "polls_per_second", "published", "held",
+              "buffer_dropped", "writes_ok", "writes_failed", "writes_refused", "uptime"}
+DROPPED_KEYS = {"late", "doubled", "foreign", "malformed"}
+CHANGE_GAP = 0.4   # s between changes, so that every one is polled
+WATCHDOG_USEC = 1000000
+
+
+class Lifecycle(h.GatewayTestCase):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.broker = cls.keep(h.Broker().start())
+        cls.sim = cls.keep(h.Simulator(stations=(1,)))
+
+    def setUp(self):
+        self.sub = self.own(h.Subscriber(self.broker, P + "/#"))
+
+    def config(self, items=ITEMS, **mqtt_keys):
+        return h.base_config(self.broker, self.sim, items, **mqtt_keys)
+
+    def test_stop_by_signal_publishes_offline_and_exits_0(self):
+        for sig in (signal.SIGTERM, signal.SIGINT):
+            with self.subTest(signal=sig.name):
+                gw = self.start_gateway(*self.config(), sub=self.sub)
+                mark = self.sub.mark()
+                gw.proc.send_signal(sig)
+                self.assertEqual(gw.wait_exit(), 0, gw.log())
+                self.assertIsNotNone(self.sub.wait_for(P + "/status", lambda m: m.payload == "offline", since=mark))
+                self.assertEqual(h.retained_state(self.broker, P).get(P + "/status"), "offline")
+
+    def test_last_will_after_kill_9(self):
+        gw = self.start_gateway(*self.config(), sub=self.sub)
+        mark = self.sub.mark()
+        gw.kill()
+        self.assertIsNotNone(self.sub.wait_for(P + "/status", lambda m: m.payload == "offline", since=mark),
+                             "the broker published no will")
+        self.assertEqual(h.retained_state(self.broker, P).get(P + "/status"), "offline")
+
+    def test_station_never_heard_is_offline_with_null_values(self):
+        self.start_gateway(*self.config(items=ITEMS + ["D_W:10..11@3"]), sub=self.sub)
+        bad = self.sub.wait_for(P + "/3/D_W/10", lambda m: m.json().get("quality") == "bad")
+        self.assertIsNotNone(bad, "an item of a station that never answers is published bad")
+        self.assertIsNone(bad.json().get("value"), "never read: null")
+        self.assertIn("no reply", bad.json().get("error", ""))
+        self.assertEqual([m.payload for m in self.sub.since(0, P + "/3/status")][-1:], ["offline"])
+        self.assertNotIn("online", [m.payload for m in self.sub.since(0, P + "/3/status")])
+        self.assertIsNotNone(self.sub.wait_for(P + "/1/D_W/100", lambda m: m.json().get("quality") == "good"),
+                             "a silent station does not stop the others")
+
+    def test_stats_published_every_interval(self):
+        self.start_gateway(*self.config(), sub=self.sub)
+        first = self.sub.wait_for(P + "/stats", timeout=h.ANSWER_TIMEOUT)
+        self.assertIsNotNone(first)
+        later = self.sub.wait_for(P + "/stats", lambda m: m is not first, timeout=h.ANSWER_TIMEOUT,
+                                  since=self.sub.messages.index(first) + 1)
+        self.assertIsNotNone(later, "stats come every stats-interval")
+        a, b = first.json(), later.json()
+        self.assertLessEqual(STATS_KEYS, set(b), "missing: %s" % (STATS_KEYS - set(b)))
+        self.assertLessEqual(DROPPED_KEYS, set(b["dropped"]))
+        self.assertGreater(b["polls"], a["polls"])
+        self.assertGreater(b["uptime"], a["uptime"])
+        self.assertGreater(b["polls_per_second"], 0)
+        self.assertEqual(b["failures"], 0)
+        self.assertIn(P + "/stats", h.retained_state(self.broker, P), "stats are retained")
+
+    def test_broker_restart_loses_no_change(self):
+        self.sim.set(1, 101, 101)
+        held = self.own(h.Subscriber(self.broker, P + "/1/D_W/+", client_id="held-changes", persistent=True))
+        gw = self.start_gateway(*self.config(), sub=self.sub)
+        self.assertIsNotNone(held.wait_for(P + "/1/D_W/100", lambda m: m.json().get("value") == 100))
+        mark = held.mark()
+
+        self.broker.stop()
+        changes = [1, 2, 3]
+        for v in changes:
+            self.sim.set(1, 100, v)
+            time.sleep(CHANGE_GAP)
+        self.sim.set(1, 101, 7)
+        time.sleep(CHANGE_GAP)
+        self.broker.start()
+
+        last = held.wait_for(P + "/1/D_W/100", lambda m: m.json().get("value") == changes[-1],
+                             timeout=h.START_TIMEOUT, since=mark)
+        self.assertIsNotNone(last, "the held changes never came; gateway log:\n" + gw.log())
+        seen = [m.json().get("value") for m in held.since(mark, P + "/1/D_W/100") if not m.retain]
+        # A value sent again on reconnecting is no loss; a missing or reordered one is.
+        distinct = [v for i, v in enumerate(seen) if i == 0 or v != seen[i - 1]]
+        self.assertEqual(distinct, changes, "every change in order")
+        self.assertIsNotNone(held.wait_for(P + "/1/D_W/101", lambda m: m.json().get("value") == 7, since=mark))
+
+        time.sleep(h.ANSWER_TIMEOUT / 5)
+        retained = h.retained_state(self.broker, P)
+        self.assertEqual(retained.get(P + "/status"), "online")
+        self.assertEqual(retained.get(P + "/1/status"), "online")
+        for address in range(100, 104):
+            with self.subTest(address=address):
+                topic = "%s/1/D_W/%d" % (P, address)
+                self.assertIn(topic, retained)
+                self.assertEqual(json.loads(retained[topic])["value"], self.sim.get(1, address))
+
+    def test_ready_and_watchdog_on_the_notify_socket(self):
+        folder = tempfile.mkdtemp(prefix="rtuplc-notify-")
+        # (kind of socket, address to bind, NOTIFY_SOCKET)
+        rows = [
+            ("path", os.path.join(folder, "notify"), os.path.join(folder, "notify")),
+            ("abstract", "\0rtuplc-test-%d" % os.getpid(), "@rtuplc-test-%d" % os.getpid()),
+        ]
+        for kind, address, env in rows:
+            with self.subTest(kind):
+                sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+                self.addCleanup(sock.close)
+                sock.bind(address)
+                sock.settimeout(0.2)
+                # No broker: readiness is about the line, not the broker.
+                folder2, config = h.base_config(None, self.sim, ITEMS)
+                gw = self.own(h.Gateway(folder2, config,
+                                        env={"NOTIFY_SOCKET": env, "WATCHDOG_USEC": str(WATCHDOG_USEC)}))
+                messages = []
+                deadline = time.monotonic() + 3 * WATCHDOG_USEC / 1e6
+                while time.monotonic() < deadline:
+                    try:
+                        messages += sock.recv(4096).decode().split("\n")
+                    except socket.timeout:
+                        pass
+                gw.stop()
+                self.assertIn("READY=1", messages, "%r; log:\n%s" % (messages, gw.log()))
+                self.assertTrue(any(m.startswith("STATUS=") for m in messages), messages)
+                self.assertGreaterEqual(messages.count("WATCHDOG=1"), 3, "a ping at least every half interval")
+
+
+if __name__ == "__main__":
+    h.main()

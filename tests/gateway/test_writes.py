@@ -1,0 +1,168 @@
+"""Writes from the broker: each answered exactly once, on .../result and, for an MQTT 5
+request, on its response topic; refused ones never reach the controller."""
+
+import json
+import time
+
+import harness as h
+from paho.mqtt.packettypes import PacketTypes
+from paho.mqtt.properties import Properties
+
+P = "rtuplc/line1"
+ITEMS = [
+    "D_W:100..101",                                   # read only
+    {"item": "D_W:500..504", "writable": True},
+    {"item": "D_D:600", "writable": True},
+    {"item": "M:100..103", "writable": True},
+    {"item": "D_W:500..501@2", "writable": True},
+]
+SETTLE = 0.7  # s to wait for a second answer that must not come
+
+
+def payload(value, request_id=None):
+    return json.dumps({"value": value, "id": request_id}) if request_id is not None else str(value)
+
+
+class Writes(h.GatewayTestCase):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.broker = cls.keep(h.Broker().start())
+        cls.sim = cls.keep(h.Simulator(stations=(1, 2)))
+        cls.op = cls.keep(h.Subscriber(cls.broker, [P + "/#", "rtuplc/replies/#"], user="operator"))
+        folder, config = h.base_config(cls.broker, cls.sim, ITEMS)
+        cls.gw = cls.keep(h.Gateway(folder, config))
+        online = cls.op.wait_for(P + "/status", lambda m: m.payload == "online", h.START_TIMEOUT)
+        if online is None:
+            raise AssertionError("the gateway never said online; its log:\n" + cls.gw.log())
+        # Writes are taken once the items were read.
+        if cls.op.wait_for(P + "/2/D_W/501", timeout=h.START_TIMEOUT) is None:
+            raise AssertionError("no value of station 2; the gateway's log:\n" + cls.gw.log())
+
+    def write(self, topic, body, properties=None):
+        """Publishes a write and returns the answers on .../result that came for it."""
+        mark = self.op.mark()
+        self.op.publish("%s/%s/set" % (P, topic), body, properties=properties)
+        answer = self.op.wait_for("%s/%s/result" % (P, topic), since=mark)
+        self.assertIsNotNone(answer, "no answer to %s <- %r; the gateway's log:\n%s" % (topic, body, self.gw.log()))
+        return answer.json(), mark
+
+    def assert_one_answer(self, topic, mark, what):
+        time.sleep(SETTLE)
+        answers = self.op.since(mark, "%s/%s/result" % (P, topic))
+        self.assertEqual(len(answers), 1, "%s: exactly one answer, saw %r" % (what, answers))
+        self.assertFalse(answers[0].retain, "an answer is not retained")
+
+    def test_acknowledged_writes_land_in_the_controller(self):
+        # (what, topic, value written, request id, read the controller, what it then holds, value published)
+        rows = [
+            ("plain number", "1/D_W/500", 1234, None, lambda: self.sim.get(1, 500), 1234, 1234),
+            ("JSON with an id", "1/D_W/501", 4321, "w-501", lambda: self.sim.get(1, 501), 4321, 4321),
+            ("negative as two's complement", "1/D_W/502", -5, "neg", lambda: self.sim.get(1, 502), 65531, 65531),
+            ("largest 16-bit", "1/D_W/504", 65535, None, lambda: self.sim.get(1, 504), 65535, 65535),
+            ("32-bit over two registers", "1/D_D/600", 70000, "d",
+             lambda: (self.sim.get(1, 600), self.sim.get(1, 601)), (1, 4464), 70000),
+            ("negative 32-bit", "1/D_D/600", -2, None,
+             lambda: (self.sim.get(1, 600), self.sim.get(1, 601)), (0xFFFF, 0xFFFE), 0xFFFFFFFE),
+            ("bit on", "1/M/101", 1 - h.pattern_coil(1, 2101), "bit",
+             lambda: self.sim.get_coil(1, 2101), 1 - h.pattern_coil(1, 2101), 1 - h.pattern_coil(1, 2101)),
+            ("station 2", "2/D_W/500", 77, "s2", lambda: self.sim.get(2, 500), 77, 77),
+        ]
+        for what, topic, value, request_id, read, held, published in rows:
+            with self.subTest(what):
+                answer, mark = self.write(topic, payload(value, request_id))
+                self.assertEqual(answer.get("ok"), True, answer)
+                self.assertEqual(answer.get("id"), request_id)
+                self.assertIn(answer.get("value"), (value, published), answer)
+                self.assertEqual(read(), held)
+                m = self.op.wait_for("%s/%s" % (P, topic), lambda m: m.json().get("value") == published, since=mark)
+                self.assertIsNotNone(m, "the written value is published once read back")
+                self.assert_one_answer(topic, mark, what)
+
+    def test_refused_writes_send_nothing(self):
+        # (why it is refused, topic, payload, id echoed)
+        rows = [
+            ("item not writable", "1/D_W/100", "5", None),
+            ("address outside the area", "1/D_W/8000", "5", None),
+            ("not an address of the octal area", "1/X/8", "1", None),
+            ("unknown area", "1/QQ/1", "1", None),
+            ("station not configured", "9/D_W/500", "1", None),
+            ("16-bit value too big", "1/D_W/500", "65536", None),
+            ("16-bit value too negative", "1/D_W/500", payload(-32769, "neg"), "neg"),
+            ("bit value other than 0 and 1", "1/M/100", "2", None),
+            ("32-bit value too big", "1/D_D/600", "4294967296", None),
+            ("not a number", "1/D_W/500", "abc", None),
+            ("fraction", "1/D_W/500", "1.5", None),
+            ("empty payload", "1/D_W/500", "", None),
+            ("value given as a string", "1/D_W/500", json.dumps({"value": "12", "id": "str"}), "str"),
+            ("JSON without a value", "1/D_W/500", json.dumps({"id": "none"}), "none"),
+        ]
+        self.sim.set(1, 500, 500)
+        before = self.sim.counters()["writes"]
+        for why, topic, body, request_id in rows:
+            with self.subTest(why):
+                answer, mark = self.write(topic, body)
+                self.assertEqual(answer.get("ok"), False, answer)
+                self.assertTrue(answer.get("error"), "a refusal says why: %r" % answer)
+                self.assertEqual(answer.get("id"), request_id)
+                self.assert_one_answer(topic, mark, why)
+        self.assertEqual(self.sim.counters()["writes"], before, "a refused write reached the controller")
+        self.assertEqual(self.sim.get(1, 500), 500)
+
+    def test_failed_writes_are_answered_with_the_reason(self):
+        # (what fails, break the line, mend it, topic, words of the error)
+        rows = [
+            ("station silent", lambda: self.sim.stations(1), lambda: self.sim.stations(1, 2), "2/D_W/501",
+             "no reply"),
+            ("controller refuses", lambda: self.sim.refuse(1, "registers", 503, 1, 4), lambda: self.sim.accept(1),
+             "1/D_W/503", "exception"),
+        ]
+        for what, fault, mend, topic, words in rows:
+            with self.subTest(what):
+                fault()
+                self.addCleanup(mend)
+                started = time.monotonic()
+                answer, mark = self.write(topic, payload(9, "f"))
+                mend()
+                self.assertEqual(answer.get("ok"), False, answer)
+                self.assertEqual(answer.get("id"), "f")
+                self.assertIn(words, answer.get("error", "").lower())
+                self.assertLess(time.monotonic() - started, h.ANSWER_TIMEOUT)
+                self.assert_one_answer(topic, mark, what)
+
+    def test_two_quick_writes_to_adjacent_addresses_answered_once_each(self):
+        mark = self.op.mark()
+        self.op.publish(P + "/1/D_W/502/set", payload(11, "a"))
+        self.op.publish(P + "/1/D_W/503/set", payload(22, "b"))
+        for topic, request_id in (("1/D_W/502", "a"), ("1/D_W/503", "b")):
+            answer = self.op.wait_for("%s/%s/result" % (P, topic), since=mark)
+            self.assertIsNotNone(answer, topic)
+            self.assertEqual(answer.json().get("id"), request_id)
+            self.assertEqual(answer.json().get("ok"), True, answer)
+        self.assert_one_answer("1/D_W/502", mark, "first")
+        self.assert_one_answer("1/D_W/503", mark, "second")
+        self.assertEqual((self.sim.get(1, 502), self.sim.get(1, 503)), (11, 22))
+
+    def test_mqtt5_request_answered_on_its_response_topic(self):
+        # (what, topic, value, ok)
+        rows = [
+            ("acknowledged", "1/D_W/504", 31, True),
+            ("refused", "1/D_W/100", 31, False),
+        ]
+        for n, (what, topic, value, ok) in enumerate(rows):
+            with self.subTest(what):
+                props = Properties(PacketTypes.PUBLISH)
+                props.ResponseTopic = "rtuplc/replies/test-%d" % n
+                props.CorrelationData = b"\x00corr-" + bytes([n])
+                mark = self.op.mark()
+                self.op.publish("%s/%s/set" % (P, topic), str(value), properties=props)
+                m = self.op.wait_for(props.ResponseTopic, since=mark)
+                self.assertIsNotNone(m, "no answer on the response topic")
+                self.assertEqual(m.json().get("ok"), ok, m)
+                self.assertEqual(getattr(m.properties, "CorrelationData", None), props.CorrelationData)
+                time.sleep(SETTLE)
+                self.assertEqual(len(self.op.since(mark, props.ResponseTopic)), 1)
+
+
+if __name__ == "__main__":
+    h.main()
