@@ -1,1 +1,142 @@
-// outbox_test.cpp
+// The outbox decides what a broker that was away gets to see: the order of the messages,
+// the latest value of every topic, and every answer to a write.
+#include "outbox.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+using rtugw::Message;
+using rtugw::Outbox;
+
+namespace {
+
+// A scenario in a few characters: "a=1" holds value 1 on topic a, "!r=1" holds event 1 on
+// topic r, "<" takes the oldest message out. What comes out, in order, is every "<" and
+// then whatever is still held.
+struct Scenario {
+    const char *name;
+    size_t capacity;
+    const char *steps;
+    const char *out;
+    uint64_t dropped;
+};
+
+const Scenario kScenarios[] = {
+    {"order kept while there is room, replaced values included", 10, "a=1 b=1 a=2 c=1 b=2", "a=1 b=1 a=2 c=1 b=2", 0},
+    {"when full the replaced value goes, not the newest", 3, "a=1 b=1 a=2 c=1", "b=1 a=2 c=1", 1},
+    {"the value replaced longest ago goes first", 4, "a=1 a=2 b=1 b=2 a=3", "a=2 b=1 b=2 a=3", 1},
+    {"latest of each topic kept even past the capacity", 2, "a=1 b=1 c=1 a=2 b=2 c=2", "a=2 b=2 c=2", 3},
+    {"events are never dropped", 2, "!r=1 !r=2 !r=3 a=1", "r=1 r=2 r=3 a=1", 0},
+    {"an event replaces a value but is never replaced", 1, "a=1 !r=1 a=2 !r=2", "r=1 a=2 r=2", 1},
+    {"grows past the capacity when nothing may go", 2, "a=1 b=1 c=1 d=1", "a=1 b=1 c=1 d=1", 0},
+    {"pop skips a dropped message at the front", 2, "a=1 a=2 a=3 < <", "a=2 a=3", 1},
+    {"pops between pushes, drop in the middle", 3, "a=1 b=1 < b=2 c=1 b=3 <", "a=1 b=2 c=1 b=3", 1},
+    {"a value already sent is not dropped nor counted", 2, "a=1 a=2 < b=1 c=1", "a=1 a=2 b=1 c=1", 0},
+    {"a topic sent in full starts afresh", 1, "a=1 < a=2 a=3", "a=1 a=3", 1},
+    {"pop on empty gives nothing", 1, "< < a=1", "a=1", 0},
+};
+
+std::string describe(const Message &m) { return m.topic + "=" + m.payload; }
+
+TEST(Outbox, Scenarios) {
+    for (const Scenario &s : kScenarios) {
+        SCOPED_TRACE(s.name);
+        Outbox box(s.capacity);
+        std::vector<std::string> out;
+        std::istringstream steps(s.steps);
+        for (std::string step; steps >> step;) {
+            if (step == "<") {
+                if (auto m = box.pop())
+                    out.push_back(describe(*m));
+                continue;
+            }
+            const bool event = step[0] == '!';
+            const size_t eq = step.find('=');
+            const std::string topic = step.substr(event ? 1 : 0, eq - (event ? 1 : 0));
+            box.push(Message{topic, step.substr(eq + 1), 1, !event, {}, {}},
+                     event ? Outbox::Kind::Event : Outbox::Kind::Value);
+        }
+        EXPECT_EQ(box.dropped(), s.dropped);
+        const size_t held = box.size();
+        size_t drained = 0;
+        while (auto m = box.pop()) {
+            out.push_back(describe(*m));
+            ++drained;
+        }
+        EXPECT_EQ(drained, held) << "size() disagrees with what comes out";
+        EXPECT_EQ(box.size(), 0u);
+
+        std::string joined;
+        for (const std::string &o : out)
+            joined += (joined.empty() ? "" : " ") + o;
+        EXPECT_EQ(joined, s.out);
+    }
+}
+
+// An answer's correlation data and response topic are what lets the asker match it.
+TEST(Outbox, MessageComesOutWhole) {
+    Outbox box(4);
+    box.push(Message{"p/1/D/5/result", "ok", 1, false, "reply/to/me", std::string("\x00\x01id", 4)},
+             Outbox::Kind::Event);
+    box.push(Message{"p/1/D/5", "{\"v\":3}", 0, true, {}, {}}, Outbox::Kind::Value);
+    auto a = box.pop();
+    ASSERT_TRUE(a);
+    EXPECT_EQ(a->topic, "p/1/D/5/result");
+    EXPECT_EQ(a->qos, 1);
+    EXPECT_FALSE(a->retain);
+    EXPECT_EQ(a->responseTopic, "reply/to/me");
+    EXPECT_EQ(a->correlation, std::string("\x00\x01id", 4));
+    auto b = box.pop();
+    ASSERT_TRUE(b);
+    EXPECT_EQ(b->qos, 0);
+    EXPECT_TRUE(b->retain);
+    EXPECT_TRUE(b->correlation.empty());
+}
+
+// A long outage with values changing on many topics, answers mixed in, and the line
+// sending now and then: whatever is dropped, the broker must end up with each topic's
+// latest value, every answer, and everything in the order it was published.
+TEST(Outbox, LongOutageKeepsLatestOrderAndAnswers) {
+    const size_t kCapacity = 500;
+    const int kTopics = 200, kPushes = 20000;
+    std::mt19937 random(7);
+    Outbox box(kCapacity);
+    std::map<std::string, int> latest;
+    int events = 0, eventsOut = 0, lastSeq = -1;
+    std::map<std::string, int> lastOut;
+    auto take = [&](const Message &m) {
+        const int seq = std::stoi(m.payload);
+        ASSERT_GT(seq, lastSeq) << "out of order";
+        lastSeq = seq;
+        if (m.topic == "answer")
+            ++eventsOut;
+        else
+            lastOut[m.topic] = seq;
+    };
+    for (int i = 0; i < kPushes; ++i) {
+        if (random() % 50 == 0) {
+            box.push(Message{"answer", std::to_string(i), 1, false, {}, {}}, Outbox::Kind::Event);
+            ++events;
+        } else {
+            const std::string topic = "t" + std::to_string(random() % kTopics);
+            latest[topic] = i;
+            box.push(Message{topic, std::to_string(i), 1, true, {}, {}}, Outbox::Kind::Value);
+        }
+        EXPECT_LE(box.size(), kCapacity + size_t(events)) << "held more than room plus answers";
+        if (random() % 100 == 0)
+            if (auto m = box.pop())
+                take(*m);
+    }
+    EXPECT_GT(box.dropped(), 0u);
+    while (auto m = box.pop())
+        take(*m);
+    EXPECT_EQ(eventsOut, events);
+    EXPECT_EQ(lastOut, latest);
+}
+
+} // namespace
