@@ -3,6 +3,7 @@
 #   library      lib${RTUPLC_NAME}.so.2 and its versioned file         -> lib<name>2
 #   development  headers, .so link, CMake package, pkg-config, page (3) -> lib<name>-dev
 #   tools        rtuplc-poll, rtuplc-sim and their pages (1)           -> rtuplc-tools
+#   gateway      rtuplc-gateway, its service unit, page (1), an example -> rtuplc-gateway
 # Tests, benchmarks and fuzz targets are not installed.
 include(CMakePackageConfigHelpers)
 
@@ -14,6 +15,7 @@ if(RTUPLC_NAME MATCHES "[0-9]$")
 endif()
 set(RTUPLC_DEV_PACKAGE lib${RTUPLC_NAME}-dev)
 set(RTUPLC_TOOLS_PACKAGE rtuplc-tools)
+set(RTUPLC_GATEWAY_PACKAGE rtuplc-gateway)
 
 install(TARGETS rtuplc EXPORT rtuplcTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development)
@@ -21,6 +23,33 @@ install(TARGETS rtuplc EXPORT rtuplcTargets
 file(GLOB RTUPLC_PUBLIC_HEADERS CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/include/*.h)
 install(FILES ${RTUPLC_PUBLIC_HEADERS} DESTINATION ${RTUPLC_INSTALL_INCLUDEDIR} COMPONENT development)
 install(TARGETS rtuplc-poll rtuplc-sim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+if(TARGET rtuplc-gateway)
+  install(TARGETS rtuplc-gateway RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT gateway)
+  install(FILES ${PROJECT_SOURCE_DIR}/tools/gateway/example.yaml RENAME line1.yaml
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${RTUPLC_GATEWAY_PACKAGE}/examples COMPONENT gateway)
+  # The unit goes where systemd looks under the prefix (/usr/lib/systemd/system for the
+  # package, /usr/local/lib/systemd/system for a local install), and starts the program
+  # installed beside it: the path is written when installing, since a package is staged
+  # under another prefix than the one the build was configured with.
+  set(RTUPLC_UNIT rtuplc-gateway@.service)
+  install(CODE "
+    set(unit_dir \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/lib/systemd/system\")
+    file(READ \"${PROJECT_SOURCE_DIR}/tools/gateway/${RTUPLC_UNIT}\" unit)
+    string(REPLACE \"/usr/bin/rtuplc-gateway\" \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/rtuplc-gateway\" unit \"\${unit}\")
+    message(STATUS \"Installing: \${unit_dir}/${RTUPLC_UNIT}\")
+    file(MAKE_DIRECTORY \"\${unit_dir}\")
+    file(WRITE \"\${unit_dir}/${RTUPLC_UNIT}\" \"\${unit}\")
+    " COMPONENT gateway)
+  if(BUILD_TESTING)
+    # systemd-analyze verify: the unit as an instance, starting the program just built,
+    # its manual page found through Documentation=; and the sandbox kept as tight.
+    add_test(NAME Gateway.ServiceUnitVerifies
+      COMMAND sh ${PROJECT_SOURCE_DIR}/packaging/gateway/check-unit.sh
+              ${PROJECT_SOURCE_DIR}/tools/gateway/${RTUPLC_UNIT} $<TARGET_FILE:rtuplc-gateway>
+              ${PROJECT_SOURCE_DIR}/man/rtuplc-gateway.1)
+    set_tests_properties(Gateway.ServiceUnitVerifies PROPERTIES SKIP_RETURN_CODE 77)
+  endif()
+endif()
 
 # CMake package: find_package(rtuplc) gives rtuplc::rtuplc (rtuplc-qt6: rtuplc::rtuplc-qt6).
 install(EXPORT rtuplcTargets NAMESPACE rtuplc:: FILE ${RTUPLC_NAME}Targets.cmake
@@ -49,6 +78,8 @@ install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright ${PROJECT_BINARY_DIR}/ch
   DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${RTUPLC_DEV_PACKAGE} COMPONENT development EXCLUDE_FROM_ALL)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright ${PROJECT_BINARY_DIR}/changelog.gz
   DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${RTUPLC_TOOLS_PACKAGE} COMPONENT tools EXCLUDE_FROM_ALL)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright ${PROJECT_BINARY_DIR}/changelog.gz
+  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${RTUPLC_GATEWAY_PACKAGE} COMPONENT gateway EXCLUDE_FROM_ALL)
 add_custom_command(OUTPUT ${PROJECT_BINARY_DIR}/changelog.gz
   COMMAND gzip -9n -c ${PROJECT_SOURCE_DIR}/packaging/changelog > ${PROJECT_BINARY_DIR}/changelog.gz
   DEPENDS ${PROJECT_SOURCE_DIR}/packaging/changelog VERBATIM)
@@ -68,6 +99,9 @@ set(CPACK_DEBIAN_PACKAGE_HOMEPAGE "")
 # The tools are packaged from the Qt 5 build; a Qt 6 build adds its library packages.
 if(RTUPLC_QT_MAJOR STREQUAL "5")
   set(CPACK_COMPONENTS_ALL library development tools)
+  if(TARGET rtuplc-gateway)
+    list(APPEND CPACK_COMPONENTS_ALL gateway)
+  endif()
   set(RTUPLC_QT_DEV_PACKAGE qtbase5-dev)
 else()
   set(CPACK_COMPONENTS_ALL library development)
@@ -103,4 +137,20 @@ rtuplc-poll runs an operator panel's communication loop on the command line
 through the rtuplc driver: it polls, writes and transfers recipes, over a
 serial line or TCP. rtuplc-sim simulates the controller as a Modbus RTU slave
 over TCP, a pseudo-terminal or a serial device.")
+
+set(CPACK_DEBIAN_GATEWAY_PACKAGE_NAME ${RTUPLC_GATEWAY_PACKAGE})
+set(CPACK_DEBIAN_GATEWAY_PACKAGE_SECTION net)
+# The driver is loaded with dlopen, as by rtuplc-poll; adduser makes the service's user.
+set(CPACK_DEBIAN_GATEWAY_PACKAGE_DEPENDS "${RTUPLC_LIBRARY_PACKAGE} (= ${PROJECT_VERSION}), adduser")
+set(CPACK_DEBIAN_GATEWAY_PACKAGE_SUGGESTS "mosquitto, mosquitto-clients")
+set(CPACK_DEBIAN_GATEWAY_PACKAGE_CONTROL_EXTRA
+  ${PROJECT_SOURCE_DIR}/packaging/gateway/postinst
+  ${PROJECT_SOURCE_DIR}/packaging/gateway/prerm
+  ${PROJECT_SOURCE_DIR}/packaging/gateway/postrm)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_GATEWAY_DESCRIPTION "Modbus RTU driver for operator panels (MQTT gateway service)
+rtuplc-gateway polls one Modbus RTU line through the rtuplc driver and
+publishes every value on an MQTT broker, retained, with its quality and the
+time it was read; it takes writes from the broker and answers each. It runs
+as a systemd service, one instance per line, configured in YAML.")
 include(CPack)
