@@ -1,0 +1,83 @@
+"""The node's life as a SCADA host sees it: the death certificate the broker sends when
+the gateway dies carries the bdSeq of the birth it ends, a new connection is a new
+bdSeq, and with a primary host the node is born only while that host is online."""
+
+import json
+import time
+
+import harness as h
+import test_sparkplug as spb
+
+STATE = "spBv1.0/STATE/scada1"
+QUIET = 1.5  # s to watch for a birth that must not come
+
+
+def bdseq(payload):
+    return {m.name: m for m in payload.metrics}["bdSeq"].long_value
+
+
+def host_state(online):
+    return json.dumps({"online": online, "timestamp": int(time.time() * 1000)})
+
+
+class NodeLife(spb.SparkplugTestCase):
+    def setUp(self):
+        self.broker = self.own(spb.SparkplugBroker().start())
+        self.sim = self.own(h.Simulator())
+        self.sub = self.own(h.Subscriber(self.broker, "spBv1.0/#", user="operator"))
+
+    def config(self, **sparkplug_keys):
+        return spb.sparkplug_config(self.broker, self.sim, items=["D_W:100..101"], **sparkplug_keys)
+
+    def test_the_will_after_kill_9_carries_the_births_bdseq_and_a_new_connection_the_next(self):
+        folder, config = self.config()
+        gw, birth, _ = self.start_node(folder, config, self.sub)
+        first = bdseq(birth)
+        # A broker restart is a new connection: born again with the next bdSeq.
+        mark = self.sub.mark()
+        self.sub.disconnect()
+        self.broker.restart()
+        self.sub.reconnect()
+        reborn = self.wait_topic(self.sub, "NBIRTH", since=mark, timeout=h.START_TIMEOUT * 2)
+        self.assertIsNotNone(reborn, "no NBIRTH after the broker restart; log:\n" + gw.log())
+        self.assertEqual(bdseq(reborn), (first + 1) % spb.SEQ_MODULO)
+        self.assertEqual(reborn.seq, 0)
+        mark = self.sub.mark()
+        gw.kill()
+        death = self.sub.wait_for(spb.NS + "NDEATH/" + spb.NODE, since=mark, timeout=h.START_TIMEOUT)
+        self.assertIsNotNone(death, "the broker sent no death certificate")
+        self.assertEqual(death.qos, 1)
+        self.assertFalse(death.retain)
+        self.assertEqual(bdseq(spb.decode(death)), bdseq(reborn), "the will pairs with the last birth")
+
+    def test_a_clean_stop_sends_the_death_certificate(self):
+        folder, config = self.config()
+        gw, birth, _ = self.start_node(folder, config, self.sub)
+        mark = self.sub.mark()
+        self.assertEqual(gw.stop(), 0)
+        death = self.sub.wait_for(spb.NS + "NDEATH/" + spb.NODE, since=mark)
+        self.assertIsNotNone(death)
+        self.assertEqual(bdseq(spb.decode(death)), bdseq(birth))
+
+    def test_births_wait_for_the_primary_host(self):
+        folder, config = self.config(**{"primary-host": "scada1"})
+        gw = self.own(h.Gateway(folder, config))
+        self.assertIsNone(self.wait_topic(self.sub, "NBIRTH", timeout=QUIET), "born before the host is online")
+        # (host state published, what the node must send next)
+        rows = [(True, "NBIRTH"), (False, "NDEATH"), (True, "NBIRTH")]
+        for online, expected in rows:
+            with self.subTest(host_online=online):
+                mark = self.sub.mark()
+                self.sub.publish(STATE, host_state(online), retain=True)
+                got = self.wait_topic(self.sub, expected, since=mark, timeout=h.START_TIMEOUT)
+                self.assertIsNotNone(got, "no %s; log:\n%s" % (expected, gw.log()))
+                if expected == "NBIRTH":
+                    self.assertIsNotNone(self.wait_topic(self.sub, "DBIRTH", "station1", since=mark))
+                else:
+                    self.assertIsNone(self.wait_topic(self.sub, "DDATA", "station1", since=self.sub.mark(),
+                                                      timeout=QUIET / 2))
+        self.sub.publish(STATE, "", retain=True)
+
+
+if __name__ == "__main__":
+    h.main()

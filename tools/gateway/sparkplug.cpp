@@ -1,0 +1,431 @@
+#include "sparkplug.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <cstdio>
+
+#include "sparkplug_b.pb.h"
+
+namespace rtugw {
+
+namespace {
+
+using Payload = org::eclipse::tahu::protobuf::Payload;
+
+constexpr const char kNamespace[] = "spBv1.0";
+constexpr const char kRebirth[] = "Node Control/Rebirth";
+constexpr const char kBdSeq[] = "bdSeq";
+constexpr const char kQuality[] = "Quality";
+constexpr unsigned kSeqModulo = 256; // seq and bdSeq run 0..255 and wrap
+// Births and data go at QoS 0 and unretained: a host that missed one asks for a rebirth.
+constexpr int kDataQos = 0;
+// The death certificate must reach the hosts, once the broker sends it.
+constexpr int kDeathQos = 1;
+
+uint64_t millis(SystemTime t)
+{
+    return uint64_t(std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count());
+}
+
+uint64_t nowMillis()
+{
+    return millis(std::chrono::system_clock::now());
+}
+
+SparkplugType typeOf(const Point &p)
+{
+    switch (p.area->kind) {
+    case rtuhost::Kind::Bit:
+        return SparkplugType::Boolean;
+    case rtuhost::Kind::Word:
+        return SparkplugType::UInt16;
+    default:
+        return SparkplugType::UInt32;
+    }
+}
+
+// AREA/ADDR: the plain topic's path without the station, which the device names.
+std::string metricName(const PointState &s)
+{
+    return s.path.substr(s.path.find('/') + 1);
+}
+
+void setValue(Payload::Metric *m, const PointState &s)
+{
+    if (!s.known) {
+        m->set_is_null(true);
+        return;
+    }
+    switch (typeOf(s.point)) {
+    case SparkplugType::Boolean:
+        m->set_boolean_value(s.value != 0);
+        break;
+    case SparkplugType::UInt16:
+        m->set_int_value(s.value);
+        break;
+    default:
+        m->set_long_value(s.value); // hosts read an unsigned 32-bit metric from long_value
+        break;
+    }
+}
+
+void setQuality(Payload::Metric *m, bool good)
+{
+    Payload::PropertySet *props = m->mutable_properties();
+    props->add_keys(kQuality);
+    Payload::PropertyValue *v = props->add_values();
+    v->set_type(uint32_t(SparkplugType::Int32));
+    v->set_int_value(uint32_t(good ? kQualityGood : kQualityBad));
+}
+
+Payload::Metric *addBdSeq(Payload *p, unsigned bdSeq)
+{
+    Payload::Metric *m = p->add_metrics();
+    m->set_name(kBdSeq);
+    m->set_timestamp(p->timestamp());
+    m->set_datatype(uint32_t(SparkplugType::UInt64));
+    m->set_long_value(bdSeq);
+    return m;
+}
+
+std::string serialized(const Payload &p)
+{
+    std::string bytes;
+    p.SerializeToString(&bytes);
+    return bytes;
+}
+
+// The text Model::write takes, from whichever value field the command carries.
+std::string commandValue(const Payload::Metric &m)
+{
+    switch (m.value_case()) {
+    case Payload::Metric::kBooleanValue:
+        return m.boolean_value() ? "1" : "0";
+    case Payload::Metric::kIntValue:
+        return std::to_string(m.int_value());
+    case Payload::Metric::kLongValue:
+        return std::to_string(m.long_value());
+    default:
+        return {};
+    }
+}
+
+} // namespace
+
+SparkplugNode::SparkplugNode(Model &model, MqttClient &mqtt)
+    : model_(model), mqtt_(mqtt), group_(model.config().sparkplug.group),
+      node_(model.config().sparkplug.node.empty() ? model.config().name : model.config().sparkplug.node),
+      primaryHost_(model.config().sparkplug.primaryHost), hostOnline_(primaryHost_.empty())
+{
+    const std::vector<PointState> &points = model_.points();
+    aliasOf_.assign(points.size(), 0);
+    sentGood_.assign(points.size(), true);
+    for (size_t i = 0; i < points.size(); ++i) {
+        Device &d = devices_[points[i].point.station];
+        if (d.name.empty()) {
+            d.station = points[i].point.station;
+            d.name = deviceName(d.station);
+            byName_[d.name] = d.station;
+        }
+        d.points.push_back(i);
+        aliasOf_[i] = d.points.size(); // from 1: 0 is what a host's missing alias reads as
+    }
+}
+
+std::string SparkplugNode::deviceName(int station) const
+{
+    const auto &names = model_.config().stationNames;
+    const auto found = names.find(station);
+    return found != names.end() ? found->second : "station" + std::to_string(station);
+}
+
+std::string SparkplugNode::topic(const char *type, const std::string &device) const
+{
+    std::string t = std::string(kNamespace) + '/' + group_ + '/' + type + '/' + node_;
+    if (!device.empty())
+        t += '/' + device;
+    return t;
+}
+
+Message SparkplugNode::will()
+{
+    const unsigned bdSeq = nextBdSeq_.load();
+    willBdSeq_ = bdSeq;
+    Payload p;
+    p.set_timestamp(nowMillis());
+    addBdSeq(&p, bdSeq);
+    return Message{topic("NDEATH"), serialized(p), kDeathQos, false, {}, {}};
+}
+
+void SparkplugNode::subscribe()
+{
+    mqtt_.subscribe(topic("NCMD"));
+    mqtt_.subscribe(topic("DCMD") + "/+");
+    if (!primaryHost_.empty())
+        mqtt_.subscribe(std::string(kNamespace) + "/STATE/" + primaryHost_);
+}
+
+std::vector<Message> SparkplugNode::farewell() const
+{
+    if (!nodeBorn_)
+        return {};
+    Payload p;
+    p.set_timestamp(nowMillis());
+    addBdSeq(&p, willBdSeq_.load());
+    return {Message{topic("NDEATH"), serialized(p), kDeathQos, false, {}, {}}};
+}
+
+uint64_t SparkplugNode::nextSeq()
+{
+    const uint64_t s = seq_;
+    seq_ = (seq_ + 1) % kSeqModulo;
+    return s;
+}
+
+void SparkplugNode::publish(const std::string &t, const std::string &payload, Outbox::Kind kind)
+{
+    mqtt_.publish(Message{t, payload, kDataQos, false, {}, {}}, kind);
+}
+
+void SparkplugNode::birthNode()
+{
+    seq_ = 0;
+    Payload p;
+    p.set_timestamp(nowMillis());
+    p.set_seq(nextSeq());
+    addBdSeq(&p, willBdSeq_.load());
+    Payload::Metric *rebirth = p.add_metrics();
+    rebirth->set_name(kRebirth);
+    rebirth->set_timestamp(p.timestamp());
+    rebirth->set_datatype(uint32_t(SparkplugType::Boolean));
+    rebirth->set_boolean_value(false);
+    publish(topic("NBIRTH"), serialized(p));
+    nodeBorn_ = true;
+    for (auto &[station, device] : devices_) {
+        device.born = false;
+        if (model_.stations().at(station).online)
+            birthDevice(device);
+    }
+}
+
+void SparkplugNode::birthDevice(Device &d)
+{
+    Payload p;
+    p.set_timestamp(nowMillis());
+    p.set_seq(nextSeq());
+    for (size_t index : d.points) {
+        const PointState &s = model_.points()[index];
+        Payload::Metric *m = p.add_metrics();
+        m->set_name(metricName(s));
+        m->set_alias(aliasOf_[index]);
+        m->set_datatype(uint32_t(typeOf(s.point)));
+        m->set_timestamp(s.known ? millis(s.ts) : p.timestamp());
+        setValue(m, s);
+        // A value the station has not given since its last failure is said bad; a good
+        // one needs no word, good is what hosts assume.
+        if (s.known && !s.good)
+            setQuality(m, false);
+        sentGood_[index] = !s.known || s.good;
+    }
+    publish(topic("DBIRTH", d.name), serialized(p));
+    d.born = true;
+    d.changed.clear();
+}
+
+void SparkplugNode::deathDevice(Device &d)
+{
+    Payload p;
+    p.set_timestamp(nowMillis());
+    p.set_seq(nextSeq());
+    publish(topic("DDEATH", d.name), serialized(p));
+    d.born = false;
+    d.changed.clear();
+}
+
+void SparkplugNode::pointChanged(size_t index)
+{
+    Device &d = devices_[model_.points()[index].point.station];
+    if (d.born && nodeBorn_)
+        d.changed.push_back(index);
+}
+
+void SparkplugNode::stationChanged(int station)
+{
+    Device &d = devices_[station];
+    if (!nodeBorn_)
+        return; // the node's birth will tell
+    // Values changed before the station fell silent go out before its death.
+    flushData();
+    if (model_.stations().at(station).online) {
+        if (!d.born)
+            birthDevice(d);
+    } else if (d.born) {
+        deathDevice(d);
+    }
+}
+
+// One DDATA per station with whatever changed since the last exchange: fewer, larger
+// messages, each value with the time it was read.
+void SparkplugNode::flushData()
+{
+    for (auto &[station, d] : devices_) {
+        if (d.changed.empty())
+            continue;
+        Payload p;
+        p.set_timestamp(nowMillis());
+        p.set_seq(nextSeq());
+        for (size_t index : d.changed) {
+            const PointState &s = model_.points()[index];
+            Payload::Metric *m = p.add_metrics();
+            m->set_alias(aliasOf_[index]);
+            m->set_datatype(uint32_t(typeOf(s.point)));
+            m->set_timestamp(millis(s.ts));
+            setValue(m, s);
+            if (sentGood_[index] != s.good) {
+                setQuality(m, s.good);
+                sentGood_[index] = s.good;
+            }
+        }
+        d.changed.clear();
+        publish(topic("DDATA", d.name), serialized(p), Outbox::Kind::Value);
+    }
+}
+
+void SparkplugNode::onConnected()
+{
+    connected_ = true;
+    brokerState_ = "connected";
+    // The sequence after this connection's birth follows the bdSeq of its will.
+    nextBdSeq_ = (willBdSeq_.load() + 1) % kSeqModulo;
+    const MqttConfig &c = model_.config().mqtt;
+    std::fprintf(stderr, "rtuplc-gateway: connected to the broker at %s:%d as Sparkplug node %s/%s (bdSeq %u)\n",
+                 c.host.c_str(), c.port, group_.c_str(), node_.c_str(), willBdSeq_.load());
+    if (birthAllowed())
+        birthNode();
+    else
+        std::fprintf(stderr, "rtuplc-gateway: waiting for the primary host %s to be online\n", primaryHost_.c_str());
+}
+
+void SparkplugNode::onLost()
+{
+    connected_ = false;
+    nodeBorn_ = false;
+    for (auto &[station, d] : devices_) {
+        d.born = false;
+        d.changed.clear();
+    }
+    // The host's state is learnt again from its retained STATE after the reconnect.
+    hostOnline_ = primaryHost_.empty();
+}
+
+void SparkplugNode::onHostState(const std::string &payload)
+{
+    // {"online":true,"timestamp":...}; older hosts say ONLINE or OFFLINE.
+    const QJsonDocument doc = QJsonDocument::fromJson(QByteArray::fromStdString(payload));
+    const bool online =
+        doc.isObject() ? doc.object().value(QLatin1String("online")).toBool(false) : payload == "ONLINE";
+    if (online == hostOnline_)
+        return;
+    hostOnline_ = online;
+    std::fprintf(stderr, "rtuplc-gateway: primary host %s %s\n", primaryHost_.c_str(), online ? "online" : "offline");
+    if (online && connected_ && !nodeBorn_) {
+        birthNode();
+    } else if (!online && nodeBorn_) {
+        // Without its primary host the node is dead to SCADA: it says so and publishes
+        // nothing until the host is back, then is born again with current values.
+        for (const Message &m : farewell())
+            mqtt_.publish(m, Outbox::Kind::Event);
+        nodeBorn_ = false;
+        for (auto &[station, d] : devices_) {
+            d.born = false;
+            d.changed.clear();
+        }
+    }
+}
+
+void SparkplugNode::handleDeviceCommand(Device &d, const std::string &bytes)
+{
+    Payload p;
+    if (!p.ParseFromString(bytes)) {
+        std::fprintf(stderr, "rtuplc-gateway: DCMD for %s is no Sparkplug payload: ignored\n", d.name.c_str());
+        return;
+    }
+    for (const Payload::Metric &m : p.metrics()) {
+        long index = -1;
+        std::string label = m.name();
+        if (m.has_name()) {
+            index = model_.find(std::to_string(d.station) + '/' + m.name());
+        } else if (m.has_alias() && m.alias() >= 1 && m.alias() <= d.points.size()) {
+            index = long(d.points[m.alias() - 1]);
+            label = metricName(model_.points()[size_t(index)]);
+        } else {
+            label = "alias " + std::to_string(m.alias());
+        }
+        const std::string path = std::to_string(d.station) + '/' + label;
+        // The write's outcome shows in the next DDATA; a refusal is logged and counted
+        // by the model, since Sparkplug has no answer to a command.
+        const WriteDone done = [](const WriteAnswer &) {};
+        if (index < 0)
+            model_.refuse(path, "no metric " + label + " on " + d.name, done);
+        else if (const std::string value = commandValue(m); value.empty())
+            model_.refuse(path, "the command carries no whole number or boolean", done);
+        else
+            model_.write(model_.points()[size_t(index)].path, value, done);
+    }
+}
+
+void SparkplugNode::onMessage(const Message &m)
+{
+    const std::string state = std::string(kNamespace) + "/STATE/" + primaryHost_;
+    if (!primaryHost_.empty() && m.topic == state) {
+        onHostState(m.payload);
+        return;
+    }
+    if (m.topic == topic("NCMD")) {
+        Payload p;
+        if (!p.ParseFromString(m.payload))
+            return;
+        for (const Payload::Metric &metric : p.metrics()) {
+            if (metric.name() == kRebirth && metric.boolean_value() && birthAllowed()) {
+                std::fprintf(stderr, "rtuplc-gateway: rebirth asked for\n");
+                birthNode();
+            }
+        }
+        return;
+    }
+    const std::string devicePrefix = topic("DCMD") + '/';
+    if (m.topic.compare(0, devicePrefix.size(), devicePrefix) == 0) {
+        const auto found = byName_.find(m.topic.substr(devicePrefix.size()));
+        if (found != byName_.end())
+            handleDeviceCommand(devices_[found->second], m.payload);
+    }
+}
+
+void SparkplugNode::tick()
+{
+    for (const MqttEvent &e : mqtt_.takeEvents()) {
+        switch (e.type) {
+        case MqttEvent::Type::Connected:
+            onConnected();
+            break;
+        case MqttEvent::Type::Lost:
+            brokerState_ = "connection lost";
+            std::fprintf(stderr, "rtuplc-gateway: lost the broker: %s; reconnecting\n", e.text.c_str());
+            onLost();
+            break;
+        case MqttEvent::Type::Failed:
+            brokerState_ = e.text;
+            std::fprintf(stderr, "rtuplc-gateway: %s; retrying\n", e.text.c_str());
+            onLost();
+            break;
+        }
+    }
+    for (const Message &m : mqtt_.takeIncoming())
+        onMessage(m);
+    if (nodeBorn_)
+        flushData();
+    mqtt_.pump();
+}
+
+} // namespace rtugw

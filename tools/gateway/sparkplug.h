@@ -1,0 +1,90 @@
+// Sparkplug B: the node speaks for the gateway, one device per station. SCADA hosts
+// learn every metric from the births, follow the data by alias, notice a lost message
+// by the sequence number, and know the node is gone from its death certificate, which
+// the broker sends for it when the connection dies.
+//
+// Everything runs on the poll loop's thread except will(), which the broker client may
+// call from its own before each connection attempt.
+#ifndef RTUPLC_GATEWAY_SPARKPLUG_H
+#define RTUPLC_GATEWAY_SPARKPLUG_H
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "model.h"
+#include "mqtt_client.h"
+
+namespace rtugw {
+
+// Sparkplug's datatypes as the payload numbers them.
+enum class SparkplugType : uint32_t { Int32 = 3, UInt16 = 6, UInt32 = 7, UInt64 = 8, Boolean = 11 };
+
+// What a host reads from a metric's Quality property.
+constexpr int32_t kQualityBad = 0;
+constexpr int32_t kQualityGood = 192;
+
+class SparkplugNode : public Sink {
+public:
+    SparkplugNode(Model &model, MqttClient &mqtt);
+
+    // The death certificate of the connection about to be made: a new bdSeq for each
+    // connection, so that a host pairs each death with the birth it ends.
+    Message will();
+    void subscribe();
+    // A clean stop: the death certificate, since the broker sends no will then.
+    std::vector<Message> farewell() const;
+    std::string brokerState() const { return brokerState_; }
+
+    void pointChanged(size_t index) override;
+    void stationChanged(int station) override;
+    void tick() override;
+
+    std::string deviceName(int station) const;
+    // "spBv1.0/GROUP/TYPE/NODE[/DEVICE]"
+    std::string topic(const char *type, const std::string &device = {}) const;
+
+private:
+    struct Device {
+        int station = 0;
+        std::string name;
+        std::vector<size_t> points;   // model indexes; a point's alias is its place here + 1
+        bool born = false;
+        std::vector<size_t> changed;  // since the last DDATA
+    };
+
+    void onConnected();
+    void onLost();
+    void onMessage(const Message &m);
+    void onHostState(const std::string &payload);
+    void handleDeviceCommand(Device &device, const std::string &payload);
+    bool birthAllowed() const { return connected_ && hostOnline_; }
+    void birthNode();
+    void birthDevice(Device &device);
+    void deathDevice(Device &device);
+    void flushData();
+    void publish(const std::string &topic, const std::string &payload, Outbox::Kind kind = Outbox::Kind::Event);
+    uint64_t nextSeq();
+
+    Model &model_;
+    MqttClient &mqtt_;
+    std::string group_, node_, primaryHost_;
+    std::map<int, Device> devices_;        // by station
+    std::map<std::string, int> byName_;    // device name to station
+    std::vector<size_t> aliasOf_;          // model index to alias
+    std::vector<bool> sentGood_;           // the quality hosts were last told, by model index
+    // The bdSeq in the will of the connection being made, and of the next one.
+    std::atomic<unsigned> willBdSeq_{0};
+    std::atomic<unsigned> nextBdSeq_{0};
+    unsigned seq_ = 0;
+    bool connected_ = false;
+    bool hostOnline_ = true;               // no primary host: always
+    bool nodeBorn_ = false;
+    std::string brokerState_ = "connecting";
+};
+
+} // namespace rtugw
+
+#endif
