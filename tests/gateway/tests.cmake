@@ -15,6 +15,9 @@ set(gateway_e2e_tests
   test_lifecycle 90
   test_security 60
   test_config 60
+  test_web 60
+  test_web_browser 120
+  test_csv 60
 )
 while(gateway_e2e_tests)
   list(POP_FRONT gateway_e2e_tests test seconds)

@@ -11,11 +11,13 @@
 #include <string>
 
 #include "config.h"
+#include "csv_sink.h"
 #include "model.h"
 #include "mqtt_client.h"
 #include "notify.h"
 #include "plain_topics.h"
 #include "rtuplc_host/host.h"
+#include "web.h"
 
 using namespace rtugw;
 using namespace rtuhost;
@@ -169,7 +171,7 @@ int main(int argc, char **argv)
     }
 
     Config config;
-    if (!loadConfig(args.config, &config, &why))
+    if (!loadConfig(args.config, &config, &why) || !WebPage::checkConfig(config, &why))
         return fail(kExitUsage, why);
 
     DriverApi api;
@@ -260,6 +262,20 @@ int main(int argc, char **argv)
     model.addSink(&plain);
     plain.subscribe();
     plain.start();
+    std::unique_ptr<CsvSink> csv;
+    if (!config.log.csvDir.empty()) {
+        csv = std::make_unique<CsvSink>(model);
+        if (!csv->open(&why))
+            return fail(kExitUsage, why);
+        model.addSink(csv.get());
+    }
+    std::unique_ptr<WebPage> web;
+    if (config.http.enabled) {
+        web = std::make_unique<WebPage>(model, mqtt, [&plain] { return BrokerStatus{plain.brokerUp(), plain.brokerState()}; });
+        model.addSink(web.get());
+        if (!web->start(&why))
+            return fail(kExitUsage, why);
+    }
     if (!mqtt.start(&why))
         return fail(kExitUsage, where(config, 0) + "mqtt: " + why);
     host.start();
@@ -288,6 +304,8 @@ int main(int argc, char **argv)
     std::fprintf(stderr, "rtuplc-gateway: stopping\n");
     host.finish(); // writes still open are answered
     model.tick();
+    if (web)
+        web->stop(); // after the writes it asked for were answered
     mqtt.stop(plain.farewell(), kStopTimeout);
     return kExitOk;
 }

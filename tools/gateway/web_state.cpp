@@ -196,7 +196,7 @@ std::string WebState::figuresJsonLocked() const
     const double meanCycleMs =
         f.host.finished ? double(f.host.cycleTotal.count()) / 1000.0 / double(f.host.finished) : 0.0;
     char extra[160];
-    std::snprintf(extra, sizeof extra, ",\"mean_cycle_ms\":%.1f,\"broker_up\":%s,\"broker\":", meanCycleMs,
+    std::snprintf(extra, sizeof extra, ",\"mean_cycle_ms\":%.2f,\"broker_up\":%s,\"broker\":", meanCycleMs,
                   f.brokerUp ? "true" : "false");
     const std::string stats = f.statsJson.empty() ? std::string("{}") : f.statsJson;
     // The stats topic's object, with what only the page shows added at its end.

@@ -1,0 +1,102 @@
+"""The gateway's CSV log: a row for every value and quality the topics published, in a
+file named by the day, and a file that a kill -9 in the middle of a burst of changes
+leaves readable and that the next start appends to."""
+
+import csv
+import datetime
+import glob
+import os
+import time
+
+import harness as h
+
+P = "rtuplc/line1"
+HEADER = ["time", "station", "item", "address", "value", "quality"]
+
+
+def csv_config(broker, sim, items):
+    folder, config = h.base_config(broker, sim, items)
+    config["log"] = {"csv": os.path.join(folder, "log"), "rotate": "daily"}
+    return folder, config, os.path.join(folder, "log")
+
+
+def today_file(log_dir):
+    day = datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d")
+    return os.path.join(log_dir, "rtuplc-line1-%s.csv" % day)
+
+
+def read_rows(path):
+    with open(path, newline="") as f:
+        rows = list(csv.reader(f))
+    return rows[0], rows[1:]
+
+
+class CsvLog(h.GatewayTestCase):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.broker = cls.keep(h.Broker().start())
+
+    def test_rows_match_what_was_published(self):
+        sim = self.own(h.Simulator(stations=(1, 2)))
+        sub = self.own(h.Subscriber(self.broker, P + "/+/+/+"))
+        folder, config, log_dir = csv_config(self.broker, sim, ["D_W:100..104", "M:0..3@2", "D_D:200"])
+        gw = self.start_gateway(folder, config)
+        self.assertIsNotNone(sub.wait_for(P + "/2/M/3", timeout=h.START_TIMEOUT), gw.log())
+        # Changes, a station going silent (bad) and coming back (good again).
+        for value in (1, 2, 3):
+            sim.set(1, 101, value)
+            self.assertIsNotNone(sub.wait_for(P + "/1/D_W/101", lambda m: m.json()["value"] == value))
+        sim.set32(1, 200, 70000)
+        sim.stations(1)
+        self.assertIsNotNone(sub.wait_for(P + "/2/M/0", lambda m: m.json()["quality"] == "bad", h.START_TIMEOUT))
+        mark = sub.mark()
+        sim.stations(1, 2)
+        self.assertIsNotNone(sub.wait_for(P + "/2/M/0", lambda m: m.json()["quality"] == "good", h.START_TIMEOUT,
+                                          since=mark))
+        time.sleep(0.3)
+        self.assertEqual(gw.stop(), 0)
+
+        published = set()
+        for m in sub.since():
+            j = m.json()
+            path = m.topic[len(P) + 1:]
+            value = "" if j["value"] is None else str(j["value"])
+            published.add((j["ts"], path, value, j["quality"]))
+        header, rows = read_rows(today_file(log_dir))
+        self.assertEqual(header, HEADER)
+        logged = {(t, "%s/%s/%s" % (station, item, address), value, quality)
+                  for t, station, item, address, value, quality in rows}
+        self.assertEqual(len(logged), len(rows), "a row written twice")
+        self.assertEqual(logged, published)
+        qualities = [q for _, path, _, q in sorted(logged) if path == "2/M/0"]
+        self.assertEqual(qualities, ["good", "bad", "good"])
+        self.assertIn(("1/D_D/200", "70000"), {(p, v) for _, p, v, _ in logged})
+
+    def test_kill_9_in_a_burst_leaves_a_readable_file(self):
+        # Every value the simulator returns has changed by the next read: a row per value per poll.
+        sim = self.own(h.Simulator(extra_args=["--churn"]))
+        folder, config, log_dir = csv_config(None, sim, ["D_W:0..99"])
+        path = today_file(log_dir)
+        for run in range(2):
+            gw = self.own(h.Gateway(folder, config))
+            # A new run appends to the day's file: let it write a while before the kill.
+            before = os.path.getsize(path) if os.path.exists(path) else 0
+            self.assertTrue(h.wait_until(lambda: os.path.exists(path) and os.path.getsize(path) > before + 20000,
+                                         h.START_TIMEOUT), gw.log())
+            gw.kill()
+            with open(path, newline="") as f:
+                text = f.read()
+            self.assertTrue(text.endswith("\n"), "a row cut short: %r" % text[-80:])
+            header, rows = read_rows(path)
+            self.assertEqual(header, HEADER, "run %d" % run)
+            for row in rows:
+                self.assertEqual(len(row), 6, row)
+                self.assertIn(row[5], ("good", "bad"))
+                int(row[4])
+            self.assertNotIn(HEADER, rows, "a second header in the same file")
+        self.assertEqual(glob.glob(os.path.join(log_dir, "*")), [path])
+
+
+if __name__ == "__main__":
+    h.main()

@@ -1,0 +1,191 @@
+"""The live page in a real browser: headless chromium, driven over the DevTools
+protocol, against the gateway on the simulator. The table fills with the controller's
+values, a change updates its cell in place without reloading, a silent station shows
+offline, the trend has points, and a write from the page lands with the token and is
+refused without it. A screenshot is left in the working directory to look at."""
+
+import base64
+import json
+import os
+import re
+import shutil
+import subprocess
+import tempfile
+import time
+import unittest
+import urllib.request
+
+import websocket  # python3-websocket
+
+import harness as h
+import test_web as web
+
+P = "rtuplc/line1"
+ITEMS = ["D_W:100..104", {"item": "D_W:500..501", "writable": True, "name": "setpoint"}, "M:0..7@2"]
+CHROMIUM_FLAGS = ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+                  "--disable-background-networking", "--disable-component-update", "--disable-sync",
+                  "--remote-debugging-address=127.0.0.1", "--remote-debugging-port=0", "--window-size=1400,900"]
+BROWSER_TIMEOUT = 20.0  # s: chromium's first start on a loaded CI machine is slow
+SCREENSHOT = "rtuplc-gateway-page.png"
+
+
+class Browser:
+    """chromium with a profile of its own and one page, spoken to over the DevTools protocol."""
+
+    def __init__(self):
+        self.profile = tempfile.mkdtemp(prefix="rtuplc-chromium-")
+        self.proc = subprocess.Popen([shutil.which("chromium")] + CHROMIUM_FLAGS +
+                                     ["--user-data-dir=" + self.profile, "about:blank"],
+                                     stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                                     text=True)
+        self.err = h.LineReader(self.proc.stderr)
+        listening = self.err.wait_for(lambda l: "DevTools listening on ws://" in l, BROWSER_TIMEOUT)
+        if listening is None:
+            raise RuntimeError("chromium did not start:\n" + self.err.text())
+        port = int(re.search(r"ws://[^:]+:(\d+)/", listening).group(1))
+        pages = h.wait_until(lambda: [t for t in self.targets(port) if t["type"] == "page"], BROWSER_TIMEOUT)
+        self.ws = websocket.create_connection(pages[0]["webSocketDebuggerUrl"], timeout=BROWSER_TIMEOUT,
+                                              suppress_origin=True)
+        self.next_id = 0
+
+    @staticmethod
+    def targets(port):
+        try:
+            with urllib.request.urlopen("http://127.0.0.1:%d/json/list" % port, timeout=2) as r:
+                return json.loads(r.read())
+        except OSError:
+            return []
+
+    def call(self, method, **params):
+        self.next_id += 1
+        self.ws.send(json.dumps({"id": self.next_id, "method": method, "params": params}))
+        while True:
+            reply = json.loads(self.ws.recv())
+            if reply.get("id") == self.next_id:
+                if "error" in reply:
+                    raise RuntimeError("%s: %s" % (method, reply["error"]))
+                return reply["result"]
+
+    def js(self, expression):
+        """The value of a JavaScript expression in the page (promises awaited)."""
+        r = self.call("Runtime.evaluate", expression=expression, returnByValue=True, awaitPromise=True)
+        if "exceptionDetails" in r:
+            raise RuntimeError("%s: %s" % (expression, r["exceptionDetails"]))
+        return r["result"].get("value")
+
+    def wait_js(self, expression, timeout=h.ANSWER_TIMEOUT):
+        """Waits until the expression is truthy in the page; its value, or None."""
+        return h.wait_until(lambda: self.js(expression), timeout, step=0.1)
+
+    def cleanup(self):
+        try:
+            self.ws.close()
+        except Exception:
+            pass
+        h.end_process(self.proc)
+        shutil.rmtree(self.profile, ignore_errors=True)
+
+
+def cell(path, cls):
+    return "document.querySelector('tr[data-path=\"%s\"] td.%s')" % (path, cls)
+
+
+@unittest.skipUnless(shutil.which("chromium"), "chromium is not installed (scripts/install-deps installs it)")
+class Page(h.GatewayTestCase):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.broker = cls.keep(h.Broker().start())
+        cls.sim = cls.keep(h.Simulator(stations=(1, 2)))
+        cls.sub = cls.keep(h.Subscriber(cls.broker, P + "/#"))
+        folder, config, cls.port = web.web_config(cls.broker, cls.sim, ITEMS)
+        cls.gw = cls.keep(h.Gateway(folder, config))
+        web.wait_http(cls.port, cls.gw)
+        if cls.sub.wait_for(P + "/2/M/7", timeout=h.START_TIMEOUT) is None:
+            raise AssertionError("no value of station 2; the gateway's log:\n" + cls.gw.log())
+        cls.browser = cls.keep(Browser())
+        cls.browser.call("Page.navigate", url="http://127.0.0.1:%d/" % cls.port)
+        if not cls.browser.wait_js("document.querySelectorAll('#items tr').length == 12", h.START_TIMEOUT):
+            raise AssertionError("the table never filled; the gateway's log:\n" + cls.gw.log())
+        # Set once: gone if the page were ever reloaded.
+        cls.browser.js("window.loadedOnce = true")
+
+    def test_1_table_fills_with_the_controllers_values(self):
+        expected = [("1/D_W/100", h.pattern_register(1, 100)), ("1/D_W/104", h.pattern_register(1, 104)),
+                    ("1/D_W/501", h.pattern_register(1, 501)), ("2/M/5", h.pattern_coil(2, 2005))]
+        for path, value in expected:
+            with self.subTest(path):
+                self.assertTrue(self.browser.wait_js("%s.textContent == '%d'" % (cell(path, "v"), value)),
+                                self.browser.js(cell(path, "v") + ".textContent"))
+                self.assertEqual(self.browser.js(cell(path, "q") + ".textContent"), "good")
+        self.assertEqual(self.browser.js(cell("1/D_W/100", "hex") + ".textContent"), "0x0064")
+
+    def test_2_a_change_updates_its_cell_in_place(self):
+        b = self.browser
+        b.js("window.watched = %s" % cell("1/D_W/103", "v"))
+        self.sim.set(1, 103, 4321)
+        self.assertTrue(b.wait_js("window.watched.textContent == '4321'"), b.js("window.watched.textContent"))
+        self.assertTrue(b.js("window.watched === %s && window.loadedOnce === true" % cell("1/D_W/103", "v")))
+        self.assertEqual(b.js(cell("1/D_W/103", "hex") + ".textContent"), "0x10E1")
+
+    def test_3_the_trend_has_points(self):
+        b = self.browser
+        b.js("rtuplc.select('1/D_W/102')")
+        for value in (10, 500, 250, 900):
+            self.sim.set(1, 102, value)
+            time.sleep(0.3)
+        self.assertTrue(b.wait_js("rtuplc.trendPoints() >= 4"), b.js("rtuplc.trendPoints()"))
+        self.assertIn("1/D_W/102", b.js("rtuplc.seriesPaths()"))
+        # Something was drawn in the series' colour, not only the axes.
+        drawn = b.js("""(() => { const c = document.getElementById('trend');
+            const d = c.getContext('2d').getImageData(0, 0, c.width, c.height).data; let n = 0;
+            for (let i = 0; i < d.length; i += 4) if (d[i + 3] > 0 && d[i + 2] > 150 && d[i] < 120) n++;
+            return n; })()""")
+        self.assertGreater(drawn, 50)
+
+    def write_from_page(self, path, value):
+        b = self.browser
+        row = "document.querySelector('tr[data-path=\"%s\"]')" % path
+        b.js("%s.querySelector('span.answer').textContent = ''" % row)
+        b.js("(() => { const i = %s.querySelector('input.w'); i.value = '%s'; "
+             "%s.querySelector('td.w button').click(); })()" % (row, value, row))
+        return b.wait_js("(() => { const t = %s.querySelector('span.answer').textContent; "
+                         "return t && t != 'sending…' ? t : null; })()" % row, h.START_TIMEOUT)
+
+    def set_token(self, token):
+        self.browser.js("(() => { const t = document.getElementById('token'); t.value = '%s'; "
+                        "t.dispatchEvent(new Event('input')); })()" % token)
+
+    def test_4_a_write_with_the_token_lands_and_without_is_refused(self):
+        cases = [
+            ("the token", web.TOKEN, "1/D_W/500", 777, "acknowledged 777", 777),
+            ("no token", "", "1/D_W/500", 888, "refused: ", 777),
+            ("a wrong token", "nope", "1/D_W/501", 999, "refused: ", h.pattern_register(1, 501)),
+        ]
+        for what, token, path, value, answer, register in cases:
+            with self.subTest(what):
+                self.set_token(token)
+                got = self.write_from_page(path, value)
+                self.assertTrue(got and got.startswith(answer), got)
+                self.assertEqual(self.sim.get(1, int(path.rsplit("/", 1)[1])), register)
+
+    def test_5_a_silent_station_shows_offline(self):
+        b = self.browser
+        self.assertTrue(b.wait_js("document.getElementById('station-2').classList.contains('online')"))
+        self.sim.stations(1)
+        self.addCleanup(self.sim.stations, 1, 2)
+        self.assertTrue(b.wait_js("document.getElementById('station-2').classList.contains('offline')",
+                                  h.START_TIMEOUT), b.js("document.getElementById('stations').textContent"))
+        self.assertTrue(b.wait_js("%s.textContent == 'bad'" % cell("2/M/0", "q")))
+        self.assertTrue(b.js("document.getElementById('station-1').classList.contains('online')"))
+
+    def test_6_screenshot(self):
+        # For a person to look at: the page as a technician sees it.
+        time.sleep(1.5)
+        shot = self.browser.call("Page.captureScreenshot", format="png")
+        with open(os.path.join(os.getcwd(), SCREENSHOT), "wb") as f:
+            f.write(base64.b64decode(shot["data"]))
+
+
+if __name__ == "__main__":
+    h.main()
