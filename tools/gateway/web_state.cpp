@@ -82,9 +82,12 @@ void WebState::pointChanged(size_t index)
     item.seq = ++seq_;
     if (s.known) {
         const Sample sample{ms, s.value, s.good};
-        if (!item.history.empty() && ms - item.history.back().ms < resolutionMs_ &&
-            item.history.back().good == s.good && item.history.size() > 1)
-            item.history.back() = sample;
+        std::deque<Sample> &h = item.history;
+        // Within one step of the sample before the last, the last is replaced: at most
+        // one reading per step is kept, the latest, and a change of quality always stays.
+        if (h.size() > 1 && ms - h[h.size() - 2].ms < resolutionMs_ && h.back().good == s.good &&
+            h[h.size() - 2].good == s.good)
+            h.back() = sample;
         else
             item.history.push_back(sample);
         trim(item.history, ms);
