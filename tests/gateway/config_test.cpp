@@ -1,1 +1,303 @@
-// config_test.cpp
+// The gateway's configuration loader: every kind of mistake is refused with the file, the
+// line, the key and the reason; good files get the defaults a user relies on; and the
+// broker password never shows in a message.
+#include "config.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+using rtugw::Config;
+
+constexpr char kSecret[] = "Pa55-w0rd-xyz";
+
+// A minimal good file; rows append their section from line 5 on.
+const std::string kBase = "line:\n  tcp: 127.0.0.1:8000\nitems:\n  - D_W:0..9\n";
+const std::string kItemsOnly = "items:\n  - D_W:0..9\n";
+
+class GatewayConfig : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        char tmpl[] = "/tmp/rtuplc-gwcfg-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        write("empty.secret", "\n");
+        write("pw.secret", std::string(kSecret) + "\r\n");
+        write("ca.pem", "certificate\n");
+    }
+    void TearDown() override { std::filesystem::remove_all(dir_); }
+
+    std::string write(const std::string &name, const std::string &text)
+    {
+        const std::string path = dir_ + "/" + name;
+        std::ofstream(path, std::ios::binary) << text;
+        return path;
+    }
+    bool load(const std::string &name, const std::string &text, Config *c, std::string *error)
+    {
+        return rtugw::loadConfig(write(name, text), c, error);
+    }
+
+    std::string dir_;
+};
+
+struct BadFile {
+    const char *what;
+    std::string file; // empty: gw.yaml
+    std::string yaml;
+    std::vector<std::string> expected; // substrings of the error
+};
+
+TEST_F(GatewayConfig, RefusesEveryKindOfMistakeWithPlaceKeyAndReason)
+{
+    const std::string url = "mqtt:\n  url: mqtt://127.0.0.1\n";
+    const std::string tls = "mqtt:\n  url: mqtts://broker\n";
+    const std::vector<BadFile> rows = {
+        {"empty file", "", "", {"gw.yaml: empty"}},
+        {"only comments", "", "# nothing yet\n", {"gw.yaml: empty"}},
+        {"a list at the top", "", "- line\n- items\n", {"gw.yaml:1: the file: must be a mapping of keys (name, line"}},
+        {"broken YAML", "", "line: [tcp\nitems: 1\n", {"gw.yaml:", "not valid YAML: "}},
+        {"second document", "", kBase + "---\nname: b\n", {"gw.yaml:6: a second document (after ---)"}},
+        {"unknown top-level key", "", kBase + "mqtt-url: x\n",
+         {"gw.yaml:5: mqtt-url: unknown key (the file takes: name, line, mqtt, items"}},
+        {"key given twice", "", kBase + "line:\n  tcp: h:1\n", {"gw.yaml:5: line: given twice (first on line 1)"}},
+        {"key that is not text", "", kBase + "? [a, b]\n: 1\n", {"gw.yaml:5: a key must be text, not a list"}},
+        {"bad name", "", kBase + "name: line 1\n", {"gw.yaml:5: name: \"line 1\" cannot be a name"}},
+        {"file name unusable as a name", "my line.yaml", kBase,
+         {"my line.yaml: name: taken from the file's name: \"my line\" cannot be a name"}},
+        // line
+        {"line missing", "", kItemsOnly, {"gw.yaml: line: missing (say tcp: HOST:PORT or serial: DEVICE)"}},
+        {"line not a mapping", "", "line: 127.0.0.1:8000\n" + kItemsOnly, {"gw.yaml:1: line: must be a mapping of keys (tcp"}},
+        {"neither tcp nor serial", "", "line:\n  timeout: 5\n" + kItemsOnly, {"gw.yaml:1: line: no link given"}},
+        {"both tcp and serial", "", "line:\n  tcp: h:1\n  serial: /dev/ttyS0\n" + kItemsOnly,
+         {"gw.yaml:1: line: give tcp or serial, not both"}},
+        {"tcp without port", "", "line:\n  tcp: 10.0.0.1\n" + kItemsOnly, {"gw.yaml:2: line.tcp: must be HOST:PORT"}},
+        {"tcp port out of range", "", "line:\n  tcp: h:65536\n" + kItemsOnly, {"gw.yaml:2: line.tcp:", "\"h:65536\""}},
+        {"tcp with no value", "", "line:\n  tcp:\n" + kItemsOnly, {"gw.yaml:2: line.tcp: has no value"}},
+        {"settings on a TCP link", "", "line:\n  tcp: h:1\n  settings: 9600,8,EVEN,1\n" + kItemsOnly,
+         {"gw.yaml:3: line.settings: only with serial"}},
+        {"bad serial settings", "", "line:\n  serial: /dev/ttyS0\n  settings: 19200,9,EVEN,1\n" + kItemsOnly,
+         {"gw.yaml:3: line.settings:", "data bits"}},
+        {"timeout not a number", "", "line:\n  tcp: h:1\n  timeout: fast\n" + kItemsOnly,
+         {"gw.yaml:3: line.timeout: must be a whole number of milliseconds from 1 to 60000, not \"fast\""}},
+        {"timeout zero", "", "line:\n  tcp: h:1\n  timeout: 0\n" + kItemsOnly, {"line.timeout:", "not \"0\""}},
+        {"timeout a float", "", "line:\n  tcp: h:1\n  timeout: 1.5\n" + kItemsOnly, {"line.timeout:", "not \"1.5\""}},
+        {"timeout a list", "", "line:\n  tcp: h:1\n  timeout: [1]\n" + kItemsOnly, {"line.timeout:", "not a list"}},
+        {"pause negative", "", "line:\n  tcp: h:1\n  pause: -1\n" + kItemsOnly, {"line.pause:", "from 0 to 60000"}},
+        {"too many retries", "", "line:\n  tcp: h:1\n  retries: 11\n" + kItemsOnly,
+         {"gw.yaml:3: line.retries: must be a whole number from 1 to 10, not \"11\""}},
+        {"station past 247", "", "line:\n  tcp: h:1\n  station: 248\n" + kItemsOnly, {"line.station:", "from 1 to 247"}},
+        {"rs485 not a boolean", "", "line:\n  serial: /dev/ttyS0\n  rs485: maybe\n" + kItemsOnly,
+         {"gw.yaml:3: line.rs485: must be true or false, not \"maybe\""}},
+        // mqtt
+        {"mqtt typo", "", kBase + "mqtt:\n  qso: 1\n", {"gw.yaml:6: mqtt.qso: unknown key (mqtt takes: url, client-id,"}},
+        {"mqtt not a mapping", "", kBase + "mqtt: mqtt://h\n", {"gw.yaml:5: mqtt: must be a mapping"}},
+        {"url of another scheme", "", kBase + "mqtt:\n  url: http://h\n",
+         {"gw.yaml:6: mqtt.url: must be mqtt://HOST[:PORT] or mqtts://HOST[:PORT]"}},
+        {"url port out of range", "", kBase + "mqtt:\n  url: mqtt://h:0\n", {"gw.yaml:6: mqtt.url:"}},
+        {"url with a path", "", kBase + "mqtt:\n  url: mqtt://h/x\n", {"gw.yaml:6: mqtt.url:"}},
+        {"qos 2", "", kBase + "mqtt:\n  qos: 2\n", {"gw.yaml:6: mqtt.qos: must be 0 or 1, not \"2\""}},
+        {"keepalive too short", "", kBase + "mqtt:\n  keepalive: 4\n", {"mqtt.keepalive:", "seconds from 5 to 3600"}},
+        {"empty buffer", "", kBase + "mqtt:\n  buffer: 0\n", {"mqtt.buffer:", "from 1 to 10000000"}},
+        {"stats interval past a day", "", kBase + "mqtt:\n  stats-interval: 86401\n", {"mqtt.stats-interval:"}},
+        {"client id too long", "", kBase + "mqtt:\n  client-id: " + std::string(129, 'c') + "\n",
+         {"gw.yaml:6: mqtt.client-id: at most 128 characters"}},
+        {"topic with a wildcard", "", kBase + "mqtt:\n  topic: a/+/b\n", {"gw.yaml:6: mqtt.topic:", "wildcard"}},
+        {"topic with #", "", kBase + "mqtt:\n  topic: a/#\n", {"mqtt.topic:", "wildcard"}},
+        {"topic with a leading /", "", kBase + "mqtt:\n  topic: /a\n", {"mqtt.topic:", "leading or trailing"}},
+        {"topic with a trailing /", "", kBase + "mqtt:\n  topic: a/\n", {"mqtt.topic:", "leading or trailing"}},
+        {"topic with an empty level", "", kBase + "mqtt:\n  topic: a//b\n", {"mqtt.topic:", "empty level"}},
+        {"password without user", "", kBase + "mqtt:\n  password: " + kSecret + "\n",
+         {"gw.yaml:6: mqtt.password: needs mqtt.username"}},
+        {"password twice", "", kBase + "mqtt:\n  username: u\n  password-file: pw.secret\n  password: " + kSecret + "\n",
+         {"gw.yaml:8: mqtt.password: give password or password-file, not both"}},
+        {"password file missing", "", kBase + "mqtt:\n  username: u\n  password-file: nope.secret\n",
+         {"gw.yaml:7: mqtt.password-file: cannot read /", "/nope.secret: No such file or directory"}},
+        {"password file empty", "", kBase + "mqtt:\n  username: u\n  password-file: empty.secret\n",
+         {"gw.yaml:7: mqtt.password-file:", "the first line is empty"}},
+        {"ca without TLS", "", kBase + url + "  ca: ca.pem\n", {"gw.yaml:7: mqtt.ca: only with an mqtts:// url"}},
+        {"ca missing", "", kBase + tls + "  ca: missing.pem\n", {"gw.yaml:7: mqtt.ca: cannot read", "No such file"}},
+        {"ca a folder", "", kBase + tls + "  ca: .\n", {"mqtt.ca: cannot read", "Is a directory"}},
+        {"cert without key", "", kBase + tls + "  cert: ca.pem\n", {"gw.yaml:7: mqtt.cert: a client certificate and its key"}},
+        {"key without cert", "", kBase + tls + "  key: ca.pem\n", {"gw.yaml:7: mqtt.key:"}},
+        {"unknown mode", "", kBase + "mqtt:\n  mode: json\n", {"gw.yaml:6: mqtt.mode: must be plain or sparkplug, not \"json\""}},
+        // items
+        {"items missing", "", "line:\n  tcp: h:1\n", {"gw.yaml: items: missing"}},
+        {"items not a list", "", "line:\n  tcp: h:1\nitems: D_W:0\n", {"gw.yaml:3: items: must be a list"}},
+        {"items empty", "", "line:\n  tcp: h:1\nitems: []\n", {"gw.yaml:3: items: empty"}},
+        {"an empty item", "", kBase + "  -\n", {"items: an item is text", "not nothing"}},
+        {"item mapping without item", "", kBase + "  - writable: true\n", {"gw.yaml:5: items.item: missing"}},
+        {"writable not a boolean", "", kBase + "  - item: D_W:1\n    writable: sure\n",
+         {"gw.yaml:6: items.writable: must be true or false, not \"sure\""}},
+        {"item typo", "", kBase + "  - item: D_W:1\n    writeable: true\n",
+         {"gw.yaml:6: items.writeable: unknown key (an item takes: item, writable"}},
+        // the optional sections
+        {"station out of range", "", kBase + "stations:\n  0: { name: a }\n", {"gw.yaml:6: stations: a station is a number"}},
+        {"station without name", "", kBase + "stations:\n  2: {}\n", {"gw.yaml:6: stations.2.name: missing"}},
+        {"station typo", "", kBase + "stations:\n  2: { nmae: a }\n", {"stations.2.nmae: unknown key (a station takes: name)"}},
+        {"sparkplug in plain mode", "", kBase + "sparkplug:\n  group: g\n", {"gw.yaml:5: sparkplug: only with mqtt.mode"}},
+        {"sparkplug without group", "", kBase + "mqtt:\n  mode: sparkplug\n", {"gw.yaml: sparkplug.group: missing"}},
+        {"sparkplug group with /", "", kBase + "mqtt:\n  mode: sparkplug\nsparkplug:\n  group: a/b\n",
+         {"gw.yaml:8: sparkplug.group:", "one topic level"}},
+        {"discovery prefix with #", "", kBase + "homeassistant:\n  prefix: ha/#\n", {"gw.yaml:6: homeassistant.prefix:"}},
+        {"http listen without port", "", kBase + "http:\n  listen: 0.0.0.0\n", {"gw.yaml:6: http.listen: must be HOST:PORT"}},
+        {"http token file missing", "", kBase + "http:\n  token-file: none\n", {"gw.yaml:6: http.token-file: cannot read"}},
+        {"http history too long", "", kBase + "http:\n  history: 1441\n", {"http.history:", "minutes from 0 to 1440"}},
+        {"log rotate unknown", "", kBase + "log:\n  rotate: weekly\n", {"gw.yaml:6: log.rotate: must be daily or never"}},
+        {"log size unreadable", "", kBase + "log:\n  max-size: lots\n", {"gw.yaml:6: log.max-size:", "\"lots\""}},
+        {"log size too small", "", kBase + "log:\n  max-size: 10K\n", {"log.max-size:", "from 1M"}},
+    };
+    for (const BadFile &row : rows) {
+        Config c;
+        c.name = "untouched";
+        std::string error;
+        EXPECT_FALSE(load(row.file.empty() ? "gw.yaml" : row.file, row.yaml, &c, &error)) << row.what;
+        EXPECT_EQ(c.name, "untouched") << row.what << ": a refused file leaves the configuration alone";
+        EXPECT_EQ(error.rfind(dir_ + "/", 0), 0u) << row.what << ": " << error;
+        for (const std::string &part : row.expected)
+            EXPECT_NE(error.find(part), std::string::npos) << row.what << ": \"" << part << "\" not in: " << error;
+        EXPECT_EQ(error.find(kSecret), std::string::npos) << row.what << ": the password shows in: " << error;
+    }
+}
+
+TEST_F(GatewayConfig, MissingFileIsNamed)
+{
+    Config c;
+    std::string error;
+    EXPECT_FALSE(rtugw::loadConfig(dir_ + "/none.yaml", &c, &error));
+    EXPECT_EQ(error, dir_ + "/none.yaml: cannot read: No such file or directory");
+}
+
+// Wherever a password sits next to a mistake, the message names the key and never the value.
+TEST_F(GatewayConfig, PasswordNeverInAMessage)
+{
+    const std::string pw = std::string("  password: ") + kSecret + "\n";
+    const std::vector<std::string> files = {
+        kBase + "mqtt:\n" + pw,
+        kBase + "mqtt:\n  username: u\n" + pw + pw,
+        kBase + "mqtt:\n  username: u\n" + pw + "  qos: " + kSecret + "\n",
+        kBase + "mqtt:\n  username: u\n  password: [" + kSecret + "]\n",
+        kBase + "mqtt:\n  username: u\n  pasword: " + kSecret + "\n",
+        kBase + "mqtt:\n  username: u\n" + pw + "  topic: a/+\n",
+        kBase + "mqtt:\n  url: mqtt://u:" + kSecret + "@h\n",
+        kBase + "mqtt:\n  username: u\n  password-file: pw.secret\n  keepalive: " + kSecret + "\n",
+    };
+    for (const std::string &yaml : files) {
+        Config c;
+        std::string error;
+        EXPECT_FALSE(load("gw.yaml", yaml, &c, &error)) << yaml;
+        EXPECT_FALSE(error.empty());
+        EXPECT_EQ(error.find(kSecret), std::string::npos) << error;
+    }
+}
+
+struct GoodFile {
+    const char *what;
+    std::string file;
+    std::string yaml;
+    std::function<void(const Config &, const std::string &dir)> check;
+};
+
+TEST_F(GatewayConfig, GoodFilesGetTheirDefaults)
+{
+    const std::vector<GoodFile> rows = {
+        {"defaults", "line7.yaml", kBase,
+         [](const Config &c, const std::string &) {
+             EXPECT_EQ(c.name, "line7");
+             EXPECT_EQ(c.mqtt.clientId, "rtuplc-line7");
+             EXPECT_EQ(c.mqtt.topic, "rtuplc/line7");
+             EXPECT_FALSE(c.mqtt.tls);
+             EXPECT_EQ(c.mqtt.host, "127.0.0.1");
+             EXPECT_EQ(c.mqtt.port, 1883);
+             EXPECT_EQ(c.line.kind, rtugw::LineConfig::Kind::Tcp);
+             EXPECT_EQ(c.line.host, "127.0.0.1");
+             EXPECT_EQ(c.line.port, 8000);
+             EXPECT_EQ(c.line.timeoutMs, 500);
+             EXPECT_EQ(c.line.retries, 3);
+             ASSERT_EQ(c.items.size(), 1u);
+             EXPECT_EQ(c.items[0].text, "D_W:0..9");
+             EXPECT_EQ(c.items[0].line, 4);
+             EXPECT_FALSE(c.items[0].writable);
+             EXPECT_FALSE(c.http.enabled);
+             EXPECT_FALSE(c.homeassistant.enabled);
+         }},
+        {".yml stripped, plain port given", "press-2.yml", kBase + "mqtt:\n  url: mqtt://broker:1884\n",
+         [](const Config &c, const std::string &) {
+             EXPECT_EQ(c.name, "press-2");
+             EXPECT_EQ(c.mqtt.host, "broker");
+             EXPECT_EQ(c.mqtt.port, 1884);
+         }},
+        {"name given wins over the file's", "x.yaml", "name: oven_1\n" + kBase,
+         [](const Config &c, const std::string &) {
+             EXPECT_EQ(c.name, "oven_1");
+             EXPECT_EQ(c.mqtt.topic, "rtuplc/oven_1");
+         }},
+        {"TLS port and a relative ca", "gw.yaml", kBase + "mqtt:\n  url: mqtts://[::1]\n  ca: ca.pem\n",
+         [](const Config &c, const std::string &dir) {
+             EXPECT_TRUE(c.mqtt.tls);
+             EXPECT_EQ(c.mqtt.host, "::1");
+             EXPECT_EQ(c.mqtt.port, 8883);
+             EXPECT_EQ(c.mqtt.ca, dir + "/ca.pem");
+         }},
+        {"password file's line end stripped", "gw.yaml", kBase + "mqtt:\n  username: u\n  password-file: pw.secret\n",
+         [](const Config &c, const std::string &dir) {
+             EXPECT_EQ(c.mqtt.password, kSecret);
+             EXPECT_EQ(c.mqtt.passwordFile, dir + "/pw.secret");
+         }},
+        {"serial line and writable items", "gw.yaml",
+         "line:\n  serial: /dev/ttyS0\n  settings: 19200,8,e,1\n  rs485: true\n  station: 3\nitems:\n"
+         "  - X:0..7@2\n  - item: D_W:500..504\n    writable: true\n    unit: bar\n",
+         [](const Config &c, const std::string &) {
+             EXPECT_EQ(c.line.kind, rtugw::LineConfig::Kind::Serial);
+             EXPECT_EQ(c.line.device, "/dev/ttyS0");
+             EXPECT_EQ(c.line.settings, "19200,8,EVEN,1");
+             EXPECT_TRUE(c.line.rs485);
+             EXPECT_EQ(c.line.station, 3);
+             ASSERT_EQ(c.items.size(), 2u);
+             EXPECT_EQ(c.items[1].text, "D_W:500..504");
+             EXPECT_TRUE(c.items[1].writable);
+             EXPECT_EQ(c.items[1].unit, "bar");
+             EXPECT_EQ(c.items[1].line, 8);
+         }},
+        {"optional sections", "gw.yaml",
+         kBase + "mqtt:\n  mode: sparkplug\nsparkplug:\n  group: plant\nhomeassistant:\nhttp:\n  listen: 0.0.0.0:9000\n"
+                 "log:\n  csv: logs\n  max-size: 5M\nstations:\n  2: { name: press }\n",
+         [](const Config &c, const std::string &dir) {
+             EXPECT_EQ(c.sparkplug.group, "plant");
+             EXPECT_EQ(c.sparkplug.node, "gw");
+             EXPECT_TRUE(c.homeassistant.enabled);
+             EXPECT_EQ(c.homeassistant.prefix, "homeassistant");
+             EXPECT_TRUE(c.http.enabled);
+             EXPECT_EQ(c.http.port, 9000);
+             EXPECT_EQ(c.log.csvDir, dir + "/logs");
+             EXPECT_EQ(c.log.maxBytes, 5u * 1024 * 1024);
+             EXPECT_EQ(c.stationNames.at(2), "press");
+         }},
+    };
+    for (const GoodFile &row : rows) {
+        Config c;
+        std::string error;
+        ASSERT_TRUE(load(row.file, row.yaml, &c, &error)) << row.what << ": " << error;
+        SCOPED_TRACE(row.what);
+        row.check(c, dir_);
+    }
+}
+
+TEST_F(GatewayConfig, ShippedExampleLoads)
+{
+    Config c;
+    std::string error;
+    ASSERT_TRUE(rtugw::loadConfig(RTUPLC_GATEWAY_EXAMPLE, &c, &error)) << error;
+    EXPECT_EQ(c.line.host, "127.0.0.1");
+    EXPECT_GE(c.items.size(), 2u);
+}
+
+} // namespace

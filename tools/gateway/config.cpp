@@ -1,1 +1,721 @@
-// config.cpp
+// Reads one line's YAML configuration. Every key is checked against the keys its section
+// takes and every value against its range, so a typo stops the service at start with the
+// file, the line and the key, instead of leaving a setting silently at its default.
+#include "config.h"
+
+#include "rtuplc_support/serial_line.h"
+
+#include <yaml-cpp/yaml.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <map>
+
+namespace rtugw {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kMinTimeoutMs = 1, kMaxTimeoutMs = 60000;
+constexpr int kMinPauseMs = 0, kMaxPauseMs = 60000;
+constexpr int kMinRetries = 1, kMaxRetries = 10;
+constexpr int kMinStation = 1, kMaxStation = 247; // Modbus slave addresses; 0 is the broadcast
+constexpr int kMinPort = 1, kMaxPort = 65535;
+constexpr int kPlainMqttPort = 1883, kTlsMqttPort = 8883;
+constexpr int kMaxQos = 1; // QoS 2 costs two more round trips for values that are republished anyway
+constexpr int kMinKeepalive = 5, kMaxKeepalive = 3600;
+constexpr long long kMinBuffer = 1, kMaxBuffer = 10000000;
+constexpr int kMaxStatsInterval = 86400;
+constexpr size_t kMaxClientId = 128;
+constexpr int kMaxHistoryMinutes = 24 * 60;
+constexpr unsigned long long kKiB = 1024, kMiB = kKiB * 1024, kGiB = kMiB * 1024;
+constexpr unsigned long long kMinLogBytes = kMiB, kMaxLogBytes = 1024 * kGiB;
+constexpr size_t kMaxEchoed = 40;   // a value quoted back in a message is cut here
+constexpr size_t kMaxDigits = 18;   // fits a long long, far beyond every range here
+
+const char *const kMqttScheme = "mqtt://";
+const char *const kMqttsScheme = "mqtts://";
+const char *const kLineHint = "say tcp: HOST:PORT or serial: DEVICE";
+
+using Keys = std::vector<std::string>;
+const Keys kTopKeys = {"name", "line", "mqtt", "items", "stations", "sparkplug", "homeassistant", "http", "log"};
+const Keys kLineKeys = {"tcp", "serial", "settings", "rs485", "timeout", "pause", "retries", "station"};
+const Keys kMqttKeys = {"url",   "client-id", "username", "password-file", "password", "ca",
+                        "cert",  "key",       "topic",    "qos",           "keepalive", "buffer",
+                        "stats-interval", "mode"};
+const Keys kItemKeys = {"item", "writable", "name", "unit", "device-class"};
+const Keys kStationKeys = {"name"};
+const Keys kSparkplugKeys = {"group", "node", "primary-host"};
+const Keys kHomeAssistantKeys = {"prefix"};
+const Keys kHttpKeys = {"listen", "token-file", "history"};
+const Keys kLogKeys = {"csv", "rotate", "max-size"};
+
+// Lines in messages count from 1; yaml-cpp counts from 0, and a node the file does not
+// have carries no mark at all.
+int lineOf(const YAML::Node &node)
+{
+    return node.Mark().is_null() ? 0 : node.Mark().line + 1;
+}
+
+std::string joined(const Keys &keys, const char *separator = ", ")
+{
+    std::string out;
+    for (const std::string &k : keys)
+        out += (out.empty() ? "" : separator) + k;
+    return out;
+}
+
+std::string inQuotes(const std::string &text)
+{
+    return "\"" + (text.size() > kMaxEchoed ? text.substr(0, kMaxEchoed) + "..." : text) + "\"";
+}
+
+// What a value is, for "must be ..., not X". Only ever used on values that are not secret.
+std::string describe(const YAML::Node &node)
+{
+    if (node.IsNull())
+        return "nothing";
+    if (node.IsSequence())
+        return "a list";
+    if (node.IsMap())
+        return "a mapping";
+    return inQuotes(node.Scalar());
+}
+
+bool isNameChar(unsigned char c)
+{
+    return std::isalnum(c) || c == '_' || c == '-';
+}
+
+bool isName(const std::string &s)
+{
+    return !s.empty() && std::all_of(s.begin(), s.end(), isNameChar);
+}
+
+// Why `topic` cannot start the topics we publish under, or empty when it can.
+std::string topicProblem(const std::string &topic)
+{
+    if (topic.find_first_of("+#") != std::string::npos)
+        return "a wildcard (+ or #) cannot be part of a topic we publish to";
+    if (topic.find('\0') != std::string::npos)
+        return "a NUL character is not allowed in a topic";
+    if (topic.front() == '/' || topic.back() == '/')
+        return "no leading or trailing /: the levels under it are added with their own /";
+    if (topic.find("//") != std::string::npos)
+        return "an empty level (//) makes a different topic from what was meant";
+    return {};
+}
+
+// A Sparkplug id is one topic level.
+std::string sparkplugIdProblem(const std::string &id)
+{
+    if (id.find_first_of("/+#") != std::string::npos || id.find('\0') != std::string::npos)
+        return "must be one topic level: no /, + or #";
+    return {};
+}
+
+bool parseNumber(const std::string &text, long long *out)
+{
+    const size_t digits = text.size() - (text.rfind('-', 0) == 0 ? 1 : 0);
+    if (digits == 0 || digits > kMaxDigits ||
+        !std::all_of(text.end() - long(digits), text.end(), [](unsigned char c) { return std::isdigit(c); }))
+        return false;
+    *out = std::stoll(text);
+    return true;
+}
+
+bool parsePort(const std::string &text, int *port)
+{
+    long long n = 0;
+    if (text.empty() || text[0] == '-' || !parseNumber(text, &n) || n < kMinPort || n > kMaxPort)
+        return false;
+    *port = int(n);
+    return true;
+}
+
+// HOST:PORT, or [V6ADDRESS]:PORT; with `defaultPort` the port may be left out. The host
+// is kept without brackets.
+bool parseHostPort(const std::string &text, std::string *host, int *port, int defaultPort)
+{
+    std::string rest;
+    if (!text.empty() && text[0] == '[') {
+        const size_t close = text.find(']');
+        if (close == std::string::npos || close == 1)
+            return false;
+        *host = text.substr(1, close - 1);
+        rest = text.substr(close + 1);
+    } else {
+        const size_t colon = text.rfind(':');
+        *host = text.substr(0, colon);
+        rest = colon == std::string::npos ? "" : text.substr(colon);
+        if (host->empty() || host->find(':') != std::string::npos)
+            return false;
+    }
+    if (std::any_of(host->begin(), host->end(), [](unsigned char c) { return std::isspace(c) || c == '/'; }))
+        return false;
+    if (rest.empty() && defaultPort > 0) {
+        *port = defaultPort;
+        return true;
+    }
+    return rest.size() > 1 && rest[0] == ':' && parsePort(rest.substr(1), port);
+}
+
+// Reads the whole file, or says why not in the C library's words.
+bool readFile(const std::string &path, std::string *text, std::string *why)
+{
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        *why = std::strerror(errno);
+        return false;
+    }
+    char buf[4096];
+    ssize_t n;
+    text->clear();
+    while ((n = ::read(fd, buf, sizeof buf)) > 0)
+        text->append(buf, size_t(n));
+    if (n < 0)
+        *why = std::strerror(errno);
+    ::close(fd);
+    return n == 0;
+}
+
+// The state of one load: the file messages point to, its folder, and the error.
+struct Reader {
+    const Config &config;
+    std::string folder;
+    std::string *error;
+
+    bool fail(int line, const std::string &key, const std::string &why)
+    {
+        *error = where(config, line) + (key.empty() ? "" : key + ": ") + why;
+        return false;
+    }
+};
+
+// One mapping of the file, every key checked against the ones the section takes.
+class Section {
+public:
+    struct Entry {
+        YAML::Node key, value;
+    };
+
+    // `path` is the dotted key of the section, empty for the whole file; `what` names it in
+    // messages about unknown keys ("mqtt takes: ...").
+    bool open(Reader &r, const YAML::Node &node, int line, const std::string &path, const std::string &what,
+              const Keys &known)
+    {
+        path_ = path;
+        line_ = line;
+        if (node.IsNull())
+            return true;
+        if (!node.IsMap())
+            return r.fail(line, path, "must be a mapping of keys (" + joined(known) + "), not " + describe(node));
+        for (auto it = node.begin(); it != node.end(); ++it) {
+            const int at = lineOf(it->first);
+            if (!it->first.IsScalar())
+                return r.fail(at, path, "a key must be text, not " + describe(it->first));
+            const std::string key = it->first.Scalar();
+            if (std::find(known.begin(), known.end(), key) == known.end())
+                return r.fail(at, this->path(key), "unknown key (" + what + " takes: " + joined(known) + ")");
+            const auto seen = entries_.find(key);
+            if (seen != entries_.end())
+                return r.fail(at, this->path(key),
+                              "given twice (first on line " + std::to_string(lineOf(seen->second.key)) + ")");
+            entries_[key] = Entry{it->first, it->second};
+        }
+        return true;
+    }
+
+    const Entry *find(const std::string &key) const
+    {
+        const auto it = entries_.find(key);
+        return it == entries_.end() ? nullptr : &it->second;
+    }
+    std::string path(const std::string &key) const { return path_.empty() ? key : path_ + "." + key; }
+    int line() const { return line_; }
+    int line(const std::string &key) const { return find(key) ? lineOf(find(key)->key) : line_; }
+
+private:
+    std::string path_;
+    int line_ = 0;
+    std::map<std::string, Entry> entries_;
+};
+
+// The readers below leave `out` alone when the key is absent, so it keeps its default.
+
+template <typename T>
+bool readNumber(Reader &r, const Section &s, const char *key, long long lo, long long hi, const char *unit, T *out)
+{
+    const Section::Entry *e = s.find(key);
+    if (!e)
+        return true;
+    long long n = 0;
+    if (e->value.IsScalar() && parseNumber(e->value.Scalar(), &n) && n >= lo && n <= hi) {
+        *out = T(n);
+        return true;
+    }
+    const std::string range = hi == lo + 1 ? std::to_string(lo) + " or " + std::to_string(hi)
+                                           : std::string("a whole number") + (*unit ? " of " : "") + unit + " from " +
+                                                 std::to_string(lo) + " to " + std::to_string(hi);
+    return r.fail(lineOf(e->key), s.path(key), "must be " + range + ", not " + describe(e->value));
+}
+
+bool readBool(Reader &r, const Section &s, const char *key, bool *out)
+{
+    const Section::Entry *e = s.find(key);
+    if (!e || (e->value.IsScalar() && YAML::convert<bool>::decode(e->value, *out)))
+        return true;
+    return r.fail(lineOf(e->key), s.path(key), "must be true or false, not " + describe(e->value));
+}
+
+// Text that is there and not empty. The value itself is never quoted back, so this serves
+// secrets too.
+bool readText(Reader &r, const Section &s, const char *key, std::string *out)
+{
+    const Section::Entry *e = s.find(key);
+    if (!e)
+        return true;
+    if (e->value.IsNull())
+        return r.fail(lineOf(e->key), s.path(key), "has no value");
+    if (!e->value.IsScalar())
+        return r.fail(lineOf(e->key), s.path(key), "must be text, not " + describe(e->value));
+    if (e->value.Scalar().empty())
+        return r.fail(lineOf(e->key), s.path(key), "is empty");
+    *out = e->value.Scalar();
+    return true;
+}
+
+// One of `choices`, given as text.
+bool readChoice(Reader &r, const Section &s, const char *key, const Keys &choices, std::string *out)
+{
+    std::string text;
+    if (!readText(r, s, key, &text))
+        return false;
+    if (text.empty())
+        return true;
+    if (std::find(choices.begin(), choices.end(), text) == choices.end())
+        return r.fail(s.line(key), s.path(key), "must be " + joined(choices, " or ") + ", not " + inQuotes(text));
+    *out = text;
+    return true;
+}
+
+// A path, made absolute against the configuration's folder, so the service finds its
+// files whatever directory it is started from.
+bool readPath(Reader &r, const Section &s, const char *key, std::string *out)
+{
+    std::string text;
+    if (!readText(r, s, key, &text))
+        return false;
+    if (!text.empty())
+        *out = (fs::path(text).is_relative() ? fs::path(r.folder) / text : fs::path(text)).lexically_normal().string();
+    return true;
+}
+
+// A path to a file that must be readable now, not at the first connection attempt.
+bool readFilePath(Reader &r, const Section &s, const char *key, std::string *out, std::string *content = nullptr)
+{
+    if (!readPath(r, s, key, out))
+        return false;
+    if (out->empty())
+        return true;
+    std::string text, why;
+    if (!readFile(*out, &text, &why))
+        return r.fail(s.line(key), s.path(key), "cannot read " + *out + ": " + why);
+    if (content)
+        *content = text;
+    return true;
+}
+
+// A secret kept in a file of its own: its first line, without the line end an editor adds.
+bool readSecretFile(Reader &r, const Section &s, const char *key, std::string *path, std::string *secret)
+{
+    std::string text;
+    if (!readFilePath(r, s, key, path, &text))
+        return false;
+    if (path->empty())
+        return true;
+    text = text.substr(0, text.find('\n'));
+    while (!text.empty() && (text.back() == '\r' || text.back() == '\n'))
+        text.pop_back();
+    if (text.empty())
+        return r.fail(s.line(key), s.path(key), *path + ": the first line is empty");
+    *secret = text;
+    return true;
+}
+
+bool readHostPort(Reader &r, const Section &s, const char *key, std::string *host, int *port, std::string *text)
+{
+    std::string given;
+    if (!readText(r, s, key, &given))
+        return false;
+    if (given.empty())
+        return true;
+    if (!parseHostPort(given, host, port, 0))
+        return r.fail(s.line(key), s.path(key),
+                      "must be HOST:PORT with a port from 1 to 65535, e.g. 192.168.0.20:8000, not " + inQuotes(given));
+    if (text)
+        *text = given;
+    return true;
+}
+
+bool parseUrl(const std::string &url, MqttConfig *m)
+{
+    const bool tls = url.rfind(kMqttsScheme, 0) == 0;
+    if (!tls && url.rfind(kMqttScheme, 0) != 0)
+        return false;
+    m->tls = tls;
+    const std::string rest = url.substr(std::strlen(tls ? kMqttsScheme : kMqttScheme));
+    return parseHostPort(rest, &m->host, &m->port, tls ? kTlsMqttPort : kPlainMqttPort);
+}
+
+bool parseLine(Reader &r, const Section &top, LineConfig *line)
+{
+    const Section::Entry *e = top.find("line");
+    if (!e)
+        return r.fail(0, "line", std::string("missing (") + kLineHint + ")");
+    Section s;
+    if (!s.open(r, e->value, lineOf(e->key), "line", "line", kLineKeys))
+        return false;
+    const bool tcp = s.find("tcp"), serial = s.find("serial");
+    if (tcp == serial)
+        return r.fail(s.line(), "line", std::string(tcp ? "give tcp or serial, not both" : "no link given") + " (" +
+                                            kLineHint + ")");
+    if (tcp) {
+        line->kind = LineConfig::Kind::Tcp;
+        if (!readHostPort(r, s, "tcp", &line->host, &line->port, nullptr))
+            return false;
+        for (const char *serialOnly : {"settings", "rs485"})
+            if (s.find(serialOnly))
+                return r.fail(s.line(serialOnly), s.path(serialOnly), "only with serial: a TCP link has no line settings");
+    } else {
+        line->kind = LineConfig::Kind::Serial;
+        if (!readText(r, s, "serial", &line->device) || !readText(r, s, "settings", &line->settings) ||
+            !readBool(r, s, "rs485", &line->rs485))
+            return false;
+        if (!line->settings.empty()) {
+            rtusupport::SerialLine parsed;
+            std::string why;
+            if (!rtusupport::parseSerialLine(line->settings, &parsed, &why))
+                return r.fail(s.line("settings"), "line.settings", why);
+            line->settings = rtusupport::formatSerialLine(parsed);
+        }
+    }
+    return readNumber(r, s, "timeout", kMinTimeoutMs, kMaxTimeoutMs, "milliseconds", &line->timeoutMs) &&
+           readNumber(r, s, "pause", kMinPauseMs, kMaxPauseMs, "milliseconds", &line->pauseMs) &&
+           readNumber(r, s, "retries", kMinRetries, kMaxRetries, "", &line->retries) &&
+           readNumber(r, s, "station", kMinStation, kMaxStation, "", &line->station);
+}
+
+bool parseMqttCredentials(Reader &r, const Section &s, MqttConfig *m)
+{
+    if (s.find("password-file") && s.find("password"))
+        return r.fail(s.line("password"), "mqtt.password", "give password or password-file, not both");
+    if (!readText(r, s, "username", &m->username) ||
+        !readSecretFile(r, s, "password-file", &m->passwordFile, &m->password) || !readText(r, s, "password", &m->password))
+        return false;
+    const char *given = s.find("password") ? "password" : "password-file";
+    if (s.find(given) && m->username.empty())
+        return r.fail(s.line(given), s.path(given), "needs mqtt.username: a broker takes a password only with a user");
+    for (const char *key : {"ca", "cert", "key"})
+        if (s.find(key) && !m->tls)
+            return r.fail(s.line(key), s.path(key), "only with an mqtts:// url: mqtt:// does not use TLS");
+    if (!readFilePath(r, s, "ca", &m->ca) || !readFilePath(r, s, "cert", &m->cert) || !readFilePath(r, s, "key", &m->key))
+        return false;
+    if (m->cert.empty() != m->key.empty()) {
+        const char *given = m->cert.empty() ? "key" : "cert";
+        return r.fail(s.line(given), s.path(given), "a client certificate and its key go together: give both cert and key");
+    }
+    return true;
+}
+
+bool parseMqtt(Reader &r, const Section &top, const std::string &name, MqttConfig *m)
+{
+    Section s;
+    const Section::Entry *e = top.find("mqtt");
+    if (e && !s.open(r, e->value, lineOf(e->key), "mqtt", "mqtt", kMqttKeys))
+        return false;
+    if (!readText(r, s, "url", &m->url))
+        return false;
+    // user:password@ would put the password in every message that quotes the url.
+    if (m->url.find('@') != std::string::npos)
+        return r.fail(s.line("url"), "mqtt.url", "no user or password in the url: give username: and password-file:");
+    if (!parseUrl(m->url, m))
+        return r.fail(s.line("url"), "mqtt.url",
+                      "must be mqtt://HOST[:PORT] or mqtts://HOST[:PORT] (a port from 1 to 65535), not " + inQuotes(m->url));
+    m->clientId = "rtuplc-" + name;
+    m->topic = "rtuplc/" + name;
+    if (!readText(r, s, "client-id", &m->clientId))
+        return false;
+    if (m->clientId.size() > kMaxClientId)
+        return r.fail(s.line("client-id"), "mqtt.client-id",
+                      "at most " + std::to_string(kMaxClientId) + " characters, not " +
+                          std::to_string(m->clientId.size()) + (s.find("client-id") ? "" : " (rtuplc-NAME)"));
+    if (!readText(r, s, "topic", &m->topic))
+        return false;
+    const std::string why = topicProblem(m->topic);
+    if (!why.empty())
+        return r.fail(s.line("topic"), "mqtt.topic", inQuotes(m->topic) + ": " + why);
+    std::string mode;
+    if (!parseMqttCredentials(r, s, m) || !readNumber(r, s, "qos", 0, kMaxQos, "", &m->qos) ||
+        !readNumber(r, s, "keepalive", kMinKeepalive, kMaxKeepalive, "seconds", &m->keepalive) ||
+        !readNumber(r, s, "buffer", kMinBuffer, kMaxBuffer, "messages", &m->buffer) ||
+        !readNumber(r, s, "stats-interval", 0, kMaxStatsInterval, "seconds", &m->statsInterval) ||
+        !readChoice(r, s, "mode", {"plain", "sparkplug"}, &mode))
+        return false;
+    m->mode = mode == "sparkplug" ? MqttConfig::Mode::Sparkplug : MqttConfig::Mode::Plain;
+    return true;
+}
+
+const char *const kItemsHint = "a list of items, e.g. - D_W:100..109";
+
+bool parseItem(Reader &r, const YAML::Node &node, ItemConfig *item)
+{
+    item->line = lineOf(node);
+    if (node.IsScalar() && !node.Scalar().empty()) {
+        item->text = node.Scalar();
+        return true;
+    }
+    if (!node.IsMap())
+        return r.fail(item->line, "items",
+                      "an item is text like D_W:100..109, or a mapping with item: and writable:, not " + describe(node));
+    Section s;
+    if (!s.open(r, node, item->line, "items", "an item", kItemKeys))
+        return false;
+    if (!s.find("item"))
+        return r.fail(item->line, "items.item", "missing (the item itself, e.g. item: D_W:500..504)");
+    return readText(r, s, "item", &item->text) && readBool(r, s, "writable", &item->writable) &&
+           readText(r, s, "name", &item->name) && readText(r, s, "unit", &item->unit) &&
+           readText(r, s, "device-class", &item->deviceClass);
+}
+
+bool parseItems(Reader &r, const Section &top, std::vector<ItemConfig> *items)
+{
+    const Section::Entry *e = top.find("items");
+    if (!e)
+        return r.fail(0, "items", std::string("missing (") + kItemsHint + ")");
+    if (!e->value.IsSequence())
+        return r.fail(lineOf(e->key), "items", std::string("must be ") + kItemsHint + ", not " + describe(e->value));
+    if (e->value.size() == 0)
+        return r.fail(lineOf(e->key), "items", std::string("empty (") + kItemsHint + ")");
+    for (const YAML::Node &node : e->value) {
+        ItemConfig item;
+        if (!parseItem(r, node, &item))
+            return false;
+        items->push_back(item);
+    }
+    return true;
+}
+
+bool parseStations(Reader &r, const Section &top, std::map<int, std::string> *names)
+{
+    const Section::Entry *e = top.find("stations");
+    if (!e || e->value.IsNull())
+        return true;
+    if (!e->value.IsMap())
+        return r.fail(lineOf(e->key), "stations", "must be a mapping of station numbers, e.g. 1: { name: press }, not " +
+                                                      describe(e->value));
+    for (auto it = e->value.begin(); it != e->value.end(); ++it) {
+        const int at = lineOf(it->first);
+        const std::string key = it->first.IsScalar() ? it->first.Scalar() : "";
+        long long n = 0;
+        if (!parseNumber(key, &n) || n < kMinStation || n > kMaxStation)
+            return r.fail(at, "stations", "a station is a number from 1 to 247, not " + describe(it->first));
+        if (names->count(int(n)))
+            return r.fail(at, "stations." + key, "given twice");
+        Section s;
+        std::string name;
+        if (!s.open(r, it->second, at, "stations." + key, "a station", kStationKeys) ||
+            !readText(r, s, "name", &name))
+            return false;
+        if (name.empty())
+            return r.fail(at, "stations." + key + ".name", "missing");
+        (*names)[int(n)] = name;
+    }
+    return true;
+}
+
+bool parseSparkplug(Reader &r, const Section &top, const Config &c, SparkplugConfig *sp)
+{
+    const Section::Entry *e = top.find("sparkplug");
+    const bool on = c.mqtt.mode == MqttConfig::Mode::Sparkplug;
+    if (e && !on)
+        return r.fail(lineOf(e->key), "sparkplug", "only with mqtt.mode: sparkplug");
+    if (!on)
+        return true;
+    Section s;
+    if (e && !s.open(r, e->value, lineOf(e->key), "sparkplug", "sparkplug", kSparkplugKeys))
+        return false;
+    sp->node = c.name;
+    if (!readText(r, s, "group", &sp->group) || !readText(r, s, "node", &sp->node) ||
+        !readText(r, s, "primary-host", &sp->primaryHost))
+        return false;
+    if (sp->group.empty())
+        return r.fail(s.line(), "sparkplug.group", "missing (mqtt.mode sparkplug publishes under a group id)");
+    const std::pair<const char *, const std::string *> ids[] = {
+        {"group", &sp->group}, {"node", &sp->node}, {"primary-host", &sp->primaryHost}};
+    for (const auto &[key, id] : ids) {
+        const std::string why = sparkplugIdProblem(*id);
+        if (!why.empty())
+            return r.fail(s.line(key), s.path(key), inQuotes(*id) + ": " + why);
+    }
+    return true;
+}
+
+bool parseHomeAssistant(Reader &r, const Section &top, HomeAssistantConfig *ha)
+{
+    const Section::Entry *e = top.find("homeassistant");
+    Section s;
+    if (!e || !s.open(r, e->value, lineOf(e->key), "homeassistant", "homeassistant", kHomeAssistantKeys))
+        return !e;
+    ha->enabled = true;
+    if (!readText(r, s, "prefix", &ha->prefix))
+        return false;
+    const std::string why = topicProblem(ha->prefix);
+    return why.empty() || r.fail(s.line("prefix"), "homeassistant.prefix", inQuotes(ha->prefix) + ": " + why);
+}
+
+bool parseHttp(Reader &r, const Section &top, HttpConfig *http)
+{
+    const Section::Entry *e = top.find("http");
+    Section s;
+    if (!e || !s.open(r, e->value, lineOf(e->key), "http", "http", kHttpKeys))
+        return !e;
+    http->enabled = true;
+    parseHostPort(http->listen, &http->host, &http->port, 0); // the default address, split like a given one
+    return readHostPort(r, s, "listen", &http->host, &http->port, &http->listen) &&
+           readSecretFile(r, s, "token-file", &http->tokenFile, &http->token) &&
+           readNumber(r, s, "history", 0, kMaxHistoryMinutes, "minutes", &http->historyMinutes);
+}
+
+// A size in bytes, or with K, M or G for binary kilo-, mega- and gigabytes.
+bool parseSize(const std::string &text, unsigned long long *bytes)
+{
+    if (text.empty())
+        return false;
+    const char suffix = char(std::toupper(static_cast<unsigned char>(text.back())));
+    const unsigned long long unit = suffix == 'K' ? kKiB : suffix == 'M' ? kMiB : suffix == 'G' ? kGiB : 1;
+    long long n = 0;
+    if (!parseNumber(unit == 1 ? text : text.substr(0, text.size() - 1), &n) || n < 0 ||
+        (unsigned long long)n > kMaxLogBytes / unit)
+        return false;
+    *bytes = (unsigned long long)n * unit;
+    return true;
+}
+
+bool parseLog(Reader &r, const Section &top, LogConfig *log)
+{
+    const Section::Entry *e = top.find("log");
+    Section s;
+    if (!e)
+        return true;
+    std::string rotate, size;
+    if (!s.open(r, e->value, lineOf(e->key), "log", "log", kLogKeys) || !readPath(r, s, "csv", &log->csvDir) ||
+        !readChoice(r, s, "rotate", {"daily", "never"}, &rotate) || !readText(r, s, "max-size", &size))
+        return false;
+    if (rotate == "never")
+        log->rotate = LogConfig::Rotate::Never;
+    unsigned long long bytes = 0;
+    if (!size.empty() && (!parseSize(size, &bytes) || bytes < kMinLogBytes))
+        return r.fail(s.line("max-size"), "log.max-size",
+                      "must be a size in bytes, or with K, M or G, from 1M to 1024G, not " + inQuotes(size));
+    if (!size.empty())
+        log->maxBytes = bytes;
+    return true;
+}
+
+// The name is part of topics and of the client id, so it keeps to characters that are
+// safe in both.
+bool parseName(Reader &r, const Section &top, const std::string &path, std::string *name)
+{
+    const std::string file = fs::path(path).filename();
+    *name = file;
+    for (const char *ext : {".yaml", ".yml"}) {
+        const size_t n = std::strlen(ext);
+        if (file.size() > n && file.compare(file.size() - n, n, ext) == 0)
+            *name = file.substr(0, file.size() - n);
+    }
+    const bool given = top.find("name");
+    if (!readText(r, top, "name", name))
+        return false;
+    if (isName(*name))
+        return true;
+    return r.fail(given ? top.line("name") : 0, "name",
+                  std::string(given ? "" : "taken from the file's name: ") + inQuotes(*name) +
+                      " cannot be a name: letters, digits, _ and - only" + (given ? "" : "; say name: ..."));
+}
+
+bool parseAll(Reader &r, const YAML::Node &root, const std::string &path, Config *c)
+{
+    Section top;
+    if (!top.open(r, root, lineOf(root), "", "the file", kTopKeys))
+        return false;
+    return parseName(r, top, path, &c->name) && parseLine(r, top, &c->line) && parseMqtt(r, top, c->name, &c->mqtt) &&
+           parseItems(r, top, &c->items) && parseStations(r, top, &c->stationNames) &&
+           parseSparkplug(r, top, *c, &c->sparkplug) && parseHomeAssistant(r, top, &c->homeassistant) &&
+           parseHttp(r, top, &c->http) && parseLog(r, top, &c->log);
+}
+
+// A secret typed by mistake into another key would be quoted back with that key's value.
+void redact(const Config &c, std::string *error)
+{
+    for (const std::string *secret : {&c.mqtt.password, &c.http.token})
+        for (size_t at; !secret->empty() && (at = error->find(*secret)) != std::string::npos;)
+            error->replace(at, secret->size(), "(secret)");
+}
+
+} // namespace
+
+std::string where(const Config &config, int line)
+{
+    return config.file + (line > 0 ? ":" + std::to_string(line) : "") + ": ";
+}
+
+bool loadConfig(const std::string &path, Config *config, std::string *error)
+{
+    Config c;
+    c.file = path;
+    std::string text, why;
+    if (!readFile(path, &text, &why)) {
+        *error = path + ": cannot read: " + why;
+        return false;
+    }
+    std::error_code ec;
+    const fs::path absolute = fs::absolute(path, ec);
+    Reader r{c, (ec ? fs::path(path) : absolute).parent_path().string(), error};
+    error->clear();
+    try {
+        const std::vector<YAML::Node> docs = YAML::LoadAll(text);
+        if (docs.empty() || docs[0].IsNull()) {
+            *error = path + ": empty: a configuration needs at least line: and items:";
+            return false;
+        }
+        if (docs.size() > 1)
+            return r.fail(lineOf(docs[1]), "", "a second document (after ---): one configuration per file");
+        if (!docs[0].IsMap())
+            return r.fail(lineOf(docs[0]), "the file",
+                          "must be a mapping of keys (" + joined(kTopKeys) + "), not " + describe(docs[0]));
+        if (!parseAll(r, docs[0], path, &c)) {
+            redact(c, error);
+            return false;
+        }
+    } catch (const YAML::ParserException &e) {
+        *error = path + (e.mark.is_null() ? "" : ":" + std::to_string(e.mark.line + 1) + ":" +
+                                                     std::to_string(e.mark.column + 1)) +
+                 ": not valid YAML: " + e.msg;
+        return false;
+    } catch (const std::exception &e) {
+        *error = path + ": cannot be read as a configuration: " + e.what();
+        return false;
+    }
+    *config = c;
+    return true;
+}
+
+} // namespace rtugw
