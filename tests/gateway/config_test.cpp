@@ -121,6 +121,8 @@ TEST_F(GatewayConfig, RefusesEveryKindOfMistakeWithPlaceKeyAndReason)
          {"gw.yaml:8: mqtt.password: give password or password-file, not both"}},
         {"password file missing", "", kBase + "mqtt:\n  username: u\n  password-file: nope.secret\n",
          {"gw.yaml:7: mqtt.password-file: cannot read /", "/nope.secret: No such file or directory"}},
+        {"password file endless", "", kBase + "mqtt:\n  username: u\n  password-file: /dev/zero\n",
+         {"gw.yaml:7: mqtt.password-file: cannot read /dev/zero: larger than"}},
         {"password file empty", "", kBase + "mqtt:\n  username: u\n  password-file: empty.secret\n",
          {"gw.yaml:7: mqtt.password-file:", "the first line is empty"}},
         {"ca without TLS", "", kBase + url + "  ca: ca.pem\n", {"gw.yaml:7: mqtt.ca: only with an mqtts:// url"}},

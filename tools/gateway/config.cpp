@@ -37,6 +37,8 @@ constexpr size_t kMaxClientId = 128;
 constexpr int kMaxHistoryMinutes = 24 * 60;
 constexpr unsigned long long kKiB = 1024, kMiB = kKiB * 1024, kGiB = kMiB * 1024;
 constexpr unsigned long long kMinLogBytes = kMiB, kMaxLogBytes = 1024 * kGiB;
+constexpr size_t kMaxConfigBytes = kMiB;        // far more than any line's items
+constexpr size_t kMaxNamedFileBytes = 4 * kMiB; // a CA bundle, with room to spare
 constexpr size_t kMaxEchoed = 40;   // a value quoted back in a message is cut here
 constexpr size_t kMaxDigits = 18;   // fits a long long, far beyond every range here
 
@@ -167,23 +169,28 @@ bool parseHostPort(const std::string &text, std::string *host, int *port, int de
     return rest.size() > 1 && rest[0] == ':' && parsePort(rest.substr(1), port);
 }
 
-// Reads the whole file, or says why not in the C library's words.
-bool readFile(const std::string &path, std::string *text, std::string *why)
+// Reads the file, or says why not in the C library's words. A path that names a device
+// or a pipe by mistake must not hang the start: the read is bounded and never waits.
+bool readFile(const std::string &path, size_t limit, std::string *text, std::string *why)
 {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) {
         *why = std::strerror(errno);
         return false;
     }
     char buf[4096];
-    ssize_t n;
+    ssize_t n = 0;
     text->clear();
-    while ((n = ::read(fd, buf, sizeof buf)) > 0)
+    why->clear();
+    while (text->size() <= limit && (n = ::read(fd, buf, sizeof buf)) > 0)
         text->append(buf, size_t(n));
-    if (n < 0)
-        *why = std::strerror(errno);
+    const int readError = n < 0 ? errno : 0;
     ::close(fd);
-    return n == 0;
+    if (readError)
+        *why = std::strerror(readError);
+    else if (text->size() > limit)
+        *why = "larger than " + std::to_string(limit / kKiB) + " KiB";
+    return why->empty();
 }
 
 // The state of one load: the file messages point to, its folder, and the error.
@@ -326,7 +333,7 @@ bool readFilePath(Reader &r, const Section &s, const char *key, std::string *out
     if (out->empty())
         return true;
     std::string text, why;
-    if (!readFile(*out, &text, &why))
+    if (!readFile(*out, kMaxNamedFileBytes, &text, &why))
         return r.fail(s.line(key), s.path(key), "cannot read " + *out + ": " + why);
     if (content)
         *content = text;
@@ -682,7 +689,7 @@ bool loadConfig(const std::string &path, Config *config, std::string *error)
     Config c;
     c.file = path;
     std::string text, why;
-    if (!readFile(path, &text, &why)) {
+    if (!readFile(path, kMaxConfigBytes, &text, &why)) {
         *error = path + ": cannot read: " + why;
         return false;
     }
