@@ -18,6 +18,9 @@ set(gateway_e2e_tests
   test_web 60
   test_web_browser 120
   test_csv 60
+  test_sparkplug 90
+  test_sparkplug_host 60
+  test_homeassistant 60
 )
 while(gateway_e2e_tests)
   list(POP_FRONT gateway_e2e_tests test seconds)

@@ -12,11 +12,13 @@
 
 #include "config.h"
 #include "csv_sink.h"
+#include "homeassistant.h"
 #include "model.h"
 #include "mqtt_client.h"
 #include "notify.h"
 #include "plain_topics.h"
 #include "rtuplc_host/host.h"
+#include "sparkplug.h"
 #include "web.h"
 
 using namespace rtugw;
@@ -242,7 +244,12 @@ int main(int argc, char **argv)
     ms.password = config.mqtt.password;
     ms.keepalive = config.mqtt.keepalive;
     ms.buffer = config.mqtt.buffer;
+    const bool sparkplugMode = config.mqtt.mode == MqttConfig::Mode::Sparkplug;
     ms.will = PlainTopics::will(config);
+    // A Sparkplug node is born afresh on every connection: commands queued for an older
+    // one mean nothing to it.
+    if (sparkplugMode)
+        ms.sessionExpiry = 0;
     MqttClient mqtt(ms);
 
     HostSettings settings;
@@ -259,9 +266,28 @@ int main(int argc, char **argv)
     host.monitor(items);
     model.attach(host, configured);
     PlainTopics plain(model, mqtt);
-    model.addSink(&plain);
-    plain.subscribe();
-    plain.start();
+    // One dialect per connection: a Sparkplug host expects nothing else from a node.
+    std::unique_ptr<SparkplugNode> sparkplug;
+    std::unique_ptr<HomeAssistant> homeassistant;
+    if (sparkplugMode) {
+        sparkplug = std::make_unique<SparkplugNode>(model, mqtt);
+        model.addSink(sparkplug.get());
+        sparkplug->subscribe();
+        mqtt.setWillProvider([node = sparkplug.get()] { return node->will(); });
+    } else {
+        model.addSink(&plain);
+        plain.subscribe();
+        plain.start();
+        if (config.homeassistant.enabled) {
+            homeassistant = std::make_unique<HomeAssistant>(model, mqtt);
+            homeassistant->subscribe();
+            plain.addListener(homeassistant.get());
+        }
+    }
+    const auto brokerStatus = [&plain, &sparkplug] {
+        return sparkplug ? BrokerStatus{sparkplug->brokerUp(), sparkplug->brokerState()}
+                         : BrokerStatus{plain.brokerUp(), plain.brokerState()};
+    };
     std::unique_ptr<CsvSink> csv;
     if (!config.log.csvDir.empty()) {
         csv = std::make_unique<CsvSink>(model);
@@ -271,7 +297,7 @@ int main(int argc, char **argv)
     }
     std::unique_ptr<WebPage> web;
     if (config.http.enabled) {
-        web = std::make_unique<WebPage>(model, mqtt, [&plain] { return BrokerStatus{plain.brokerUp(), plain.brokerState()}; });
+        web = std::make_unique<WebPage>(model, mqtt, brokerStatus);
         model.addSink(web.get());
         if (!web->start(&why))
             return fail(kExitUsage, why);
@@ -289,7 +315,7 @@ int main(int argc, char **argv)
             online += state.online ? 1 : 0;
         char text[256];
         std::snprintf(text, sizeof text, "%d/%zu stations online, %.1f polls/s, broker %s, %llu held", online,
-                      model.stations().size(), plain.pollsPerSecond(), plain.brokerState().c_str(),
+                      model.stations().size(), plain.pollsPerSecond(), brokerStatus().state.c_str(),
                       (unsigned long long)mqtt.stats().held);
         return std::string(text);
     };
@@ -306,6 +332,6 @@ int main(int argc, char **argv)
     model.tick();
     if (web)
         web->stop(); // after the writes it asked for were answered
-    mqtt.stop(plain.farewell(), kStopTimeout);
+    mqtt.stop(sparkplug ? sparkplug->farewell() : plain.farewell(), kStopTimeout);
     return kExitOk;
 }

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -56,6 +57,9 @@ public:
     // Starts connecting in the background and returns at once; false only for settings
     // Paho refuses (error says why). Failed attempts are retried with backoff for ever.
     bool start(std::string *error);
+    // The will of each connection, asked for before every attempt, instead of the
+    // settings' fixed one: for a will that must differ from one connection to the next.
+    void setWillProvider(std::function<Message()> provider);
     // Filters subscribed at every connect (QoS 1).
     void subscribe(const std::string &filter);
 

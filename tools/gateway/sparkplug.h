@@ -37,6 +37,7 @@ public:
     // A clean stop: the death certificate, since the broker sends no will then.
     std::vector<Message> farewell() const;
     std::string brokerState() const { return brokerState_; }
+    bool brokerUp() const { return connected_; }
 
     void pointChanged(size_t index) override;
     void stationChanged(int station) override;
