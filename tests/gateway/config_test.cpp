@@ -150,6 +150,12 @@ TEST_F(GatewayConfig, RefusesEveryKindOfMistakeWithPlaceKeyAndReason)
         {"sparkplug group with /", "", kBase + "mqtt:\n  mode: sparkplug\nsparkplug:\n  group: a/b\n",
          {"gw.yaml:8: sparkplug.group:", "one topic level"}},
         {"discovery prefix with #", "", kBase + "homeassistant:\n  prefix: ha/#\n", {"gw.yaml:6: homeassistant.prefix:"}},
+        {"discovery in sparkplug mode", "", kBase + "mqtt:\n  mode: sparkplug\nsparkplug:\n  group: g\nhomeassistant:\n",
+         {"gw.yaml:9: homeassistant: only with mqtt.mode: plain"}},
+        {"sparkplug device name with +", "", kBase + "mqtt:\n  mode: sparkplug\nsparkplug:\n  group: g\nstations:\n  2: { name: a+b }\n",
+         {"gw.yaml:10: stations.2.name: \"a+b\"", "one topic level"}},
+        {"sparkplug device name twice", "", kBase + "mqtt:\n  mode: sparkplug\nsparkplug:\n  group: g\nstations:\n  1: { name: press }\n  2: { name: press }\n",
+         {"gw.yaml:11: stations.2.name: \"press\" is station 1's already"}},
         {"http listen without port", "", kBase + "http:\n  listen: 0.0.0.0\n", {"gw.yaml:6: http.listen: must be HOST:PORT"}},
         {"http token file missing", "", kBase + "http:\n  token-file: none\n", {"gw.yaml:6: http.token-file: cannot read"}},
         {"http history too long", "", kBase + "http:\n  history: 1441\n", {"http.history:", "minutes from 0 to 1440"}},
@@ -270,18 +276,24 @@ TEST_F(GatewayConfig, GoodFilesGetTheirDefaults)
              EXPECT_EQ(c.items[1].line, 8);
          }},
         {"optional sections", "gw.yaml",
-         kBase + "mqtt:\n  mode: sparkplug\nsparkplug:\n  group: plant\nhomeassistant:\nhttp:\n  listen: 0.0.0.0:9000\n"
+         kBase + "mqtt:\n  mode: sparkplug\nsparkplug:\n  group: plant\nhttp:\n  listen: 0.0.0.0:9000\n"
                  "log:\n  csv: logs\n  max-size: 5M\nstations:\n  2: { name: press }\n",
          [](const Config &c, const std::string &dir) {
              EXPECT_EQ(c.sparkplug.group, "plant");
              EXPECT_EQ(c.sparkplug.node, "gw");
-             EXPECT_TRUE(c.homeassistant.enabled);
-             EXPECT_EQ(c.homeassistant.prefix, "homeassistant");
+             EXPECT_FALSE(c.homeassistant.enabled);
              EXPECT_TRUE(c.http.enabled);
              EXPECT_EQ(c.http.port, 9000);
              EXPECT_EQ(c.log.csvDir, dir + "/logs");
              EXPECT_EQ(c.log.maxBytes, 5u * 1024 * 1024);
              EXPECT_EQ(c.stationNames.at(2), "press");
+         }},
+        {"discovery in plain mode, names free", "gw.yaml",
+         kBase + "homeassistant:\nstations:\n  1: { name: a/b }\n  2: { name: a/b }\n",
+         [](const Config &c, const std::string &) {
+             EXPECT_TRUE(c.homeassistant.enabled);
+             EXPECT_EQ(c.homeassistant.prefix, "homeassistant");
+             EXPECT_EQ(c.stationNames.at(2), "a/b");
          }},
     };
     for (const GoodFile &row : rows) {

@@ -520,7 +520,7 @@ bool parseItems(Reader &r, const Section &top, std::vector<ItemConfig> *items)
     return true;
 }
 
-bool parseStations(Reader &r, const Section &top, std::map<int, std::string> *names)
+bool parseStations(Reader &r, const Section &top, bool sparkplug, std::map<int, std::string> *names)
 {
     const Section::Entry *e = top.find("stations");
     if (!e || e->value.IsNull())
@@ -543,6 +543,15 @@ bool parseStations(Reader &r, const Section &top, std::map<int, std::string> *na
             return false;
         if (name.empty())
             return r.fail(at, "stations." + key + ".name", "missing");
+        // In Sparkplug a station's name is its device's id: one topic level, its own.
+        const std::string why = sparkplug ? sparkplugIdProblem(name) : std::string();
+        if (!why.empty())
+            return r.fail(at, "stations." + key + ".name", inQuotes(name) + ": " + why);
+        for (const auto &[other, otherName] : *names) {
+            if (sparkplug && otherName == name)
+                return r.fail(at, "stations." + key + ".name",
+                              inQuotes(name) + " is station " + std::to_string(other) + "'s already: Sparkplug devices need names of their own");
+        }
         (*names)[int(n)] = name;
     }
     return true;
@@ -575,9 +584,12 @@ bool parseSparkplug(Reader &r, const Section &top, const Config &c, SparkplugCon
     return true;
 }
 
-bool parseHomeAssistant(Reader &r, const Section &top, HomeAssistantConfig *ha)
+bool parseHomeAssistant(Reader &r, const Section &top, const Config &c, HomeAssistantConfig *ha)
 {
     const Section::Entry *e = top.find("homeassistant");
+    // Home Assistant's entities read the plain topics, which a Sparkplug node has not.
+    if (e && c.mqtt.mode == MqttConfig::Mode::Sparkplug)
+        return r.fail(lineOf(e->key), "homeassistant", "only with mqtt.mode: plain (its entities read the plain topics)");
     Section s;
     if (!e || !s.open(r, e->value, lineOf(e->key), "homeassistant", "homeassistant", kHomeAssistantKeys))
         return !e;
@@ -664,8 +676,8 @@ bool parseAll(Reader &r, const YAML::Node &root, const std::string &path, Config
     if (!top.open(r, root, lineOf(root), "", "the file", kTopKeys))
         return false;
     return parseName(r, top, path, &c->name) && parseLine(r, top, &c->line) && parseMqtt(r, top, c->name, &c->mqtt) &&
-           parseItems(r, top, &c->items) && parseStations(r, top, &c->stationNames) &&
-           parseSparkplug(r, top, *c, &c->sparkplug) && parseHomeAssistant(r, top, &c->homeassistant) &&
+           parseItems(r, top, &c->items) && parseStations(r, top, c->mqtt.mode == MqttConfig::Mode::Sparkplug, &c->stationNames) &&
+           parseSparkplug(r, top, *c, &c->sparkplug) && parseHomeAssistant(r, top, *c, &c->homeassistant) &&
            parseHttp(r, top, &c->http) && parseLog(r, top, &c->log);
 }
 
