@@ -16,8 +16,9 @@ def bdseq(payload):
     return {m.name: m for m in payload.metrics}["bdSeq"].long_value
 
 
-def host_state(online):
-    return json.dumps({"online": online, "timestamp": int(time.time() * 1000)})
+def host_state(online, age=0):
+    """The host's STATE payload, stamped now or age seconds ago."""
+    return json.dumps({"online": online, "timestamp": int((time.time() - age) * 1000)})
 
 
 class NodeLife(spb.SparkplugTestCase):
@@ -76,6 +77,10 @@ class NodeLife(spb.SparkplugTestCase):
                 else:
                     self.assertIsNone(self.wait_topic(self.sub, "DDATA", "station1", since=self.sub.mark(),
                                                       timeout=QUIET / 2))
+        # A state stamped before the last one is old news: the node stays born.
+        mark = self.sub.mark()
+        self.sub.publish(STATE, host_state(False, age=60))
+        self.assertIsNone(self.wait_topic(self.sub, "NDEATH", since=mark, timeout=QUIET))
         self.sub.publish(STATE, "", retain=True)
 
 

@@ -325,6 +325,12 @@ void SparkplugNode::onHostState(const std::string &payload)
     const QJsonDocument doc = QJsonDocument::fromJson(QByteArray::fromStdString(payload));
     const bool online =
         doc.isObject() ? doc.object().value(QLatin1String("online")).toBool(false) : payload == "ONLINE";
+    // A state older than one already seen (a retained message overtaken by a live one)
+    // says nothing about the host now.
+    const double stamp = doc.isObject() ? doc.object().value(QLatin1String("timestamp")).toDouble(0) : 0;
+    if (stamp < hostStateStamp_)
+        return;
+    hostStateStamp_ = stamp;
     if (online == hostOnline_)
         return;
     hostOnline_ = online;

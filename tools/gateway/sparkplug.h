@@ -82,6 +82,7 @@ private:
     unsigned seq_ = 0;
     bool connected_ = false;
     bool hostOnline_ = true;               // no primary host: always
+    double hostStateStamp_ = 0;            // of the newest host state seen, ms
     bool nodeBorn_ = false;
     std::string brokerState_ = "connecting";
 };
