@@ -5,7 +5,10 @@ leaves readable and that the next start appends to."""
 import csv
 import datetime
 import glob
+import json
 import os
+import subprocess
+import tempfile
 import time
 
 import harness as h
@@ -96,6 +99,28 @@ class CsvLog(h.GatewayTestCase):
                 int(row[4])
             self.assertNotIn(HEADER, rows, "a second header in the same file")
         self.assertEqual(glob.glob(os.path.join(log_dir, "*")), [path])
+
+
+POLL = os.path.join(os.path.dirname(h.GATEWAY), "rtuplc-poll")
+
+
+class PollCsv(h.GatewayTestCase):
+    def test_rows_match_the_values_printed_and_a_second_run_appends(self):
+        if not os.path.exists(POLL):
+            self.skipTest("rtuplc-poll is not built beside rtuplc-gateway")
+        sim = self.own(h.Simulator())
+        path = os.path.join(tempfile.mkdtemp(prefix="rtuplc-poll-csv-"), "line.csv")
+        printed = []
+        for _ in range(2):
+            run = subprocess.run([POLL, "--tcp", "%s:%d" % (h.LOOPBACK, sim.port), "--once", "--json", "--csv", path,
+                                  "D_W:100..104", "M:0..3"], capture_output=True, text=True, timeout=h.START_TIMEOUT)
+            self.assertEqual(run.returncode, 0, run.stderr)
+            printed += [json.loads(line) for line in run.stdout.splitlines() if line.startswith("{")]
+        header, rows = read_rows(path)
+        self.assertEqual(header, HEADER)
+        self.assertEqual(len(rows), 2 * 9)
+        self.assertEqual([(int(r[1]), r[2], int(r[3]), int(r[4]), r[5]) for r in rows],
+                         [(p["station"], p["item"], p["address"], p["value"], "good") for p in printed])
 
 
 if __name__ == "__main__":
