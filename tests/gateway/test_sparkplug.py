@@ -159,10 +159,9 @@ class Sparkplug(SparkplugTestCase):
                 self.assertEqual(m.datatype, datatype)
                 self.assertEqual(metric_value(m), value)
                 self.assertGreater(m.timestamp, 0)
-        for device, metrics in births.items():
-            aliases = [m.alias for m in metrics.values()]
-            self.assertEqual(len(set(aliases)), len(aliases), device + ": aliases are distinct")
-            self.assertNotIn(0, aliases)
+        aliases = [m.alias for metrics in births.values() for m in metrics.values()]
+        self.assertEqual(len(set(aliases)), len(aliases), "aliases are unique across the node")
+        self.assertNotIn(0, aliases)
 
     def test_a_change_arrives_by_alias_with_the_time_it_was_read(self):
         alias = self.alias("station1", "D_W/102")
@@ -228,7 +227,11 @@ class Sparkplug(SparkplugTestCase):
             ("no such metric", "station1", "D_W/999", None, "int_value", 3, lambda: self.sim.get(1, 999)),
             ("text value", "station1", "D_W/500", None, "string_value", "12", lambda: self.sim.get(1, 500)),
             ("other station's metric", "press", "D_W/500", None, "int_value", 4, lambda: self.sim.get(2, 500)),
+            ("other station's alias", "press", None, alias_501, "int_value", 5, lambda: self.sim.get(1, 501)),
         ]
+        birth = {m.name: m for m in self.wait_topic(self.sub, "NBIRTH").metrics}
+        self.assertEqual(birth["Stats/Writes refused"].datatype, UINT64)
+        mark = self.sub.mark()
         before = {what: read() for what, _, _, _, _, _, read in refused}
         writes = self.sim.counters()["writes"]
         for what, device, name, alias, field, value, read in refused:
@@ -239,6 +242,10 @@ class Sparkplug(SparkplugTestCase):
             with self.subTest(refused=what):
                 self.assertEqual(read(), before[what])
         self.assertGreaterEqual(self.gw.log().count("refused"), len(refused))
+        # Counted in the node's figures, which a host reads from NDATA.
+        counted = self.wait_topic(self.sub, "NDATA", since=mark, timeout=h.ANSWER_TIMEOUT, predicate=lambda p: any(
+            m.name == "Stats/Writes refused" and m.long_value >= len(refused) for m in p.metrics))
+        self.assertIsNotNone(counted, "refused commands not counted")
 
     def test_a_silent_station_dies_and_is_born_again(self):
         mark = self.sub.mark()

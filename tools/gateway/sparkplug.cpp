@@ -129,7 +129,9 @@ SparkplugNode::SparkplugNode(Model &model, MqttClient &mqtt)
             byName_[d.name] = d.station;
         }
         d.points.push_back(i);
-        aliasOf_[i] = d.points.size(); // from 1: 0 is what a host's missing alias reads as
+        // Unique across the node, as hosts require, and the same at every start with the
+        // same configuration; from 1, since 0 is what a missing alias reads as.
+        aliasOf_[i] = i + 1;
     }
 }
 
@@ -200,6 +202,9 @@ void SparkplugNode::birthNode()
     rebirth->set_timestamp(p.timestamp());
     rebirth->set_datatype(uint32_t(SparkplugType::Boolean));
     rebirth->set_boolean_value(false);
+    sentStats_.clear();
+    addStats(&p);
+    lastStats_ = std::chrono::steady_clock::now();
     publish(topic("NBIRTH"), serialized(p));
     nodeBorn_ = true;
     for (auto &[station, device] : devices_) {
@@ -207,6 +212,46 @@ void SparkplugNode::birthNode()
         if (model_.stations().at(station).online)
             birthDevice(device);
     }
+}
+
+std::vector<std::pair<std::string, uint64_t>> SparkplugNode::stats() const
+{
+    const rtuhost::Stats &h = model_.hostStats();
+    const WriteCounters &w = model_.writes();
+    return {{"Stats/Polls", h.polls},         {"Stats/Retries", h.retries},
+            {"Stats/Failures", h.failures},   {"Stats/Writes ok", w.ok},
+            {"Stats/Writes failed", w.failed}, {"Stats/Writes refused", w.refused}};
+}
+
+// The line's figures as node metrics, by name: those that changed since they were last
+// sent (all of them in a birth, where sentStats_ is empty). False when none changed.
+bool SparkplugNode::addStats(Payload *p)
+{
+    bool any = false;
+    for (const auto &[name, value] : stats()) {
+        const auto sent = sentStats_.find(name);
+        if (sent != sentStats_.end() && sent->second == value)
+            continue;
+        Payload::Metric *m = p->add_metrics();
+        m->set_name(name);
+        m->set_timestamp(p->timestamp());
+        m->set_datatype(uint32_t(SparkplugType::UInt64));
+        m->set_long_value(value);
+        sentStats_[name] = value;
+        any = true;
+    }
+    return any;
+}
+
+void SparkplugNode::publishStats()
+{
+    lastStats_ = std::chrono::steady_clock::now();
+    Payload p;
+    p.set_timestamp(nowMillis());
+    if (!addStats(&p))
+        return;
+    p.set_seq(nextSeq());
+    publish(topic("NDATA"), serialized(p), Outbox::Kind::Value);
 }
 
 void SparkplugNode::birthDevice(Device &d)
@@ -362,8 +407,9 @@ void SparkplugNode::handleDeviceCommand(Device &d, const std::string &bytes)
         std::string label = m.name();
         if (m.has_name()) {
             index = model_.find(std::to_string(d.station) + '/' + m.name());
-        } else if (m.has_alias() && m.alias() >= 1 && m.alias() <= d.points.size()) {
-            index = long(d.points[m.alias() - 1]);
+        } else if (m.has_alias() && m.alias() >= 1 && m.alias() <= model_.points().size() &&
+                   model_.points()[m.alias() - 1].point.station == d.station) {
+            index = long(m.alias() - 1);
             label = metricName(model_.points()[size_t(index)]);
         } else {
             label = "alias " + std::to_string(m.alias());
@@ -429,8 +475,12 @@ void SparkplugNode::tick()
     }
     for (const Message &m : mqtt_.takeIncoming())
         onMessage(m);
-    if (nodeBorn_)
+    if (nodeBorn_) {
         flushData();
+        const int interval = model_.config().mqtt.statsInterval;
+        if (interval > 0 && std::chrono::steady_clock::now() - lastStats_ >= std::chrono::seconds(interval))
+            publishStats();
+    }
     mqtt_.pump();
 }
 

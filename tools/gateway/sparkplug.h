@@ -9,13 +9,19 @@
 #define RTUPLC_GATEWAY_SPARKPLUG_H
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "model.h"
 #include "mqtt_client.h"
+
+namespace org::eclipse::tahu::protobuf {
+class Payload;
+}
 
 namespace rtugw {
 
@@ -51,7 +57,7 @@ private:
     struct Device {
         int station = 0;
         std::string name;
-        std::vector<size_t> points;   // model indexes; a point's alias is its place here + 1
+        std::vector<size_t> points;   // model indexes
         bool born = false;
         std::vector<size_t> changed;  // since the last DDATA
     };
@@ -66,6 +72,9 @@ private:
     void birthDevice(Device &device);
     void deathDevice(Device &device);
     void flushData();
+    std::vector<std::pair<std::string, uint64_t>> stats() const;
+    bool addStats(org::eclipse::tahu::protobuf::Payload *p);
+    void publishStats();
     void publish(const std::string &topic, const std::string &payload, Outbox::Kind kind = Outbox::Kind::Event);
     uint64_t nextSeq();
 
@@ -74,7 +83,7 @@ private:
     std::string group_, node_, primaryHost_;
     std::map<int, Device> devices_;        // by station
     std::map<std::string, int> byName_;    // device name to station
-    std::vector<size_t> aliasOf_;          // model index to alias
+    std::vector<uint64_t> aliasOf_;        // model index to alias
     std::vector<bool> sentGood_;           // the quality hosts were last told, by model index
     // The bdSeq in the will of the connection being made, and of the next one.
     std::atomic<unsigned> willBdSeq_{0};
@@ -85,6 +94,8 @@ private:
     double hostStateStamp_ = 0;            // of the newest host state seen, ms
     bool nodeBorn_ = false;
     std::string brokerState_ = "connecting";
+    std::map<std::string, uint64_t> sentStats_; // node metrics as hosts last saw them
+    std::chrono::steady_clock::time_point lastStats_{};
 };
 
 } // namespace rtugw
