@@ -58,7 +58,7 @@ bool sameSecret(const std::string &given, const std::string &secret)
 
 bool isLoopback(const std::string &host)
 {
-    return host == "localhost" || host == "::1" || host.compare(0, 4, "127.") == 0;
+    return host == "localhost" || host == "::1" || host == "[::1]" || host.compare(0, 4, "127.") == 0;
 }
 
 bool WebPage::checkConfig(const Config &c, std::string *error)
