@@ -458,10 +458,19 @@ uint32_t Simulator::reg32(int station, uint32_t address) const
     return (uint32_t(reg(station, address)) << 16) | reg(station, address + 1);
 }
 
+void Simulator::setRegs(int station, uint32_t address, const std::vector<uint16_t> &values)
+{
+    std::lock_guard<std::mutex> lock(impl_->memoryMutex);
+    std::vector<uint16_t> &registers = impl_->stationMemory(station).registers;
+    if (address + values.size() > registers.size())
+        throw std::out_of_range("registers " + std::to_string(address) + ".." +
+                                std::to_string(address + values.size() - 1) + " do not exist");
+    std::copy(values.begin(), values.end(), registers.begin() + address);
+}
+
 void Simulator::setReg32(int station, uint32_t address, uint32_t value)
 {
-    setReg(station, address, static_cast<uint16_t>(value >> 16));
-    setReg(station, address + 1, static_cast<uint16_t>(value & 0xFFFF));
+    setRegs(station, address, {static_cast<uint16_t>(value >> 16), static_cast<uint16_t>(value & 0xFFFF)});
 }
 
 bool Simulator::coil(int station, uint32_t address) const

@@ -64,7 +64,8 @@ Control:
                         with one line on standard output ("ok", "error: WHY" or the
                         value asked for); the end of the input stops the simulator:
                           stations N[,N...]      stations answered (others go silent)
-                          set STATION REGISTER VALUE
+                          set STATION REGISTER VALUE...
+                                                 registers from REGISTER, all at once
                           coil STATION COIL 0|1
                           get STATION REGISTER   prints the register
                           get-coil STATION COIL  prints the coil, 0 or 1
@@ -292,9 +293,14 @@ std::string control(rtusupport::Simulator &sim, const std::string &line)
                 return "error: stations takes N[,N...] of 1..247";
             sim.setStations(stations);
         } else if (c == "set") {
-            if (!numbers(3, 1, {station, kHighestUnit, kHighestValue}))
-                return "error: set takes STATION REGISTER VALUE (0..65535)";
-            sim.setReg(int(n[0]), uint32_t(n[1]), uint16_t(n[2]));
+            // Several values fill consecutive registers at once, as a 32-bit value needs.
+            std::vector<uint16_t> values;
+            for (size_t i = 3; i < w.size() && parseInt(w[i], 0, kHighestValue, &n[2]); ++i)
+                values.push_back(uint16_t(n[2]));
+            if (w.size() < 4 || values.size() != w.size() - 3 || !parseInt(w[1], 1, station, &n[0]) ||
+                !parseInt(w[2], 0, kHighestUnit, &n[1]))
+                return "error: set takes STATION REGISTER VALUE... (0..65535)";
+            sim.setRegs(int(n[0]), uint32_t(n[1]), values);
         } else if (c == "coil") {
             if (!numbers(3, 1, {station, kHighestUnit, 1}))
                 return "error: coil takes STATION COIL 0|1";

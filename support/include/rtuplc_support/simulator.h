@@ -105,6 +105,8 @@ public:
     // Memory of a simulated station; other stations throw std::out_of_range.
     uint16_t reg(int station, uint32_t address) const;
     void setReg(int station, uint32_t address, uint16_t value);
+    // Consecutive registers from `address` at once: a read never sees half of them.
+    void setRegs(int station, uint32_t address, const std::vector<uint16_t> &values);
     // Two registers, the high half at `address`, as the controller keeps 32-bit values.
     uint32_t reg32(int station, uint32_t address) const;
     void setReg32(int station, uint32_t address, uint32_t value);
