@@ -263,8 +263,8 @@ class Simulator:
         self.command("set %d %d %d" % (station, register, value))
 
     def set32(self, station, register, value):
-        self.set(station, register, value >> 16 & 0xFFFF)
-        self.set(station, register + 1, value & 0xFFFF)
+        """Both halves at once, so that no read sees one changed and not the other."""
+        self.command("set %d %d %d %d" % (station, register, value >> 16 & 0xFFFF, value & 0xFFFF))
 
     def coil(self, station, address, on):
         self.command("coil %d %d %d" % (station, address, 1 if on else 0))

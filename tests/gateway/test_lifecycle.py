@@ -18,6 +18,7 @@ STATS_KEYS = {"polls", "accepted", "retries", "failures", "dropped", "polls_per_
 DROPPED_KEYS = {"late", "doubled", "foreign", "malformed"}
 CHANGE_GAP = 0.4   # s between changes, so that every one is polled
 WATCHDOG_USEC = 1000000
+PROMPT = 1.0       # s from start to online and the first values, all on loopback
 
 
 class Lifecycle(h.GatewayTestCase):
@@ -32,6 +33,18 @@ class Lifecycle(h.GatewayTestCase):
 
     def config(self, items=ITEMS, **mqtt_keys):
         return h.base_config(self.broker, self.sim, items, **mqtt_keys)
+
+    def test_online_and_first_values_promptly(self):
+        started = time.monotonic()
+        self.start_gateway(*self.config(), sub=self.sub)
+        online = self.sub.last(P + "/status")
+        self.assertLess(online.time - started, PROMPT, "online once connected, and the broker is right here")
+        for address in range(100, 104):
+            first = self.sub.wait_for("%s/1/D_W/%d" % (P, address))
+            self.assertIsNotNone(first)
+            self.assertLess(first.time - started, PROMPT, "first read, first published")
+        self.assertEqual([m.payload for m in self.sub.since(0, P + "/1/status")][:1], ["offline"],
+                         "a station is offline until its first successful read")
 
     def test_stop_by_signal_publishes_offline_and_exits_0(self):
         for sig in (signal.SIGTERM, signal.SIGINT):

@@ -12,6 +12,7 @@ P = "rtuplc/line1"
 ITEMS = ["D_W:100..109", "D_D:200..203", "32C:200..201", "X:0..17", "M:0..15@2", "D_W:300..304@2"]
 TIMESTAMP = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$")
 QUIET = 1.0  # s to watch for messages that should not come
+PROMPT = 1.0  # s for a change to arrive: polls take milliseconds on loopback
 
 
 def x_coil(octal_text):
@@ -47,6 +48,8 @@ class Values(h.GatewayTestCase):
         online = cls.sub.wait_for(P + "/status", lambda m: m.payload == "online", h.START_TIMEOUT)
         if online is None:
             raise AssertionError("the gateway never said online; its log:\n" + cls.gw.log())
+        for topic, _ in EXPECTED:
+            cls.sub.wait_for(P + "/" + topic, timeout=h.START_TIMEOUT)
 
     def good(self, topic, value, since=0, timeout=h.ANSWER_TIMEOUT):
         def match(m):
@@ -95,11 +98,13 @@ class Values(h.GatewayTestCase):
             with self.subTest(name):
                 before = h.value_of(self.sub.last(P + "/" + topic))
                 mark = self.sub.mark()
+                changed = time.monotonic()
                 change()
                 try:
                     m = self.good(topic, value, mark)
                     self.assertIsNotNone(m, "saw %r" % self.sub.since(mark, P + "/" + topic))
-                    self.assertEqual(len(self.sub.since(mark, P + "/" + topic)), 1, "one message per change")
+                    self.assertLess(m.time - changed, PROMPT, "a change reaches the broker within a few polls")
+                    self.assertEqual(len(self.sub.since(mark, P + "/" + topic)), 1, "one message per change: %r" % self.sub.since(mark, P + "/" + topic))
                 finally:
                     back = self.sub.mark()
                     undo()
