@@ -112,6 +112,10 @@ class LineReader:
                 self.lines.append(line)
             self.queue.put(line)
 
+    def finish(self, timeout=STOP_TIMEOUT):
+        """Waits for the end of the stream, once its process is gone."""
+        self._thread.join(timeout)
+
     def text(self):
         with self._lock:
             return "\n".join(self.lines)
@@ -296,6 +300,8 @@ class Simulator:
                 self.proc.wait(STOP_TIMEOUT)
             except subprocess.TimeoutExpired:
                 end_process(self.proc)
+        self.out.finish()
+        self.proc.stdout.close()
 
 
 def yaml_text(value, indent=0):
@@ -374,6 +380,9 @@ class Gateway:
     def cleanup(self):
         if self.proc.poll() is None:
             self.kill()
+        for reader, stream in ((self.out, self.proc.stdout), (self.err, self.proc.stderr)):
+            reader.finish()
+            stream.close()
 
 
 class Message:
@@ -410,6 +419,7 @@ class Subscriber:
         self.client.username_pw_set(user, USERS[user])
         self.client.on_connect = self._on_connect
         self.client.on_message = self._on_message
+        self.client.on_subscribe = self._on_subscribe
         self.client.reconnect_delay_set(min_delay=1, max_delay=1)
         self._connect()
 
@@ -426,9 +436,11 @@ class Subscriber:
     def _on_connect(self, client, userdata, flags, rc, properties=None):
         if rc == 0:
             # A persistent session keeps its subscriptions; asking again is harmless.
-            for t in self.topics:
-                client.subscribe(t, qos=self.qos)
-            self.connected.set()
+            client.subscribe([(t, self.qos) for t in self.topics])
+
+    def _on_subscribe(self, client, userdata, mid, reason_codes, properties=None):
+        # Ready only once subscribed: what the gateway publishes from now on is seen.
+        self.connected.set()
 
     def _on_message(self, client, userdata, m):
         with self.cond:
@@ -440,18 +452,21 @@ class Subscriber:
         with self.cond:
             return len(self.messages)
 
-    def since(self, start=0, topic=None):
+    # Retained messages the broker hands over on subscribing tell what an earlier
+    # gateway left behind, so the queries below skip them unless asked.
+    def since(self, start=0, topic=None, retained=False):
         with self.cond:
-            return [m for m in self.messages[start:] if topic is None or m.topic == topic]
+            return [m for m in self.messages[start:]
+                    if (topic is None or m.topic == topic) and (retained or not m.retain)]
 
-    def wait_for(self, topic, predicate=lambda m: True, timeout=ANSWER_TIMEOUT, since=0):
+    def wait_for(self, topic, predicate=lambda m: True, timeout=ANSWER_TIMEOUT, since=0, retained=False):
         """The first message on `topic` from index `since` on for which predicate
         holds; None when none came in time."""
         deadline = time.monotonic() + timeout
         with self.cond:
             while True:
                 for m in self.messages[since:]:
-                    if m.topic == topic and predicate(m):
+                    if m.topic == topic and (retained or not m.retain) and predicate(m):
                         return m
                 left = deadline - time.monotonic()
                 if left <= 0:
@@ -486,7 +501,7 @@ def retained_state(broker, prefix, settle=0.7):
     sub = Subscriber(broker, prefix + "/#", user="reader")
     try:
         time.sleep(settle)
-        return {m.topic: m.payload for m in sub.since() if m.retain}
+        return {m.topic: m.payload for m in sub.since(retained=True) if m.retain}
     finally:
         sub.cleanup()
 

@@ -36,13 +36,14 @@ class Lifecycle(h.GatewayTestCase):
 
     def test_online_and_first_values_promptly(self):
         started = time.monotonic()
-        self.start_gateway(*self.config(), sub=self.sub)
+        # Enough values to fill a broker client's window of messages in flight.
+        self.start_gateway(*self.config(items=ITEMS + ["X:0..77", "M:0..63"]), sub=self.sub)
         online = self.sub.last(P + "/status")
         self.assertLess(online.time - started, PROMPT, "online once connected, and the broker is right here")
-        for address in range(100, 104):
-            first = self.sub.wait_for("%s/1/D_W/%d" % (P, address))
-            self.assertIsNotNone(first)
-            self.assertLess(first.time - started, PROMPT, "first read, first published")
+        for topic in ("1/D_W/100", "1/D_W/103", "1/X/0", "1/X/77", "1/M/0", "1/M/63"):
+            first = self.sub.wait_for(P + "/" + topic)
+            self.assertIsNotNone(first, topic)
+            self.assertLess(first.time - started, PROMPT, "%s: first read, first published" % topic)
         self.assertEqual([m.payload for m in self.sub.since(0, P + "/1/status")][:1], ["offline"],
                          "a station is offline until its first successful read")
 
