@@ -64,14 +64,18 @@ class NodeLife(spb.SparkplugTestCase):
         folder, config = self.config(**{"primary-host": "scada1"})
         gw = self.own(h.Gateway(folder, config))
         self.assertIsNone(self.wait_topic(self.sub, "NBIRTH", timeout=QUIET), "born before the host is online")
-        # (host state published, what the node must send next)
-        rows = [(True, "NBIRTH"), (False, "NDEATH"), (True, "NBIRTH")]
-        for online, expected in rows:
+        # (host state published, what the node must send next, its bdSeq from the first)
+        rows = [(True, "NBIRTH", 0), (False, "NDEATH", 0), (True, "NBIRTH", 1)]
+        first = None
+        for online, expected, bd in rows:
             with self.subTest(host_online=online):
                 mark = self.sub.mark()
                 self.sub.publish(STATE, host_state(online), retain=True)
                 got = self.wait_topic(self.sub, expected, since=mark, timeout=h.START_TIMEOUT)
                 self.assertIsNotNone(got, "no %s; log:\n%s" % (expected, gw.log()))
+                first = bdseq(got) if first is None else first
+                # Left and came back: a new connection, a new bdSeq.
+                self.assertEqual(bdseq(got), (first + bd) % spb.SEQ_MODULO)
                 if expected == "NBIRTH":
                     self.assertIsNotNone(self.wait_topic(self.sub, "DBIRTH", "station1", since=mark))
                 else:

@@ -76,8 +76,13 @@ public:
     // Publishes `last` (e.g. "offline" on the status topic), waits up to `timeout` for
     // what is in flight, then disconnects cleanly so that the will is not sent.
     void stop(const std::vector<Message> &last, std::chrono::milliseconds timeout);
+    // Ends the connection like stop(), after `last`, and connects again at once: a new
+    // session with a new will. No Lost event: the caller knows.
+    void reconnect(const std::vector<Message> &last, std::chrono::milliseconds timeout);
 
 private:
+    // Publishes `last`, waits for what is in flight, then a clean DISCONNECT.
+    void disconnect(const std::vector<Message> &last, std::chrono::milliseconds timeout);
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };

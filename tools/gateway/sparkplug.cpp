@@ -22,6 +22,8 @@ constexpr unsigned kSeqModulo = 256; // seq and bdSeq run 0..255 and wrap
 constexpr int kDataQos = 0;
 // The death certificate must reach the hosts, once the broker sends it.
 constexpr int kDeathQos = 1;
+// What leaving for a primary host that went offline may hold up the poll loop.
+constexpr std::chrono::milliseconds kLeaveTimeout{1000};
 
 uint64_t millis(SystemTime t)
 {
@@ -346,10 +348,12 @@ void SparkplugNode::onConnected()
     const MqttConfig &c = model_.config().mqtt;
     std::fprintf(stderr, "rtuplc-gateway: connected to the broker at %s:%d as Sparkplug node %s/%s (bdSeq %u)\n",
                  c.host.c_str(), c.port, group_.c_str(), node_.c_str(), willBdSeq_.load());
-    if (birthAllowed())
+    if (birthAllowed()) {
         birthNode();
-    else
+    } else {
+        brokerState_ = "waiting for the primary host";
         std::fprintf(stderr, "rtuplc-gateway: waiting for the primary host %s to be online\n", primaryHost_.c_str());
+    }
 }
 
 void SparkplugNode::onLost()
@@ -382,16 +386,14 @@ void SparkplugNode::onHostState(const std::string &payload)
     std::fprintf(stderr, "rtuplc-gateway: primary host %s %s\n", primaryHost_.c_str(), online ? "online" : "offline");
     if (online && connected_ && !nodeBorn_) {
         birthNode();
-    } else if (!online && nodeBorn_) {
-        // Without its primary host the node is dead to SCADA: it says so and publishes
-        // nothing until the host is back, then is born again with current values.
-        for (const Message &m : farewell())
-            mqtt_.publish(m, Outbox::Kind::Event);
-        nodeBorn_ = false;
-        for (auto &[station, d] : devices_) {
-            d.born = false;
-            d.changed.clear();
-        }
+    } else if (!online && connected_) {
+        // Without its primary host the node is dead to SCADA: it says so, leaves, and
+        // comes back on a new connection (a new bdSeq) to wait for the host; it is born
+        // again with current values once the host is online.
+        std::fprintf(stderr, "rtuplc-gateway: disconnecting until the primary host is back\n");
+        mqtt_.reconnect(farewell(), kLeaveTimeout);
+        onLost();
+        brokerState_ = "waiting for the primary host";
     }
 }
 
