@@ -133,8 +133,13 @@ class Configuration(h.GatewayTestCase):
         code, out, err = self.run_gateway(["--config", "{config}", "--check"], self.fill(GOOD))
         self.assertEqual(code, 0, err)
         plan = out + err
-        for words in ("D_W:100", "M:0", "D_W:500", "rtuplc/line1"):
-            self.assertIn(words, plan)
+        lines = {l.split()[0]: l for l in plan.splitlines() if l.strip().startswith("rtuplc/")}
+        # (topic, shown as writable)
+        for topic, writable in (("1/D_W/100", False), ("1/D_W/109", False), ("2/M/15", False),
+                                ("1/D_W/500", True), ("1/D_W/504", True)):
+            with self.subTest(topic):
+                self.assertIn("rtuplc/line1/" + topic, lines, plan)
+                self.assertEqual("writable" in lines["rtuplc/line1/" + topic], writable)
         self.assertNotIn(SECRET, plan)
 
 
