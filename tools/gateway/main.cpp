@@ -123,6 +123,13 @@ std::string driverDefaultLine(const DriverApi &api)
     return f.size() > 4 ? f.mid(1, 4).join(',').toStdString() : std::string("9600,8,EVEN,1");
 }
 
+// Where the values go on the broker, for people.
+std::string publishedWhere(const Config &c)
+{
+    return c.mqtt.mode == MqttConfig::Mode::Sparkplug ? "Sparkplug B node " + sparkplugNodeTopics(c)
+                                                      : "topics under " + c.mqtt.topic + "/";
+}
+
 // The blocks the driver plans, in polling order, found by letting it walk its rotation
 // with every request failing at once: nothing is sent.
 void printPlan(const DriverApi &api, const Config &c, const std::vector<Item> &items, const std::vector<Point> &points,
@@ -137,10 +144,11 @@ void printPlan(const DriverApi &api, const Config &c, const std::vector<Item> &i
     for (const Item &item : items)
         keys.append(item.key());
     const int blocks = api.addrMerge(keys);
-    std::printf("gateway %s: %s, broker %s, topics under %s/\n", c.name.c_str(),
+    const bool sparkplug = c.mqtt.mode == MqttConfig::Mode::Sparkplug;
+    std::printf("gateway %s: %s, broker %s, %s\n", c.name.c_str(),
                 c.line.kind == LineConfig::Kind::Tcp ? ("tcp " + c.line.host + ":" + std::to_string(c.line.port)).c_str()
                                                      : ("serial " + c.line.device).c_str(),
-                c.mqtt.url.c_str(), c.mqtt.topic.c_str());
+                c.mqtt.url.c_str(), publishedWhere(c).c_str());
     std::printf("%d block%s polled in turn:\n", blocks, blocks == 1 ? "" : "s");
     for (int b = 0; b < blocks; ++b) {
         FRAME_PRO f;
@@ -154,6 +162,12 @@ void printPlan(const DriverApi &api, const Config &c, const std::vector<Item> &i
     std::printf("%zu value%s:\n", points.size(), points.size() == 1 ? "" : "s");
     for (const Point &p : points) {
         const bool w = writable.count({p.station, p.area->name, p.address}) != 0;
+        if (sparkplug) {
+            const std::string path = pathOf(p);
+            std::printf("  device %s, metric %s%s\n", sparkplugDevice(c, p.station).c_str(),
+                        path.substr(path.find('/') + 1).c_str(), w ? "  (writable: DCMD)" : "");
+            continue;
+        }
         std::printf("  %s/%s%s\n", c.mqtt.topic.c_str(), pathOf(p).c_str(), w ? "  (writable: .../set)" : "");
     }
     api.setAddrValueChangeCallBack(nullptr);
@@ -305,9 +319,9 @@ int main(int argc, char **argv)
     if (!mqtt.start(&why))
         return fail(kExitUsage, where(config, 0) + "mqtt: " + why);
     host.start();
-    std::fprintf(stderr, "rtuplc-gateway: %s: polling %zu values in %d blocks on %s; broker %s, topics under %s/\n",
+    std::fprintf(stderr, "rtuplc-gateway: %s: polling %zu values in %d blocks on %s; broker %s, %s\n",
                  config.name.c_str(), host.points().size(), host.blockCount(), link->describe().c_str(),
-                 config.mqtt.url.c_str(), config.mqtt.topic.c_str());
+                 config.mqtt.url.c_str(), publishedWhere(config).c_str());
 
     const auto status = [&] {
         int online = 0;

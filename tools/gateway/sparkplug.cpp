@@ -137,11 +137,21 @@ SparkplugNode::SparkplugNode(Model &model, MqttClient &mqtt)
     }
 }
 
+std::string sparkplugDevice(const Config &config, int station)
+{
+    const auto found = config.stationNames.find(station);
+    return found != config.stationNames.end() ? found->second : "station" + std::to_string(station);
+}
+
+std::string sparkplugNodeTopics(const Config &config)
+{
+    const std::string &node = config.sparkplug.node.empty() ? config.name : config.sparkplug.node;
+    return std::string(kNamespace) + '/' + config.sparkplug.group + "/+/" + node;
+}
+
 std::string SparkplugNode::deviceName(int station) const
 {
-    const auto &names = model_.config().stationNames;
-    const auto found = names.find(station);
-    return found != names.end() ? found->second : "station" + std::to_string(station);
+    return sparkplugDevice(model_.config(), station);
 }
 
 std::string SparkplugNode::topic(const char *type, const std::string &device) const

@@ -98,6 +98,11 @@ private:
     std::chrono::steady_clock::time_point lastStats_{};
 };
 
+// station<N> unless the configuration names the station.
+std::string sparkplugDevice(const Config &config, int station);
+// "spBv1.0/GROUP/+/NODE": where the node publishes, for people to read.
+std::string sparkplugNodeTopics(const Config &config);
+
 } // namespace rtugw
 
 #endif
