@@ -12,6 +12,9 @@ ITEMS = ["D_W:100..101"]
 WRONG_PASSWORD = "wrong-Passw0rd-9931"
 RETRY_WINDOW = 4.0   # s: the first retry comes after 1 s, the second 2 s later
 GATEWAY_LOG_PREFIX = "rtuplc-gateway: "
+# At most this many connections in the first RETRY_WINDOW + 1 s: an attempt at 0, 1 and
+# 3 s, two connections each at worst (a TLS client may try twice), and slack.
+MAX_ATTEMPTS = 8
 
 
 class Security(h.GatewayTestCase):
@@ -61,6 +64,9 @@ class Security(h.GatewayTestCase):
                 self.assertTrue(attempts, "the gateway tried %d time(s), expected a retry" %
                                 (broker.log().count("on port %d" % port) - connections))
                 self.assertTrue(gw.running(), "a refused connection is retried, not the end")
+                time.sleep(RETRY_WINDOW - 1)
+                attempts = broker.log().count("on port %d" % port) - connections
+                self.assertLessEqual(attempts, MAX_ATTEMPTS, "retries back off (1 s, 2 s, 4 s...)")
                 explained = gw.err.wait_for(lambda l: re.search(words, l, re.I), RETRY_WINDOW)
                 log = gw.log()
                 self.assertTrue(explained, "the log does not say %r:\n%s" % (words, log))
