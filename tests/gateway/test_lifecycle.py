@@ -17,6 +17,7 @@ STATS_KEYS = {"polls", "accepted", "retries", "failures", "dropped", "polls_per_
               "buffer_dropped", "writes_ok", "writes_failed", "writes_refused", "uptime"}
 DROPPED_KEYS = {"late", "doubled", "foreign", "malformed"}
 CHANGE_GAP = 0.4   # s between changes, so that every one is polled
+SMALL_BUFFER = 5   # messages held while the broker is away
 WATCHDOG_USEC = 1000000
 PROMPT = 1.0       # s from start to online and the first values, all on loopback
 
@@ -127,6 +128,28 @@ class Lifecycle(h.GatewayTestCase):
                 topic = "%s/1/D_W/%d" % (P, address)
                 self.assertIn(topic, retained)
                 self.assertEqual(json.loads(retained[topic])["value"], self.sim.get(1, address))
+
+    def test_full_buffer_still_leaves_the_current_state(self):
+        gw = self.start_gateway(*self.config(buffer=SMALL_BUFFER), sub=self.sub)
+        self.broker.stop()
+        # More changes than the buffer holds; the last of each must still arrive.
+        for round_ in range(3):
+            for address in range(100, 104):
+                self.sim.set(1, address, 1000 * (round_ + 1) + address)
+            time.sleep(CHANGE_GAP / 2)
+        self.broker.start()
+        stats = self.sub.wait_for(P + "/stats", lambda m: m.json().get("buffer_dropped", 0) > 0, h.START_TIMEOUT)
+        self.assertIsNotNone(stats, "the stats count what the full buffer dropped; log:\n" + gw.log())
+        for address in range(100, 104):
+            topic = "%s/1/D_W/%d" % (P, address)
+            self.assertIsNotNone(self.sub.wait_for(topic, lambda m: m.json().get("value") == 3000 + address))
+        retained = h.retained_state(self.broker, P)
+        for address in range(100, 104):
+            with self.subTest(address=address):
+                self.assertEqual(json.loads(retained["%s/1/D_W/%d" % (P, address)])["value"], 3000 + address)
+        self.assertEqual(retained.get(P + "/status"), "online")
+        for address in range(100, 104):
+            self.sim.set(1, address, address)
 
     def test_ready_and_watchdog_on_the_notify_socket(self):
         folder = tempfile.mkdtemp(prefix="rtuplc-notify-")

@@ -53,6 +53,7 @@ class Writes(h.GatewayTestCase):
         for topic in set(topics):
             answers = self.op.since(mark, "%s/%s/result" % (P, topic))
             self.assertEqual(len(answers), topics.count(topic), "%s: one answer per write, saw %r" % (topic, answers))
+            self.assertEqual({a.qos for a in answers}, {1}, "answers go at QoS 1")
 
     def test_acknowledged_writes_land_in_the_controller(self):
         # (what, topic, value written, request id, read the controller, what it then holds, value published)
