@@ -33,6 +33,7 @@ START_TIMEOUT = 10.0   # s for a process to be up, a broker to listen, a first v
 ANSWER_TIMEOUT = 5.0   # s for an MQTT message or a simulator answer
 STOP_TIMEOUT = 5.0     # s for a process to end after SIGTERM
 SESSION_EXPIRY = 300   # s a persistent subscriber's session outlives it
+LINE_PAUSE_MS = 2      # between exchanges on the line
 
 # Accounts of the broker; the gateway's own may read and write its topics, the
 # reader only reads them, the operator reads them and publishes write requests.
@@ -334,8 +335,10 @@ def base_config(broker, sim, items, name="line1", user="gateway", **mqtt_keys):
             f.write(USERS[user] + "\n")
         mqtt_section.update({"username": user, "password-file": password_file})
     mqtt_section.update(mqtt_keys)
+    # A short pause between exchanges: polling flat out on loopback would take a core
+    # from the broker and the test itself on a two-core machine.
     line = {"tcp": "%s:%d" % (LOOPBACK, sim.port if sim else free_port()), "timeout": 100, "retries": 2,
-            "station": 1}
+            "station": 1, "pause": LINE_PAUSE_MS}
     return folder, {"name": name, "line": line, "mqtt": mqtt_section, "items": list(items)}
 
 
@@ -499,11 +502,16 @@ class Subscriber:
             self.client.loop_stop()
 
 
-def retained_state(broker, prefix, settle=0.7):
-    """{topic: payload} of the retained messages under prefix, read by a fresh client."""
+def retained_state(broker, prefix, quiet=0.5, timeout=ANSWER_TIMEOUT):
+    """{topic: payload} of the retained messages under prefix, read by a fresh client
+    until none came for `quiet` seconds (a busy machine hands them over slowly)."""
     sub = Subscriber(broker, prefix + "/#", user="reader")
     try:
-        time.sleep(settle)
+        deadline = time.monotonic() + timeout
+        seen = -1
+        while seen != sub.mark() and time.monotonic() < deadline:
+            seen = sub.mark()
+            time.sleep(quiet)
         return {m.topic: m.payload for m in sub.since(retained=True) if m.retain}
     finally:
         sub.cleanup()
