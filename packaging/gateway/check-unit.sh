@@ -8,6 +8,7 @@ unit=$1 program=$2 page=$3
 max_exposure=1.5
 command -v systemd-analyze > /dev/null || { echo "systemd-analyze not found: skipped"; exit 77; }
 [ -x "$program" ] || { echo "$program is not an executable"; exit 1; }
+program=$(realpath "$program")   # ExecStart= takes an absolute path only
 work=$(mktemp -d) || exit 1
 trap 'rm -rf "$work"' EXIT
 # A template cannot be verified; an instance of it can, under the name it will run as.
