@@ -18,6 +18,7 @@ STATS_KEYS = {"polls", "accepted", "retries", "failures", "dropped", "polls_per_
 DROPPED_KEYS = {"late", "doubled", "foreign", "malformed"}
 CHANGE_GAP = 0.4   # s between changes, so that every one is polled
 SMALL_BUFFER = 5   # messages held while the broker is away
+QUIET = 1.0        # s to watch for messages that should not come
 WATCHDOG_USEC = 1000000
 PROMPT = 1.0       # s from start to online and the first values, all on loopback
 
@@ -76,6 +77,29 @@ class Lifecycle(h.GatewayTestCase):
         self.assertNotIn("online", [m.payload for m in self.sub.since(0, P + "/3/status")])
         self.assertIsNotNone(self.sub.wait_for(P + "/1/D_W/100", lambda m: m.json().get("quality") == "good"),
                              "a silent station does not stop the others")
+
+    def test_replies_that_fail_are_named(self):
+        # (simulator's fault, what the items' error says, the station's status ever after)
+        rows = [
+            # No usable reply, as if silent, but the error tells a garbled line from a dead one.
+            (["--corrupt", "1"], r"check|bytes came", "offline"),
+            (["--exception", "1"], r"exception.*busy", None),  # answers, so never called silent
+        ]
+        for fault, words, status in rows:
+            with self.subTest(fault=fault):
+                sim = self.own(h.Simulator(extra_args=fault))
+                sub = self.own(h.Subscriber(self.broker, P + "/#", skip_retained=True))
+                gw = self.own(h.Gateway(*h.base_config(self.broker, sim, ITEMS)))
+                bad = sub.wait_for(P + "/1/D_W/100", lambda m: m.json().get("quality") == "bad")
+                self.assertIsNotNone(bad, gw.log())
+                self.assertRegex(bad.json().get("error", "").lower(), words)
+                self.assertIsNone(bad.json().get("value"), "never read: null")
+                time.sleep(QUIET)
+                statuses = [m.payload for m in sub.since(0, P + "/1/status")]
+                self.assertNotIn("online", statuses, "never read, never online")
+                if status:
+                    self.assertEqual(statuses[-1:], [status])
+                gw.stop()
 
     def test_stats_published_every_interval(self):
         self.start_gateway(*self.config(), sub=self.sub)

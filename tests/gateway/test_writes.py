@@ -17,6 +17,7 @@ ITEMS = [
     {"item": "D_W:500..501@2", "writable": True},
 ]
 SETTLE = 0.7  # s to wait for a second answer that must not come
+STATS_WAIT = 3.0  # s: the stats come every second
 
 
 def payload(value, request_id=None):
@@ -55,6 +56,15 @@ class Writes(h.GatewayTestCase):
             self.assertEqual(len(answers), topics.count(topic), "%s: one answer per write, saw %r" % (topic, answers))
             self.assertEqual({a.qos for a in answers}, {1}, "answers go at QoS 1")
 
+    def stats_count(self, key):
+        last = self.op.last(P + "/stats")
+        return last.json()[key] if last else 0
+
+    def assert_counted(self, key, before, rows):
+        """The stats topic counts these writes, within a stats interval or two."""
+        counted = self.op.wait_for(P + "/stats", lambda m: m.json().get(key, 0) >= before + rows, STATS_WAIT)
+        self.assertIsNotNone(counted, "%s should reach %d, is %s" % (key, before + rows, self.stats_count(key)))
+
     def test_acknowledged_writes_land_in_the_controller(self):
         # (what, topic, value written, request id, read the controller, what it then holds, value published)
         rows = [
@@ -71,6 +81,7 @@ class Writes(h.GatewayTestCase):
             ("station 2", "2/D_W/500", 77, "s2", lambda: self.sim.get(2, 500), 77, 77),
         ]
         start = self.op.mark()
+        ok_before = self.stats_count("writes_ok")
         for what, topic, value, request_id, read, held, published in rows:
             with self.subTest(what):
                 answer, mark = self.write(topic, payload(value, request_id))
@@ -83,6 +94,7 @@ class Writes(h.GatewayTestCase):
         self.assert_one_answer_each([r[1] for r in rows], start)
         self.assertEqual([t for t in h.retained_state(self.broker, P) if t.endswith("/result")], [],
                          "an answer is for its moment, not retained")
+        self.assert_counted("writes_ok", ok_before, len(rows))
 
     def test_refused_writes_send_nothing(self):
         # (why it is refused, topic, payload, id echoed)
@@ -104,6 +116,7 @@ class Writes(h.GatewayTestCase):
         ]
         self.sim.set(1, 500, 500)
         before = self.sim.counters()["writes"]
+        refused_before = self.stats_count("writes_refused")
         start = self.op.mark()
         for why, topic, body, request_id in rows:
             with self.subTest(why):
@@ -114,6 +127,7 @@ class Writes(h.GatewayTestCase):
         self.assert_one_answer_each([r[1] for r in rows], start)
         self.assertEqual(self.sim.counters()["writes"], before, "a refused write reached the controller")
         self.assertEqual(self.sim.get(1, 500), 500)
+        self.assert_counted("writes_refused", refused_before, len(rows))
 
     def test_failed_writes_are_answered_with_the_reason(self):
         # (what fails, break the line, mend it, topic, words of the error)
@@ -123,6 +137,7 @@ class Writes(h.GatewayTestCase):
             ("controller refuses", lambda: self.sim.refuse(1, "registers", 503, 1, 4), lambda: self.sim.accept(1),
              "1/D_W/503", "exception"),
         ]
+        failed_before = self.stats_count("writes_failed")
         for what, fault, mend, topic, words in rows:
             with self.subTest(what):
                 fault()
@@ -135,6 +150,7 @@ class Writes(h.GatewayTestCase):
                 self.assertIn(words, answer.get("error", "").lower())
                 self.assertLess(time.monotonic() - started, h.ANSWER_TIMEOUT)
                 self.assert_one_answer_each([topic], mark)
+        self.assert_counted("writes_failed", failed_before, len(rows))
 
     def test_two_quick_writes_to_adjacent_addresses_answered_once_each(self):
         mark = self.op.mark()
