@@ -587,7 +587,8 @@ Failure Host::whyFailed(const FRAME_PRO &f, const Exchange &x, std::chrono::micr
     failure.kind = Failure::Kind::NoReply;
     const long ms = long(timeout.count() / 1000);
     if (x.bytesSeen > 0)
-        failure.why = QStringLiteral("no reply answering it within %1 ms (%2 bytes came that did not), %3")
+        failure.why = QStringLiteral("no reply answering it within %1 ms: %2 bytes came that failed the check "
+                                     "(bad CRC, noise, or not this request's answer), %3")
                           .arg(ms)
                           .arg(x.bytesSeen)
                           .arg(tries);
