@@ -136,6 +136,9 @@ class Api(h.GatewayTestCase):
                 self.assertEqual(self.sim.get(1, register), value)
 
     def test_metrics_parse_and_agree_with_the_line(self):
+        # Station 2 may still be coming back from the silence of another test.
+        up = 'rtuplc_gateway_station_up{station="2"} 1'
+        self.assertTrue(h.wait_until(lambda: up in http_request(self.port, "GET", "/metrics")[2], h.START_TIMEOUT))
         status, headers, text = http_request(self.port, "GET", "/metrics")
         self.assertEqual(status, 200)
         self.assertTrue(headers["Content-Type"].startswith("text/plain; version=0.0.4"))
