@@ -10,6 +10,7 @@ import json
 import os
 import pwd
 import queue
+import shutil
 import signal
 import socket
 import subprocess
@@ -210,6 +211,7 @@ class Broker:
 
     def cleanup(self):
         self.stop()
+        shutil.rmtree(self.dir, ignore_errors=True)
 
 
 def make_certificates(folder):
@@ -323,10 +325,15 @@ def yaml_text(value, indent=0):
     return out
 
 
+# Folders base_config() made, removed with the gateway that used them.
+_temporary_folders = set()
+
+
 def base_config(broker, sim, items, name="line1", user="gateway", **mqtt_keys):
     """A configuration for `sim` on `broker` with short time-outs, so that a silent
     station is noticed within a second."""
     folder = tempfile.mkdtemp(prefix="rtuplc-gw-")
+    _temporary_folders.add(folder)
     mqtt_section = {"url": broker.url() if broker else "mqtt://127.0.0.1:%d" % free_port(),
                     "stats-interval": 1, "keepalive": 5}
     if user:
@@ -386,6 +393,9 @@ class Gateway:
         for reader, stream in ((self.out, self.proc.stdout), (self.err, self.proc.stderr)):
             reader.finish()
             stream.close()
+        if self.folder in _temporary_folders:
+            _temporary_folders.discard(self.folder)
+            shutil.rmtree(self.folder, ignore_errors=True)
 
 
 class Message:

@@ -3,6 +3,7 @@ is opened, naming the file, the key or line, and why; --check shows the plan wit
 broker or a line."""
 
 import os
+import shutil
 import subprocess
 import tempfile
 
@@ -75,6 +76,7 @@ BAD_FILES = [
 class Configuration(h.GatewayTestCase):
     def setUp(self):
         self.folder = tempfile.mkdtemp(prefix="rtuplc-config-")
+        self.addCleanup(shutil.rmtree, self.folder, True)
         self.password_file = os.path.join(self.folder, "password")
         with open(self.password_file, "w") as f:
             f.write(SECRET + "\n")

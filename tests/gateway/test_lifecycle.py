@@ -4,6 +4,7 @@ service manager's readiness and watchdog."""
 
 import json
 import os
+import shutil
 import signal
 import socket
 import tempfile
@@ -178,6 +179,7 @@ class Lifecycle(h.GatewayTestCase):
 
     def test_ready_and_watchdog_on_the_notify_socket(self):
         folder = tempfile.mkdtemp(prefix="rtuplc-notify-")
+        self.addCleanup(shutil.rmtree, folder, True)
         # (kind of socket, address to bind, NOTIFY_SOCKET)
         rows = [
             ("path", os.path.join(folder, "notify"), os.path.join(folder, "notify")),
