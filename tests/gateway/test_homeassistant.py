@@ -170,6 +170,7 @@ class Discovery(h.GatewayTestCase):
         self.assertIsNone(self.sub.wait_for(topic, since=mark, timeout=0.7))
 
     def test_an_item_no_longer_configured_is_withdrawn_and_others_left_alone(self):
+        self.assertIsNotNone(self.sub.wait_for(self.stale_topic, lambda m: m.payload == ""), "not withdrawn")
         retained = h.retained_state(self.broker, HA)
         self.assertNotIn(self.stale_topic, retained)
         self.assertIn(self.foreign_topic, retained)
