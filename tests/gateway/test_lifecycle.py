@@ -50,6 +50,15 @@ class Lifecycle(h.GatewayTestCase):
             self.assertIsNotNone(first, topic)
             self.assertLess(first.time - started, PROMPT, "%s: first read, first published" % topic)
 
+    def test_each_value_published_once_at_start(self):
+        self.start_gateway(*self.config(), sub=self.sub)
+        time.sleep(QUIET)
+        topics = ["%s/1/D_W/%d" % (P, address) for address in range(100, 104)]
+        self.assertEqual({t: len(self.sub.since(0, t)) for t in topics}, {t: 1 for t in topics},
+                         "published when first read, then only on a change")
+        self.assertEqual([m.payload for m in self.sub.since(0, P + "/1/status")], ["offline", "online"])
+        self.assertEqual([m.payload for m in self.sub.since(0, P + "/status")], ["online"])
+
     def test_stop_by_signal_publishes_offline_and_exits_0(self):
         for sig in (signal.SIGTERM, signal.SIGINT):
             with self.subTest(signal=sig.name):
