@@ -448,8 +448,10 @@ void SparkplugNode::onMessage(const Message &m)
     }
     if (m.topic == topic("NCMD")) {
         Payload p;
-        if (!p.ParseFromString(m.payload))
+        if (!p.ParseFromString(m.payload)) {
+            std::fprintf(stderr, "rtuplc-gateway: NCMD is no Sparkplug payload: ignored\n");
             return;
+        }
         for (const Payload::Metric &metric : p.metrics()) {
             if (metric.name() == kRebirth && metric.boolean_value() && birthAllowed()) {
                 std::fprintf(stderr, "rtuplc-gateway: rebirth asked for\n");
@@ -460,9 +462,13 @@ void SparkplugNode::onMessage(const Message &m)
     }
     const std::string devicePrefix = topic("DCMD") + '/';
     if (m.topic.compare(0, devicePrefix.size(), devicePrefix) == 0) {
-        const auto found = byName_.find(m.topic.substr(devicePrefix.size()));
+        const std::string device = m.topic.substr(devicePrefix.size());
+        const auto found = byName_.find(device);
         if (found != byName_.end())
             handleDeviceCommand(devices_[found->second], m.payload);
+        else
+            std::fprintf(stderr, "rtuplc-gateway: DCMD for %s, which is no device of this node: ignored\n",
+                         device.c_str());
     }
 }
 
