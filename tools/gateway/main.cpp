@@ -132,8 +132,8 @@ std::string publishedWhere(const Config &c)
 
 // The blocks the driver plans, in polling order, found by letting it walk its rotation
 // with every request failing at once: nothing is sent.
-void printPlan(const DriverApi &api, const Config &c, const std::vector<Item> &items, const std::vector<Point> &points,
-               const std::set<std::tuple<int, QString, int>> &writable)
+void printPlan(const DriverApi &api, const Catalogue &catalogue, const Config &c, const std::vector<Item> &items,
+               const std::vector<Point> &points, const std::set<std::tuple<int, QString, int>> &writable)
 {
     std::vector<unsigned char> memory(kHostMemoryBytes);
     std::vector<unsigned short> recipe(kRecipeBufferWords);
@@ -154,8 +154,13 @@ void printPlan(const DriverApi &api, const Config &c, const std::vector<Item> &i
         FRAME_PRO f;
         if (api.getSendFrame(f) != 1)
             break;
-        std::printf("  station %d %s from %d, %d unit%s (function %02X)\n", f.station, qPrintable(f.regName),
-                    f.startAddr, f.len, f.len == 1 ? "" : "s", f.frameLen > 1 ? f.frame[1] : 0);
+        // In the area's own notation, as items are written: "D_W:100..109".
+        const Area *area = catalogue.find(f.regName);
+        const auto at = [&](int a) { return area ? area->format(a) : QString::number(a); };
+        const QString range = f.len > 1 ? at(f.startAddr) + QStringLiteral("..") + at(f.startAddr + f.len - 1)
+                                        : at(f.startAddr);
+        std::printf("  station %d %s:%s, %d unit%s (function %02X)\n", f.station, qPrintable(f.regName),
+                    qPrintable(range), f.len, f.len == 1 ? "" : "s", f.frameLen > 1 ? f.frame[1] : 0);
         QString ignored;
         api.dealRcvFrame(QByteArray(), ignored);
     }
@@ -233,7 +238,7 @@ int main(int argc, char **argv)
                     points.push_back(p);
             }
         }
-        printPlan(api, config, items, points, writable);
+        printPlan(api, catalogue, config, items, points, writable);
         std::printf("configuration %s: ok\n", config.file.c_str());
         return kExitOk;
     }
