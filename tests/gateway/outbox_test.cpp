@@ -1,17 +1,28 @@
 // The outbox decides what a broker that was away gets to see: the order of the messages,
 // the latest value of every topic, and every answer to a write.
+#include "mqtt_client.h"
 #include "outbox.h"
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <chrono>
 #include <map>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
 #include <random>
 #include <sstream>
 #include <string>
 #include <vector>
 
 using rtugw::Message;
+using rtugw::MqttClient;
+using rtugw::MqttEvent;
+using rtugw::MqttSettings;
 using rtugw::Outbox;
+using Clock = std::chrono::steady_clock;
 
 namespace {
 
@@ -137,6 +148,78 @@ TEST(Outbox, LongOutageKeepsLatestOrderAndAnswers) {
         take(*m);
     EXPECT_EQ(eventsOut, events);
     EXPECT_EQ(lastOut, latest);
+}
+
+// A loopback port nobody listens on: bound, then given back.
+int closedPort()
+{
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    bind(fd, reinterpret_cast<sockaddr *>(&a), len);
+    getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
+    close(fd);
+    return ntohs(a.sin_port);
+}
+
+// The broker may be away when the gateway starts, for hours: the line must be polled
+// all the same, the values held, one clear complaint made rather than one per retry,
+// and the gateway must still stop at once.
+TEST(MqttClientWithoutBroker, StartsHoldsComplainsOnceAndStops) {
+    MqttSettings s;
+    s.host = "127.0.0.1";
+    s.port = closedPort();
+    s.clientId = "outbox-test";
+    s.username = "gw";
+    s.password = "sesame-42";
+    s.buffer = 3;
+    MqttClient client(s);
+    client.subscribe("p/+/+/+/set");
+
+    std::string error;
+    const Clock::time_point started = Clock::now();
+    ASSERT_TRUE(client.start(&error)) << error;
+    EXPECT_LT(Clock::now() - started, std::chrono::milliseconds(200)) << "start() waited for the broker";
+
+    for (const char *v : {"1", "2", "3", "4"})
+        client.publish(Message{"p/1/D/1", v, 1, true, {}, {}});
+    client.publish(Message{"p/1/D/2", "9", 1, true, {}, {}});
+    client.publish(Message{"p/1/D/1/result", "ok", 1, false, {}, {}}, Outbox::Kind::Event);
+    EXPECT_FALSE(client.connected());
+    EXPECT_EQ(client.stats().held, 3u);
+    EXPECT_EQ(client.stats().dropped, 3u);
+    EXPECT_EQ(client.stats().published, 0u);
+
+    // Long enough for the first attempt and the retry a second later.
+    std::vector<MqttEvent> events;
+    for (const Clock::time_point end = Clock::now() + std::chrono::milliseconds(1600); Clock::now() < end;) {
+        client.pump();
+        for (MqttEvent &e : client.takeEvents())
+            events.push_back(e);
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    ASSERT_EQ(events.size(), 1u) << "a failure that does not change is told once";
+    EXPECT_EQ(events[0].type, MqttEvent::Type::Failed);
+    EXPECT_EQ(events[0].text, "cannot reach the broker at 127.0.0.1:" + std::to_string(s.port) + ": connection refused");
+
+    const Clock::time_point stopping = Clock::now();
+    client.stop({Message{"p/status", "offline", 1, true, {}, {}}}, std::chrono::seconds(5));
+    EXPECT_LT(Clock::now() - stopping, std::chrono::seconds(1)) << "stop() waited for a broker that is not there";
+}
+
+TEST(MqttClientWithoutBroker, RefusesUnreadableTlsFiles) {
+    MqttSettings s;
+    s.host = "127.0.0.1";
+    s.port = closedPort();
+    s.tls = true;
+    s.ca = "/nonexistent/ca.crt";
+    s.clientId = "outbox-test";
+    MqttClient client(s);
+    std::string error;
+    EXPECT_FALSE(client.start(&error));
+    EXPECT_NE(error.find("/nonexistent/ca.crt"), std::string::npos) << error;
 }
 
 } // namespace
