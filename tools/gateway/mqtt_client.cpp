@@ -11,6 +11,7 @@
 #include <mutex>
 #include <netdb.h>
 #include <optional>
+#include <string_view>
 #include <poll.h>
 #include <sys/socket.h>
 #include <thread>
@@ -178,6 +179,15 @@ struct MqttClient::Impl {
     Clock::duration backoff = kFirstRetry;
     std::string lastFailure; // reported already; a repeat of it is not news
     std::string tlsDetail;   // OpenSSL's first complaint during the current attempt
+    // How far the current attempt's handshake got, read from Paho's trace: Paho's failure
+    // says only "TCP/TLS connect failure", and OpenSSL stays silent when the host name
+    // does not match or the broker ends the handshake.
+    struct Handshake {
+        bool serverHello = false;
+        bool verified = false;     // the chain is good, whatever the name
+        bool nameMismatch = false; // Paho checks names first, then addresses: tentative
+        bool refused = false;      // the broker sent a fatal alert
+    } handshake;
     std::string dropCause;   // the broker's reason when it disconnected us
 
     // What Paho reads when connecting; kept here so the pointers stay valid.
@@ -209,6 +219,11 @@ struct MqttClient::Impl {
     static void onSent(void *context, MQTTAsync_successData5 *data);
     static void onNotSent(void *context, MQTTAsync_failureData5 *data);
     static int onTlsError(const char *text, size_t length, void *context);
+    static void onTrace(MQTTASYNC_TRACE_LEVELS level, char *message);
+    void traceHandshake(bool on);
+    std::string handshakeText();
+    // Paho's trace is one for the process; the gateway has one client, the one tracing.
+    static std::atomic<Impl *> tracing;
 };
 
 bool MqttClient::Impl::create(std::string *error)
@@ -283,10 +298,13 @@ void MqttClient::Impl::connect()
         std::lock_guard<std::mutex> lock(mu);
         attempting = true;
         tlsDetail.clear();
+        handshake = Handshake{};
     }
+    traceHandshake(s.tls);
     const int rc = MQTTAsync_connect(client, &options);
     if (rc != MQTTASYNC_SUCCESS) {
         // Paho did not even start the attempt: counted as a failed one, retried later.
+        traceHandshake(false);
         std::lock_guard<std::mutex> lock(mu);
         attempting = false;
         nextAttempt = Clock::now() + backoff;
@@ -395,21 +413,71 @@ std::string MqttClient::Impl::failureText(const MQTTAsync_failureData5 *data)
         std::lock_guard<std::mutex> lock(mu);
         detail = tlsDetail;
     }
+    if (s.tls && detail == "certificate verify failed")
+        return "TLS handshake with " + where + " failed: " + detail + " (the broker's certificate is not signed by " +
+               (s.ca.empty() ? std::string("an authority the system trusts") : s.ca) + ")";
     if (s.tls && !detail.empty())
         return "TLS handshake with " + where + " failed: " + detail;
     const std::string unreachable = probeTcp(s.host, s.port);
     if (!unreachable.empty())
         return "cannot reach the broker at " + where + ": " + unreachable;
     if (s.tls)
-        return "TLS handshake with " + where + " failed: the certificate is not for " + s.host +
-               ", or the port does not speak TLS";
-    // Seen when the port wants TLS: the broker hangs up on a plain CONNECT.
-    return "the broker at " + where + " closed the connection before answering (a TLS port? then mqtts://)";
+        return "TLS handshake with " + where + " failed: " + handshakeText();
+    // Seen when the port wants TLS (the broker hangs up on a plain CONNECT), and from a
+    // broker that is still starting.
+    return "the broker at " + where + " closed the connection before answering; if it is a TLS port, use mqtts://";
+}
+
+std::string MqttClient::Impl::handshakeText()
+{
+    std::lock_guard<std::mutex> lock(mu);
+    if (handshake.refused)
+        return s.cert.empty() ? "the broker ended it; does it want a client certificate (cert and key)?"
+                              : "the broker ended it; does it trust our client certificate?";
+    if (handshake.verified && handshake.nameMismatch)
+        return "the broker's certificate is not for " + s.host;
+    if (!handshake.serverHello)
+        return "no TLS answer from the port (a plain MQTT port? then mqtt://)";
+    return "it did not complete";
+}
+
+std::atomic<MqttClient::Impl *> MqttClient::Impl::tracing{nullptr};
+
+void MqttClient::Impl::traceHandshake(bool on)
+{
+    // Only while connecting: traced at this level, every message sent would be formatted.
+    if (on) {
+        tracing = this;
+        MQTTAsync_setTraceCallback(onTrace);
+        MQTTAsync_setTraceLevel(MQTTASYNC_TRACE_PROTOCOL);
+    } else if (tracing == this) {
+        MQTTAsync_setTraceLevel(MQTTASYNC_TRACE_FATAL);
+        tracing = nullptr;
+    }
+}
+
+void MqttClient::Impl::onTrace(MQTTASYNC_TRACE_LEVELS, char *message)
+{
+    Impl *self = tracing.load();
+    if (!self || !message)
+        return;
+    const std::string_view m(message);
+    std::lock_guard<std::mutex> lock(self->mu);
+    Handshake &h = self->handshake;
+    if (m.find("read server hello") != std::string_view::npos)
+        h.serverHello = true;
+    else if (m.find("SSL certificate verification: X509_V_OK") != std::string_view::npos)
+        h.verified = true;
+    else if (m.find("X509_check_host") != std::string_view::npos && m.find("failed") != std::string_view::npos)
+        h.nameMismatch = true;
+    else if (m.find("SSL alert read:fatal") != std::string_view::npos)
+        h.refused = true;
 }
 
 void MqttClient::Impl::onConnected(void *context, MQTTAsync_successData5 *data)
 {
     Impl *self = static_cast<Impl *>(context);
+    self->traceHandshake(false);
     MQTTProperty *receiveMaximum =
         data ? MQTTProperties_getProperty(&data->properties, MQTTPROPERTY_CODE_RECEIVE_MAXIMUM) : nullptr;
     self->window = std::min<long>(receiveMaximum ? receiveMaximum->value.integer2 : kNoReceiveMaximum, kMaxInflight);
@@ -428,6 +496,7 @@ void MqttClient::Impl::onConnectFailed(void *context, MQTTAsync_failureData5 *da
 {
     Impl *self = static_cast<Impl *>(context);
     const std::string text = self->failureText(data);
+    self->traceHandshake(false);
     std::lock_guard<std::mutex> lock(self->mu);
     self->attempting = false;
     self->nextAttempt = Clock::now() + self->backoff;
@@ -504,6 +573,7 @@ MqttClient::MqttClient(const MqttSettings &settings) : impl_(new Impl(settings))
 
 MqttClient::~MqttClient()
 {
+    impl_->traceHandshake(false);
     if (impl_->client)
         MQTTAsync_destroy(&impl_->client);
     MQTTProperties_free(&impl_->connectProperties);
