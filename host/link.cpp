@@ -251,6 +251,7 @@ void Link::lateBy(Clock::time_point now, Clock::time_point deadline)
 void Link::took(const std::vector<uint8_t> &frame, Clock::time_point now, bool sentNow)
 {
     lastTaken_ = now;
+    lastTakenFrame_ = frame;
     // A slave answers in order: the answer goes to the oldest identical send still
     // owed. If that is not the one just sent, the answer to this one may still come.
     const auto same = [&](const Owed &o) { return o.frame == frame; };
@@ -390,8 +391,12 @@ Exchange Link::exchange(const FRAME_PRO &frame, std::chrono::microseconds timeou
             if (r > 0) {
                 x.bytesSeen += size_t(r);
                 // A slave that answers twice sends the copy right after the reply: later
-                // than the transmission of a reply plus this slack it is an answer.
-                const bool copyPossible = Clock::now() - lastTaken_ < (timeout - margin_) + kCopyWindow;
+                // than the transmission of a reply plus this slack it is an answer. To
+                // the same request sent again, a copy carries the very values asked for,
+                // so it is no copy to skip: a single block polled flat out gets identical
+                // replies back to back.
+                const bool copyPossible = bytes != lastTakenFrame_ &&
+                                          Clock::now() - lastTaken_ < (timeout - margin_) + kCopyWindow;
                 matcher_.feed(buf, size_t(r), copyPossible);
             } else if (r == 0 || (errno != EAGAIN && errno != EINTR)) {
                 x.detail = r == 0 ? "the connection was closed" : errnoText();

@@ -105,6 +105,7 @@ private:
                                                 // been the late one to the send before
     Clock::time_point lastEnd_{};
     Clock::time_point lastTaken_{}; // when the last answer was taken
+    std::vector<uint8_t> lastTakenFrame_; // the request it answered
     LineStats stats_;
     Clock::time_point nextAttempt_{};
     std::chrono::milliseconds backoff_{kFirstBackoff};
