@@ -42,7 +42,7 @@ struct MqttEvent {
 };
 
 struct MqttStats {
-    uint64_t published = 0;     // handed to the broker
+    uint64_t published = 0;     // acknowledged by the broker (QoS 1) or written to it (QoS 0)
     uint64_t held = 0;          // in the outbox now
     uint64_t dropped = 0;       // intermediate values dropped from a full outbox
 };
