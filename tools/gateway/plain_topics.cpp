@@ -185,10 +185,12 @@ void PlainTopics::tick()
             std::fprintf(stderr, "rtuplc-gateway: connected to the broker at %s:%d%s\n", c.host.c_str(), c.port,
                          e.sessionPresent ? "" : " (new session)");
             mqtt_.publish(Message{prefix_ + "/status", "online", qos_, true, {}, {}});
-            // A broker that lost its state (or a first connection) is told everything
-            // current, so that its retained messages are the gateway's state.
-            if (!e.sessionPresent)
+            // A broker that lost its state is told everything current, so that its
+            // retained messages are the gateway's state. Before the first connection nothing was sent: what was published is
+            // still held and goes out now, once.
+            if (!e.sessionPresent && everConnected_)
                 republishAll();
+            everConnected_ = true;
             for (BrokerListener *l : listeners_)
                 l->connected(e.sessionPresent);
             break;

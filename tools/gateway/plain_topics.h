@@ -77,6 +77,7 @@ private:
     uint64_t pollsAtLastStats_ = 0;
     double pollsPerSecond_ = 0;
     bool brokerUp_ = false;
+    bool everConnected_ = false;
     std::string brokerState_ = "connecting";
 };
 
