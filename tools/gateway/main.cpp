@@ -328,13 +328,21 @@ int main(int argc, char **argv)
                  config.name.c_str(), host.points().size(), host.blockCount(), link->describe().c_str(),
                  config.mqtt.url.c_str(), publishedWhere(config).c_str());
 
+    // The pace since the status was last told, whatever the mode and the stats topic.
+    uint64_t pollsBefore = 0;
+    auto before = std::chrono::steady_clock::now();
     const auto status = [&] {
         int online = 0;
         for (const auto &[station, state] : model.stations())
             online += state.online ? 1 : 0;
+        const auto now = std::chrono::steady_clock::now();
+        const double seconds = std::chrono::duration<double>(now - before).count();
+        const double pace = seconds > 0 ? double(host.stats().polls - pollsBefore) / seconds : 0;
+        pollsBefore = host.stats().polls;
+        before = now;
         char text[256];
         std::snprintf(text, sizeof text, "%d/%zu stations online, %.1f polls/s, broker %s, %llu held", online,
-                      model.stations().size(), plain.pollsPerSecond(), brokerStatus().state.c_str(),
+                      model.stations().size(), pace, brokerStatus().state.c_str(),
                       (unsigned long long)mqtt.stats().held);
         return std::string(text);
     };
