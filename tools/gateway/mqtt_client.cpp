@@ -168,6 +168,7 @@ struct MqttClient::Impl {
     std::atomic<long> inPaho{0};        // handed to Paho, not yet acknowledged or written
     std::atomic<long> window{kMaxInflight};
     Clock::time_point windowFullSince{};
+    std::atomic<bool> disconnected{false}; // Paho finished a DISCONNECT we asked for
 
     // Paho's thread meets the poll loop here.
     std::mutex mu;
@@ -724,9 +725,19 @@ void MqttClient::disconnect(const std::vector<Message> &last, std::chrono::milli
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
         MQTTAsync_disconnectOptions options = MQTTAsync_disconnectOptions_initializer5;
         options.timeout = int(std::max<long long>(left, kDisconnectMinMs));
+        // Done when Paho says the DISCONNECT went out, so that a reconnect() after it
+        // cannot overtake it.
+        d.disconnected = false;
+        options.onSuccess5 = [](void *context, MQTTAsync_successData5 *) {
+            static_cast<Impl *>(context)->disconnected = true;
+        };
+        options.onFailure5 = [](void *context, MQTTAsync_failureData5 *) {
+            static_cast<Impl *>(context)->disconnected = true;
+        };
+        options.context = &d;
         if (MQTTAsync_disconnect(d.client, &options) == MQTTASYNC_SUCCESS) {
-            while (MQTTAsync_isConnected(d.client) && Clock::now() < deadline + std::chrono::milliseconds(kDisconnectMinMs))
-                std::this_thread::sleep_for(kStopPoll);
+            while (!d.disconnected && Clock::now() < deadline + std::chrono::milliseconds(kDisconnectMinMs))
+                std::this_thread::sleep_for(kStopPoll / 5);
         }
     }
     d.up = false;
