@@ -34,42 +34,18 @@ def replace(old, new):
     return lambda text: text.replace(old, new, 1)
 
 
-def drop_section(key, last_line):
-    """Removes the lines of a top-level section, from its key to last_line (1-based)."""
-    def edit(text):
-        lines = text.splitlines(True)
-        first = next(i for i, l in enumerate(lines) if l.startswith(key + ":"))
-        return "".join(lines[:first] + lines[last_line:])
-    return edit
-
-
+# What only the binary shows, the loader's own refusals being tabled in config_test.cpp:
+# the message's file:line and key, and the items the driver itself reads and refuses.
 # (what is wrong, how to spoil the good file, a key or text the message names, the line)
 BAD_FILES = [
-    ("unknown top-level key", replace("line:\n", "colour: red\nline:\n"), "colour", 2),
     ("unknown key of mqtt", replace("  qos: 1\n", "  qos: 1\n  tpoic: x\n"), "tpoic", 9),
-    ("qos out of range", replace("qos: 1", "qos: 2"), "qos", 8),
-    ("qos not a number", replace("qos: 1", "qos: high"), "qos", 8),
+    ("unreadable password file", replace("password-file: ", "password-file: /nonexistent/"), "password-file",
+     10),
     ("item text unreadable", replace("- D_W:100..109", "- D_W:abc"), "D_W:abc", 12),
     ("item of an unknown area", replace("- D_W:100..109", "- Q:1"), "Q:1", 12),
     ("item address outside its area", replace("- D_W:100..109", "- D_W:8000"), "D_W:8000", 12),
     ("item address not octal", replace("- D_W:100..109", "- X:18"), "X:18", 12),
     ("item station out of range", replace("- M:0..15@2", "- M:0..15@248"), "M:0..15@248", 13),
-    ("writable not a boolean", replace("writable: true", "writable: maybe"), "writable", 14),
-    ("no line section", drop_section("line", 5), "line", None),
-    ("no items", drop_section("items", 14), "items", None),
-    ("unreadable password file", replace("password-file: ", "password-file: /nonexistent/"), "password-file",
-     10),
-    ("url of another scheme", replace("url: mqtt://", "url: http://"), "url", 7),
-    ("tcp port out of range", replace("127.0.0.1:@LINE_PORT@", "127.0.0.1:99999"), "tcp", 3),
-    ("tcp without a port", replace("127.0.0.1:@LINE_PORT@", "127.0.0.1"), "tcp", 3),
-    ("negative timeout", replace("timeout: 100", "timeout: -5"), "timeout", 4),
-    ("retries not a number", replace("retries: 2", "retries: many"), "retries", 5),
-    ("both tcp and serial", replace("  timeout: 100\n", "  serial: /dev/ttyS0\n  timeout: 100\n"), "serial", 4),
-    ("client certificate without its key", replace("  qos: 1\n", "  qos: 1\n  cert: /etc/hostname\n"), "key",
-     9),
-    ("not YAML", replace("items:\n", "items: [D_W:1\n"), None, None),
-    ("not a mapping", lambda text: "- just\n- a list\n", None, None),
-    ("empty file", lambda text: "", None, None),
 ]
 
 
@@ -105,11 +81,8 @@ class Configuration(h.GatewayTestCase):
                 code, out, err = self.run_gateway(["--config", "{config}"], self.fill(spoil(GOOD)))
                 self.assertEqual(code, 2, "exit code; stderr:\n" + err)
                 self.assertTrue(err.startswith("rtuplc-gateway: "), err)
-                self.assertIn("line1.yaml", err, "the message names the file")
-                if named is not None or line is not None:
-                    self.assertTrue((named is not None and named in err) or
-                                    (line is not None and "line1.yaml:%d" % line in err),
-                                    "the message names %r or line %s:\n%s" % (named, line, err))
+                self.assertIn("line1.yaml:%d: " % line, err)
+                self.assertIn(named, err)
                 self.assertNotIn(SECRET, err + out)
 
     def test_command_line(self):
