@@ -165,6 +165,10 @@ class Broker:
             "allow_anonymous false",
             "password_file " + self.path("passwd"),
             "acl_file " + self.path("acl"),
+            # As a plant's broker for a busy line is set up: QoS 1 messages flow in a
+            # window wider than mosquitto's 20, and a slow subscriber's queue is not cut.
+            "max_inflight_messages 1000",
+            "max_queued_messages 0",
             "persistence true",
             "persistence_location " + self.dir + "/",
             "log_dest file " + self.path("mosquitto.log"),
@@ -549,6 +553,16 @@ class GatewayTestCase(unittest.TestCase):
         """For the whole class: ended after its last test."""
         cls.addClassCleanup(thing.cleanup)
         return thing
+
+    @classmethod
+    def start_class_gateway(cls, folder, config, sub, *topics):
+        """For the whole class: a gateway, once `sub` saw each topic (a status online)."""
+        cls.gw = cls.keep(Gateway(folder, config))
+        for topic in topics:
+            wanted = (lambda m: m.payload == "online") if topic.endswith("/status") else (lambda m: True)
+            if sub.wait_for(topic, wanted, START_TIMEOUT) is None:
+                raise AssertionError("nothing on %s; the gateway's log:\n%s" % (topic, cls.gw.log()))
+        return cls.gw
 
     def own(self, thing):
         """For this test only."""

@@ -65,9 +65,7 @@ class Discovery(h.GatewayTestCase):
         folder, config = h.base_config(cls.broker, cls.sim, ITEMS)
         config["homeassistant"] = {"prefix": HA}
         config["stations"] = {1: {"name": "oven"}}
-        cls.gw = cls.keep(h.Gateway(folder, config))
-        if cls.sub.wait_for(P + "/1/D_W/500", timeout=h.START_TIMEOUT) is None:
-            raise AssertionError("no value; the gateway's log:\n" + cls.gw.log())
+        cls.start_class_gateway(folder, config, cls.sub, P + "/1/D_W/500")
 
     def configs(self):
         """{(component, object id): config} retained at the broker now."""

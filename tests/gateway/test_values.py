@@ -45,12 +45,7 @@ class Values(h.GatewayTestCase):
         cls.sim = cls.keep(h.Simulator(stations=(1, 2)))
         cls.sub = cls.keep(h.Subscriber(cls.broker, P + "/#"))
         folder, config = h.base_config(cls.broker, cls.sim, ITEMS)
-        cls.gw = cls.keep(h.Gateway(folder, config))
-        online = cls.sub.wait_for(P + "/status", lambda m: m.payload == "online", h.START_TIMEOUT)
-        if online is None:
-            raise AssertionError("the gateway never said online; its log:\n" + cls.gw.log())
-        for topic, _ in EXPECTED:
-            cls.sub.wait_for(P + "/" + topic, timeout=h.START_TIMEOUT)
+        cls.start_class_gateway(folder, config, cls.sub, P + "/status", *(P + "/" + t for t, _ in EXPECTED))
         # Whatever start-up sends besides the first values (test_lifecycle judges it)
         # is over before a test counts messages.
         time.sleep(STARTUP_SETTLE)

@@ -55,10 +55,8 @@ class Api(h.GatewayTestCase):
         cls.sim = cls.keep(h.Simulator(stations=(1, 2)))
         cls.sub = cls.keep(h.Subscriber(cls.broker, P + "/#"))
         folder, config, cls.port = web_config(cls.broker, cls.sim, ITEMS)
-        cls.gw = cls.keep(h.Gateway(folder, config))
+        cls.start_class_gateway(folder, config, cls.sub, P + "/2/M/3")
         wait_http(cls.port, cls.gw)
-        if cls.sub.wait_for(P + "/2/M/3", timeout=h.START_TIMEOUT) is None:
-            raise AssertionError("no value of station 2; the gateway's log:\n" + cls.gw.log())
 
     def get_json(self, path):
         status, _, body = http_request(self.port, "GET", path)

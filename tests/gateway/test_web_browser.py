@@ -101,10 +101,8 @@ class Page(h.GatewayTestCase):
         cls.sim = cls.keep(h.Simulator(stations=(1, 2)))
         cls.sub = cls.keep(h.Subscriber(cls.broker, P + "/#"))
         folder, config, cls.port = web.web_config(cls.broker, cls.sim, ITEMS)
-        cls.gw = cls.keep(h.Gateway(folder, config))
+        cls.start_class_gateway(folder, config, cls.sub, P + "/2/M/7")
         web.wait_http(cls.port, cls.gw)
-        if cls.sub.wait_for(P + "/2/M/7", timeout=h.START_TIMEOUT) is None:
-            raise AssertionError("no value of station 2; the gateway's log:\n" + cls.gw.log())
         cls.browser = cls.keep(Browser())
         cls.browser.call("Page.navigate", url="http://127.0.0.1:%d/" % cls.port)
         if not cls.browser.wait_js("document.querySelectorAll('#items .row').length == 15", h.START_TIMEOUT):

@@ -32,13 +32,8 @@ class Writes(h.GatewayTestCase):
         cls.sim = cls.keep(h.Simulator(stations=(1, 2)))
         cls.op = cls.keep(h.Subscriber(cls.broker, [P + "/#", "rtuplc/replies/#"], user="operator"))
         folder, config = h.base_config(cls.broker, cls.sim, ITEMS)
-        cls.gw = cls.keep(h.Gateway(folder, config))
-        online = cls.op.wait_for(P + "/status", lambda m: m.payload == "online", h.START_TIMEOUT)
-        if online is None:
-            raise AssertionError("the gateway never said online; its log:\n" + cls.gw.log())
         # Writes are taken once the items were read.
-        if cls.op.wait_for(P + "/2/D_W/501", timeout=h.START_TIMEOUT) is None:
-            raise AssertionError("no value of station 2; the gateway's log:\n" + cls.gw.log())
+        cls.start_class_gateway(folder, config, cls.op, P + "/status", P + "/2/D_W/501")
 
     def write(self, topic, body, properties=None):
         """Publishes a write and returns the answers on .../result that came for it."""
