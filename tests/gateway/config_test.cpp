@@ -189,7 +189,6 @@ TEST_F(GatewayConfig, PasswordNeverInAMessage)
 {
     const std::string pw = std::string("  password: ") + kSecret + "\n";
     const std::vector<std::string> files = {
-        kBase + "mqtt:\n" + pw,
         kBase + "mqtt:\n  username: u\n" + pw + pw,
         kBase + "mqtt:\n  username: u\n" + pw + "  qos: " + kSecret + "\n",
         kBase + "mqtt:\n  username: u\n  password: [" + kSecret + "]\n",
