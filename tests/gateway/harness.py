@@ -148,11 +148,10 @@ class Broker:
         return os.path.join(self.dir, name)
 
     def _write_files(self):
-        first = True
-        for user, password in USERS.items():
-            args = [MOSQUITTO_PASSWD, "-b"] + (["-c"] if first else []) + [self.path("passwd"), user, password]
-            subprocess.run(args, check=True, timeout=START_TIMEOUT, capture_output=True)
-            first = False
+        for n, (user, password) in enumerate(USERS.items()):
+            create = ["-c"] if n == 0 else []
+            subprocess.run([MOSQUITTO_PASSWD, "-b"] + create + [self.path("passwd"), user, password], check=True,
+                           timeout=START_TIMEOUT, capture_output=True)
         with open(self.path("acl"), "w") as f:
             f.write("user gateway\ntopic readwrite rtuplc/#\n\n"
                     "user reader\ntopic read rtuplc/#\n\n"
