@@ -60,7 +60,7 @@ std::string metricsText(const WebFigures &f, const std::map<int, bool> &stations
     w.sample("writes_total", label("result", "failed"), double(f.writes.failed));
     w.sample("writes_total", label("result", "refused"), double(f.writes.refused));
 
-    w.one("published_total", "counter", "Messages handed to the broker.", double(f.mqtt.published));
+    w.one("published_total", "counter", "Messages the broker acknowledged (QoS 1) or was sent (QoS 0).", double(f.mqtt.published));
     w.one("held_messages", "gauge", "Messages held while the broker is away.", double(f.mqtt.held));
     w.one("buffer_dropped_total", "counter", "Intermediate values dropped from a full outbox.",
           double(f.mqtt.dropped));
