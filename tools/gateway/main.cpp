@@ -18,6 +18,7 @@
 #include "notify.h"
 #include "plain_topics.h"
 #include "rtuplc_host/host.h"
+#include "rtuplc_host/stop_signals.h"
 #include "sparkplug.h"
 #include "web.h"
 
@@ -47,23 +48,6 @@ P/STATION/AREA/ADDRESS/set and answers each on .../result. One process serves on
 Exit status: 0 stopped by SIGTERM or SIGINT (after publishing offline), 2 bad
 configuration or command line, 3 the driver cannot be loaded.
 )";
-
-std::atomic<bool> g_stop{false};
-
-void onSignal(int)
-{
-    g_stop = true;
-}
-
-void installSignals()
-{
-    struct sigaction sa{};
-    sa.sa_handler = onSignal; // no SA_RESTART: a wait in progress ends at once
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
-    signal(SIGPIPE, SIG_IGN); // a line or broker that hangs up is an error to handle, not a death
-}
 
 int fail(int code, const std::string &message)
 {
@@ -243,7 +227,9 @@ int main(int argc, char **argv)
         return kExitOk;
     }
 
-    installSignals();
+    const std::atomic<bool> &stop = stopOnSignals();
+    // A broker or a browser that hangs up is an error to handle, not the service's death.
+    signal(SIGPIPE, SIG_IGN);
     std::unique_ptr<Link> link = config.line.kind == LineConfig::Kind::Tcp
                                      ? makeTcpLink(config.line.host, config.line.port)
                                      : makeSerialLink(config.line.device, line, config.line.rs485);
@@ -348,9 +334,9 @@ int main(int argc, char **argv)
     };
     ServiceNotifier notifier;
     notifier.ready(status());
-    while (!g_stop) {
+    while (!stop) {
         model.tick();
-        host.step(g_stop);
+        host.step(stop);
         notifier.alive(status);
     }
     notifier.stopping();

@@ -1,6 +1,5 @@
 // rtuplc-poll: the reference host. Loads the driver, polls the controller through it
 // and prints what the driver reports.
-#include <signal.h>
 
 #include <atomic>
 #include <cstdio>
@@ -11,28 +10,13 @@
 #include "report.h"
 #include "rtuplc_host/csv_log.h"
 #include "rtuplc_host/host.h"
+#include "rtuplc_host/stop_signals.h"
 #include "rtuplc_support/simulator.h"
 
 using namespace rtupoll;
 using namespace rtuhost;
 
 namespace {
-
-std::atomic<bool> g_stop{false};
-
-void onSignal(int)
-{
-    g_stop = true;
-}
-
-void installSignals()
-{
-    struct sigaction sa{};
-    sa.sa_handler = onSignal; // no SA_RESTART: a wait in progress ends at once
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
-}
 
 int fail(int code, const QString &message)
 {
@@ -185,8 +169,8 @@ int main(int argc, char **argv)
                   .arg(Link::kMaxGuard.count()));
     out.plain(QStringLiteral("station %1, property text %2").arg(o.station).arg(settings.propertyText()));
 
-    installSignals();
-    const bool ok = host.run(g_stop);
+    const std::atomic<bool> &stop = stopOnSignals();
+    const bool ok = host.run(stop);
     out.refresh(Report::status(host.stats()), true);
     out.plain(host.stats().summary());
     if (const QString late = host.stats().lateAdvice(settings.margin); !late.isEmpty())
