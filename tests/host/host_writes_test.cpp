@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,7 @@ protected:
     {
         std::string why;
         ASSERT_TRUE(loadDriver(RTUPLC_LIBRARY, &api, &why)) << why;
+        catalogue = std::make_unique<Catalogue>(api); // items point into it
         sim.fill(rtusupport::Fill::Pattern);
         ASSERT_TRUE(sim.startTcp("127.0.0.1", 0, &why)) << why;
         link = makeTcpLink("127.0.0.1", sim.tcpPort());
@@ -46,10 +48,9 @@ protected:
 
     WriteRequest request(const char *text)
     {
-        const Catalogue catalogue(api);
         WriteRequest w;
         QString error;
-        EXPECT_TRUE(parseWrite(QString::fromLatin1(text), 1, catalogue, api, &w, &error)) << error.toStdString();
+        EXPECT_TRUE(parseWrite(QString::fromLatin1(text), 1, *catalogue, api, &w, &error)) << error.toStdString();
         return w;
     }
 
@@ -62,6 +63,7 @@ protected:
     }
 
     DriverApi api;
+    std::unique_ptr<Catalogue> catalogue;
     rtusupport::Simulator sim;
     std::unique_ptr<Link> link;
     HostSettings settings;
@@ -111,10 +113,9 @@ TEST_F(HostWrites, AWrittenValueIsReportedOnlyOnceAReadBringsIt)
 {
     sim.setStations({1});
     Host host(api, *link, events, settings);
-    const Catalogue catalogue(api);
     Item item;
     QString error;
-    ASSERT_TRUE(parseItem("D_W:500", 1, catalogue, api, &item, &error));
+    ASSERT_TRUE(parseItem("D_W:500", 1, *catalogue, api, &item, &error));
     host.monitor({item});
     host.start();
     serve(host, [&] { return !events.log.empty(); });
