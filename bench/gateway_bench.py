@@ -1,0 +1,252 @@
+#!/usr/bin/python3
+"""The gateway against rtuplc-poll on the same line, side by side in one run.
+
+Over the unpaced TCP simulator with every value changing at every poll
+(rtuplc-sim --churn), rounds alternate rtuplc-poll, gateway, rtuplc-poll, gateway...
+and the medians are compared: the broker must not slow the line. Over the gateway's
+rounds a fast subscriber (mosquitto_sub, receive time in ns) gives the latency from
+the reply (the payload's "ts", in whole milliseconds) to the subscriber, and
+/proc gives the CPU time per published change. A last round at a stated moderate
+load measures latency again when the subscriber cannot keep up with full churn, then
+the resident memory with the items polled and with the broker gone until the
+gateway holds a full buffer.
+
+    bench/gateway_bench.py [--seconds 10] [--rounds 3] [--items 10000]
+
+Binaries from build-bench/ unless RTUPLC_GATEWAY, RTUPLC_SIM, RTUPLC_POLL say
+otherwise. Not part of ctest: it takes a few minutes and both cores.
+"""
+
+import argparse
+import calendar
+import json
+import os
+import re
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+import urllib.request
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.dirname(HERE)
+BUILD = os.environ.get("RTUPLC_BUILD", os.path.join(ROOT, "build-bench"))
+os.environ.setdefault("RTUPLC_GATEWAY", os.path.join(BUILD, "rtuplc-gateway"))
+os.environ.setdefault("RTUPLC_SIM", os.path.join(BUILD, "rtuplc-sim"))
+POLL = os.environ.get("RTUPLC_POLL", os.path.join(BUILD, "rtuplc-poll"))
+sys.path.insert(0, os.path.join(ROOT, "tests/gateway"))
+import harness as h  # noqa: E402  (needs the environment above)
+
+PREFIX = "rtuplc/line1"
+MOSQUITTO_SUB = "/usr/bin/mosquitto_sub"
+WORD_ITEMS = 8000          # D_W registers; the rest of the items are bits of M
+WARM_UP = 2.0              # s after the first values before a round is measured
+HOLD_TIMEOUT = 120.0       # s for the gateway to fill its buffer with the broker gone
+FULL_BUFFER = 100000       # messages held while the broker is away
+TICKS = os.sysconf("SC_CLK_TCK")
+CAPTURES = tempfile.mkdtemp(prefix="rtuplc-gwbench-")  # the subscriber's files; the harness removes its own
+
+
+def items_for(count):
+    """count values: registers of D first, then bits of M, as a panel's list would be."""
+    words = min(count, WORD_ITEMS)
+    items = ["D_W:0..%d" % (words - 1)]
+    if count > words:
+        items.append("M:0..%d" % (count - words - 1))
+    return items
+
+
+def cpu_seconds(pid):
+    """utime + stime of a process, in seconds."""
+    with open("/proc/%d/stat" % pid) as f:
+        fields = f.read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / TICKS  # fields 14 and 15, after pid and comm
+
+
+def rss_mb(pid):
+    with open("/proc/%d/status" % pid) as f:
+        for line in f:
+            if line.startswith("VmRSS:"):
+                return int(line.split()[1]) / 1024.0
+    return float("nan")
+
+
+def web_stats(port):
+    with urllib.request.urlopen("http://127.0.0.1:%d/api/stats" % port, timeout=2) as r:
+        return json.loads(r.read())
+
+
+def poll_round(sim, items, seconds):
+    """rtuplc-poll on the items for `seconds`; its polls per second."""
+    run = subprocess.run([POLL, "--tcp", "127.0.0.1:%d" % sim.port, "--json", "--duration", str(seconds)] + items,
+                         stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, timeout=seconds + 30)
+    found = re.search(r"([\d.]+) polls/s", run.stderr)
+    if not found:
+        raise RuntimeError("rtuplc-poll said no polls/s:\n" + run.stderr[-2000:])
+    return float(found.group(1))
+
+
+class Capture:
+    """mosquitto_sub writing "receive-time topic payload" lines to a file."""
+
+    def __init__(self, broker, folder, name):
+        self.path = os.path.join(folder, name)
+        self.file = open(self.path, "w")
+        self.proc = subprocess.Popen([MOSQUITTO_SUB, "-h", "127.0.0.1", "-p", str(broker.port), "-u", "reader",
+                                      "-P", h.USERS["reader"], "-q", "1", "-R", "-t", PREFIX + "/#",
+                                      "-F", "%U %t %p"], stdout=self.file, stderr=subprocess.DEVNULL)
+        time.sleep(0.3)  # subscribed before the gateway starts
+
+    def finish(self):
+        h.end_process(self.proc)
+        self.file.close()
+
+
+def iso_ms(text, seconds_cache={}):
+    """Milliseconds since the epoch of "YYYY-MM-DDTHH:MM:SS.mmmZ"."""
+    head = text[:19]
+    base = seconds_cache.get(head)
+    if base is None:
+        base = seconds_cache[head] = calendar.timegm(time.strptime(head, "%Y-%m-%dT%H:%M:%S")) * 1000
+    return base + int(text[20:23])
+
+
+def read_capture(path, start, end):
+    """Latencies in ms of the value messages received in [start, end]."""
+    latencies = []
+    with open(path, errors="replace") as f:
+        for line in f:
+            parts = line.split(" ", 2)
+            if len(parts) < 3:
+                continue
+            received = float(parts[0])
+            if not start <= received <= end:
+                continue
+            ts = parts[2].find('"ts":"')
+            if ts >= 0:
+                latencies.append(received * 1000.0 - iso_ms(parts[2][ts + 6:ts + 30]))
+    return latencies
+
+
+def fresh_stats(port, timeout=3.0):
+    """(time, stats) as soon as the gateway renews its figures (each stats interval), so
+    that two of them bound a known span; the stats topic would come late behind a backlog."""
+    before = web_stats(port)
+    renewed = h.wait_until(lambda: (lambda s: s if s != before else None)(web_stats(port)), timeout, step=0.005)
+    return time.time(), renewed or before
+
+
+def rate(first, last, key):
+    (t0, a), (t1, b) = first, last
+    return (b[key] - a[key]) / (t1 - t0) if t1 > t0 else float("nan")
+
+
+def percentile(values, p):
+    if not values:
+        return float("nan")
+    ordered = sorted(values)
+    return ordered[min(len(ordered) - 1, int(p / 100.0 * len(ordered)))]
+
+
+def gateway_round(broker, sim, items, seconds, pause, name, memory=False):
+    """One gateway run measured over `seconds` after warm-up; a dict of figures."""
+    web_port = h.free_port()
+    folder, config = h.base_config(broker, sim, items, qos=1, buffer=FULL_BUFFER)
+    config["line"]["pause"] = pause
+    config["http"] = {"listen": "127.0.0.1:%d" % web_port}
+    capture = Capture(broker, CAPTURES, name + ".txt")
+    gw = h.Gateway(folder, config)
+    try:
+        if not h.wait_until(lambda: gw.running() and h.port_open(web_port) and
+                            web_stats(web_port).get("published", 0) > 0, h.START_TIMEOUT * 3):
+            raise RuntimeError("the gateway published nothing; its log:\n" + gw.log())
+        time.sleep(WARM_UP)
+        first = fresh_stats(web_port)
+        start, cpu0 = first[0], cpu_seconds(gw.proc.pid)
+        time.sleep(seconds - 1)
+        last = fresh_stats(web_port)
+        end, cpu1 = last[0], cpu_seconds(gw.proc.pid)
+        out = {"rss_mb": rss_mb(gw.proc.pid)}
+        if memory:
+            broker.stop()
+            full = h.wait_until(lambda: web_stats(web_port).get("held", 0) >= FULL_BUFFER, HOLD_TIMEOUT, step=0.5)
+            out["held"] = web_stats(web_port).get("held", 0)
+            out["rss_full_mb"] = rss_mb(gw.proc.pid) if full else float("nan")
+    finally:
+        gw.stop()
+        gw.cleanup()
+        capture.finish()
+    latencies = read_capture(capture.path, start, end)
+    published = rate(first, last, "published")
+    out.update({"dropped_s": rate(first, last, "buffer_dropped"), "polls_s": rate(first, last, "polls"), "published_s": published, "received_s": len(latencies) / (end - start),
+                "p50": percentile(latencies, 50), "p99": percentile(latencies, 99),
+                "cpu_us": (cpu1 - cpu0) / (end - start) / published * 1e6 if published > 0 else float("nan"),
+                "cpu_share": (cpu1 - cpu0) / (end - start)})
+    os.remove(capture.path)
+    return out
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    ap.add_argument("--seconds", type=float, default=10, help="measured seconds a round (default 10)")
+    ap.add_argument("--rounds", type=int, default=3, help="rounds of each, alternating (default 3)")
+    ap.add_argument("--items", type=int, default=10000, help="values polled (default 10000)")
+    ap.add_argument("--moderate-pause", type=int, default=12,
+                    help="line pause in ms of the moderate-load round (default 12: about 10k changes/s)")
+    a = ap.parse_args()
+    for path in (h.GATEWAY, h.SIM, POLL, MOSQUITTO_SUB):
+        if not os.access(path, os.X_OK):
+            sys.exit("missing %s: build rtuplc-gateway rtuplc-sim rtuplc-poll in %s" % (path, BUILD))
+    items = items_for(a.items)
+    seconds = int(a.seconds)
+    broker = h.Broker().start()
+    sim = h.Simulator(extra_args=["--churn"])
+    try:
+        polls, gws = [], []
+        for r in range(a.rounds):
+            polls.append(poll_round(sim, items, seconds))
+            print("round %d: rtuplc-poll %.1f polls/s" % (r + 1, polls[-1]), flush=True)
+            gws.append(gateway_round(broker, sim, items, seconds, 0, "full%d" % r))
+            g = gws[-1]
+            print("round %d: gateway %.1f polls/s, %.0f published/s, %.0f dropped/s, %.0f received/s, p50 %.1f ms, p99 %.1f ms, "
+                  "%.2f us CPU/change, %.0f%% of a core" % (r + 1, g["polls_s"], g["published_s"], g["dropped_s"], g["received_s"],
+                                                             g["p50"], g["p99"], g["cpu_us"], 100 * g["cpu_share"]),
+                  flush=True)
+        moderate = gateway_round(broker, sim, items, seconds, a.moderate_pause, "moderate", memory=True)
+    finally:
+        sim.cleanup()
+        broker.cleanup()
+        shutil.rmtree(CAPTURES, ignore_errors=True)
+
+    def med(key):
+        return statistics.median(g[key] for g in gws)
+
+    poll_med = statistics.median(polls)
+    print()
+    print("Gateway benchmark: %d items (%s), %d rounds of %d s each, rtuplc-sim --churn over TCP, QoS 1"
+          % (a.items, " ".join(items), a.rounds, seconds))
+    print("| Measure | Value |")
+    print("|---|---|")
+    print("| rtuplc-poll, polls/s (median) | %.1f |" % poll_med)
+    print("| gateway, polls/s (median) | %.1f |" % med("polls_s"))
+    print("| ratio gateway / rtuplc-poll (aim >= 0.9) | %.3f |" % (med("polls_s") / poll_med))
+    print("| published changes/s, full churn (median) | %.0f |" % med("published_s"))
+    print("| changes dropped from the full buffer/s, full churn (median) | %.0f |" % med("dropped_s"))
+    print("| received by the subscriber/s, full churn (median) | %.0f |" % med("received_s"))
+    print("| latency reply -> subscriber, full churn, p50 / p99 | %.1f / %.1f ms |" % (med("p50"), med("p99")))
+    print("| CPU per published change, full churn | %.2f us (%.0f%% of a core) |" % (med("cpu_us"),
+                                                                                      100 * med("cpu_share")))
+    print("| moderate load (line pause %d ms): published/s | %.0f |" % (a.moderate_pause, moderate["published_s"]))
+    print("| moderate load: latency p50 / p99 | %.1f / %.1f ms |" % (moderate["p50"], moderate["p99"]))
+    print("| moderate load: CPU per published change | %.2f us |" % moderate["cpu_us"])
+    print("| resident memory, %d items polled | %.1f MB |" % (a.items, moderate["rss_mb"]))
+    print("| resident memory, broker gone, %d held | %.1f MB |" % (moderate["held"], moderate["rss_full_mb"]))
+    print("Latency: receive time (ns) minus the payload's ts, which has whole milliseconds (truncated): "
+          "figures read up to 1 ms high.")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
