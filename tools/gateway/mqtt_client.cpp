@@ -188,6 +188,7 @@ struct MqttClient::Impl {
         bool verified = false;     // the chain is good, whatever the name
         bool nameMismatch = false; // Paho checks names first, then addresses: tentative
         bool refused = false;      // the broker sent a fatal alert
+        bool connectSent = false;  // our side of the handshake passed every check
     } handshake;
     std::string dropCause;   // the broker's reason when it disconnected us
 
@@ -432,7 +433,10 @@ std::string MqttClient::Impl::failureText(const MQTTAsync_failureData5 *data)
 std::string MqttClient::Impl::handshakeText()
 {
     std::lock_guard<std::mutex> lock(mu);
-    if (handshake.refused)
+    // TLS 1.3 lets the client finish its side before the broker checks our certificate, so
+    // the broker's alert may be lost with the socket: a CONNECT sent over a handshake the
+    // broker then ends is its refusal of us.
+    if (handshake.refused || handshake.connectSent)
         return s.cert.empty() ? "the broker ended it; does it want a client certificate (cert and key)?"
                               : "the broker ended it; does it trust our client certificate?";
     if (handshake.verified && handshake.nameMismatch)
@@ -473,6 +477,8 @@ void MqttClient::Impl::onTrace(MQTTASYNC_TRACE_LEVELS, char *message)
         h.nameMismatch = true;
     else if (m.find("SSL alert read:fatal") != std::string_view::npos)
         h.refused = true;
+    else if (m.find("-> CONNECT") != std::string_view::npos)
+        h.connectSent = true;
 }
 
 void MqttClient::Impl::onConnected(void *context, MQTTAsync_successData5 *data)
