@@ -18,10 +18,19 @@ std::string pathOf(const Point &p)
     return std::to_string(p.station) + '/' + p.area->name.toStdString() + '/' + p.area->format(p.address).toStdString();
 }
 
+int64_t msSinceEpoch(SystemTime t)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count();
+}
+
 std::string isoTime(SystemTime t)
 {
+    return isoTime(msSinceEpoch(t));
+}
+
+std::string isoTime(int64_t ms)
+{
     constexpr int kMsPerSecond = 1000;
-    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count();
     const std::time_t seconds = std::time_t(ms / kMsPerSecond);
     // A churning line stamps tens of thousands of values a second, all with the same date
     // and time of day: formatting them once a second instead of once a value took an
@@ -136,7 +145,9 @@ void Model::tick()
 
 void Model::valueRead(const Point &p, uint32_t value)
 {
-    const long index = host_->pointIndex(p.station, p.area->name, p.address);
+    long index = host_->indexOf(p);
+    if (index < 0)
+        index = host_->pointIndex(p.station, p.area->name, p.address);
     if (index < 0)
         return;
     PointState &s = points_[size_t(index)];

@@ -6,6 +6,8 @@
 #include <atomic>
 #include <cctype>
 #include <cerrno>
+#include <condition_variable>
+#include <deque>
 #include <cstring>
 #include <fcntl.h>
 #include <mutex>
@@ -50,9 +52,14 @@ constexpr long kNoReceiveMaximum = 65535; // the broker did not say: MQTT's defa
 // A completion Paho never reports (a session the broker forgot) must not stop the flow
 // for ever: after this long with the window full, Paho's own count is taken instead.
 constexpr auto kWindowResync = std::chrono::seconds(1);
-// Held messages handed to Paho per pump(): the poll loop must get back to the line
-// quickly, and pump() is called every few milliseconds.
-constexpr size_t kPumpBatch = 2000;
+// Held messages the sender takes out of the outbox at once: the poll loop waits for
+// the outbox's lock no longer than this many take a moment.
+constexpr long kSendBatch = 64;
+// How long the sender sleeps when nothing wakes it: it is woken when the loop hands
+// over messages and when the broker connects; an acknowledgement that frees room in a
+// full window may come unannounced, and is noticed this soon.
+constexpr auto kSenderNap = std::chrono::milliseconds(50);
+constexpr auto kWindowNap = std::chrono::milliseconds(1);
 // How long a failed attempt's cause is looked for with a plain TCP connect.
 constexpr int kProbeTimeoutMs = 1500;
 constexpr int kSubscribeQos = 1;
@@ -152,7 +159,8 @@ std::string propertyText(MQTTProperties *properties, MQTTPropertyCodes code)
 
 struct MqttClient::Impl {
     explicit Impl(const MqttSettings &settings)
-        : s(settings), where(settings.host + ":" + std::to_string(settings.port)), outbox(settings.buffer)
+        : s(settings), where(settings.host + ":" + std::to_string(settings.port)),
+          outbox(settings.buffer)
     {
     }
 
@@ -160,9 +168,22 @@ struct MqttClient::Impl {
     const std::string where; // HOST:PORT, for messages
     MQTTAsync client = nullptr;
 
-    // Poll loop's side.
-    Outbox outbox;
-    std::optional<Message> unsent; // taken from the outbox but refused by Paho: goes first
+    // The poll loop's own: what it published since it last handed messages over, in
+    // order. Values (the bulk) and messages apart; each message knows how many values
+    // came before it.
+    std::vector<ValueUpdate> stagedValues;
+    std::vector<std::pair<size_t, std::pair<Message, Outbox::Kind>>> stagedMessages;
+
+    // The sender thread hands held messages to Paho, so that the poll loop never waits
+    // for Paho, whose every hand-over takes a lock its own threads hold while they scan
+    // their queues. The loop meets the sender here.
+    std::mutex boxMu;
+    std::condition_variable boxCv;
+    Outbox outbox;               // under boxMu
+    std::deque<Message> unsent;  // taken from the outbox but refused by Paho: go first; under boxMu
+    bool quit = false;           // under boxMu
+    std::thread sender;
+
     std::atomic<bool> up{false};
     std::atomic<uint64_t> published{0}; // acknowledged by the broker (QoS 1) or written (QoS 0)
     std::atomic<long> inPaho{0};        // handed to Paho, not yet acknowledged or written
@@ -204,6 +225,9 @@ struct MqttClient::Impl {
     void connect();
     void subscribeAll();
     bool send(const Message &m);
+    void flush();
+    void sendLoop();
+    void stopSender();
     bool roomInPaho();
     long pahoPending();
     void event(MqttEvent e)
@@ -497,6 +521,7 @@ void MqttClient::Impl::onConnected(void *context, MQTTAsync_successData5 *data)
     self->lastFailure.clear();
     self->dropCause.clear();
     self->event(MqttEvent{MqttEvent::Type::Connected, data && data->alt.connect.sessionPresent != 0, {}});
+    self->boxCv.notify_one(); // what is held goes now
 }
 
 void MqttClient::Impl::onConnectFailed(void *context, MQTTAsync_failureData5 *data)
@@ -557,13 +582,17 @@ int MqttClient::Impl::onMessage(void *context, char *topic, int topicLength, MQT
 void MqttClient::Impl::onSent(void *context, MQTTAsync_successData5 *)
 {
     Impl *self = static_cast<Impl *>(context);
-    self->inPaho.fetch_sub(1);
+    // No lock here: Paho may hold its own while it calls us, and the sender calls Paho.
+    if (self->inPaho.fetch_sub(1) >= self->window.load())
+        self->boxCv.notify_one();
     self->published.fetch_add(1, std::memory_order_relaxed);
 }
 
 void MqttClient::Impl::onNotSent(void *context, MQTTAsync_failureData5 *)
 {
-    static_cast<Impl *>(context)->inPaho.fetch_sub(1);
+    Impl *self = static_cast<Impl *>(context);
+    if (self->inPaho.fetch_sub(1) >= self->window.load())
+        self->boxCv.notify_one();
 }
 
 int MqttClient::Impl::onTlsError(const char *text, size_t length, void *context)
@@ -580,6 +609,7 @@ MqttClient::MqttClient(const MqttSettings &settings) : impl_(new Impl(settings))
 
 MqttClient::~MqttClient()
 {
+    impl_->stopSender();
     impl_->traceHandshake(false);
     if (impl_->client)
         MQTTAsync_destroy(&impl_->client);
@@ -603,6 +633,7 @@ bool MqttClient::start(std::string *error)
     }
     if (!d.create(error))
         return false;
+    d.sender = std::thread([&d] { d.sendLoop(); });
     d.connect();
     return true;
 }
@@ -610,6 +641,12 @@ bool MqttClient::start(std::string *error)
 void MqttClient::setWillProvider(std::function<Message()> provider)
 {
     impl_->willProvider = std::move(provider);
+}
+
+void MqttClient::setFormatter(ValueFormatter formatter)
+{
+    std::lock_guard<std::mutex> lock(impl_->boxMu);
+    impl_->outbox.setFormatter(std::move(formatter));
 }
 
 void MqttClient::subscribe(const std::string &filter)
@@ -629,11 +666,90 @@ void MqttClient::subscribe(const std::string &filter)
 void MqttClient::publish(Message m, Outbox::Kind kind)
 {
     Impl &d = *impl_;
-    // While anything is held, new messages queue behind it: the broker must see them in
-    // the order they were published.
-    if (d.up && !d.unsent && d.outbox.size() == 0 && d.roomInPaho() && d.send(m))
+    d.stagedMessages.emplace_back(d.stagedValues.size(), std::make_pair(std::move(m), kind));
+}
+
+void MqttClient::publishValue(ValueUpdate v)
+{
+    impl_->stagedValues.push_back(std::move(v));
+}
+
+void MqttClient::Impl::flush()
+{
+    if (stagedValues.empty() && stagedMessages.empty())
         return;
-    d.outbox.push(std::move(m), kind);
+    {
+        // With the broker there, a reading still waiting when the next one comes is
+        // stale: the newer takes its place. Readings held while it is away all go.
+        const bool conflate = up.load();
+        std::lock_guard<std::mutex> lock(boxMu);
+        size_t v = 0;
+        for (auto &[before, message] : stagedMessages) {
+            for (; v < before; ++v)
+                outbox.push(std::move(stagedValues[v]), conflate);
+            outbox.push(std::move(message.first), message.second);
+        }
+        for (; v < stagedValues.size(); ++v)
+            outbox.push(std::move(stagedValues[v]), conflate);
+    }
+    stagedValues.clear();
+    stagedMessages.clear();
+    boxCv.notify_one();
+}
+
+void MqttClient::Impl::sendLoop()
+{
+    std::vector<Outbox::Held> taken;
+    std::vector<Message> batch;
+    std::unique_lock<std::mutex> lock(boxMu);
+    while (!quit) {
+        if (!up || (unsent.empty() && outbox.size() == 0)) {
+            boxCv.wait_for(lock, kSenderNap);
+            continue;
+        }
+        // Paho is called without our lock: its callbacks run under its own.
+        lock.unlock();
+        const long room = roomInPaho() ? std::min(window.load() - inPaho.load(), kSendBatch) : 0;
+        lock.lock();
+        if (room <= 0) {
+            boxCv.wait_for(lock, kWindowNap);
+            continue;
+        }
+        for (; long(batch.size()) < room && !unsent.empty(); unsent.pop_front())
+            batch.push_back(std::move(unsent.front()));
+        while (long(batch.size() + taken.size()) < room) {
+            std::optional<Outbox::Held> h = outbox.take();
+            if (!h)
+                break;
+            taken.push_back(std::move(*h));
+        }
+        lock.unlock();
+        for (Outbox::Held &h : taken)
+            batch.push_back(outbox.open(std::move(h)));
+        taken.clear();
+        size_t sent = 0;
+        while (sent < batch.size() && send(batch[sent]))
+            ++sent;
+        lock.lock();
+        const bool refused = sent < batch.size();
+        // Refused by Paho (full, or closing): they go first next time, in their order.
+        for (size_t i = batch.size(); i-- > sent;)
+            unsent.push_front(std::move(batch[i]));
+        batch.clear();
+        if (refused)
+            boxCv.wait_for(lock, kWindowNap);
+    }
+}
+
+void MqttClient::Impl::stopSender()
+{
+    {
+        std::lock_guard<std::mutex> lock(boxMu);
+        quit = true;
+    }
+    boxCv.notify_one();
+    if (sender.joinable())
+        sender.join();
 }
 
 void MqttClient::pump()
@@ -641,6 +757,7 @@ void MqttClient::pump()
     Impl &d = *impl_;
     if (!d.client)
         return;
+    d.flush();
     if (!d.up) {
         bool due;
         {
@@ -649,21 +766,6 @@ void MqttClient::pump()
         }
         if (due)
             d.connect();
-        return;
-    }
-    if (d.unsent) {
-        if (!d.roomInPaho() || !d.send(*d.unsent))
-            return;
-        d.unsent.reset();
-    }
-    for (size_t n = 0; n < kPumpBatch && d.up && d.roomInPaho(); ++n) {
-        std::optional<Message> m = d.outbox.pop();
-        if (!m)
-            break;
-        if (!d.send(*m)) {
-            d.unsent = std::move(m);
-            break;
-        }
     }
 }
 
@@ -687,10 +789,12 @@ bool MqttClient::connected() const { return impl_->up; }
 
 MqttStats MqttClient::stats() const
 {
+    Impl &d = *impl_;
     MqttStats st;
-    st.published = impl_->published.load(std::memory_order_relaxed);
-    st.held = impl_->outbox.size() + (impl_->unsent ? 1 : 0);
-    st.dropped = impl_->outbox.dropped();
+    st.published = d.published.load(std::memory_order_relaxed);
+    std::lock_guard<std::mutex> lock(d.boxMu);
+    st.held = d.outbox.size() + d.unsent.size() + d.stagedValues.size() + d.stagedMessages.size();
+    st.dropped = d.outbox.dropped();
     return st;
 }
 
@@ -711,6 +815,7 @@ void MqttClient::stop(const std::vector<Message> &last, std::chrono::millisecond
     if (!d.client)
         return;
     disconnect(last, timeout);
+    d.stopSender();
     MQTTAsync_destroy(&d.client);
     d.client = nullptr;
 }
@@ -723,10 +828,13 @@ void MqttClient::disconnect(const std::vector<Message> &last, std::chrono::milli
     if (d.up) {
         for (const Message &m : last)
             publish(m, Outbox::Kind::Event);
-        while (d.up && (d.unsent || d.outbox.size() > 0 || d.inPaho > 0) && Clock::now() < deadline) {
-            pump();
+        d.flush();
+        const auto delivered = [&d] {
+            std::lock_guard<std::mutex> lock(d.boxMu);
+            return d.unsent.empty() && d.outbox.size() == 0 && d.inPaho == 0;
+        };
+        while (d.up && !delivered() && Clock::now() < deadline)
             std::this_thread::sleep_for(kStopPoll / 5);
-        }
         // A clean DISCONNECT: the broker drops the will instead of sending it.
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
         MQTTAsync_disconnectOptions options = MQTTAsync_disconnectOptions_initializer5;

@@ -1,8 +1,9 @@
 // The gateway's connection to the broker, on Eclipse Paho C (MQTTAsync, MQTT 5): TLS,
 // user and password, the last will, a persistent session, reconnects with backoff.
-// While the broker is away, messages are held in an Outbox and sent in order once it
-// is back. The poll loop calls it from one thread; Paho's own thread only fills the
-// queues that takeIncoming() and takeEvents() empty.
+// Messages wait in an Outbox, in order, for a sender thread of the client's own to hand
+// them to Paho as fast as the broker takes them, and while the broker is away. The poll
+// loop calls it from one thread; Paho's threads only fill the queues that takeIncoming()
+// and takeEvents() empty.
 #ifndef RTUPLC_GATEWAY_MQTT_CLIENT_H
 #define RTUPLC_GATEWAY_MQTT_CLIENT_H
 
@@ -60,12 +61,18 @@ public:
     // The will of each connection, asked for before every attempt, instead of the
     // settings' fixed one: for a will that must differ from one connection to the next.
     void setWillProvider(std::function<Message()> provider);
+    // What makes publishValue()'s messages; before start().
+    void setFormatter(ValueFormatter formatter);
     // Filters subscribed at every connect (QoS 1).
     void subscribe(const std::string &filter);
 
-    // Sends now when connected, else holds it. Kind as the Outbox's.
+    // Queues a message, to be sent in order behind everything published before it, and
+    // held while the broker is away. Kind as the Outbox's.
     void publish(Message m, Outbox::Kind kind = Outbox::Kind::Value);
-    // Sends what the outbox holds, oldest first, once connected; call from the loop.
+    // The same for a value, made into its message by the settings' formatter when sent.
+    void publishValue(ValueUpdate v);
+    // Hands what was published since to the sender thread, and connects when it is
+    // time; call from the loop, every turn.
     void pump();
 
     std::vector<Message> takeIncoming();

@@ -39,6 +39,14 @@ bool BrokerListener::message(const Message &)
 PlainTopics::PlainTopics(Model &model, MqttClient &mqtt)
     : model_(model), mqtt_(mqtt), prefix_(model.config().mqtt.topic), qos_(model.config().mqtt.qos)
 {
+    // The sender thread makes the messages: it gets its own copy of the topics.
+    std::vector<std::string> topics;
+    topics.reserve(model.points().size());
+    for (const PointState &s : model.points())
+        topics.push_back(prefix_ + '/' + s.path);
+    mqtt_.setFormatter([topics = std::move(topics), qos = qos_](const ValueUpdate &v) {
+        return Message{topics[v.key], payload(v), qos, true, {}, {}};
+    });
 }
 
 Message PlainTopics::will(const Config &config)
@@ -69,27 +77,35 @@ std::vector<Message> PlainTopics::farewell() const
     return last;
 }
 
-std::string PlainTopics::payload(const PointState &s)
+std::string PlainTopics::payload(const ValueUpdate &v)
 {
     std::string p;
     p.reserve(96);
     p += "{\"value\":";
-    p += s.known ? std::to_string(s.value) : std::string("null");
-    p += s.good ? ",\"quality\":\"good\",\"ts\":\"" : ",\"quality\":\"bad\",\"ts\":\"";
-    p += isoTime(s.ts);
+    p += v.known ? std::to_string(v.value) : std::string("null");
+    p += v.good ? ",\"quality\":\"good\",\"ts\":\"" : ",\"quality\":\"bad\",\"ts\":\"";
+    p += isoTime(v.ms);
     p += '"';
-    if (!s.good) {
+    if (!v.good) {
         p += ",\"error\":";
-        p += jsonString(s.error);
+        p += jsonString(v.error);
     }
     p += '}';
     return p;
 }
 
+ValueUpdate PlainTopics::update(size_t index, const PointState &s)
+{
+    return ValueUpdate{uint32_t(index), s.value, msSinceEpoch(s.ts), s.known, s.good,
+                       s.good ? std::string() : s.error};
+}
+
 void PlainTopics::pointChanged(size_t index)
 {
     published_[index] = true;
-    mqtt_.publish(Message{topicOf(index), payload(model_.points()[index]), qos_, true, {}, {}});
+    // Only the value's figures: its message is made when it is sent, and not at all when
+    // a newer reading replaces it first.
+    mqtt_.publishValue(update(index, model_.points()[index]));
 }
 
 void PlainTopics::publishStation(int station)

@@ -251,6 +251,7 @@ void WebPage::copyFigures()
 
 void WebPage::tick()
 {
+    state_.flush();
     takeWrites();
     observeCycles();
     const auto now = std::chrono::steady_clock::now();

@@ -10,14 +10,9 @@ namespace {
 // screen is wide, and 1,000 values stay within a few tens of megabytes.
 constexpr int64_t kSamplesPerValue = 1200;
 
-int64_t msOf(SystemTime t)
-{
-    return std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count();
-}
-
 int64_t nowMs()
 {
-    return msOf(std::chrono::system_clock::now());
+    return msSinceEpoch(std::chrono::system_clock::now());
 }
 
 std::string metaOf(const PointState &s)
@@ -58,8 +53,9 @@ WebState::WebState(const Model &model, std::chrono::minutes history)
     items_.resize(points.size());
     for (size_t i = 0; i < points.size(); ++i) {
         items_[i].meta = metaOf(points[i]);
-        items_[i].payload = PlainTopics::payload(points[i]);
+        items_[i].value = PlainTopics::update(i, points[i]);
     }
+    isMarked_.assign(points.size(), false);
     for (const auto &[station, state] : model.stations())
         stations_[station] = state.online;
 }
@@ -73,30 +69,47 @@ void WebState::trim(std::deque<Sample> &h, int64_t now) const
 
 void WebState::pointChanged(size_t index)
 {
-    const PointState &s = model_.points()[index];
-    std::string payload = PlainTopics::payload(s);
-    const int64_t ms = msOf(s.ts);
-    std::lock_guard<std::mutex> g(lock_);
-    Item &item = items_[index];
-    item.payload = std::move(payload);
-    item.seq = ++seq_;
-    if (s.known) {
-        const Sample sample{ms, s.value, s.good};
-        std::deque<Sample> &h = item.history;
-        // Within one step of the sample before the last, the last is replaced: at most
-        // one reading per step is kept, the latest, and a change of quality always stays.
-        if (h.size() > 1 && ms - h[h.size() - 2].ms < resolutionMs_ && h.back().good == s.good &&
-            h[h.size() - 2].good == s.good)
-            h.back() = sample;
-        else
-            item.history.push_back(sample);
-        trim(item.history, ms);
+    if (isMarked_[index])
+        return;
+    isMarked_[index] = true;
+    marked_.push_back(index);
+}
+
+void WebState::flush()
+{
+    if (marked_.empty())
+        return;
+    {
+        std::lock_guard<std::mutex> g(lock_);
+        for (const size_t index : marked_) {
+            isMarked_[index] = false;
+            const PointState &s = model_.points()[index];
+            Item &item = items_[index];
+            item.value = PlainTopics::update(index, s);
+            item.seq = ++seq_;
+            if (!s.known)
+                continue;
+            const int64_t ms = item.value.ms;
+            const Sample sample{ms, s.value, s.good};
+            std::deque<Sample> &h = item.history;
+            // Within one step of the sample before the last, the last is replaced: at
+            // most one reading per step is kept, the latest, and a change of quality
+            // always stays.
+            if (h.size() > 1 && ms - h[h.size() - 2].ms < resolutionMs_ && h.back().good == s.good &&
+                h[h.size() - 2].good == s.good)
+                h.back() = sample;
+            else
+                h.push_back(sample);
+            trim(h, ms);
+        }
     }
+    marked_.clear();
     changed_.notify_all();
 }
 
 void WebState::stationsChanged()
 {
+    flush(); // the values a station's change concerns come first
     std::lock_guard<std::mutex> g(lock_);
     for (const auto &[station, state] : model_.stations())
         stations_[station] = state.online;
@@ -134,7 +147,7 @@ std::string WebState::itemsJson() const
         if (i > 0)
             json += ',';
         // The topic's payload, with what names the value in front.
-        json += '{' + items_[i].meta + ',' + items_[i].payload.substr(1);
+        json += '{' + items_[i].meta + ',' + PlainTopics::payload(items_[i].value).substr(1);
     }
     return json + ']';
 }
@@ -219,7 +232,7 @@ std::string WebState::updatesSince(uint64_t *seen, std::chrono::milliseconds wai
         j += ",\"history_minutes\":" + std::to_string(historyMs_ / 60000) + ",\"items\":[";
         for (size_t i = 0; i < items_.size(); ++i)
             j += (i ? ",{\"i\":" : "{\"i\":") + std::to_string(i) + ',' + items_[i].meta + ',' +
-                 items_[i].payload.substr(1);
+                 PlainTopics::payload(items_[i].value).substr(1);
         j += ']';
     } else {
         std::string changed;
@@ -227,7 +240,7 @@ std::string WebState::updatesSince(uint64_t *seen, std::chrono::milliseconds wai
             if (items_[i].seq <= since)
                 continue;
             changed += changed.empty() ? "{\"i\":" : ",{\"i\":";
-            changed += std::to_string(i) + ',' + items_[i].payload.substr(1);
+            changed += std::to_string(i) + ',' + PlainTopics::payload(items_[i].value).substr(1);
         }
         if (!changed.empty())
             j += ",\"items\":[" + changed + ']';

@@ -69,8 +69,10 @@ class WebState {
 public:
     WebState(const Model &model, std::chrono::minutes history);
 
-    // On the loop's thread.
+    // On the loop's thread. A changed value is only marked; flush() copies the values
+    // marked since, under one lock for them all.
     void pointChanged(size_t index);
+    void flush();
     void stationsChanged();
     void setFigures(WebFigures figures);
     std::vector<std::shared_ptr<PendingWrite>> takeWrites();
@@ -94,7 +96,7 @@ public:
 private:
     struct Item {
         std::string meta;        // "station":..,"area":.. fields, fixed
-        std::string payload;     // as the value's topic carries it
+        ValueUpdate value;       // made into its topic's payload when asked for
         uint64_t seq = 0;        // when it last changed
         std::deque<Sample> history;
     };
@@ -108,6 +110,8 @@ private:
     mutable std::mutex lock_;
     std::condition_variable changed_;
     std::vector<Item> items_;
+    std::vector<size_t> marked_;  // the loop's own: changed since the last flush()
+    std::vector<bool> isMarked_;
     std::map<int, bool> stations_;
     uint64_t stationsSeq_ = 0;
     WebFigures figures_;

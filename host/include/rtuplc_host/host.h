@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <set>
 #include <tuple>
@@ -159,6 +160,14 @@ public:
     const std::vector<size_t> &pointsIn(const FRAME_PRO &f);
     // The point of a station, area and address, or -1.
     long pointIndex(int station, const QString &area, int address) const;
+    // The index of a point that an event passed (one of points() itself), or -1: no
+    // lookup, for a host that sees every value of a churning line.
+    long indexOf(const Point &p) const
+    {
+        const std::less<const Point *> before;
+        const Point *first = points_.data();
+        return !before(&p, first) && before(&p, first + points_.size()) ? long(&p - first) : -1;
+    }
 
 private:
     struct PendingWrite {
