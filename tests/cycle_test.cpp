@@ -5,21 +5,7 @@ using namespace testing_support;
 
 namespace {
 
-class Cycle : public DriverTest {
-protected:
-    FakeController plc;
-    std::vector<unsigned char> memory = std::vector<unsigned char>(65536, 0);
-    std::vector<unsigned short> recipe = std::vector<unsigned short>(256, 0);
-    QMutex hostLock;
-
-    void withHost(const char *properties = "1#0#0#3#64") { restart(properties, memory.data(), recipe.data(), &hostLock); }
-    void monitor(QList<KEY_ADDRESS> keys) { intf_addrMerge(keys); }
-    void setRecipe(const std::vector<_RCP_VAR_PRO> &vars)
-    {
-        QVector<_RCP_VAR_PRO> v(vars.begin(), vars.end());
-        intf_setRcpAddress(v);
-    }
-};
+using Cycle = HostMemoryTest;
 
 TEST_F(Cycle, NothingToSend)
 {

@@ -10,15 +10,8 @@ namespace {
 
 constexpr unsigned short kUntouched = 0xA5C3;
 
-class FuzzFinding : public DriverTest {
+class FuzzFinding : public HostMemoryTest {
 protected:
-    FakeController plc;
-    std::vector<unsigned char> memory = std::vector<unsigned char>(65536, 0);
-    std::vector<unsigned short> recipe = std::vector<unsigned short>(512, kUntouched);
-    QMutex hostLock;
-
-    void SetUp() override { restart("1#0#0#3#64", memory.data(), recipe.data(), &hostLock); }
-
     // Words of the recipe buffer the driver wrote.
     QList<int> written() const
     {
@@ -39,10 +32,9 @@ TEST_F(FuzzFinding, UploadSkipsAVariableThatGotNoRequest)
 {
     for (int len : {65537, 1 << 20}) {
         SCOPED_TRACE(len);
-        SetUp();
+        withHost();
         std::fill(recipe.begin(), recipe.end(), kUntouched);
-        QVector<_RCP_VAR_PRO> vars = {rcp("D_W", 0, 4, 0), rcp("D_W", 2, len, 100), rcp("D_W", 10, 4, 20)};
-        ASSERT_EQ(intf_setRcpAddress(vars), 3);
+        ASSERT_EQ(setRecipe({rcp("D_W", 0, 4, 0), rcp("D_W", 2, len, 100), rcp("D_W", 10, 4, 20)}), 3);
         ASSERT_EQ(driver.rcpReqs.size(), 2);
         for (int i = 0; i < 14; ++i)
             plc.registers[size_t(i)] = uint16_t(0x100 + i);
