@@ -249,15 +249,13 @@ class Simulator:
                                      text=True, bufsize=1)
         self.out = LineReader(self.proc.stdout)
         self._lock = threading.Lock()
-        serving = self.out.wait_for(lambda l: l.startswith("rtuplc-sim: serving tcp "), START_TIMEOUT)
-        if serving is None:
-            raise RuntimeError("rtuplc-sim did not say where it serves: " + self.out.text())
-        self.port = int(serving.rsplit(":", 1)[1])
-        # The station line is the last before the answers to commands.
-        if self.out.wait_for(lambda l: l.startswith("rtuplc-sim: station "), START_TIMEOUT) is None:
-            raise RuntimeError("rtuplc-sim did not start: " + self.out.text())
-        while not self.out.queue.get(timeout=ANSWER_TIMEOUT).startswith("rtuplc-sim: station "):
-            pass
+        # Where it serves, then the station line, the last before the answers to commands.
+        try:
+            while not (line := self.out.next(START_TIMEOUT)).startswith("rtuplc-sim: station "):
+                if line.startswith("rtuplc-sim: serving tcp "):
+                    self.port = int(line.rsplit(":", 1)[1])
+        except queue.Empty:
+            raise RuntimeError("rtuplc-sim did not start: " + self.out.text()) from None
 
     def command(self, text):
         """Sends one command and returns its one-line answer; an error raises."""
@@ -440,9 +438,9 @@ class Subscriber:
         self.client.on_message = self._on_message
         self.client.on_subscribe = self._on_subscribe
         self.client.reconnect_delay_set(min_delay=1, max_delay=1)
-        self._connect()
+        self.reconnect()
 
-    def _connect(self):
+    def reconnect(self):
         props = Properties(PacketTypes.CONNECT)
         if self.persistent:
             props.SessionExpiryInterval = SESSION_EXPIRY
@@ -480,17 +478,9 @@ class Subscriber:
     def wait_for(self, topic, predicate=lambda m: True, timeout=ANSWER_TIMEOUT, since=0, retained=None):
         """The first message on `topic` from index `since` on for which predicate
         holds; None when none came in time."""
-        retained = not self.skip_retained if retained is None else retained
-        deadline = time.monotonic() + timeout
         with self.cond:
-            while True:
-                for m in self.messages[since:]:
-                    if m.topic == topic and (retained or not m.retain) and predicate(m):
-                        return m
-                left = deadline - time.monotonic()
-                if left <= 0:
-                    return None
-                self.cond.wait(left)
+            return self.cond.wait_for(lambda: next((m for m in self.since(since, topic, retained) if predicate(m)),
+                                                   None), timeout)
 
     def last(self, topic, since=0):
         found = self.since(since, topic)
@@ -504,9 +494,6 @@ class Subscriber:
         self.client.disconnect()
         self.client.loop_stop()
         self.connected.clear()
-
-    def reconnect(self):
-        self._connect()
 
     def cleanup(self):
         try:
@@ -554,12 +541,19 @@ class GatewayTestCase(unittest.TestCase):
         return thing
 
     @classmethod
-    def start_class_gateway(cls, folder, config, sub, *topics):
-        """For the whole class: a gateway, once `sub` saw each topic (a status online)."""
+    def start_line(cls, stations=(1,), topics="rtuplc/line1/#", user="reader", broker=None):
+        """For the whole class: cls.broker, cls.sim with these stations, and cls.sub on topics."""
+        cls.broker = cls.keep((broker or Broker)().start())
+        cls.sim = cls.keep(Simulator(stations=stations))
+        cls.sub = cls.keep(Subscriber(cls.broker, topics, user=user))
+
+    @classmethod
+    def start_class_gateway(cls, folder, config, *topics):
+        """For the whole class: a gateway, once cls.sub saw each topic (a status online)."""
         cls.gw = cls.keep(Gateway(folder, config))
         for topic in topics:
             wanted = (lambda m: m.payload == "online") if topic.endswith("/status") else (lambda m: True)
-            if sub.wait_for(topic, wanted, START_TIMEOUT) is None:
+            if cls.sub.wait_for(topic, wanted, START_TIMEOUT) is None:
                 raise AssertionError("nothing on %s; the gateway's log:\n%s" % (topic, cls.gw.log()))
         return cls.gw
 

@@ -114,9 +114,7 @@ class Sparkplug(SparkplugTestCase):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.broker = cls.keep(SparkplugBroker().start())
-        cls.sim = cls.keep(h.Simulator(stations=(1, 2)))
-        cls.sub = cls.keep(h.Subscriber(cls.broker, "spBv1.0/#", user="operator"))
+        cls.start_line(stations=(1, 2), topics="spBv1.0/#", user="operator", broker=SparkplugBroker)
         folder, config = sparkplug_config(cls.broker, cls.sim)
         cls.gw = cls.keep(h.Gateway(folder, config))
         for device in ("station1", "press"):

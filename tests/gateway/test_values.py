@@ -41,11 +41,9 @@ class Values(h.GatewayTestCase):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.broker = cls.keep(h.Broker().start())
-        cls.sim = cls.keep(h.Simulator(stations=(1, 2)))
-        cls.sub = cls.keep(h.Subscriber(cls.broker, P + "/#"))
-        folder, config = h.base_config(cls.broker, cls.sim, ITEMS)
-        cls.start_class_gateway(folder, config, cls.sub, P + "/status", *(P + "/" + t for t, _ in EXPECTED))
+        cls.start_line(stations=(1, 2))
+        cls.start_class_gateway(*h.base_config(cls.broker, cls.sim, ITEMS), P + "/status",
+                                *(P + "/" + t for t, _ in EXPECTED))
         # Whatever start-up sends besides the first values (test_lifecycle judges it)
         # is over before a test counts messages.
         time.sleep(STARTUP_SETTLE)
