@@ -308,33 +308,10 @@ class Simulator:
         self.proc.stdout.close()
 
 
-def yaml_text(value, indent=0):
-    """Block YAML for dicts and lists of scalars and flow mappings; strings are
-    double-quoted, which YAML reads as it reads JSON strings."""
-    pad = "  " * indent
-    if isinstance(value, dict):
-        out = ""
-        for k, v in value.items():
-            if isinstance(v, (dict, list)):
-                out += "%s%s:\n%s" % (pad, k, yaml_text(v, indent + 1))
-            else:
-                out += "%s%s: %s\n" % (pad, k, json.dumps(v))
-        return out
-    out = ""
-    for v in value:
-        out += "%s- %s\n" % (pad, json.dumps(v))  # a dict becomes a flow mapping
-    return out
-
-
-# Folders base_config() made, removed with the gateway that used them.
-_temporary_folders = set()
-
-
 def base_config(broker, sim, items, name="line1", user="gateway", **mqtt_keys):
     """A configuration for `sim` on `broker` with short time-outs, so that a silent
     station is noticed within a second."""
     folder = tempfile.mkdtemp(prefix="rtuplc-gw-")
-    _temporary_folders.add(folder)
     mqtt_section = {"url": broker.url() if broker else "mqtt://127.0.0.1:%d" % free_port(),
                     "stats-interval": 1, "keepalive": 5}
     if user:
@@ -353,11 +330,11 @@ def base_config(broker, sim, items, name="line1", user="gateway", **mqtt_keys):
 class Gateway:
     """rtuplc-gateway on a configuration written to a file of its own."""
 
-    def __init__(self, folder, config, args=(), env=None, config_text=None):
+    def __init__(self, folder, config, args=(), env=None):
         self.folder = folder
         self.config_path = os.path.join(folder, "line1.yaml")
         with open(self.config_path, "w") as f:
-            f.write(config_text if config_text is not None else yaml_text(config))
+            json.dump(config, f, indent=2)  # YAML reads JSON
         full_env = dict(os.environ)
         full_env.update(env or {})
         self.proc = subprocess.Popen([GATEWAY, "--config", self.config_path] + list(args), env=full_env,
@@ -370,7 +347,6 @@ class Gateway:
         return self.proc.poll() is None
 
     def stop(self):
-        """SIGTERM; the exit code."""
         return end_process(self.proc)
 
     def kill(self):
@@ -394,9 +370,7 @@ class Gateway:
         for reader, stream in ((self.out, self.proc.stdout), (self.err, self.proc.stderr)):
             reader.finish()
             stream.close()
-        if self.folder in _temporary_folders:
-            _temporary_folders.discard(self.folder)
-            shutil.rmtree(self.folder, ignore_errors=True)
+        shutil.rmtree(self.folder, ignore_errors=True)  # base_config() made it
 
 
 class Message:
@@ -522,17 +496,13 @@ def value_of(message):
     return None if message is None else message.json().get("value")
 
 
-def require_binaries():
-    if not (GATEWAY and SIM):
-        raise unittest.SkipTest("RTUPLC_GATEWAY and RTUPLC_SIM name the binaries under test")
-
-
 class GatewayTestCase(unittest.TestCase):
     """Ends whatever a test or its class started, in reverse order, even when it fails."""
 
     @classmethod
     def setUpClass(cls):
-        require_binaries()
+        if not (GATEWAY and SIM):
+            raise unittest.SkipTest("RTUPLC_GATEWAY and RTUPLC_SIM name the binaries under test")
 
     @classmethod
     def keep(cls, thing):
