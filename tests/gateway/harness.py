@@ -491,6 +491,14 @@ def retained_state(broker, prefix, quiet=0.5, timeout=ANSWER_TIMEOUT):
         sub.cleanup()
 
 
+def retained_values(broker, prefix, topics):
+    """{topic: retained value} for these topics under prefix: a value message's value,
+    else the payload; None for a topic with nothing retained."""
+    state = retained_state(broker, prefix)
+    payloads = {t: state.get(prefix + "/" + t) for t in topics}
+    return {t: json.loads(p)["value"] if p and p.startswith("{") else p for t, p in payloads.items()}
+
+
 def value_of(message):
     """The value field of a value message, or None for a missing one."""
     return None if message is None else message.json().get("value")

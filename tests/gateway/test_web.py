@@ -5,7 +5,6 @@ metrics a Prometheus parser reads."""
 import http.client
 import json
 import os
-import subprocess
 import time
 
 from prometheus_client.parser import text_string_to_metric_families
