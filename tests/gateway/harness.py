@@ -335,11 +335,9 @@ class Gateway:
         self.config_path = os.path.join(folder, "line1.yaml")
         with open(self.config_path, "w") as f:
             json.dump(config, f, indent=2)  # YAML reads JSON
-        full_env = dict(os.environ)
-        full_env.update(env or {})
-        self.proc = subprocess.Popen([GATEWAY, "--config", self.config_path] + list(args), env=full_env,
-                                     stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                     text=True)
+        self.proc = subprocess.Popen([GATEWAY, "--config", self.config_path] + list(args),
+                                     env=dict(os.environ, **(env or {})), stdin=subprocess.DEVNULL,
+                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         self.out = LineReader(self.proc.stdout)
         self.err = LineReader(self.proc.stderr)
 

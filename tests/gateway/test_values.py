@@ -67,7 +67,7 @@ class Values(h.GatewayTestCase):
         self.assertEqual(h.retained_values(self.broker, P, retained), retained)
 
     def test_a_change_in_the_controller_arrives(self):
-        # (what changes, simulator command, station, address, value set, topic, value to see); put back afterwards
+        # (what changes, simulator command, station, address, value set, topic, value seen)
         rows = [
             ("16-bit register", "set", 1, 105, 4321, "1/D_W/105", 4321),
             ("32-bit value with the top bit set stays unsigned", "set32", 1, 200, 0xFFFFFFFB, "1/D_D/200", 4294967291),

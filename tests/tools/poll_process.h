@@ -69,7 +69,9 @@ uint64_t held(const std::string &item, int address, int counterStart, Coil coil,
         return coil(kCoilBase.at(item) + address) ? 1 : 0;
     if (item == "D_D")
         return reg32(address);
-    return item == "32C" ? reg32(9500 + counterStart + 2 * (address - counterStart)) : reg(kRegisterBase.at(item) + address);
+    if (item == "32C")
+        return reg32(9500 + counterStart + 2 * (address - counterStart));
+    return reg(kRegisterBase.at(item) + address);
 }
 
 } // namespace tooltest
