@@ -152,11 +152,13 @@ class Broker:
             create = ["-c"] if n == 0 else []
             subprocess.run([MOSQUITTO_PASSWD, "-b"] + create + [self.path("passwd"), user, password], check=True,
                            timeout=START_TIMEOUT, capture_output=True)
+        # The Sparkplug and discovery namespaces are open to every account.
+        shared = "topic readwrite spBv1.0/#\ntopic readwrite homeassistant/#\n\n"
         with open(self.path("acl"), "w") as f:
-            f.write("user gateway\ntopic readwrite rtuplc/#\n\n"
-                    "user reader\ntopic read rtuplc/#\n\n"
+            f.write("user gateway\ntopic readwrite rtuplc/#\n" + shared +
+                    "user reader\ntopic read rtuplc/#\n" + shared +
                     "user operator\ntopic read rtuplc/#\ntopic write rtuplc/+/+/+/+/set\n"
-                    "topic readwrite rtuplc/replies/#\n")
+                    "topic readwrite rtuplc/replies/#\n" + shared)
         lines = [
             # Run as root, mosquitto would become user mosquitto, who cannot read this folder.
             "user " + pwd.getpwuid(os.getuid()).pw_name,
@@ -517,9 +519,9 @@ class GatewayTestCase(unittest.TestCase):
         return thing
 
     @classmethod
-    def start_line(cls, stations=(1,), topics="rtuplc/line1/#", user="reader", broker=None):
+    def start_line(cls, stations=(1,), topics="rtuplc/line1/#", user="reader"):
         """For the whole class: cls.broker, cls.sim with these stations, and cls.sub on topics."""
-        cls.broker = cls.keep((broker or Broker)().start())
+        cls.broker = cls.keep(Broker().start())
         cls.sim = cls.keep(Simulator(stations=stations))
         cls.sub = cls.keep(Subscriber(cls.broker, topics, user=user))
 

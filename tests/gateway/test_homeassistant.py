@@ -9,7 +9,6 @@ import time
 import jinja2
 
 import harness as h
-import test_sparkplug as spb
 
 P = "rtuplc/line1"
 HA = "homeassistant"
@@ -52,7 +51,7 @@ class Discovery(h.GatewayTestCase):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.start_line(topics=[P + "/#", HA + "/#"], user="operator", broker=spb.SparkplugBroker)
+        cls.start_line(topics=[P + "/#", HA + "/#"], user="operator")
         # Announced by an earlier configuration: must be withdrawn at start.
         cls.stale_topic = "%s/sensor/%s/1_D_W_999/config" % (HA, NODE_ID)
         cls.foreign_topic = "%s/sensor/other_gateway/1_D_W_999/config" % HA

@@ -76,17 +76,6 @@ def quality_of(m):
     return None
 
 
-class SparkplugBroker(h.Broker):
-    """The harness's broker with the Sparkplug namespace open to every account."""
-
-    def _write_files(self):
-        super()._write_files()
-        with open(self.path("acl"), "w") as f:
-            for user in h.USERS:
-                f.write("user %s\ntopic readwrite rtuplc/#\ntopic readwrite spBv1.0/#\n"
-                        "topic readwrite homeassistant/#\n\n" % user)
-
-
 def sparkplug_config(broker, sim, items=ITEMS, **sparkplug_keys):
     folder, config = h.base_config(broker, sim, items, mode="sparkplug")
     config["sparkplug"] = dict({"group": GROUP, "node": NODE}, **sparkplug_keys)
@@ -114,7 +103,7 @@ class Sparkplug(SparkplugTestCase):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.start_line(stations=(1, 2), topics="spBv1.0/#", user="operator", broker=SparkplugBroker)
+        cls.start_line(stations=(1, 2), topics="spBv1.0/#", user="operator")
         folder, config = sparkplug_config(cls.broker, cls.sim)
         cls.gw = cls.keep(h.Gateway(folder, config))
         for device in ("station1", "press"):
@@ -286,7 +275,7 @@ class Sequence(SparkplugTestCase):
     MESSAGES = 2000
 
     def test_seq_counts_every_message_of_the_node_and_wraps(self):
-        broker = self.own(SparkplugBroker().start())
+        broker = self.own(h.Broker().start())
         sim = self.own(h.Simulator(stations=(1, 2), extra_args=["--churn"]))
         sub = self.own(h.Subscriber(broker, "spBv1.0/#", user="reader", qos=0))
         folder, config = sparkplug_config(broker, sim, items=["D_W:100..101", "D_W:300@2"])
