@@ -104,11 +104,8 @@ class Sparkplug(SparkplugTestCase):
     def setUpClass(cls):
         super().setUpClass()
         cls.start_line(stations=(1, 2), topics="spBv1.0/#", user="operator")
-        folder, config = sparkplug_config(cls.broker, cls.sim)
-        cls.gw = cls.keep(h.Gateway(folder, config))
-        for device in ("station1", "press"):
-            if cls.sub.wait_for(NS + "DBIRTH/%s/%s" % (NODE, device), timeout=h.START_TIMEOUT) is None:
-                raise AssertionError("no DBIRTH of %s; the gateway's log:\n%s" % (device, cls.gw.log()))
+        cls.start_class_gateway(*sparkplug_config(cls.broker, cls.sim), *(NS + "DBIRTH/%s/%s" % (NODE, device)
+                                                                          for device in ("station1", "press")))
 
     def birth_metrics(self, device, since=0):
         birth = self.wait_topic(self.sub, "DBIRTH", device, since=since)
