@@ -9,10 +9,6 @@ namespace {
 
 class Cache : public DriverTest {
 protected:
-    _DATA_ &area(int station, const char *prefix, int addr)
-    {
-        return driver.dataAreas[getIndexOfDataArea(station, prefix, addr, driver.dataAreas)];
-    }
     void decode(const VARIABLE &v, const QByteArray &reply)
     {
         const int dataPos = 3;
@@ -82,8 +78,7 @@ TEST_F(Cache, RepliesDecodeIntoAreasAndReportChanges)
     };
     for (const Row &r : rows) {
         restart("1#0#0#3#64");
-        QList<KEY_ADDRESS> keys = {r.key};
-        intf_addrMerge(keys);
+        monitor({r.key});
         const int areas = driver.dataAreas.size();
         decode(r.var, r.reply);
         EXPECT_EQ(reports(), r.expected) << r.what;
@@ -96,8 +91,7 @@ TEST_F(Cache, RepliesDecodeIntoAreasAndReportChanges)
     // An unchanged value leaves a pending write alone; a changed one settles what the
     // screen shows.
     restart("1#0#0#3#64");
-    QList<KEY_ADDRESS> keys = {key(1, "D_W", 10, 2)};
-    intf_addrMerge(keys);
+    monitor({key(1, "D_W", 10, 2)});
     decode(variable(1, "D_W", 10, 2), registersReply(1, {0x1234, 5}));
     area(1, "D", 10).writePending = 1;
     decode(variable(1, "D_W", 10, 2), registersReply(1, {0x1234, 5}));
@@ -205,8 +199,7 @@ TEST_F(Cache, PolledBlockFindsItsAreasAfterTheCacheChanged)
          }, all},
         {"restart and register again", [] {
              intf_initProperty(nullptr, 0, nullptr, nullptr, "1#1#0#3#64", nullptr);
-             QList<KEY_ADDRESS> keys = {key(1, "D_W", 10, 4)};
-             intf_addrMerge(keys);
+             monitor({key(1, "D_W", 10, 4)});
          }, all},
         {"host empties the list", [] { driver.dataAreas.clear(); }, {}},
         {"host removes the first area", [] { driver.dataAreas.removeFirst(); },
@@ -217,8 +210,7 @@ TEST_F(Cache, PolledBlockFindsItsAreasAfterTheCacheChanged)
     };
     for (const Row &r : rows) {
         restart("1#1#0#3#64"); // local writes: nothing but the block goes out
-        QList<KEY_ADDRESS> keys = {key(1, "D_W", 10, 4)};
-        intf_addrMerge(keys);
+        monitor({key(1, "D_W", 10, 4)});
         ASSERT_EQ(exchange(registersReply(1, {1, 2, 3, 4})), 1);
         r.change();
         reports().clear();

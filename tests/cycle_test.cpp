@@ -5,21 +5,7 @@ using namespace testing_support;
 
 namespace {
 
-class Cycle : public DriverTest {
-protected:
-    FakeController plc;
-    std::vector<unsigned char> memory = std::vector<unsigned char>(65536, 0);
-    std::vector<unsigned short> recipe = std::vector<unsigned short>(256, 0);
-    QMutex hostLock;
-
-    void withHost(const char *properties = "1#0#0#3#64") { restart(properties, memory.data(), recipe.data(), &hostLock); }
-    void monitor(QList<KEY_ADDRESS> keys) { intf_addrMerge(keys); }
-    void setRecipe(const std::vector<_RCP_VAR_PRO> &vars)
-    {
-        QVector<_RCP_VAR_PRO> v(vars.begin(), vars.end());
-        intf_setRcpAddress(v);
-    }
-};
+using Cycle = HostMemoryTest;
 
 TEST_F(Cycle, NothingToSend)
 {
@@ -153,14 +139,11 @@ TEST_F(Cycle, RecipeUploadFillsTheBufferAndReportsEachWord)
 {
     withHost();
     setRecipe({rcp("D_W", 0, 2, 4), rcp("D_D", 20, 2, 10), rcp("32C", 200, 3, 12), rcp("M", 5, 3, 20)});
-    plc.registers[0] = 0xABCD;
-    plc.registers[1] = 0x0102;
-    plc.registers[20] = 0x1234; // the first register is the high half
-    plc.registers[21] = 0x5678;
-    plc.registers[9700] = 0x0001;
-    plc.registers[9701] = 0x0002;
-    plc.coils[2005] = 1;
-    plc.coils[2007] = 1;
+    // D_D 20 and the counter: the first register is the high half.
+    for (const auto &[a, v] : std::vector<std::pair<size_t, uint16_t>>{
+             {0, 0xABCD}, {1, 0x0102}, {20, 0x1234}, {21, 0x5678}, {9700, 0x0001}, {9701, 0x0002}})
+        plc.registers[a] = v;
+    plc.coils[2005] = plc.coils[2007] = 1;
     memory[RTUPLC_RCP_UPLOAD_BYTE] = 1;
     EXPECT_EQ(plc.run(4), "6666");
     EXPECT_EQ(memory[RTUPLC_RCP_UPLOAD_BYTE], 0);

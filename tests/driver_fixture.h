@@ -156,6 +156,28 @@ protected:
         intf_getData(station, reg, addr, count, reinterpret_cast<unsigned char *>(out.data()));
         return out;
     }
+    static int monitor(QList<KEY_ADDRESS> keys) { return intf_addrMerge(keys); }
+    static _DATA_ &area(int station, const char *prefix, int addr)
+    {
+        return driver.dataAreas[getIndexOfDataArea(station, prefix, addr, driver.dataAreas)];
+    }
+};
+
+// A driver started with the host's memory (recipe command bytes) and recipe buffer,
+// talking to a FakeController.
+class HostMemoryTest : public DriverTest {
+protected:
+    void withHost(const char *properties = "1#0#0#3#64") { restart(properties, memory.data(), recipe.data(), &hostLock); }
+    static int setRecipe(const std::vector<_RCP_VAR_PRO> &vars)
+    {
+        QVector<_RCP_VAR_PRO> v(vars.begin(), vars.end());
+        return intf_setRcpAddress(v);
+    }
+
+    FakeController plc;
+    std::vector<unsigned char> memory = std::vector<unsigned char>(65536, 0);
+    std::vector<unsigned short> recipe = std::vector<unsigned short>(512, 0);
+    QMutex hostLock;
 };
 
 } // namespace testing_support

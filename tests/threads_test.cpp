@@ -13,8 +13,7 @@ class Threads : public DriverTest {};
 
 TEST_F(Threads, WritesFromAnotherThreadAreNeitherLostNorTorn)
 {
-    QList<KEY_ADDRESS> keys = {key(1, "D_W", 0, 16), key(1, "X", 0, 8, -1)};
-    intf_addrMerge(keys);
+    monitor({key(1, "D_W", 0, 16), key(1, "X", 0, 8, -1)});
     intf_setAddrValueChangeCallBack(nullptr);
     FakeController plc;
     std::atomic<bool> writing{true};

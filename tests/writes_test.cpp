@@ -7,10 +7,6 @@ namespace {
 
 class Writes : public DriverTest {
 protected:
-    _DATA_ &area(int station, const char *prefix, int addr)
-    {
-        return driver.dataAreas[getIndexOfDataArea(station, prefix, addr, driver.dataAreas)];
-    }
     static QString queue()
     {
         QStringList out;
@@ -94,8 +90,7 @@ TEST_F(Writes, LocalWriteModeOnlyShows)
 
 TEST_F(Writes, NoticesGoOutBeforeTheCacheChanges)
 {
-    QList<KEY_ADDRESS> keys = {key(1, "D_W", 10, 1), key(1, "D_D", 20, 2), key(1, "32C", 200, 2), key(1, "CV", 3, 1)};
-    intf_addrMerge(keys);
+    monitor({key(1, "D_W", 10, 1), key(1, "D_D", 20, 2), key(1, "32C", 200, 2), key(1, "CV", 3, 1)});
     static QString seen;
     intf_setAddrValueChangeCallBack([](int, int, QString &item, int addr) {
         recordReport(1, 1, item, addr);
@@ -146,8 +141,7 @@ TEST_F(Writes, SettlingTable)
     };
     for (const Row &r : rows) {
         restart(r.ok ? "1#0#0#3#64" : "1#0#0#1#64");
-        QList<KEY_ADDRESS> keys = r.monitored;
-        intf_addrMerge(keys);
+        monitor(r.monitored);
         // What the controller had: 0x1234 in every register the write touches.
         for (int a = 0; a < 4; ++a) {
             _DATA_ &d = area(1, r.reg[0] == 'D' ? "D" : r.reg, r.addr + a);

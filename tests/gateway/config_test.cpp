@@ -10,6 +10,7 @@
 #include <fstream>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -215,83 +216,59 @@ struct GoodFile {
 
 TEST_F(GatewayConfig, GoodFilesGetTheirDefaults)
 {
+    using std::make_tuple;
+    using std::tie;
     const std::vector<GoodFile> rows = {
         {"defaults", "line7.yaml", kBase,
          [](const Config &c, const std::string &) {
-             EXPECT_EQ(c.name, "line7");
-             EXPECT_EQ(c.mqtt.clientId, "rtuplc-line7");
-             EXPECT_EQ(c.mqtt.topic, "rtuplc/line7");
-             EXPECT_FALSE(c.mqtt.tls);
-             EXPECT_EQ(c.mqtt.host, "127.0.0.1");
-             EXPECT_EQ(c.mqtt.port, 1883);
-             EXPECT_EQ(c.line.kind, rtugw::LineConfig::Kind::Tcp);
-             EXPECT_EQ(c.line.host, "127.0.0.1");
-             EXPECT_EQ(c.line.port, 8000);
-             EXPECT_EQ(c.line.timeoutMs, 500);
-             EXPECT_EQ(c.line.retries, 3);
+             EXPECT_EQ(tie(c.name, c.mqtt.clientId, c.mqtt.topic), make_tuple("line7", "rtuplc-line7", "rtuplc/line7"));
+             EXPECT_EQ(tie(c.mqtt.tls, c.mqtt.host, c.mqtt.port), make_tuple(false, "127.0.0.1", 1883));
+             EXPECT_TRUE(c.line.kind == rtugw::LineConfig::Kind::Tcp);
+             EXPECT_EQ(tie(c.line.host, c.line.port, c.line.timeoutMs, c.line.retries), make_tuple("127.0.0.1", 8000, 500, 3));
              ASSERT_EQ(c.items.size(), 1u);
-             EXPECT_EQ(c.items[0].text, "D_W:0..9");
-             EXPECT_EQ(c.items[0].line, 4);
-             EXPECT_FALSE(c.items[0].writable);
-             EXPECT_FALSE(c.http.enabled);
-             EXPECT_FALSE(c.homeassistant.enabled);
+             EXPECT_EQ(tie(c.items[0].text, c.items[0].line, c.items[0].writable), make_tuple("D_W:0..9", 4, false));
+             EXPECT_EQ(tie(c.http.enabled, c.homeassistant.enabled), make_tuple(false, false));
          }},
         {".yml stripped, plain port given", "press-2.yml", kBase + "mqtt:\n  url: mqtt://broker:1884\n",
          [](const Config &c, const std::string &) {
-             EXPECT_EQ(c.name, "press-2");
-             EXPECT_EQ(c.mqtt.host, "broker");
-             EXPECT_EQ(c.mqtt.port, 1884);
+             EXPECT_EQ(tie(c.name, c.mqtt.host, c.mqtt.port), make_tuple("press-2", "broker", 1884));
          }},
         {"name given wins over the file's", "x.yaml", "name: oven_1\n" + kBase,
          [](const Config &c, const std::string &) {
-             EXPECT_EQ(c.name, "oven_1");
-             EXPECT_EQ(c.mqtt.topic, "rtuplc/oven_1");
+             EXPECT_EQ(tie(c.name, c.mqtt.topic), make_tuple("oven_1", "rtuplc/oven_1"));
          }},
         {"TLS port and a relative ca", "gw.yaml", kBase + "mqtt:\n  url: mqtts://[::1]\n  ca: ca.pem\n",
          [](const Config &c, const std::string &dir) {
-             EXPECT_TRUE(c.mqtt.tls);
-             EXPECT_EQ(c.mqtt.host, "::1");
-             EXPECT_EQ(c.mqtt.port, 8883);
-             EXPECT_EQ(c.mqtt.ca, dir + "/ca.pem");
+             EXPECT_EQ(tie(c.mqtt.tls, c.mqtt.host, c.mqtt.port, c.mqtt.ca), make_tuple(true, "::1", 8883, dir + "/ca.pem"));
          }},
         {"password file's line end stripped", "gw.yaml", kBase + "mqtt:\n  username: u\n  password-file: pw.secret\n",
          [](const Config &c, const std::string &dir) {
-             EXPECT_EQ(c.mqtt.password, kSecret);
-             EXPECT_EQ(c.mqtt.passwordFile, dir + "/pw.secret");
+             EXPECT_EQ(tie(c.mqtt.password, c.mqtt.passwordFile), make_tuple(kSecret, dir + "/pw.secret"));
          }},
         {"serial line and writable items", "gw.yaml",
          "line:\n  serial: /dev/ttyS0\n  settings: 19200,8,e,1\n  rs485: true\n  station: 3\nitems:\n"
          "  - X:0..7@2\n  - item: D_W:500..504\n    writable: true\n    unit: bar\n",
          [](const Config &c, const std::string &) {
-             EXPECT_EQ(c.line.kind, rtugw::LineConfig::Kind::Serial);
-             EXPECT_EQ(c.line.device, "/dev/ttyS0");
-             EXPECT_EQ(c.line.settings, "19200,8,EVEN,1");
-             EXPECT_TRUE(c.line.rs485);
-             EXPECT_EQ(c.line.station, 3);
+             EXPECT_TRUE(c.line.kind == rtugw::LineConfig::Kind::Serial);
+             EXPECT_EQ(tie(c.line.device, c.line.settings, c.line.rs485, c.line.station),
+                       make_tuple("/dev/ttyS0", "19200,8,EVEN,1", true, 3));
              ASSERT_EQ(c.items.size(), 2u);
-             EXPECT_EQ(c.items[1].text, "D_W:500..504");
-             EXPECT_TRUE(c.items[1].writable);
-             EXPECT_EQ(c.items[1].unit, "bar");
-             EXPECT_EQ(c.items[1].line, 8);
+             const rtugw::ItemConfig &i = c.items[1];
+             EXPECT_EQ(tie(i.text, i.writable, i.unit, i.line), make_tuple("D_W:500..504", true, "bar", 8));
          }},
         {"optional sections", "gw.yaml",
          kBase + "mqtt:\n  mode: sparkplug\nsparkplug:\n  group: plant\nhttp:\n  listen: 0.0.0.0:9000\n"
                  "log:\n  csv: logs\n  max-size: 5M\nstations:\n  2: { name: press }\n",
          [](const Config &c, const std::string &dir) {
-             EXPECT_EQ(c.sparkplug.group, "plant");
-             EXPECT_EQ(c.sparkplug.node, "gw");
-             EXPECT_FALSE(c.homeassistant.enabled);
-             EXPECT_TRUE(c.http.enabled);
-             EXPECT_EQ(c.http.port, 9000);
-             EXPECT_EQ(c.log.csvDir, dir + "/logs");
-             EXPECT_EQ(c.log.maxBytes, 5u * 1024 * 1024);
+             EXPECT_EQ(tie(c.sparkplug.group, c.sparkplug.node), make_tuple("plant", "gw"));
+             EXPECT_EQ(tie(c.homeassistant.enabled, c.http.enabled, c.http.port), make_tuple(false, true, 9000));
+             EXPECT_EQ(tie(c.log.csvDir, c.log.maxBytes), make_tuple(dir + "/logs", uint64_t(5) * 1024 * 1024));
              EXPECT_EQ(c.stationNames.at(2), "press");
          }},
         {"discovery in plain mode, names free", "gw.yaml",
          kBase + "homeassistant:\nstations:\n  1: { name: a/b }\n  2: { name: a/b }\n",
          [](const Config &c, const std::string &) {
-             EXPECT_TRUE(c.homeassistant.enabled);
-             EXPECT_EQ(c.homeassistant.prefix, "homeassistant");
+             EXPECT_EQ(tie(c.homeassistant.enabled, c.homeassistant.prefix), make_tuple(true, "homeassistant"));
              EXPECT_EQ(c.stationNames.at(2), "a/b");
          }},
     };

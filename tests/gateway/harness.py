@@ -152,11 +152,13 @@ class Broker:
             create = ["-c"] if n == 0 else []
             subprocess.run([MOSQUITTO_PASSWD, "-b"] + create + [self.path("passwd"), user, password], check=True,
                            timeout=START_TIMEOUT, capture_output=True)
+        # The Sparkplug and discovery namespaces are open to every account.
+        shared = "topic readwrite spBv1.0/#\ntopic readwrite homeassistant/#\n\n"
         with open(self.path("acl"), "w") as f:
-            f.write("user gateway\ntopic readwrite rtuplc/#\n\n"
-                    "user reader\ntopic read rtuplc/#\n\n"
+            f.write("user gateway\ntopic readwrite rtuplc/#\n" + shared +
+                    "user reader\ntopic read rtuplc/#\n" + shared +
                     "user operator\ntopic read rtuplc/#\ntopic write rtuplc/+/+/+/+/set\n"
-                    "topic readwrite rtuplc/replies/#\n")
+                    "topic readwrite rtuplc/replies/#\n" + shared)
         lines = [
             # Run as root, mosquitto would become user mosquitto, who cannot read this folder.
             "user " + pwd.getpwuid(os.getuid()).pw_name,
@@ -249,15 +251,13 @@ class Simulator:
                                      text=True, bufsize=1)
         self.out = LineReader(self.proc.stdout)
         self._lock = threading.Lock()
-        serving = self.out.wait_for(lambda l: l.startswith("rtuplc-sim: serving tcp "), START_TIMEOUT)
-        if serving is None:
-            raise RuntimeError("rtuplc-sim did not say where it serves: " + self.out.text())
-        self.port = int(serving.rsplit(":", 1)[1])
-        # The station line is the last before the answers to commands.
-        if self.out.wait_for(lambda l: l.startswith("rtuplc-sim: station "), START_TIMEOUT) is None:
-            raise RuntimeError("rtuplc-sim did not start: " + self.out.text())
-        while not self.out.queue.get(timeout=ANSWER_TIMEOUT).startswith("rtuplc-sim: station "):
-            pass
+        # Where it serves, then the station line, the last before the answers to commands.
+        try:
+            while not (line := self.out.next(START_TIMEOUT)).startswith("rtuplc-sim: station "):
+                if line.startswith("rtuplc-sim: serving tcp "):
+                    self.port = int(line.rsplit(":", 1)[1])
+        except queue.Empty:
+            raise RuntimeError("rtuplc-sim did not start: " + self.out.text()) from None
 
     def command(self, text):
         """Sends one command and returns its one-line answer; an error raises."""
@@ -310,33 +310,10 @@ class Simulator:
         self.proc.stdout.close()
 
 
-def yaml_text(value, indent=0):
-    """Block YAML for dicts and lists of scalars and flow mappings; strings are
-    double-quoted, which YAML reads as it reads JSON strings."""
-    pad = "  " * indent
-    if isinstance(value, dict):
-        out = ""
-        for k, v in value.items():
-            if isinstance(v, (dict, list)):
-                out += "%s%s:\n%s" % (pad, k, yaml_text(v, indent + 1))
-            else:
-                out += "%s%s: %s\n" % (pad, k, json.dumps(v))
-        return out
-    out = ""
-    for v in value:
-        out += "%s- %s\n" % (pad, json.dumps(v))  # a dict becomes a flow mapping
-    return out
-
-
-# Folders base_config() made, removed with the gateway that used them.
-_temporary_folders = set()
-
-
 def base_config(broker, sim, items, name="line1", user="gateway", **mqtt_keys):
     """A configuration for `sim` on `broker` with short time-outs, so that a silent
     station is noticed within a second."""
     folder = tempfile.mkdtemp(prefix="rtuplc-gw-")
-    _temporary_folders.add(folder)
     mqtt_section = {"url": broker.url() if broker else "mqtt://127.0.0.1:%d" % free_port(),
                     "stats-interval": 1, "keepalive": 5}
     if user:
@@ -355,16 +332,14 @@ def base_config(broker, sim, items, name="line1", user="gateway", **mqtt_keys):
 class Gateway:
     """rtuplc-gateway on a configuration written to a file of its own."""
 
-    def __init__(self, folder, config, args=(), env=None, config_text=None):
+    def __init__(self, folder, config, args=(), env=None):
         self.folder = folder
         self.config_path = os.path.join(folder, "line1.yaml")
         with open(self.config_path, "w") as f:
-            f.write(config_text if config_text is not None else yaml_text(config))
-        full_env = dict(os.environ)
-        full_env.update(env or {})
-        self.proc = subprocess.Popen([GATEWAY, "--config", self.config_path] + list(args), env=full_env,
-                                     stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                     text=True)
+            json.dump(config, f, indent=2)  # YAML reads JSON
+        self.proc = subprocess.Popen([GATEWAY, "--config", self.config_path] + list(args),
+                                     env=dict(os.environ, **(env or {})), stdin=subprocess.DEVNULL,
+                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         self.out = LineReader(self.proc.stdout)
         self.err = LineReader(self.proc.stderr)
 
@@ -372,7 +347,6 @@ class Gateway:
         return self.proc.poll() is None
 
     def stop(self):
-        """SIGTERM; the exit code."""
         return end_process(self.proc)
 
     def kill(self):
@@ -396,9 +370,7 @@ class Gateway:
         for reader, stream in ((self.out, self.proc.stdout), (self.err, self.proc.stderr)):
             reader.finish()
             stream.close()
-        if self.folder in _temporary_folders:
-            _temporary_folders.discard(self.folder)
-            shutil.rmtree(self.folder, ignore_errors=True)
+        shutil.rmtree(self.folder, ignore_errors=True)  # base_config() made it
 
 
 class Message:
@@ -440,9 +412,9 @@ class Subscriber:
         self.client.on_message = self._on_message
         self.client.on_subscribe = self._on_subscribe
         self.client.reconnect_delay_set(min_delay=1, max_delay=1)
-        self._connect()
+        self.reconnect()
 
-    def _connect(self):
+    def reconnect(self):
         props = Properties(PacketTypes.CONNECT)
         if self.persistent:
             props.SessionExpiryInterval = SESSION_EXPIRY
@@ -480,17 +452,9 @@ class Subscriber:
     def wait_for(self, topic, predicate=lambda m: True, timeout=ANSWER_TIMEOUT, since=0, retained=None):
         """The first message on `topic` from index `since` on for which predicate
         holds; None when none came in time."""
-        retained = not self.skip_retained if retained is None else retained
-        deadline = time.monotonic() + timeout
         with self.cond:
-            while True:
-                for m in self.messages[since:]:
-                    if m.topic == topic and (retained or not m.retain) and predicate(m):
-                        return m
-                left = deadline - time.monotonic()
-                if left <= 0:
-                    return None
-                self.cond.wait(left)
+            return self.cond.wait_for(lambda: next((m for m in self.since(since, topic, retained) if predicate(m)),
+                                                   None), timeout)
 
     def last(self, topic, since=0):
         found = self.since(since, topic)
@@ -504,9 +468,6 @@ class Subscriber:
         self.client.disconnect()
         self.client.loop_stop()
         self.connected.clear()
-
-    def reconnect(self):
-        self._connect()
 
     def cleanup(self):
         try:
@@ -530,14 +491,17 @@ def retained_state(broker, prefix, quiet=0.5, timeout=ANSWER_TIMEOUT):
         sub.cleanup()
 
 
+def retained_values(broker, prefix, topics):
+    """{topic: retained value} for these topics under prefix: a value message's value,
+    else the payload; None for a topic with nothing retained."""
+    state = retained_state(broker, prefix)
+    payloads = {t: state.get(prefix + "/" + t) for t in topics}
+    return {t: json.loads(p)["value"] if p and p.startswith("{") else p for t, p in payloads.items()}
+
+
 def value_of(message):
     """The value field of a value message, or None for a missing one."""
     return None if message is None else message.json().get("value")
-
-
-def require_binaries():
-    if not (GATEWAY and SIM):
-        raise unittest.SkipTest("RTUPLC_GATEWAY and RTUPLC_SIM name the binaries under test")
 
 
 class GatewayTestCase(unittest.TestCase):
@@ -545,7 +509,8 @@ class GatewayTestCase(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        require_binaries()
+        if not (GATEWAY and SIM):
+            raise unittest.SkipTest("RTUPLC_GATEWAY and RTUPLC_SIM name the binaries under test")
 
     @classmethod
     def keep(cls, thing):
@@ -554,12 +519,19 @@ class GatewayTestCase(unittest.TestCase):
         return thing
 
     @classmethod
-    def start_class_gateway(cls, folder, config, sub, *topics):
-        """For the whole class: a gateway, once `sub` saw each topic (a status online)."""
+    def start_line(cls, stations=(1,), topics="rtuplc/line1/#", user="reader"):
+        """For the whole class: cls.broker, cls.sim with these stations, and cls.sub on topics."""
+        cls.broker = cls.keep(Broker().start())
+        cls.sim = cls.keep(Simulator(stations=stations))
+        cls.sub = cls.keep(Subscriber(cls.broker, topics, user=user))
+
+    @classmethod
+    def start_class_gateway(cls, folder, config, *topics):
+        """For the whole class: a gateway, once cls.sub saw each topic (a status online)."""
         cls.gw = cls.keep(Gateway(folder, config))
         for topic in topics:
             wanted = (lambda m: m.payload == "online") if topic.endswith("/status") else (lambda m: True)
-            if sub.wait_for(topic, wanted, START_TIMEOUT) is None:
+            if cls.sub.wait_for(topic, wanted, START_TIMEOUT) is None:
                 raise AssertionError("nothing on %s; the gateway's log:\n%s" % (topic, cls.gw.log()))
         return cls.gw
 

@@ -9,7 +9,6 @@ import time
 import jinja2
 
 import harness as h
-import test_sparkplug as spb
 
 P = "rtuplc/line1"
 HA = "homeassistant"
@@ -52,20 +51,16 @@ class Discovery(h.GatewayTestCase):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.broker = cls.keep(spb.SparkplugBroker().start())
-        cls.sim = cls.keep(h.Simulator(stations=(1,)))
+        cls.start_line(topics=[P + "/#", HA + "/#"], user="operator")
         # Announced by an earlier configuration: must be withdrawn at start.
         cls.stale_topic = "%s/sensor/%s/1_D_W_999/config" % (HA, NODE_ID)
         cls.foreign_topic = "%s/sensor/other_gateway/1_D_W_999/config" % HA
-        old = h.Subscriber(cls.broker, "unused", user="operator")
-        old.publish(cls.stale_topic, json.dumps({"name": "gone"}), retain=True)
-        old.publish(cls.foreign_topic, json.dumps({"name": "not ours"}), retain=True)
-        old.cleanup()
-        cls.sub = cls.keep(h.Subscriber(cls.broker, [P + "/#", HA + "/#"], user="operator"))
+        cls.sub.publish(cls.stale_topic, json.dumps({"name": "gone"}), retain=True)
+        cls.sub.publish(cls.foreign_topic, json.dumps({"name": "not ours"}), retain=True)
         folder, config = h.base_config(cls.broker, cls.sim, ITEMS)
         config["homeassistant"] = {"prefix": HA}
         config["stations"] = {1: {"name": "oven"}}
-        cls.start_class_gateway(folder, config, cls.sub, P + "/1/D_W/500")
+        cls.start_class_gateway(folder, config, P + "/1/D_W/500")
 
     def configs(self):
         """{(component, object id): config} retained at the broker now."""

@@ -76,17 +76,6 @@ def quality_of(m):
     return None
 
 
-class SparkplugBroker(h.Broker):
-    """The harness's broker with the Sparkplug namespace open to every account."""
-
-    def _write_files(self):
-        super()._write_files()
-        with open(self.path("acl"), "w") as f:
-            for user in h.USERS:
-                f.write("user %s\ntopic readwrite rtuplc/#\ntopic readwrite spBv1.0/#\n"
-                        "topic readwrite homeassistant/#\n\n" % user)
-
-
 def sparkplug_config(broker, sim, items=ITEMS, **sparkplug_keys):
     folder, config = h.base_config(broker, sim, items, mode="sparkplug")
     config["sparkplug"] = dict({"group": GROUP, "node": NODE}, **sparkplug_keys)
@@ -114,14 +103,9 @@ class Sparkplug(SparkplugTestCase):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.broker = cls.keep(SparkplugBroker().start())
-        cls.sim = cls.keep(h.Simulator(stations=(1, 2)))
-        cls.sub = cls.keep(h.Subscriber(cls.broker, "spBv1.0/#", user="operator"))
-        folder, config = sparkplug_config(cls.broker, cls.sim)
-        cls.gw = cls.keep(h.Gateway(folder, config))
-        for device in ("station1", "press"):
-            if cls.sub.wait_for(NS + "DBIRTH/%s/%s" % (NODE, device), timeout=h.START_TIMEOUT) is None:
-                raise AssertionError("no DBIRTH of %s; the gateway's log:\n%s" % (device, cls.gw.log()))
+        cls.start_line(stations=(1, 2), topics="spBv1.0/#", user="operator")
+        cls.start_class_gateway(*sparkplug_config(cls.broker, cls.sim), *(NS + "DBIRTH/%s/%s" % (NODE, device)
+                                                                          for device in ("station1", "press")))
 
     def birth_metrics(self, device, since=0):
         birth = self.wait_topic(self.sub, "DBIRTH", device, since=since)
@@ -288,7 +272,7 @@ class Sequence(SparkplugTestCase):
     MESSAGES = 2000
 
     def test_seq_counts_every_message_of_the_node_and_wraps(self):
-        broker = self.own(SparkplugBroker().start())
+        broker = self.own(h.Broker().start())
         sim = self.own(h.Simulator(stations=(1, 2), extra_args=["--churn"]))
         sub = self.own(h.Subscriber(broker, "spBv1.0/#", user="reader", qos=0))
         folder, config = sparkplug_config(broker, sim, items=["D_W:100..101", "D_W:300@2"])

@@ -23,7 +23,7 @@ def host_state(online, age=0):
 
 class NodeLife(spb.SparkplugTestCase):
     def setUp(self):
-        self.broker = self.own(spb.SparkplugBroker().start())
+        self.broker = self.own(h.Broker().start())
         self.sim = self.own(h.Simulator())
         self.sub = self.own(h.Subscriber(self.broker, "spBv1.0/#", user="operator"))
 

@@ -2,7 +2,6 @@
 happen, and the quality and station status through a silent station and a block the
 controller refuses."""
 
-import json
 import re
 import time
 
@@ -41,11 +40,9 @@ class Values(h.GatewayTestCase):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.broker = cls.keep(h.Broker().start())
-        cls.sim = cls.keep(h.Simulator(stations=(1, 2)))
-        cls.sub = cls.keep(h.Subscriber(cls.broker, P + "/#"))
-        folder, config = h.base_config(cls.broker, cls.sim, ITEMS)
-        cls.start_class_gateway(folder, config, cls.sub, P + "/status", *(P + "/" + t for t, _ in EXPECTED))
+        cls.start_line(stations=(1, 2))
+        cls.start_class_gateway(*h.base_config(cls.broker, cls.sim, ITEMS), P + "/status",
+                                *(P + "/" + t for t, _ in EXPECTED))
         # Whatever start-up sends besides the first values (test_lifecycle judges it)
         # is over before a test counts messages.
         time.sleep(STARTUP_SETTLE)
@@ -66,39 +63,28 @@ class Values(h.GatewayTestCase):
                 seen = self.sub.last(P + "/" + topic)
                 self.assertIsNotNone(m, "expected %d, saw %r" % (value, seen))
                 self.assertRegex(m.json().get("ts", ""), TIMESTAMP)
-        retained = h.retained_state(self.broker, P)
-        for topic, value in EXPECTED:
-            with self.subTest(retained=topic):
-                self.assertIn(P + "/" + topic, retained)
-                self.assertEqual(json.loads(retained[P + "/" + topic])["value"], value)
-        self.assertEqual(retained.get(P + "/status"), "online")
-        for station in (1, 2):
-            self.assertEqual(retained.get("%s/%d/status" % (P, station)), "online")
+        retained = dict(EXPECTED, **dict.fromkeys(("status", "1/status", "2/status"), "online"))
+        self.assertEqual(h.retained_values(self.broker, P, retained), retained)
 
     def test_a_change_in_the_controller_arrives(self):
-        # (what changes, how to change it, how to put it back, topic, value to see)
+        # (what changes, simulator command, station, address, value set, topic, value seen)
         rows = [
-            ("16-bit register", lambda: self.sim.set(1, 105, 4321), lambda: self.sim.set(1, 105, 105),
-             "1/D_W/105", 4321),
-            ("32-bit value with the top bit set stays unsigned",
-             lambda: self.sim.set32(1, 200, 0xFFFFFFFB), lambda: self.sim.set32(1, 200, h.pattern_reg32(1, 200)),
-             "1/D_D/200", 4294967291),
-            ("low half of a 32-bit value alone", lambda: self.sim.set(1, 203, 7), lambda: self.sim.set(1, 203, 203),
-             "1/D_D/202", 202 << 16 | 7),
-            ("32-bit counter", lambda: self.sim.set32(1, 9702, 70000),
-             lambda: self.sim.set32(1, 9702, h.pattern_reg32(1, 9702)), "1/32C/201", 70000),
-            ("input bit, octal address", lambda: self.sim.coil(1, x_coil("17"), 1 - h.pattern_coil(1, x_coil("17"))),
-             lambda: self.sim.coil(1, x_coil("17"), h.pattern_coil(1, x_coil("17"))),
-             "1/X/17", 1 - h.pattern_coil(1, x_coil("17"))),
-            ("bit of station 2", lambda: self.sim.coil(2, 2003, 1 - h.pattern_coil(2, 2003)),
-             lambda: self.sim.coil(2, 2003, h.pattern_coil(2, 2003)), "2/M/3", 1 - h.pattern_coil(2, 2003)),
+            ("16-bit register", "set", 1, 105, 4321, "1/D_W/105", 4321),
+            ("32-bit value with the top bit set stays unsigned", "set32", 1, 200, 0xFFFFFFFB, "1/D_D/200", 4294967291),
+            ("low half of a 32-bit value alone", "set", 1, 203, 7, "1/D_D/202", 202 << 16 | 7),
+            ("32-bit counter", "set32", 1, 9702, 70000, "1/32C/201", 70000),
+            ("input bit, octal address", "coil", 1, x_coil("17"), 1 - h.pattern_coil(1, x_coil("17")), "1/X/17",
+             1 - h.pattern_coil(1, x_coil("17"))),
+            ("bit of station 2", "coil", 2, 2003, 1 - h.pattern_coil(2, 2003), "2/M/3", 1 - h.pattern_coil(2, 2003)),
         ]
-        for name, change, undo, topic, value in rows:
+        pattern = {"set": h.pattern_register, "set32": h.pattern_reg32, "coil": h.pattern_coil}
+        for name, command, station, address, set_to, topic, value in rows:
+            put = getattr(self.sim, command)
             with self.subTest(name):
                 before = h.value_of(self.sub.last(P + "/" + topic))
                 mark = self.sub.mark()
                 changed = time.monotonic()
-                change()
+                put(station, address, set_to)
                 try:
                     m = self.good(topic, value, mark)
                     self.assertIsNotNone(m, "saw %r" % self.sub.since(mark, P + "/" + topic))
@@ -106,7 +92,7 @@ class Values(h.GatewayTestCase):
                     self.assertEqual(len(self.sub.since(mark, P + "/" + topic)), 1, "one message per change: %r" % self.sub.since(mark, P + "/" + topic))
                 finally:
                     back = self.sub.mark()
-                    undo()
+                    put(station, address, pattern[command](station, address))
                     self.assertIsNotNone(self.good(topic, before, back), "the value put back arrives too")
 
     def test_silent_station_goes_bad_then_offline_and_comes_back(self):

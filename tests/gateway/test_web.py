@@ -5,7 +5,6 @@ metrics a Prometheus parser reads."""
 import http.client
 import json
 import os
-import subprocess
 import time
 
 from prometheus_client.parser import text_string_to_metric_families
@@ -51,11 +50,9 @@ class Api(h.GatewayTestCase):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.broker = cls.keep(h.Broker().start())
-        cls.sim = cls.keep(h.Simulator(stations=(1, 2)))
-        cls.sub = cls.keep(h.Subscriber(cls.broker, P + "/#"))
+        cls.start_line(stations=(1, 2))
         folder, config, cls.port = web_config(cls.broker, cls.sim, ITEMS)
-        cls.start_class_gateway(folder, config, cls.sub, P + "/2/M/3")
+        cls.start_class_gateway(folder, config, P + "/2/M/3")
         wait_http(cls.port, cls.gw)
 
     def get_json(self, path):

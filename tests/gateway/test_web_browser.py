@@ -97,11 +97,9 @@ class Page(h.GatewayTestCase):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.broker = cls.keep(h.Broker().start())
-        cls.sim = cls.keep(h.Simulator(stations=(1, 2)))
-        cls.sub = cls.keep(h.Subscriber(cls.broker, P + "/#"))
+        cls.start_line(stations=(1, 2))
         folder, config, cls.port = web.web_config(cls.broker, cls.sim, ITEMS)
-        cls.start_class_gateway(folder, config, cls.sub, P + "/2/M/7")
+        cls.start_class_gateway(folder, config, P + "/2/M/7")
         web.wait_http(cls.port, cls.gw)
         cls.browser = cls.keep(Browser())
         cls.browser.call("Page.navigate", url="http://127.0.0.1:%d/" % cls.port)

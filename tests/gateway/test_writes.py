@@ -28,18 +28,15 @@ class Writes(h.GatewayTestCase):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.broker = cls.keep(h.Broker().start())
-        cls.sim = cls.keep(h.Simulator(stations=(1, 2)))
-        cls.op = cls.keep(h.Subscriber(cls.broker, [P + "/#", "rtuplc/replies/#"], user="operator"))
-        folder, config = h.base_config(cls.broker, cls.sim, ITEMS)
+        cls.start_line(stations=(1, 2), topics=[P + "/#", "rtuplc/replies/#"], user="operator")
         # Writes are taken once the items were read.
-        cls.start_class_gateway(folder, config, cls.op, P + "/status", P + "/2/D_W/501")
+        cls.start_class_gateway(*h.base_config(cls.broker, cls.sim, ITEMS), P + "/status", P + "/2/D_W/501")
 
     def write(self, topic, body, properties=None):
         """Publishes a write and returns the answers on .../result that came for it."""
-        mark = self.op.mark()
-        self.op.publish("%s/%s/set" % (P, topic), body, properties=properties)
-        answer = self.op.wait_for("%s/%s/result" % (P, topic), since=mark)
+        mark = self.sub.mark()
+        self.sub.publish("%s/%s/set" % (P, topic), body, properties=properties)
+        answer = self.sub.wait_for("%s/%s/result" % (P, topic), since=mark)
         self.assertIsNotNone(answer, "no answer to %s <- %r; the gateway's log:\n%s" % (topic, body, self.gw.log()))
         return answer.json(), mark
 
@@ -47,17 +44,17 @@ class Writes(h.GatewayTestCase):
         """Every write since mark, to these topics in turn, got exactly one answer."""
         time.sleep(SETTLE)
         for topic in set(topics):
-            answers = self.op.since(mark, "%s/%s/result" % (P, topic))
+            answers = self.sub.since(mark, "%s/%s/result" % (P, topic))
             self.assertEqual(len(answers), topics.count(topic), "%s: one answer per write, saw %r" % (topic, answers))
             self.assertEqual({a.qos for a in answers}, {1}, "answers go at QoS 1")
 
     def stats_count(self, key):
-        last = self.op.last(P + "/stats")
+        last = self.sub.last(P + "/stats")
         return last.json()[key] if last else 0
 
     def assert_counted(self, key, before, rows):
         """The stats topic counts these writes, within a stats interval or two."""
-        counted = self.op.wait_for(P + "/stats", lambda m: m.json().get(key, 0) >= before + rows, STATS_WAIT)
+        counted = self.sub.wait_for(P + "/stats", lambda m: m.json().get(key, 0) >= before + rows, STATS_WAIT)
         self.assertIsNotNone(counted, "%s should reach %d, is %s" % (key, before + rows, self.stats_count(key)))
 
     def test_acknowledged_writes_land_in_the_controller(self):
@@ -75,7 +72,7 @@ class Writes(h.GatewayTestCase):
              lambda: self.sim.get_coil(1, 2101), 1 - h.pattern_coil(1, 2101), 1 - h.pattern_coil(1, 2101)),
             ("station 2", "2/D_W/500", 77, "s2", lambda: self.sim.get(2, 500), 77, 77),
         ]
-        start = self.op.mark()
+        start = self.sub.mark()
         ok_before = self.stats_count("writes_ok")
         for what, topic, value, request_id, read, held, published in rows:
             with self.subTest(what):
@@ -84,7 +81,7 @@ class Writes(h.GatewayTestCase):
                 self.assertEqual(answer.get("id"), request_id)
                 self.assertIn(answer.get("value"), (value, published), answer)
                 self.assertEqual(read(), held)
-                m = self.op.wait_for("%s/%s" % (P, topic), lambda m: m.json().get("value") == published, since=mark)
+                m = self.sub.wait_for("%s/%s" % (P, topic), lambda m: m.json().get("value") == published, since=mark)
                 self.assertIsNotNone(m, "the written value is published once read back")
         self.assert_one_answer_each([r[1] for r in rows], start)
         self.assertEqual([t for t in h.retained_state(self.broker, P) if t.endswith("/result")], [],
@@ -112,7 +109,7 @@ class Writes(h.GatewayTestCase):
         self.sim.set(1, 500, 500)
         before = self.sim.counters()["writes"]
         refused_before = self.stats_count("writes_refused")
-        start = self.op.mark()
+        start = self.sub.mark()
         for why, topic, body, request_id in rows:
             with self.subTest(why):
                 answer, mark = self.write(topic, body)
@@ -148,11 +145,11 @@ class Writes(h.GatewayTestCase):
         self.assert_counted("writes_failed", failed_before, len(rows))
 
     def test_two_quick_writes_to_adjacent_addresses_answered_once_each(self):
-        mark = self.op.mark()
-        self.op.publish(P + "/1/D_W/502/set", payload(11, "a"))
-        self.op.publish(P + "/1/D_W/503/set", payload(22, "b"))
+        mark = self.sub.mark()
+        self.sub.publish(P + "/1/D_W/502/set", payload(11, "a"))
+        self.sub.publish(P + "/1/D_W/503/set", payload(22, "b"))
         for topic, request_id in (("1/D_W/502", "a"), ("1/D_W/503", "b")):
-            answer = self.op.wait_for("%s/%s/result" % (P, topic), since=mark)
+            answer = self.sub.wait_for("%s/%s/result" % (P, topic), since=mark)
             self.assertIsNotNone(answer, topic)
             self.assertEqual(answer.json().get("id"), request_id)
             self.assertEqual(answer.json().get("ok"), True, answer)
@@ -170,14 +167,14 @@ class Writes(h.GatewayTestCase):
                 props = Properties(PacketTypes.PUBLISH)
                 props.ResponseTopic = "rtuplc/replies/test-%d" % n
                 props.CorrelationData = b"\x00corr-" + bytes([n])
-                mark = self.op.mark()
-                self.op.publish("%s/%s/set" % (P, topic), str(value), properties=props)
-                m = self.op.wait_for(props.ResponseTopic, since=mark)
+                mark = self.sub.mark()
+                self.sub.publish("%s/%s/set" % (P, topic), str(value), properties=props)
+                m = self.sub.wait_for(props.ResponseTopic, since=mark)
                 self.assertIsNotNone(m, "no answer on the response topic")
                 self.assertEqual(m.json().get("ok"), ok, m)
                 self.assertEqual(getattr(m.properties, "CorrelationData", None), props.CorrelationData)
                 time.sleep(SETTLE)
-                self.assertEqual(len(self.op.since(mark, props.ResponseTopic)), 1)
+                self.assertEqual(len(self.sub.since(mark, props.ResponseTopic)), 1)
 
 
 if __name__ == "__main__":

@@ -52,6 +52,28 @@ JsonOutput parseJson(const std::string &out);
 std::string writeFile(const std::string &name, const std::string &text); // returns its path
 std::string readFile(const std::string &path);
 
+// Modbus base of each area, as the controller maps them.
+inline const std::map<std::string, int> kCoilBase = {{"X", 1200}, {"Y", 0},    {"M", 2000}, {"SM", 4400},
+                                                     {"S", 6000}, {"T", 8000}, {"C", 9200}};
+inline const std::map<std::string, int> kRegisterBase = {{"D_W", 0}, {"D_D", 0},  {"CV", 9500}, {"TV", 9000},
+                                                         {"Z", 8500}, {"SD", 8000}, {"32C", 9500}};
+
+// What the controller holds, read through coil(a) and reg(a), for a value rtuplc-poll
+// reports. 32-bit values are high register first; a counter v of a read that starts at
+// counter s sits in the registers 9500 + s + 2(v - s).
+template <class Coil, class Reg>
+uint64_t held(const std::string &item, int address, int counterStart, Coil coil, Reg reg)
+{
+    const auto reg32 = [&](int a) { return uint64_t(reg(a)) << 16 | reg(a + 1); };
+    if (kCoilBase.count(item))
+        return coil(kCoilBase.at(item) + address) ? 1 : 0;
+    if (item == "D_D")
+        return reg32(address);
+    if (item == "32C")
+        return reg32(9500 + counterStart + 2 * (address - counterStart));
+    return reg(kRegisterBase.at(item) + address);
+}
+
 } // namespace tooltest
 
 #endif

@@ -15,29 +15,10 @@
 namespace {
 
 using tooltest::JsonOutput;
+using tooltest::kCoilBase;
 using tooltest::parseJson;
 
 constexpr int kStation = 1;
-
-// Modbus base of each area, as the controller maps them.
-const std::map<std::string, uint32_t> kCoilBase = {{"X", 1200}, {"Y", 0},    {"M", 2000}, {"SM", 4400},
-                                                   {"S", 6000}, {"T", 8000}, {"C", 9200}};
-const std::map<std::string, uint32_t> kRegisterBase = {{"D_W", 0},   {"D_D", 0},   {"CV", 9500}, {"TV", 9000},
-                                                       {"Z", 8500},  {"SD", 8000}, {"32C", 9500}};
-
-// What the controller holds for a value the driver reports. A 32-bit counter v of a
-// read that starts at counter s sits in the registers 9500 + s + 2(v - s), high first.
-uint64_t expected(const rtusupport::Simulator &sim, int station, const std::string &item, int address, int counterStart)
-{
-    if (kCoilBase.count(item))
-        return sim.coil(station, kCoilBase.at(item) + uint32_t(address)) ? 1 : 0;
-    const uint32_t base = kRegisterBase.at(item);
-    if (item == "D_D")
-        return sim.reg32(station, base + uint32_t(address));
-    if (item == "32C")
-        return sim.reg32(station, base + uint32_t(counterStart + 2 * (address - counterStart)));
-    return sim.reg(station, base + uint32_t(address));
-}
 
 // Fills the polled ranges with values unlike the fill pattern.
 void scramble(rtusupport::Simulator &sim, uint32_t seed)
@@ -106,7 +87,9 @@ TEST_P(PollOnce, PrintsEveryValueAsTheControllerHoldsItAndWritesExactlyWhatTheyN
     ASSERT_EQ(int(j.values.size()), kValues) << "each value once";
     for (const auto &v : j.values) {
         const auto &[station, item, address] = v.first;
-        EXPECT_EQ(v.second, expected(sim, station, item, address, 200)) << item << " " << address;
+        EXPECT_EQ(v.second, tooltest::held(item, address, 200, [&](int a) { return sim.coil(station, uint32_t(a)); },
+                                           [&](int a) { return sim.reg(station, uint32_t(a)); }))
+            << item << " " << address;
     }
     EXPECT_EQ(j.values.count({kStation, "X", 15}), 1u) << "X:17 is reported as address 15";
     EXPECT_EQ(j.values.count({kStation, "D_D", 202}), 1u);
