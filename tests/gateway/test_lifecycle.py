@@ -146,7 +146,7 @@ class Lifecycle(h.GatewayTestCase):
 
     def test_broker_restart_loses_no_change(self):
         self.sim.set(1, 101, 101)
-        held = self.own(h.Subscriber(self.broker, P + "/1/D_W/+", client_id="held-changes", persistent=True,
+        held = self.own(h.Subscriber(self.broker, P + "/#", client_id="held-changes", persistent=True,
                                      skip_retained=True))
         gw = self.start_gateway(*self.config(), sub=self.sub)
         self.assertIsNotNone(held.wait_for(P + "/1/D_W/100", lambda m: m.json().get("value") == 100))
@@ -170,6 +170,11 @@ class Lifecycle(h.GatewayTestCase):
         distinct = [v for i, v in enumerate(seen) if i == 0 or v != seen[i - 1]]
         self.assertEqual(distinct[1:] if distinct[:1] == [100] else distinct, changes, "every change in order")
         self.assertIsNotNone(held.wait_for(P + "/1/D_W/101", lambda m: m.json().get("value") == 7, since=mark))
+        # The gateway says it is back before the held changes: its will's "offline" must
+        # not stand while they arrive.
+        after = [(m.topic, m.payload) for m in held.since(mark) if m.topic in (P + "/status", P + "/1/D_W/100")]
+        online = after.index((P + "/status", "online")) if (P + "/status", "online") in after else len(after)
+        self.assertLess(online, [t for t, _ in after].index(P + "/1/D_W/100"), "online first, then what was held")
 
         time.sleep(h.ANSWER_TIMEOUT / 5)
         current = dict({"status": "online", "1/status": "online"},

@@ -251,6 +251,8 @@ int main(int argc, char **argv)
     ms.buffer = config.mqtt.buffer;
     const bool sparkplugMode = config.mqtt.mode == MqttConfig::Mode::Sparkplug;
     ms.will = PlainTopics::will(config);
+    if (!sparkplugMode)
+        ms.birth = PlainTopics::birth(config);
     // A Sparkplug node is born afresh on every connection: commands queued for an older
     // one mean nothing to it.
     if (sparkplugMode)

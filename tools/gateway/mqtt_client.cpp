@@ -517,6 +517,12 @@ void MqttClient::Impl::onConnected(void *context, MQTTAsync_successData5 *data)
     MQTTProperty *receiveMaximum =
         data ? MQTTProperties_getProperty(&data->properties, MQTTPROPERTY_CODE_RECEIVE_MAXIMUM) : nullptr;
     self->window = std::min<long>(receiveMaximum ? receiveMaximum->value.integer2 : kNoReceiveMaximum, kMaxInflight);
+    // The birth goes ahead of what was held meanwhile, before the sender can start on it:
+    // the will's "offline" must not stand while current values arrive.
+    if (!self->s.birth.topic.empty()) {
+        std::lock_guard<std::mutex> lock(self->boxMu);
+        self->unsent.push_front(self->s.birth);
+    }
     // Up first: a filter the loop adds meanwhile is then subscribed by subscribe() itself.
     self->up = true;
     self->subscribeAll();

@@ -28,6 +28,7 @@ struct MqttSettings {
     int keepalive = 30;         // s
     size_t buffer = 100000;     // messages held while the broker is away
     Message will;               // published by the broker if the connection dies
+    Message birth;              // its counterpart: sent first on every connection, before anything held
     uint32_t sessionExpiry = 7 * 24 * 3600; // s the broker keeps the session (subscriptions, queued QoS 1)
 };
 

@@ -54,6 +54,11 @@ Message PlainTopics::will(const Config &config)
     return Message{config.mqtt.topic + "/status", "offline", config.mqtt.qos, true, {}, {}};
 }
 
+Message PlainTopics::birth(const Config &config)
+{
+    return Message{config.mqtt.topic + "/status", "online", config.mqtt.qos, true, {}, {}};
+}
+
 void PlainTopics::subscribe()
 {
     mqtt_.subscribe(prefix_ + "/+/+/+/set");
@@ -200,7 +205,6 @@ void PlainTopics::tick()
             brokerState_ = "connected";
             std::fprintf(stderr, "rtuplc-gateway: connected to the broker at %s:%d%s\n", c.host.c_str(), c.port,
                          e.sessionPresent ? "" : " (new session)");
-            mqtt_.publish(Message{prefix_ + "/status", "online", qos_, true, {}, {}});
             // A broker that lost its state is told everything current, so that its
             // retained messages are the gateway's state. Before the first connection nothing was sent: what was published is
             // still held and goes out now, once.

@@ -30,6 +30,8 @@ public:
 
     // The will and the subscriptions; before the client starts.
     static Message will(const Config &config);
+    // "online" on the same topic, which the client sends first on every connection.
+    static Message birth(const Config &config);
     void subscribe();
     void addListener(BrokerListener *listener) { listeners_.push_back(listener); }
     // The stations polled, with their status "offline" until a read succeeds.
