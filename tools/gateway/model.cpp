@@ -23,11 +23,6 @@ int64_t msSinceEpoch(SystemTime t)
     return std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count();
 }
 
-std::string isoTime(SystemTime t)
-{
-    return isoTime(msSinceEpoch(t));
-}
-
 std::string isoTime(int64_t ms)
 {
     constexpr int kMsPerSecond = 1000;
@@ -145,9 +140,7 @@ void Model::tick()
 
 void Model::valueRead(const Point &p, uint32_t value)
 {
-    long index = host_->indexOf(p);
-    if (index < 0)
-        index = host_->pointIndex(p.station, p.area->name, p.address);
+    const long index = host_->indexOf(p);
     if (index < 0)
         return;
     PointState &s = points_[size_t(index)];

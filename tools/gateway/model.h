@@ -121,7 +121,6 @@ private:
 // "1/X/17" for a point.
 std::string pathOf(const Point &p);
 // 2026-11-24T14:02:11.204Z
-std::string isoTime(SystemTime t);
 std::string isoTime(int64_t msSinceEpoch);
 int64_t msSinceEpoch(SystemTime t);
 std::string jsonString(const std::string &s);

@@ -9,8 +9,10 @@ Outbox::Outbox(size_t capacity, ValueFormatter formatter) : formatter_(std::move
 void Outbox::replace(TopicState &topic, uint64_t seq)
 {
     // The topic's previous message is no longer its latest: a value there may now go if
-    // room is needed, since the broker will be given the newer one anyway.
-    if (topic.held > 0 && at(topic.latest).kind == Kind::Value)
+    // room is needed, since the broker will be given the newer one anyway. One that just
+    // gave way to this reading is gone already.
+    const Entry *previous = topic.held > 0 ? &at(topic.latest) : nullptr;
+    if (previous != nullptr && previous->live && previous->kind == Kind::Value)
         superseded_.push_back(topic.latest);
     topic.latest = seq;
     ++topic.held;

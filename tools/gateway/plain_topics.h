@@ -49,7 +49,6 @@ public:
     std::string topicOf(size_t index) const { return prefix_ + '/' + model_.points()[index].path; }
     // The JSON of a value as the topics carry it.
     static std::string payload(const ValueUpdate &v);
-    static std::string payload(const PointState &s) { return payload(update(0, s)); }
     static ValueUpdate update(size_t index, const PointState &s);
     static std::string answerPayload(const std::string &idJson, const WriteAnswer &a);
     // The JSON of the stats topic.
