@@ -25,7 +25,7 @@ install(FILES ${RTUPLC_PUBLIC_HEADERS} DESTINATION ${RTUPLC_INSTALL_INCLUDEDIR} 
 install(TARGETS rtuplc-poll rtuplc-sim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 if(TARGET rtuplc-gateway)
   install(TARGETS rtuplc-gateway RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT gateway)
-  install(FILES ${PROJECT_SOURCE_DIR}/tools/gateway/example.yaml RENAME line1.yaml
+  install(FILES ${PROJECT_SOURCE_DIR}/gateway/example.yaml RENAME line1.yaml
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${RTUPLC_GATEWAY_PACKAGE}/examples COMPONENT gateway)
   # The unit goes where systemd looks under the prefix (/usr/lib/systemd/system for the
   # package, /usr/local/lib/systemd/system for a local install), and starts the program
@@ -34,7 +34,7 @@ if(TARGET rtuplc-gateway)
   set(RTUPLC_UNIT rtuplc-gateway@.service)
   install(CODE "
     set(unit_dir \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/lib/systemd/system\")
-    file(READ \"${PROJECT_SOURCE_DIR}/tools/gateway/${RTUPLC_UNIT}\" unit)
+    file(READ \"${PROJECT_SOURCE_DIR}/gateway/${RTUPLC_UNIT}\" unit)
     string(REPLACE \"/usr/bin/rtuplc-gateway\" \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/rtuplc-gateway\" unit \"\${unit}\")
     message(STATUS \"Installing: \${unit_dir}/${RTUPLC_UNIT}\")
     file(MAKE_DIRECTORY \"\${unit_dir}\")
@@ -45,7 +45,7 @@ if(TARGET rtuplc-gateway)
     # its manual page found through Documentation=; and the sandbox kept as tight.
     add_test(NAME Gateway.ServiceUnitVerifies
       COMMAND sh ${PROJECT_SOURCE_DIR}/packaging/gateway/check-unit.sh
-              ${PROJECT_SOURCE_DIR}/tools/gateway/${RTUPLC_UNIT} $<TARGET_FILE:rtuplc-gateway>
+              ${PROJECT_SOURCE_DIR}/gateway/${RTUPLC_UNIT} $<TARGET_FILE:rtuplc-gateway>
               ${PROJECT_SOURCE_DIR}/man/rtuplc-gateway.1)
     set_tests_properties(Gateway.ServiceUnitVerifies PROPERTIES SKIP_RETURN_CODE 77)
   endif()
