@@ -257,7 +257,8 @@ int main(int argc, char **argv)
     // one mean nothing to it.
     if (sparkplugMode)
         ms.sessionExpiry = 0;
-    MqttClient mqtt(ms);
+    std::unique_ptr<MqttClient> client = makeMqttClient(ms);
+    MqttClient &mqtt = *client;
 
     HostSettings settings;
     settings.retries = config.line.retries;
