@@ -16,11 +16,11 @@
 #include "model.h"
 #include "mqtt_client.h"
 #include "notify.h"
-#include "plain_topics.h"
+#include "dialect_plain.h"
 #include "rtuplc_host/host.h"
 #include "rtuplc_host/stop_signals.h"
-#include "sparkplug.h"
-#include "web.h"
+#include "dialect_sparkplug.h"
+#include "web_server.h"
 
 using namespace rtugw;
 using namespace rtuhost;

@@ -1,6 +1,6 @@
 #include "web_state.h"
 
-#include "plain_topics.h"
+#include "dialect_plain.h"
 
 namespace rtugw {
 

@@ -1,4 +1,4 @@
-#include "plain_topics.h"
+#include "dialect_plain.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>

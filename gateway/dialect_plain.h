@@ -1,8 +1,8 @@
 // The plain MQTT topics: each value retained as JSON under P/STATION/AREA/ADDR, each
 // station's status, P/status with the connection's last will, writes taken from
 // .../set and answered on .../result, and the line's figures on P/stats.
-#ifndef RTUPLC_GATEWAY_PLAIN_TOPICS_H
-#define RTUPLC_GATEWAY_PLAIN_TOPICS_H
+#ifndef RTUPLC_GATEWAY_DIALECT_PLAIN_H
+#define RTUPLC_GATEWAY_DIALECT_PLAIN_H
 
 #include <chrono>
 #include <functional>

@@ -1,8 +1,8 @@
 // The gateway's own web server: the live page, the JSON API under it and /metrics.
 // It answers on its own threads and reads only the WebState the poll loop fills; a
 // write from the page is queued for the loop and the request waits for its answer.
-#ifndef RTUPLC_GATEWAY_WEB_H
-#define RTUPLC_GATEWAY_WEB_H
+#ifndef RTUPLC_GATEWAY_WEB_SERVER_H
+#define RTUPLC_GATEWAY_WEB_SERVER_H
 
 #include <atomic>
 #include <chrono>

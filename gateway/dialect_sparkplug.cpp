@@ -1,4 +1,4 @@
-#include "sparkplug.h"
+#include "dialect_sparkplug.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>

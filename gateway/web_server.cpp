@@ -1,11 +1,11 @@
-#include "web.h"
+#include "web_server.h"
 
 #include <httplib.h>
 
 #include <cstdio>
 
 #include "metrics.h"
-#include "plain_topics.h"
+#include "dialect_plain.h"
 
 namespace rtugw {
 

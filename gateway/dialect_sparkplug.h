@@ -5,8 +5,8 @@
 //
 // Everything runs on the poll loop's thread except will(), which the broker client may
 // call from its own before each connection attempt.
-#ifndef RTUPLC_GATEWAY_SPARKPLUG_H
-#define RTUPLC_GATEWAY_SPARKPLUG_H
+#ifndef RTUPLC_GATEWAY_DIALECT_SPARKPLUG_H
+#define RTUPLC_GATEWAY_DIALECT_SPARKPLUG_H
 
 #include <atomic>
 #include <chrono>
