@@ -11,7 +11,7 @@
 
 #include "model.h"
 #include "mqtt_client.h"
-#include "dialect_plain.h"
+#include "broker.h"
 
 namespace rtugw {
 
