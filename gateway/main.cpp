@@ -13,6 +13,7 @@
 #include "plan.h"
 #include "rtuplc_host/host.h"
 #include "rtuplc_host/log.h"
+#include "rtuplc_host/program.h"
 #include "rtuplc_host/stop_signals.h"
 #include "web_server.h"
 
@@ -20,10 +21,6 @@ using namespace rtugw;
 using namespace rtuhost;
 
 namespace {
-
-constexpr int kExitOk = 0;
-constexpr int kExitUsage = 2;  // bad configuration or command line
-constexpr int kExitDriver = 3; // the driver cannot be loaded
 
 const char kUsage[] = R"(Usage: rtuplc-gateway --config FILE [--check] [--verbose] [--driver PATH]
 
@@ -37,6 +34,7 @@ P/STATION/AREA/ADDRESS/set and answers each on .../result. One process serves on
   --verbose       log every frame exchanged and every reply dropped
   --driver PATH   the driver library (default: beside the program, else librtuplc.so.2)
   --help          this text
+  --version       the program's name and version
 
 Exit status: 0 stopped by SIGTERM or SIGINT (after publishing offline), 2 bad
 configuration or command line, 3 the driver cannot be loaded.
@@ -52,7 +50,7 @@ int fail(int code, const std::string &message)
 
 struct Args {
     std::string config, driver;
-    bool check = false, verbose = false, help = false;
+    bool check = false, verbose = false, help = false, version = false;
 };
 
 bool parseArgs(int argc, char **argv, Args *a, std::string *error)
@@ -79,12 +77,14 @@ bool parseArgs(int argc, char **argv, Args *a, std::string *error)
             a->verbose = true;
         } else if (arg == "--help" || arg == "-h") {
             a->help = true;
+        } else if (arg == "--version") {
+            a->version = true;
         } else {
             *error = "unknown option " + arg;
             return false;
         }
     }
-    if (!a->help && a->config.empty()) {
+    if (!a->help && !a->version && a->config.empty()) {
         *error = "--config FILE is required";
         return false;
     }
@@ -102,6 +102,10 @@ int main(int argc, char **argv)
         return fail(kExitUsage, why);
     if (args.help) {
         std::cout << kUsage;
+        return kExitOk;
+    }
+    if (args.version) {
+        std::cout << versionLine("rtuplc-gateway") << '\n';
         return kExitOk;
     }
 

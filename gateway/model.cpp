@@ -17,18 +17,6 @@ std::string pathOf(const Point &p)
     return std::to_string(p.station) + '/' + p.area->name.toStdString() + '/' + p.area->format(p.address).toStdString();
 }
 
-std::string blockText(const rtuhost::Catalogue &catalogue, const FRAME_PRO &f, bool withStation)
-{
-    const rtuhost::Area *area = catalogue.find(f.regName);
-    const auto at = [&](int a) { return area ? area->format(a) : QString::number(a); };
-    QString text = f.regName + ':' + at(f.startAddr);
-    if (f.len > 1)
-        text += QStringLiteral("..") + at(f.startAddr + f.len - 1);
-    if (withStation)
-        text += '@' + QString::number(f.station);
-    return text.toStdString();
-}
-
 namespace {
 
 // The pace is measured over this window.
@@ -140,12 +128,8 @@ long long Model::uptimeSeconds() const
 void Model::measurePace()
 {
     const auto now = std::chrono::steady_clock::now();
-    if (host_ == nullptr || now - paceSince_ < kPaceWindow)
-        return;
-    const uint64_t polls = host_->stats().polls;
-    pollsPerSecond_ = double(polls - pollsAtPaceSince_) / std::chrono::duration<double>(now - paceSince_).count();
-    pollsAtPaceSince_ = polls;
-    paceSince_ = now;
+    if (host_ != nullptr && now - pace_.since() >= kPaceWindow)
+        pollsPerSecond_ = pace_.perSecond(host_->stats(), now);
 }
 
 void Model::tick()
@@ -195,9 +179,9 @@ void Model::requestFailed(const FRAME_PRO &f, const Failure &failure)
     if (failure.kind != Failure::Kind::Exception && station.saidOffline && !station.online) {
         ++station.quietFailures;
         if (verbose)
-            rtuhost::logDebug("%s failed: %s", blockText(catalogue_, f, true).c_str(), why.c_str());
+            rtuhost::logDebug("%s failed: %s", qPrintable(failure.block), why.c_str());
     } else {
-        rtuhost::logWarning("%s failed: %s", blockText(catalogue_, f, true).c_str(), why.c_str());
+        rtuhost::logWarning("%s failed: %s", qPrintable(failure.block), why.c_str());
     }
     if (f.reqKind == RTUPLC_KIND_MONITOR_READ) {
         const SystemTime now = std::chrono::system_clock::now();
@@ -220,11 +204,8 @@ void Model::exchanged(const FRAME_PRO &f, const rtuhost::Exchange &x)
 {
     if (!verbose)
         return;
-    for (const rtuhost::Dropped &d : x.dropped)
-        rtuhost::logDebug("dropped %s (%s)",
-                     qPrintable(rtuhost::hexBytes(d.bytes.data(), d.bytes.size())), rtuhost::dropReasonText(d.reason));
-    rtuhost::logDebug("tx %s rx %s", qPrintable(rtuhost::hexBytes(f.frame, size_t(f.frameLen))),
-                 qPrintable(rtuhost::hexBytes(x.reply.data(), x.reply.size())));
+    for (const std::string &line : rtuhost::traceLines(f, x))
+        rtuhost::logDebug("%s", line.c_str());
 }
 
 void Model::settle(WriteDone &done, const WriteAnswer &a)

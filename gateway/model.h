@@ -123,15 +123,12 @@ private:
     std::unordered_map<uint64_t, WriteDone> pending_;
     WriteCounters writes_;
     const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
-    std::chrono::steady_clock::time_point paceSince_ = started_;
-    uint64_t pollsAtPaceSince_ = 0;
+    rtuhost::PollRate pace_{started_};
     double pollsPerSecond_ = 0;
 };
 
 // "1/X/17" for a point.
 std::string pathOf(const Point &p);
-// What a request covers, as items are written: "D_W:100..109" (and "@9" with the station).
-std::string blockText(const rtuhost::Catalogue &catalogue, const FRAME_PRO &f, bool withStation);
 
 } // namespace rtugw
 

@@ -9,23 +9,10 @@ namespace rtugw {
 
 using namespace rtuhost;
 
-namespace {
-
-// The driver's default line: "0,9600,8,EVEN,1,...".
-std::string driverDefaultLine(const DriverApi &api)
-{
-    QString text;
-    api.getDriverParameter(text);
-    const QStringList f = text.split(',');
-    return f.size() > 4 ? f.mid(1, 4).join(',').toStdString() : std::string("9600,8,EVEN,1");
-}
-
-} // namespace
-
 bool makePlan(const Config &config, const DriverApi &api, const Catalogue &catalogue, LinePlan *plan,
               std::string *error)
 {
-    const std::string lineText = config.line.settings.empty() ? driverDefaultLine(api) : config.line.settings;
+    const std::string lineText = config.line.settings.empty() ? driverDefaults(api).line : config.line.settings;
     if (!rtusupport::parseSerialLine(lineText, &plan->line, error)) {
         *error = where(config, 0) + "line.settings: " + *error;
         return false;
@@ -82,8 +69,10 @@ void printPlan(const Config &c, const DriverApi &api, const Catalogue &catalogue
         FRAME_PRO f;
         if (api.getSendFrame(f) != 1)
             break;
-        std::printf("  station %d %s, %d unit%s (function %02X)\n", f.station, blockText(catalogue, f, false).c_str(),
-                    f.len, f.len == 1 ? "" : "s", f.frameLen > 1 ? f.frame[1] : 0);
+        const Area *area = catalogue.find(f.regName);
+        const QString block = area ? blockText(*area, f.station, f.startAddr, f.len) : f.regName;
+        std::printf("  %s, %d unit%s (function %02X)\n", qPrintable(block), f.len, f.len == 1 ? "" : "s",
+                    f.frameLen > 1 ? f.frame[1] : 0);
         QString ignored;
         api.dealRcvFrame(QByteArray(), ignored);
     }

@@ -78,6 +78,8 @@ class PollRate {
 public:
     explicit PollRate(Clock::time_point start = Clock::now()) : since_(start) {}
     double perSecond(const Stats &stats, Clock::time_point now = Clock::now());
+    // When perSecond() was last asked: a caller that measures over a window waits from here.
+    Clock::time_point since() const { return since_; }
 
 private:
     uint64_t polls_ = 0;
