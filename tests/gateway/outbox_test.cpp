@@ -1,7 +1,7 @@
 // The outbox decides what a broker that was away gets to see: the order of the messages,
 // the latest value of every topic, and every answer to a write.
 #include "mqtt_paho.h"
-#include "outbox.h"
+#include "mqtt_outbox.h"
 
 #include <gtest/gtest.h>
 
