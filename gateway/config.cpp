@@ -3,6 +3,7 @@
 // file, the line and the key, instead of leaving a setting silently at its default.
 #include "config.h"
 
+#include "mqtt_client.h"
 #include "yaml_reader.h"
 
 #include "rtuplc_support/serial_line.h"
@@ -403,6 +404,23 @@ void redact(const Config &c, std::string *error)
 std::string where(const Config &config, int line)
 {
     return config.file + (line > 0 ? ":" + std::to_string(line) : "") + ": ";
+}
+
+MqttSettings mqttSettings(const MqttConfig &mqtt)
+{
+    MqttSettings s;
+    s.host = mqtt.host;
+    s.port = mqtt.port;
+    s.tls = mqtt.tls;
+    s.ca = mqtt.ca;
+    s.cert = mqtt.cert;
+    s.key = mqtt.key;
+    s.clientId = mqtt.clientId;
+    s.username = mqtt.username;
+    s.password = mqtt.password;
+    s.keepalive = mqtt.keepalive;
+    s.buffer = mqtt.buffer;
+    return s;
 }
 
 const std::vector<std::pair<std::string, std::vector<std::string>>> &configKeys()

@@ -99,6 +99,13 @@ struct Config {
     LogConfig log;
 };
 
+struct MqttSettings; // mqtt_client.h
+
+// The broker connection's settings from the mqtt: section: address, TLS files, client
+// id, credentials, keepalive, buffer. The will, the birth and the session's expiry are
+// the dialect's to add.
+MqttSettings mqttSettings(const MqttConfig &mqtt);
+
 // Reads and checks `path`. False with `error` naming the file, the line and key, and
 // why ("line1.yaml:12: mqtt.qos: must be 0 or 1, not 2").
 bool loadConfig(const std::string &path, Config *config, std::string *error);

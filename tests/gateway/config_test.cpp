@@ -9,6 +9,10 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
+#include <map>
+#include <regex>
+#include <set>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -276,13 +280,48 @@ TEST_F(GatewayConfig, GoodFilesGetTheirDefaults)
     }
 }
 
-TEST_F(GatewayConfig, ShippedExampleLoads)
+// The example shows every key, and loads: it is where a newcomer starts.
+TEST_F(GatewayConfig, ShippedExampleLoadsAndShowsEveryKey)
 {
     Config c;
     std::string error;
     ASSERT_TRUE(rtugw::loadConfig(RTUPLC_GATEWAY_EXAMPLE, &c, &error)) << error;
     EXPECT_EQ(c.line.host, "127.0.0.1");
     EXPECT_GE(c.items.size(), 2u);
+    std::ifstream file(RTUPLC_GATEWAY_EXAMPLE);
+    const std::string text = "\n" + std::string(std::istreambuf_iterator<char>(file), {});
+    for (const auto &[section, keys] : rtugw::configKeys())
+        for (const std::string &key : keys)
+            EXPECT_TRUE(std::regex_search(text, std::regex("[\\n #{]" + key + ":"))) << section << "." << key;
+}
+
+// The manual page is the one full description of the keys: every key the loader takes
+// is described under its section (.SS), one .TP entry each tagged .BI "KEY: ", and the
+// page describes no key the loader would refuse.
+TEST(GatewayConfigKeys, ManualPageDescribesEveryKeyAndNoOther)
+{
+    std::ifstream page(RTUPLC_GATEWAY_MANUAL);
+    ASSERT_TRUE(page) << RTUPLC_GATEWAY_MANUAL;
+    std::map<std::string, std::set<std::string>> documented, taken;
+    const std::regex tag(R"(^\.BI? "?([a-z][a-z0-9\\-]*):)");
+    bool configuration = false, tagLine = false;
+    std::string section;
+    for (std::string line; std::getline(page, line);) {
+        std::smatch m;
+        if (line.rfind(".SH ", 0) == 0) {
+            configuration = line == ".SH CONFIGURATION";
+        } else if (configuration && line.rfind(".SS ", 0) == 0) {
+            section = line == ".SS Top level" ? "" : line.substr(4);
+            if (!section.empty())
+                documented[""].insert(section); // a section is a key of the top level
+        } else if (configuration && tagLine && std::regex_search(line, m, tag)) {
+            documented[section].insert(std::regex_replace(m[1].str(), std::regex(R"(\\)"), ""));
+        }
+        tagLine = line == ".TP";
+    }
+    for (const auto &[section, keys] : rtugw::configKeys())
+        taken[section].insert(keys.begin(), keys.end());
+    EXPECT_EQ(documented, taken) << "a section's keys differ between the loader and " RTUPLC_GATEWAY_MANUAL;
 }
 
 } // namespace
