@@ -3,19 +3,17 @@
 // file, the line and the key, instead of leaving a setting silently at its default.
 #include "config.h"
 
+#include "yaml_reader.h"
+
+#include "rtuplc_host/address.h"
+#include "rtuplc_host/line_limits.h"
+
 #include "rtuplc_support/serial_line.h"
-
-#include <yaml-cpp/yaml.h>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <map>
 
 namespace rtugw {
 
@@ -23,11 +21,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kMinTimeoutMs = 1, kMaxTimeoutMs = 60000;
-constexpr int kMinPauseMs = 0, kMaxPauseMs = 60000;
-constexpr int kMinRetries = 1, kMaxRetries = 10;
-constexpr int kMinStation = 1, kMaxStation = 247; // Modbus slave addresses; 0 is the broadcast
-constexpr int kMinPort = 1, kMaxPort = 65535;
+using namespace rtuhost; // the line's limits and addresses, as rtuplc-poll takes them
 constexpr int kPlainMqttPort = 1883, kTlsMqttPort = 8883;
 constexpr int kMaxQos = 1; // QoS 2 costs two more round trips for values that are republished anyway
 constexpr int kMinKeepalive = 5, kMaxKeepalive = 3600;
@@ -37,16 +31,12 @@ constexpr size_t kMaxClientId = 128;
 constexpr int kMaxHistoryMinutes = 24 * 60;
 constexpr unsigned long long kKiB = 1024, kMiB = kKiB * 1024, kGiB = kMiB * 1024;
 constexpr unsigned long long kMinLogBytes = kMiB, kMaxLogBytes = 1024 * kGiB;
-constexpr size_t kMaxConfigBytes = kMiB;        // far more than any line's items
-constexpr size_t kMaxNamedFileBytes = 4 * kMiB; // a CA bundle, with room to spare
-constexpr size_t kMaxEchoed = 40;   // a value quoted back in a message is cut here
-constexpr size_t kMaxDigits = 18;   // fits a long long, far beyond every range here
+constexpr size_t kMaxConfigBytes = kMiB; // far more than any line's items
 
 const char *const kMqttScheme = "mqtt://";
 const char *const kMqttsScheme = "mqtts://";
 const char *const kLineHint = "say tcp: HOST:PORT or serial: DEVICE";
 
-using Keys = std::vector<std::string>;
 const Keys kTopKeys = {"name", "line", "mqtt", "items", "stations", "sparkplug", "homeassistant", "http", "log"};
 const Keys kLineKeys = {"tcp", "serial", "settings", "rs485", "timeout", "pause", "retries", "station"};
 const Keys kMqttKeys = {"url",   "client-id", "username", "password-file", "password", "ca",
@@ -58,38 +48,6 @@ const Keys kSparkplugKeys = {"group", "node", "primary-host"};
 const Keys kHomeAssistantKeys = {"prefix"};
 const Keys kHttpKeys = {"listen", "token-file", "history"};
 const Keys kLogKeys = {"csv", "rotate", "max-size"};
-
-// Lines in messages count from 1; yaml-cpp counts from 0, and a node the file does not
-// have carries no mark at all.
-int lineOf(const YAML::Node &node)
-{
-    return node.Mark().is_null() ? 0 : node.Mark().line + 1;
-}
-
-std::string joined(const Keys &keys, const char *separator = ", ")
-{
-    std::string out;
-    for (const std::string &k : keys)
-        out += (out.empty() ? "" : separator) + k;
-    return out;
-}
-
-std::string inQuotes(const std::string &text)
-{
-    return "\"" + (text.size() > kMaxEchoed ? text.substr(0, kMaxEchoed) + "..." : text) + "\"";
-}
-
-// What a value is, for "must be ..., not X". Only ever used on values that are not secret.
-std::string describe(const YAML::Node &node)
-{
-    if (node.IsNull())
-        return "nothing";
-    if (node.IsSequence())
-        return "a list";
-    if (node.IsMap())
-        return "a mapping";
-    return inQuotes(node.Scalar());
-}
 
 bool isNameChar(unsigned char c)
 {
@@ -121,255 +79,6 @@ std::string sparkplugIdProblem(const std::string &id)
     if (id.find_first_of("/+#") != std::string::npos || id.find('\0') != std::string::npos)
         return "must be one topic level: no /, + or #";
     return {};
-}
-
-bool parseNumber(const std::string &text, long long *out)
-{
-    const size_t digits = text.size() - (text.rfind('-', 0) == 0 ? 1 : 0);
-    if (digits == 0 || digits > kMaxDigits ||
-        !std::all_of(text.end() - long(digits), text.end(), [](unsigned char c) { return std::isdigit(c); }))
-        return false;
-    *out = std::stoll(text);
-    return true;
-}
-
-bool parsePort(const std::string &text, int *port)
-{
-    long long n = 0;
-    if (text.empty() || text[0] == '-' || !parseNumber(text, &n) || n < kMinPort || n > kMaxPort)
-        return false;
-    *port = int(n);
-    return true;
-}
-
-// HOST:PORT, or [V6ADDRESS]:PORT; with `defaultPort` the port may be left out. The host
-// is kept without brackets.
-bool parseHostPort(const std::string &text, std::string *host, int *port, int defaultPort)
-{
-    std::string rest;
-    if (!text.empty() && text[0] == '[') {
-        const size_t close = text.find(']');
-        if (close == std::string::npos || close == 1)
-            return false;
-        *host = text.substr(1, close - 1);
-        rest = text.substr(close + 1);
-    } else {
-        const size_t colon = text.rfind(':');
-        *host = text.substr(0, colon);
-        rest = colon == std::string::npos ? "" : text.substr(colon);
-        if (host->empty() || host->find(':') != std::string::npos)
-            return false;
-    }
-    if (std::any_of(host->begin(), host->end(), [](unsigned char c) { return std::isspace(c) || c == '/'; }))
-        return false;
-    if (rest.empty() && defaultPort > 0) {
-        *port = defaultPort;
-        return true;
-    }
-    return rest.size() > 1 && rest[0] == ':' && parsePort(rest.substr(1), port);
-}
-
-// Reads the file, or says why not in the C library's words. A path that names a device
-// or a pipe by mistake must not hang the start: the read is bounded and never waits.
-bool readFile(const std::string &path, size_t limit, std::string *text, std::string *why)
-{
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0) {
-        *why = std::strerror(errno);
-        return false;
-    }
-    char buf[4096];
-    ssize_t n = 0;
-    text->clear();
-    why->clear();
-    while (text->size() <= limit && (n = ::read(fd, buf, sizeof buf)) > 0)
-        text->append(buf, size_t(n));
-    const int readError = n < 0 ? errno : 0;
-    ::close(fd);
-    if (readError)
-        *why = std::strerror(readError);
-    else if (text->size() > limit)
-        *why = "larger than " + std::to_string(limit / kKiB) + " KiB";
-    return why->empty();
-}
-
-// The state of one load: the file messages point to, its folder, and the error.
-struct Reader {
-    const Config &config;
-    std::string folder;
-    std::string *error;
-
-    bool fail(int line, const std::string &key, const std::string &why)
-    {
-        *error = where(config, line) + (key.empty() ? "" : key + ": ") + why;
-        return false;
-    }
-};
-
-// One mapping of the file, every key checked against the ones the section takes.
-class Section {
-public:
-    struct Entry {
-        YAML::Node key, value;
-    };
-
-    // `path` is the dotted key of the section, empty for the whole file; `what` names it in
-    // messages about unknown keys ("mqtt takes: ...").
-    bool open(Reader &r, const YAML::Node &node, int line, const std::string &path, const std::string &what,
-              const Keys &known)
-    {
-        path_ = path;
-        line_ = line;
-        if (node.IsNull())
-            return true;
-        if (!node.IsMap())
-            return r.fail(line, path, "must be a mapping of keys (" + joined(known) + "), not " + describe(node));
-        for (auto it = node.begin(); it != node.end(); ++it) {
-            const int at = lineOf(it->first);
-            if (!it->first.IsScalar())
-                return r.fail(at, path, "a key must be text, not " + describe(it->first));
-            const std::string key = it->first.Scalar();
-            if (std::find(known.begin(), known.end(), key) == known.end())
-                return r.fail(at, this->path(key), "unknown key (" + what + " takes: " + joined(known) + ")");
-            const auto seen = entries_.find(key);
-            if (seen != entries_.end())
-                return r.fail(at, this->path(key),
-                              "given twice (first on line " + std::to_string(lineOf(seen->second.key)) + ")");
-            entries_[key] = Entry{it->first, it->second};
-        }
-        return true;
-    }
-
-    const Entry *find(const std::string &key) const
-    {
-        const auto it = entries_.find(key);
-        return it == entries_.end() ? nullptr : &it->second;
-    }
-    std::string path(const std::string &key) const { return path_.empty() ? key : path_ + "." + key; }
-    int line() const { return line_; }
-    int line(const std::string &key) const { return find(key) ? lineOf(find(key)->key) : line_; }
-
-private:
-    std::string path_;
-    int line_ = 0;
-    std::map<std::string, Entry> entries_;
-};
-
-// The readers below leave `out` alone when the key is absent, so it keeps its default.
-
-template <typename T>
-bool readNumber(Reader &r, const Section &s, const char *key, long long lo, long long hi, const char *unit, T *out)
-{
-    const Section::Entry *e = s.find(key);
-    if (!e)
-        return true;
-    long long n = 0;
-    if (e->value.IsScalar() && parseNumber(e->value.Scalar(), &n) && n >= lo && n <= hi) {
-        *out = T(n);
-        return true;
-    }
-    const std::string range = hi == lo + 1 ? std::to_string(lo) + " or " + std::to_string(hi)
-                                           : std::string("a whole number") + (*unit ? " of " : "") + unit + " from " +
-                                                 std::to_string(lo) + " to " + std::to_string(hi);
-    return r.fail(lineOf(e->key), s.path(key), "must be " + range + ", not " + describe(e->value));
-}
-
-bool readBool(Reader &r, const Section &s, const char *key, bool *out)
-{
-    const Section::Entry *e = s.find(key);
-    if (!e || (e->value.IsScalar() && YAML::convert<bool>::decode(e->value, *out)))
-        return true;
-    return r.fail(lineOf(e->key), s.path(key), "must be true or false, not " + describe(e->value));
-}
-
-// Text that is there and not empty. The value itself is never quoted back, so this serves
-// secrets too.
-bool readText(Reader &r, const Section &s, const char *key, std::string *out)
-{
-    const Section::Entry *e = s.find(key);
-    if (!e)
-        return true;
-    if (e->value.IsNull())
-        return r.fail(lineOf(e->key), s.path(key), "has no value");
-    if (!e->value.IsScalar())
-        return r.fail(lineOf(e->key), s.path(key), "must be text, not " + describe(e->value));
-    if (e->value.Scalar().empty())
-        return r.fail(lineOf(e->key), s.path(key), "is empty");
-    *out = e->value.Scalar();
-    return true;
-}
-
-// One of `choices`, given as text.
-bool readChoice(Reader &r, const Section &s, const char *key, const Keys &choices, std::string *out)
-{
-    std::string text;
-    if (!readText(r, s, key, &text))
-        return false;
-    if (text.empty())
-        return true;
-    if (std::find(choices.begin(), choices.end(), text) == choices.end())
-        return r.fail(s.line(key), s.path(key), "must be " + joined(choices, " or ") + ", not " + inQuotes(text));
-    *out = text;
-    return true;
-}
-
-// A path, made absolute against the configuration's folder, so the service finds its
-// files whatever directory it is started from.
-bool readPath(Reader &r, const Section &s, const char *key, std::string *out)
-{
-    std::string text;
-    if (!readText(r, s, key, &text))
-        return false;
-    if (!text.empty())
-        *out = (fs::path(text).is_relative() ? fs::path(r.folder) / text : fs::path(text)).lexically_normal().string();
-    return true;
-}
-
-// A path to a file that must be readable now, not at the first connection attempt.
-bool readFilePath(Reader &r, const Section &s, const char *key, std::string *out, std::string *content = nullptr)
-{
-    if (!readPath(r, s, key, out))
-        return false;
-    if (out->empty())
-        return true;
-    std::string text, why;
-    if (!readFile(*out, kMaxNamedFileBytes, &text, &why))
-        return r.fail(s.line(key), s.path(key), "cannot read " + *out + ": " + why);
-    if (content)
-        *content = text;
-    return true;
-}
-
-// A secret kept in a file of its own: its first line, without the line end an editor adds.
-bool readSecretFile(Reader &r, const Section &s, const char *key, std::string *path, std::string *secret)
-{
-    std::string text;
-    if (!readFilePath(r, s, key, path, &text))
-        return false;
-    if (path->empty())
-        return true;
-    text = text.substr(0, text.find('\n'));
-    while (!text.empty() && (text.back() == '\r' || text.back() == '\n'))
-        text.pop_back();
-    if (text.empty())
-        return r.fail(s.line(key), s.path(key), *path + ": the first line is empty");
-    *secret = text;
-    return true;
-}
-
-bool readHostPort(Reader &r, const Section &s, const char *key, std::string *host, int *port, std::string *text)
-{
-    std::string given;
-    if (!readText(r, s, key, &given))
-        return false;
-    if (given.empty())
-        return true;
-    if (!parseHostPort(given, host, port, 0))
-        return r.fail(s.line(key), s.path(key),
-                      "must be HOST:PORT with a port from 1 to 65535, e.g. 192.168.0.20:8000, not " + inQuotes(given));
-    if (text)
-        *text = given;
-    return true;
 }
 
 bool parseUrl(const std::string &url, MqttConfig *m)
@@ -417,7 +126,7 @@ bool parseLine(Reader &r, const Section &top, LineConfig *line)
     return readNumber(r, s, "timeout", kMinTimeoutMs, kMaxTimeoutMs, "milliseconds", &line->timeoutMs) &&
            readNumber(r, s, "pause", kMinPauseMs, kMaxPauseMs, "milliseconds", &line->pauseMs) &&
            readNumber(r, s, "retries", kMinRetries, kMaxRetries, "", &line->retries) &&
-           readNumber(r, s, "station", kMinStation, kMaxStation, "", &line->station);
+           readNumber(r, s, "station", kLowestStation, kHighestStation, "", &line->station);
 }
 
 bool parseMqttCredentials(Reader &r, const Section &s, MqttConfig *m)
@@ -532,7 +241,7 @@ bool parseStations(Reader &r, const Section &top, bool sparkplug, std::map<int, 
         const int at = lineOf(it->first);
         const std::string key = it->first.IsScalar() ? it->first.Scalar() : "";
         long long n = 0;
-        if (!parseNumber(key, &n) || n < kMinStation || n > kMaxStation)
+        if (!parseNumber(key, &n) || n < kLowestStation || n > kHighestStation)
             return r.fail(at, "stations", "a station is a number from 1 to 247, not " + describe(it->first));
         if (names->count(int(n)))
             return r.fail(at, "stations." + key, "given twice");
@@ -696,39 +405,43 @@ std::string where(const Config &config, int line)
     return config.file + (line > 0 ? ":" + std::to_string(line) : "") + ": ";
 }
 
+const std::vector<std::pair<std::string, std::vector<std::string>>> &configKeys()
+{
+    static const std::vector<std::pair<std::string, std::vector<std::string>>> sections = {
+        {"", kTopKeys},
+        {"line", kLineKeys},
+        {"mqtt", kMqttKeys},
+        {"items", kItemKeys},
+        {"stations", kStationKeys},
+        {"sparkplug", kSparkplugKeys},
+        {"homeassistant", kHomeAssistantKeys},
+        {"http", kHttpKeys},
+        {"log", kLogKeys},
+    };
+    return sections;
+}
+
 bool loadConfig(const std::string &path, Config *config, std::string *error)
 {
     Config c;
     c.file = path;
-    std::string text, why;
-    if (!readFile(path, kMaxConfigBytes, &text, &why)) {
-        *error = path + ": cannot read: " + why;
+    YAML::Node root;
+    if (!loadYaml(path, kMaxConfigBytes, &root, error))
+        return false;
+    if (root.IsNull()) {
+        *error = path + ": empty: a configuration needs at least line: and items:";
         return false;
     }
     std::error_code ec;
     const fs::path absolute = fs::absolute(path, ec);
-    Reader r{c, (ec ? fs::path(path) : absolute).parent_path().string(), error};
-    error->clear();
+    Reader r{path, (ec ? fs::path(path) : absolute).parent_path().string(), error};
+    if (!root.IsMap())
+        return r.fail(lineOf(root), "the file", "must be a mapping of keys (" + joined(kTopKeys) + "), not " + describe(root));
     try {
-        const std::vector<YAML::Node> docs = YAML::LoadAll(text);
-        if (docs.empty() || docs[0].IsNull()) {
-            *error = path + ": empty: a configuration needs at least line: and items:";
-            return false;
-        }
-        if (docs.size() > 1)
-            return r.fail(lineOf(docs[1]), "", "a second document (after ---): one configuration per file");
-        if (!docs[0].IsMap())
-            return r.fail(lineOf(docs[0]), "the file",
-                          "must be a mapping of keys (" + joined(kTopKeys) + "), not " + describe(docs[0]));
-        if (!parseAll(r, docs[0], path, &c)) {
+        if (!parseAll(r, root, path, &c)) {
             redact(c, error);
             return false;
         }
-    } catch (const YAML::ParserException &e) {
-        *error = path + (e.mark.is_null() ? "" : ":" + std::to_string(e.mark.line + 1) + ":" +
-                                                     std::to_string(e.mark.column + 1)) +
-                 ": not valid YAML: " + e.msg;
-        return false;
     } catch (const std::exception &e) {
         *error = path + ": cannot be read as a configuration: " + e.what();
         return false;

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace rtugw {
@@ -101,6 +102,11 @@ struct Config {
 // Reads and checks `path`. False with `error` naming the file, the line and key, and
 // why ("line1.yaml:12: mqtt.qos: must be 0 or 1, not 2").
 bool loadConfig(const std::string &path, Config *config, std::string *error);
+
+// The keys the file takes, by section: "" for the top level, then each section's (an
+// item's and a station's keys under "items" and "stations"). The manual page describes
+// these, each under its section; a test holds the two together.
+const std::vector<std::pair<std::string, std::vector<std::string>>> &configKeys();
 
 // "FILE:LINE: " for messages about a place in the configuration (LINE omitted when 0).
 std::string where(const Config &config, int line);

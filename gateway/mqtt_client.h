@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "outbox.h"
+#include "mqtt_outbox.h"
 
 namespace rtugw {
 

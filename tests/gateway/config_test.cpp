@@ -9,6 +9,10 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
+#include <map>
+#include <regex>
+#include <set>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -61,11 +65,13 @@ TEST_F(GatewayConfig, RefusesEveryKindOfMistakeWithPlaceKeyAndReason)
 {
     const std::string url = "mqtt:\n  url: mqtt://127.0.0.1\n";
     const std::string tls = "mqtt:\n  url: mqtts://broker\n";
+    const std::string pw = std::string("  password: ") + kSecret + "\n";
     const std::vector<BadFile> rows = {
         {"empty file", "", "", {"gw.yaml: empty"}},
         {"only comments", "", "# nothing yet\n", {"gw.yaml: empty"}},
         {"a list at the top", "", "- line\n- items\n", {"gw.yaml:1: the file: must be a mapping of keys (name, line"}},
         {"broken YAML", "", "line: [tcp\nitems: 1\n", {"gw.yaml:", "not valid YAML: "}},
+        {"a tab in an indentation", "", "line:\n\ttcp: h:1\n" + kItemsOnly, {"gw.yaml:2: a tab: indent with spaces"}},
         {"second document", "", kBase + "---\nname: b\n", {"gw.yaml:6: a second document (after ---)"}},
         {"unknown top-level key", "", kBase + "mqtt-url: x\n",
          {"gw.yaml:5: mqtt-url: unknown key (the file takes: name, line, mqtt, items"}},
@@ -88,16 +94,16 @@ TEST_F(GatewayConfig, RefusesEveryKindOfMistakeWithPlaceKeyAndReason)
         {"bad serial settings", "", "line:\n  serial: /dev/ttyS0\n  settings: 19200,9,EVEN,1\n" + kItemsOnly,
          {"gw.yaml:3: line.settings:", "data bits"}},
         {"timeout not a number", "", "line:\n  tcp: h:1\n  timeout: fast\n" + kItemsOnly,
-         {"gw.yaml:3: line.timeout: must be a whole number of milliseconds from 1 to 60000, not \"fast\""}},
+         {"gw.yaml:3: line.timeout: must be a whole number of milliseconds from 1 to 600000, not \"fast\""}},
         {"timeout zero", "", "line:\n  tcp: h:1\n  timeout: 0\n" + kItemsOnly, {"line.timeout:", "not \"0\""}},
         {"timeout a float", "", "line:\n  tcp: h:1\n  timeout: 1.5\n" + kItemsOnly, {"line.timeout:", "not \"1.5\""}},
         {"timeout a list", "", "line:\n  tcp: h:1\n  timeout: [1]\n" + kItemsOnly, {"line.timeout:", "not a list"}},
-        {"pause negative", "", "line:\n  tcp: h:1\n  pause: -1\n" + kItemsOnly, {"line.pause:", "from 0 to 60000"}},
-        {"too many retries", "", "line:\n  tcp: h:1\n  retries: 11\n" + kItemsOnly,
-         {"gw.yaml:3: line.retries: must be a whole number from 1 to 10, not \"11\""}},
+        {"pause negative", "", "line:\n  tcp: h:1\n  pause: -1\n" + kItemsOnly, {"line.pause:", "from 0 to 600000"}},
+        {"too many retries", "", "line:\n  tcp: h:1\n  retries: 101\n" + kItemsOnly,
+         {"gw.yaml:3: line.retries: must be a whole number from 1 to 100, not \"101\""}},
         {"station past 247", "", "line:\n  tcp: h:1\n  station: 248\n" + kItemsOnly, {"line.station:", "from 1 to 247"}},
         {"rs485 not a boolean", "", "line:\n  serial: /dev/ttyS0\n  rs485: maybe\n" + kItemsOnly,
-         {"gw.yaml:3: line.rs485: must be true or false, not \"maybe\""}},
+         {"gw.yaml:3: line.rs485: maybe is not true or false"}},
         // mqtt
         {"mqtt typo", "", kBase + "mqtt:\n  qso: 1\n", {"gw.yaml:6: mqtt.qso: unknown key (mqtt takes: url, client-id,"}},
         {"mqtt not a mapping", "", kBase + "mqtt: mqtt://h\n", {"gw.yaml:5: mqtt: must be a mapping"}},
@@ -118,7 +124,7 @@ TEST_F(GatewayConfig, RefusesEveryKindOfMistakeWithPlaceKeyAndReason)
         {"topic with an empty level", "", kBase + "mqtt:\n  topic: a//b\n", {"mqtt.topic:", "empty level"}},
         {"password without user", "", kBase + "mqtt:\n  password: " + kSecret + "\n",
          {"gw.yaml:6: mqtt.password: needs mqtt.username"}},
-        {"password twice", "", kBase + "mqtt:\n  username: u\n  password-file: pw.secret\n  password: " + kSecret + "\n",
+        {"password and password-file", "", kBase + "mqtt:\n  username: u\n  password-file: pw.secret\n  password: " + kSecret + "\n",
          {"gw.yaml:8: mqtt.password: give password or password-file, not both"}},
         {"password file missing", "", kBase + "mqtt:\n  username: u\n  password-file: nope.secret\n",
          {"gw.yaml:7: mqtt.password-file: cannot read /", "/nope.secret: No such file or directory"}},
@@ -138,8 +144,10 @@ TEST_F(GatewayConfig, RefusesEveryKindOfMistakeWithPlaceKeyAndReason)
         {"items empty", "", "line:\n  tcp: h:1\nitems: []\n", {"gw.yaml:3: items: empty"}},
         {"an empty item", "", kBase + "  -\n", {"items: an item is text", "not nothing"}},
         {"item mapping without item", "", kBase + "  - writable: true\n", {"gw.yaml:5: items.item: missing"}},
-        {"writable not a boolean", "", kBase + "  - item: D_W:1\n    writable: sure\n",
-         {"gw.yaml:6: items.writable: must be true or false, not \"sure\""}},
+        {"writable as YAML's old yes", "", kBase + "  - item: D_W:1\n    writable: yes\n",
+         {"gw.yaml:6: items.writable: yes is not true or false"}},
+        {"writable a list", "", kBase + "  - item: D_W:1\n    writable: [true]\n",
+         {"gw.yaml:6: items.writable: must be true or false, not a list"}},
         {"item typo", "", kBase + "  - item: D_W:1\n    writeable: true\n",
          {"gw.yaml:6: items.writeable: unknown key (an item takes: item, writable"}},
         // the optional sections
@@ -163,6 +171,19 @@ TEST_F(GatewayConfig, RefusesEveryKindOfMistakeWithPlaceKeyAndReason)
         {"log rotate unknown", "", kBase + "log:\n  rotate: weekly\n", {"gw.yaml:6: log.rotate: must be daily or never"}},
         {"log size unreadable", "", kBase + "log:\n  max-size: lots\n", {"gw.yaml:6: log.max-size:", "\"lots\""}},
         {"log size too small", "", kBase + "log:\n  max-size: 10K\n", {"log.max-size:", "from 1M"}},
+        // a password next to a mistake: the key is named, never the value
+        {"password given twice", "", kBase + "mqtt:\n  username: u\n" + pw + pw, {"gw.yaml:8: mqtt.password: given twice"}},
+        {"secret as another key's value", "", kBase + "mqtt:\n  username: u\n" + pw + "  qos: " + kSecret + "\n",
+         {"gw.yaml:8: mqtt.qos: must be 0 or 1, not \"(secret)\""}},
+        {"password a list", "", kBase + "mqtt:\n  username: u\n  password: [" + kSecret + "]\n",
+         {"gw.yaml:7: mqtt.password: must be text, not a list"}},
+        {"password's key misspelt", "", kBase + "mqtt:\n  username: u\n  pasword: " + kSecret + "\n",
+         {"gw.yaml:7: mqtt.pasword: unknown key"}},
+        {"password next to a bad topic", "", kBase + "mqtt:\n  username: u\n" + pw + "  topic: a/+\n", {"gw.yaml:8: mqtt.topic:"}},
+        {"password in the url", "", kBase + "mqtt:\n  url: mqtt://u:" + kSecret + "@h\n", {"gw.yaml:6: mqtt.url: no user or password"}},
+        {"password file's secret as another key's value", "",
+         kBase + "mqtt:\n  username: u\n  password-file: pw.secret\n  keepalive: " + kSecret + "\n",
+         {"gw.yaml:8: mqtt.keepalive:", "(secret)"}},
     };
     for (const BadFile &row : rows) {
         Config c;
@@ -183,28 +204,6 @@ TEST_F(GatewayConfig, MissingFileIsNamed)
     std::string error;
     EXPECT_FALSE(rtugw::loadConfig(dir_ + "/none.yaml", &c, &error));
     EXPECT_EQ(error, dir_ + "/none.yaml: cannot read: No such file or directory");
-}
-
-// Wherever a password sits next to a mistake, the message names the key and never the value.
-TEST_F(GatewayConfig, PasswordNeverInAMessage)
-{
-    const std::string pw = std::string("  password: ") + kSecret + "\n";
-    const std::vector<std::string> files = {
-        kBase + "mqtt:\n  username: u\n" + pw + pw,
-        kBase + "mqtt:\n  username: u\n" + pw + "  qos: " + kSecret + "\n",
-        kBase + "mqtt:\n  username: u\n  password: [" + kSecret + "]\n",
-        kBase + "mqtt:\n  username: u\n  pasword: " + kSecret + "\n",
-        kBase + "mqtt:\n  username: u\n" + pw + "  topic: a/+\n",
-        kBase + "mqtt:\n  url: mqtt://u:" + kSecret + "@h\n",
-        kBase + "mqtt:\n  username: u\n  password-file: pw.secret\n  keepalive: " + kSecret + "\n",
-    };
-    for (const std::string &yaml : files) {
-        Config c;
-        std::string error;
-        EXPECT_FALSE(load("gw.yaml", yaml, &c, &error)) << yaml;
-        EXPECT_FALSE(error.empty());
-        EXPECT_EQ(error.find(kSecret), std::string::npos) << error;
-    }
 }
 
 struct GoodFile {
@@ -281,13 +280,48 @@ TEST_F(GatewayConfig, GoodFilesGetTheirDefaults)
     }
 }
 
-TEST_F(GatewayConfig, ShippedExampleLoads)
+// The example shows every key, and loads: it is where a newcomer starts.
+TEST_F(GatewayConfig, ShippedExampleLoadsAndShowsEveryKey)
 {
     Config c;
     std::string error;
     ASSERT_TRUE(rtugw::loadConfig(RTUPLC_GATEWAY_EXAMPLE, &c, &error)) << error;
     EXPECT_EQ(c.line.host, "127.0.0.1");
     EXPECT_GE(c.items.size(), 2u);
+    std::ifstream file(RTUPLC_GATEWAY_EXAMPLE);
+    const std::string text = "\n" + std::string(std::istreambuf_iterator<char>(file), {});
+    for (const auto &[section, keys] : rtugw::configKeys())
+        for (const std::string &key : keys)
+            EXPECT_TRUE(std::regex_search(text, std::regex("[\\n #{]" + key + ":"))) << section << "." << key;
+}
+
+// The manual page is the one full description of the keys: every key the loader takes
+// is described under its section (.SS), one .TP entry each tagged .BI "KEY: ", and the
+// page describes no key the loader would refuse.
+TEST(GatewayConfigKeys, ManualPageDescribesEveryKeyAndNoOther)
+{
+    std::ifstream page(RTUPLC_GATEWAY_MANUAL);
+    ASSERT_TRUE(page) << RTUPLC_GATEWAY_MANUAL;
+    std::map<std::string, std::set<std::string>> documented, taken;
+    const std::regex tag(R"(^\.BI? "?([a-z][a-z0-9\\-]*):)");
+    bool configuration = false, tagLine = false;
+    std::string section;
+    for (std::string line; std::getline(page, line);) {
+        std::smatch m;
+        if (line.rfind(".SH ", 0) == 0) {
+            configuration = line == ".SH CONFIGURATION";
+        } else if (configuration && line.rfind(".SS ", 0) == 0) {
+            section = line == ".SS Top level" ? "" : line.substr(4);
+            if (!section.empty())
+                documented[""].insert(section); // a section is a key of the top level
+        } else if (configuration && tagLine && std::regex_search(line, m, tag)) {
+            documented[section].insert(std::regex_replace(m[1].str(), std::regex(R"(\\)"), ""));
+        }
+        tagLine = line == ".TP";
+    }
+    for (const auto &[section, keys] : rtugw::configKeys())
+        taken[section].insert(keys.begin(), keys.end());
+    EXPECT_EQ(documented, taken) << "a section's keys differ between the loader and " RTUPLC_GATEWAY_MANUAL;
 }
 
 } // namespace

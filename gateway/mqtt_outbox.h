@@ -7,8 +7,8 @@
 //
 // A value read from the line is held compact (ValueUpdate, no strings) and made into
 // its message only when it is sent: on a churning line most of them are replaced before.
-#ifndef RTUPLC_GATEWAY_OUTBOX_H
-#define RTUPLC_GATEWAY_OUTBOX_H
+#ifndef RTUPLC_GATEWAY_MQTT_OUTBOX_H
+#define RTUPLC_GATEWAY_MQTT_OUTBOX_H
 
 #include <cstddef>
 #include <cstdint>

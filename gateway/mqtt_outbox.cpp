@@ -1,4 +1,4 @@
-#include "outbox.h"
+#include "mqtt_outbox.h"
 
 #include <utility>
 
