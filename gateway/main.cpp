@@ -44,7 +44,7 @@ int fail(int code, const std::string &message)
 {
     logError("%s", message.c_str());
     if (code == kExitUsage && message.find(".yaml") == std::string::npos)
-        std::cerr << "(rtuplc-gateway --help explains the options)\n";
+        logError("(rtuplc-gateway --help explains the options)");
     return code;
 }
 
