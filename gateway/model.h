@@ -40,6 +40,8 @@ struct PointState {
 
 struct StationState {
     bool online = false;     // a read succeeded since the last silence
+    bool saidOffline = false; // "station N offline" was logged: its failures are counted, not logged
+    uint64_t quietFailures = 0; // failures since, not logged
 };
 
 // What a write request gets: once, whatever happens.
@@ -81,6 +83,9 @@ public:
     const Config &config() const { return config_; }
     const rtuhost::Stats &hostStats() const;
     const WriteCounters &writes() const { return writes_; }
+    // Polls a second over the last second or so, for the stats topic, the page and the status.
+    double pollsPerSecond() const { return pollsPerSecond_; }
+    long long uptimeSeconds() const;
     // The point of a path "STATION/AREA/ADDR", or -1.
     long find(const std::string &path) const;
 
@@ -105,6 +110,7 @@ private:
     void changed(size_t index);
     void setStation(int station, bool online);
     void settle(WriteDone &done, const WriteAnswer &a);
+    void measurePace();
 
     const Config &config_;
     const rtuhost::DriverApi &api_;
@@ -116,14 +122,13 @@ private:
     std::vector<Sink *> sinks_;
     std::unordered_map<uint64_t, WriteDone> pending_;
     WriteCounters writes_;
+    const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
+    rtuhost::PollRate pace_{started_};
+    double pollsPerSecond_ = 0;
 };
 
 // "1/X/17" for a point.
 std::string pathOf(const Point &p);
-// 2026-11-24T14:02:11.204Z
-std::string isoTime(int64_t msSinceEpoch);
-int64_t msSinceEpoch(SystemTime t);
-std::string jsonString(const std::string &s);
 
 } // namespace rtugw
 
