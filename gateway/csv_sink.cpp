@@ -1,6 +1,6 @@
 #include "csv_sink.h"
 
-#include <cstdio>
+#include "rtuplc_host/log.h"
 
 namespace rtugw {
 
@@ -45,9 +45,9 @@ void CsvSink::pointChanged(size_t index)
     if (ok == failing_) {
         failing_ = !ok;
         if (ok)
-            std::fprintf(stderr, "rtuplc-gateway: the CSV log is written again to %s\n", log_.currentFile().c_str());
+            rtuhost::logNotice("the CSV log is written again to %s", log_.currentFile().c_str());
         else
-            std::fprintf(stderr, "rtuplc-gateway: log.csv: %s\n", error.c_str());
+            rtuhost::logWarning("log.csv: %s", error.c_str());
     }
 }
 

@@ -5,7 +5,8 @@
 #include <QJsonObject>
 
 #include <cstdint>
-#include <cstdio>
+
+#include "rtuplc_host/log.h"
 
 namespace rtugw {
 
@@ -187,8 +188,7 @@ bool HomeAssistant::message(const Message &m)
     if (!config)
         return false;
     if (!m.payload.empty() && announced_.count(m.topic) == 0) {
-        std::fprintf(stderr, "rtuplc-gateway: withdrawing %s from Home Assistant: no longer configured\n",
-                     m.topic.c_str());
+        rtuhost::logInfo("withdrawing %s from Home Assistant: no longer configured", m.topic.c_str());
         mqtt_.publish(Message{m.topic, {}, kConfigQos, true, {}, {}});
     }
     return true;

@@ -11,7 +11,7 @@
 
 #include "model.h"
 #include "mqtt_client.h"
-#include "plain_topics.h"
+#include "broker.h"
 
 namespace rtugw {
 

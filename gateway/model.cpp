@@ -1,7 +1,6 @@
 #include "model.h"
 
-#include <cstdio>
-#include <ctime>
+#include "rtuplc_host/log.h"
 
 namespace rtugw {
 
@@ -18,54 +17,40 @@ std::string pathOf(const Point &p)
     return std::to_string(p.station) + '/' + p.area->name.toStdString() + '/' + p.area->format(p.address).toStdString();
 }
 
-int64_t msSinceEpoch(SystemTime t)
+std::string blockText(const rtuhost::Catalogue &catalogue, const FRAME_PRO &f, bool withStation)
 {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count();
+    const rtuhost::Area *area = catalogue.find(f.regName);
+    const auto at = [&](int a) { return area ? area->format(a) : QString::number(a); };
+    QString text = f.regName + ':' + at(f.startAddr);
+    if (f.len > 1)
+        text += QStringLiteral("..") + at(f.startAddr + f.len - 1);
+    if (withStation)
+        text += '@' + QString::number(f.station);
+    return text.toStdString();
 }
 
-std::string isoTime(int64_t ms)
+namespace {
+
+// The pace is measured over this window.
+constexpr std::chrono::seconds kPaceWindow{1};
+
+// Decimal, signed, or 0x hexadecimal, of any size: what the range checks then judge.
+bool isNumber(const std::string &text)
 {
-    constexpr int kMsPerSecond = 1000;
-    const std::time_t seconds = std::time_t(ms / kMsPerSecond);
-    // A churning line stamps tens of thousands of values a second, all with the same date
-    // and time of day: formatting them once a second instead of once a value took an
-    // eighth of the poll loop's time off. Per thread, so any thread may ask.
-    thread_local std::time_t cachedSecond = -1;
-    thread_local char secondText[64]; // "YYYY-MM-DDTHH:MM:SS", room for any int the compiler fears
-    if (seconds != cachedSecond) {
-        std::tm utc{};
-        gmtime_r(&seconds, &utc);
-        std::snprintf(secondText, sizeof secondText, "%04d-%02d-%02dT%02d:%02d:%02d", utc.tm_year + 1900,
-                      utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
-        cachedSecond = seconds;
+    const QString t = QString::fromStdString(text).trimmed();
+    const bool hex = t.startsWith(QLatin1String("0x"), Qt::CaseInsensitive);
+    const int first = hex ? 2 : t.startsWith('-') || t.startsWith('+') ? 1 : 0;
+    if (t.size() <= first)
+        return false;
+    for (int i = first; i < t.size(); ++i) {
+        const QChar c = t[i];
+        if (!((c >= QLatin1Char('0') && c <= QLatin1Char('9')) || (hex && QStringLiteral("abcdefABCDEF").contains(c))))
+            return false;
     }
-    const int milli = int(ms % kMsPerSecond);
-    std::string text = secondText;
-    text += '.';
-    text += char('0' + milli / 100);
-    text += char('0' + milli / 10 % 10);
-    text += char('0' + milli % 10);
-    text += 'Z';
-    return text;
+    return true;
 }
 
-std::string jsonString(const std::string &s)
-{
-    std::string out = "\"";
-    for (const char c : s) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            char esc[8];
-            std::snprintf(esc, sizeof esc, "\\u%04x", c);
-            out += esc;
-        } else {
-            out += c;
-        }
-    }
-    return out + '"';
-}
+} // namespace
 
 Model::Model(const Config &config, const rtuhost::DriverApi &api, const rtuhost::Catalogue &catalogue)
     : config_(config), api_(api), catalogue_(catalogue)
@@ -124,16 +109,48 @@ void Model::changed(size_t index)
 void Model::setStation(int station, bool online)
 {
     StationState &s = stations_[station];
+    // Said once when a station goes silent, or is found silent at start; what fails
+    // after that is counted until it answers again.
+    if (!online && !s.saidOffline) {
+        s.saidOffline = true;
+        s.quietFailures = 0;
+        rtuhost::logWarning("station %d offline", station);
+    }
     if (s.online == online)
         return;
     s.online = online;
-    std::fprintf(stderr, "rtuplc-gateway: station %d %s\n", station, online ? "online" : "offline");
+    if (online) {
+        if (s.quietFailures > 0)
+            rtuhost::logNotice("station %d online (%llu more requests failed while it was offline)", station,
+                               (unsigned long long)s.quietFailures);
+        else
+            rtuhost::logNotice("station %d online", station);
+        s.saidOffline = false;
+        s.quietFailures = 0;
+    }
     for (Sink *sink : sinks_)
         sink->stationChanged(station);
 }
 
+long long Model::uptimeSeconds() const
+{
+    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started_).count();
+}
+
+void Model::measurePace()
+{
+    const auto now = std::chrono::steady_clock::now();
+    if (host_ == nullptr || now - paceSince_ < kPaceWindow)
+        return;
+    const uint64_t polls = host_->stats().polls;
+    pollsPerSecond_ = double(polls - pollsAtPaceSince_) / std::chrono::duration<double>(now - paceSince_).count();
+    pollsAtPaceSince_ = polls;
+    paceSince_ = now;
+}
+
 void Model::tick()
 {
+    measurePace();
     for (Sink *s : sinks_)
         s->tick();
 }
@@ -190,7 +207,15 @@ void Model::blockRead(const FRAME_PRO &f)
 void Model::requestFailed(const FRAME_PRO &f, const Failure &failure)
 {
     const std::string why = failure.why.toStdString();
-    std::fprintf(stderr, "rtuplc-gateway: %s failed: %s\n", qPrintable(failure.driverText), why.c_str());
+    StationState &station = stations_[f.station];
+    // A station already said offline fails on every poll: counted, not logged again.
+    if (failure.kind != Failure::Kind::Exception && station.saidOffline && !station.online) {
+        ++station.quietFailures;
+        if (verbose)
+            rtuhost::logDebug("%s failed: %s", blockText(catalogue_, f, true).c_str(), why.c_str());
+    } else {
+        rtuhost::logWarning("%s failed: %s", blockText(catalogue_, f, true).c_str(), why.c_str());
+    }
     if (f.reqKind == RTUPLC_KIND_MONITOR_READ) {
         const SystemTime now = std::chrono::system_clock::now();
         const std::vector<size_t> &points = host_->pointsIn(f);
@@ -215,9 +240,9 @@ void Model::exchanged(const FRAME_PRO &f, const rtuhost::Exchange &x)
     if (!verbose)
         return;
     for (const rtuhost::Dropped &d : x.dropped)
-        std::fprintf(stderr, "rtuplc-gateway: dropped %s (%s)\n",
+        rtuhost::logDebug("dropped %s (%s)",
                      qPrintable(rtuhost::hexBytes(d.bytes.data(), d.bytes.size())), rtuhost::dropReasonText(d.reason));
-    std::fprintf(stderr, "rtuplc-gateway: tx %s rx %s\n", qPrintable(rtuhost::hexBytes(f.frame, size_t(f.frameLen))),
+    rtuhost::logDebug("tx %s rx %s", qPrintable(rtuhost::hexBytes(f.frame, size_t(f.frameLen))),
                  qPrintable(rtuhost::hexBytes(x.reply.data(), x.reply.size())));
 }
 
@@ -238,7 +263,7 @@ void Model::refuse(const std::string &path, const std::string &why, WriteDone do
     WriteAnswer refusal;
     refusal.refused = true;
     refusal.error = why;
-    std::fprintf(stderr, "rtuplc-gateway: write to %s refused: %s\n", path.c_str(), why.c_str());
+    rtuhost::logWarning("write to %s refused: %s", path.c_str(), why.c_str());
     settle(done, refusal);
 }
 
@@ -272,6 +297,8 @@ void Model::write(const std::string &path, const std::string &value, WriteDone d
     rtuhost::WriteRequest w;
     w.text = text;
     w.target = target;
+    if (!isNumber(value))
+        return refuse("\"" + value + "\" is not a number: send a whole number (1234, -5, 0x1F)");
     if (!rtuhost::parseValue(QString::fromStdString(value), p.area->kind, &w.value, &error))
         return refuse(error.toStdString());
     // Filed first: a write the driver refuses is settled within write().
@@ -312,7 +339,7 @@ void Model::writeSettled(uint64_t id, const rtuhost::WriteRequest &w, WriteOutco
         break;
     }
     if (!a.ok)
-        std::fprintf(stderr, "rtuplc-gateway: write %s: %s\n", qPrintable(w.text), a.error.c_str());
+        rtuhost::logWarning("write %s: %s", qPrintable(w.text), a.error.c_str());
     settle(done, a);
 }
 

@@ -41,6 +41,8 @@ struct PointState {
 
 struct StationState {
     bool online = false;     // a read succeeded since the last silence
+    bool saidOffline = false; // "station N offline" was logged: its failures are counted, not logged
+    uint64_t quietFailures = 0; // failures since, not logged
 };
 
 // What a write request gets: once, whatever happens.
@@ -84,6 +86,9 @@ public:
     const WriteCounters &writes() const { return writes_; }
     // When each block was last polled, answered or not; PointState::block says whose.
     const std::vector<SystemTime> &blockReads() const { return blockReads_; }
+    // Polls a second over the last second or so, for the stats topic, the page and the status.
+    double pollsPerSecond() const { return pollsPerSecond_; }
+    long long uptimeSeconds() const;
     // The point of a path "STATION/AREA/ADDR", or -1.
     long find(const std::string &path) const;
 
@@ -109,6 +114,7 @@ private:
     void polled(const std::vector<size_t> &points, SystemTime now);
     void setStation(int station, bool online);
     void settle(WriteDone &done, const WriteAnswer &a);
+    void measurePace();
 
     const Config &config_;
     const rtuhost::DriverApi &api_;
@@ -121,14 +127,16 @@ private:
     std::vector<Sink *> sinks_;
     std::unordered_map<uint64_t, WriteDone> pending_;
     WriteCounters writes_;
+    const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point paceSince_ = started_;
+    uint64_t pollsAtPaceSince_ = 0;
+    double pollsPerSecond_ = 0;
 };
 
 // "1/X/17" for a point.
 std::string pathOf(const Point &p);
-// 2026-11-24T14:02:11.204Z
-std::string isoTime(int64_t msSinceEpoch);
-int64_t msSinceEpoch(SystemTime t);
-std::string jsonString(const std::string &s);
+// What a request covers, as items are written: "D_W:100..109" (and "@9" with the station).
+std::string blockText(const rtuhost::Catalogue &catalogue, const FRAME_PRO &f, bool withStation);
 
 } // namespace rtugw
 

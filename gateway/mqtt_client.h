@@ -1,9 +1,7 @@
-// The gateway's connection to the broker, on Eclipse Paho C (MQTTAsync, MQTT 5): TLS,
-// user and password, the last will, a persistent session, reconnects with backoff.
-// Messages wait in an Outbox, in order, for a sender thread of the client's own to hand
-// them to Paho as fast as the broker takes them, and while the broker is away. The poll
-// loop calls it from one thread; Paho's threads only fill the queues that takeIncoming()
-// and takeEvents() empty.
+// The gateway's connection to the broker: TLS, user and password, the last will, a
+// persistent session, reconnects with backoff. Messages wait in an Outbox, in order, and
+// go out as fast as the broker takes them, and are held while it is away. The poll loop
+// calls it from one thread.
 #ifndef RTUPLC_GATEWAY_MQTT_CLIENT_H
 #define RTUPLC_GATEWAY_MQTT_CLIENT_H
 
@@ -49,51 +47,48 @@ struct MqttStats {
     uint64_t dropped = 0;       // intermediate values dropped from a full outbox
 };
 
+// The broker as the gateway's logic sees it: the dialects, Home Assistant and the page
+// talk to this, so that they are tested without a broker (a client of the tests' own
+// stands in) and do not know which library carries the connection.
 class MqttClient {
 public:
-    explicit MqttClient(const MqttSettings &settings);
-    ~MqttClient();
-    MqttClient(const MqttClient &) = delete;
-    MqttClient &operator=(const MqttClient &) = delete;
+    virtual ~MqttClient();
 
     // Starts connecting in the background and returns at once; false only for settings
-    // Paho refuses (error says why). Failed attempts are retried with backoff for ever.
-    bool start(std::string *error);
+    // the library refuses (error says why). Failed attempts are retried with backoff for ever.
+    virtual bool start(std::string *error) = 0;
     // The will of each connection, asked for before every attempt, instead of the
     // settings' fixed one: for a will that must differ from one connection to the next.
-    void setWillProvider(std::function<Message()> provider);
+    virtual void setWillProvider(std::function<Message()> provider) = 0;
     // What makes publishValue()'s messages; before start().
-    void setFormatter(ValueFormatter formatter);
+    virtual void setFormatter(ValueFormatter formatter) = 0;
     // Filters subscribed at every connect (QoS 1).
-    void subscribe(const std::string &filter);
+    virtual void subscribe(const std::string &filter) = 0;
 
     // Queues a message, to be sent in order behind everything published before it, and
     // held while the broker is away. Kind as the Outbox's.
-    void publish(Message m, Outbox::Kind kind = Outbox::Kind::Value);
-    // The same for a value, made into its message by the settings' formatter when sent.
-    void publishValue(ValueUpdate v);
-    // Hands what was published since to the sender thread, and connects when it is
-    // time; call from the loop, every turn.
-    void pump();
+    virtual void publish(Message m, Outbox::Kind kind = Outbox::Kind::Value) = 0;
+    // The same for a value, made into its message by the formatter when sent.
+    virtual void publishValue(ValueUpdate v) = 0;
+    // Hands what was published since to the sender, and connects when it is time; call
+    // from the loop, every turn.
+    virtual void pump() = 0;
 
-    std::vector<Message> takeIncoming();
-    std::vector<MqttEvent> takeEvents();
-    bool connected() const;
-    MqttStats stats() const;
+    virtual std::vector<Message> takeIncoming() = 0;
+    virtual std::vector<MqttEvent> takeEvents() = 0;
+    virtual bool connected() const = 0;
+    virtual MqttStats stats() const = 0;
 
     // Publishes `last` (e.g. "offline" on the status topic), waits up to `timeout` for
     // what is in flight, then disconnects cleanly so that the will is not sent.
-    void stop(const std::vector<Message> &last, std::chrono::milliseconds timeout);
+    virtual void stop(const std::vector<Message> &last, std::chrono::milliseconds timeout) = 0;
     // Ends the connection like stop(), after `last`, and connects again at once: a new
     // session with a new will. No Lost event: the caller knows.
-    void reconnect(const std::vector<Message> &last, std::chrono::milliseconds timeout);
-
-private:
-    // Publishes `last`, waits for what is in flight, then a clean DISCONNECT.
-    void disconnect(const std::vector<Message> &last, std::chrono::milliseconds timeout);
-    struct Impl;
-    std::unique_ptr<Impl> impl_;
+    virtual void reconnect(const std::vector<Message> &last, std::chrono::milliseconds timeout) = 0;
 };
+
+// The client the service runs: Eclipse Paho C (MQTTAsync, MQTT 5).
+std::unique_ptr<MqttClient> makeMqttClient(const MqttSettings &settings);
 
 } // namespace rtugw
 

@@ -1,6 +1,6 @@
 #include "web_state.h"
 
-#include "plain_topics.h"
+#include "payload.h"
 
 namespace rtugw {
 
@@ -53,7 +53,7 @@ WebState::WebState(const Model &model, std::chrono::minutes history)
     items_.resize(points.size());
     for (size_t i = 0; i < points.size(); ++i) {
         items_[i].meta = metaOf(points[i]);
-        items_[i].value = PlainTopics::update(i, points[i]);
+        items_[i].value = valueUpdate(i, points[i]);
     }
     isMarked_.assign(points.size(), false);
     for (const auto &[station, state] : model.stations())
@@ -85,7 +85,7 @@ void WebState::flush()
             isMarked_[index] = false;
             const PointState &s = model_.points()[index];
             Item &item = items_[index];
-            item.value = PlainTopics::update(index, s);
+            item.value = valueUpdate(index, s);
             item.seq = ++seq_;
             if (!s.known)
                 continue;
@@ -166,7 +166,7 @@ std::string WebState::itemsJson() const
         if (i > 0)
             json += ',';
         // The topic's payload, with what names the value in front.
-        json += '{' + items_[i].meta + ',' + PlainTopics::payload(items_[i].value).substr(1);
+        json += '{' + items_[i].meta + ',' + valueJson(items_[i].value).substr(1);
     }
     return json + ']';
 }
@@ -251,7 +251,7 @@ std::string WebState::updatesSince(uint64_t *seen, std::chrono::milliseconds wai
         j += ",\"history_minutes\":" + std::to_string(historyMs_ / 60000) + ",\"items\":[";
         for (size_t i = 0; i < items_.size(); ++i)
             j += (i ? ",{\"i\":" : "{\"i\":") + std::to_string(i) + ',' + items_[i].meta + ',' +
-                 PlainTopics::payload(items_[i].value).substr(1);
+                 valueJson(items_[i].value).substr(1);
         j += ']';
     } else {
         std::string changed;
@@ -259,7 +259,7 @@ std::string WebState::updatesSince(uint64_t *seen, std::chrono::milliseconds wai
             if (items_[i].seq <= since)
                 continue;
             changed += changed.empty() ? "{\"i\":" : ",{\"i\":";
-            changed += std::to_string(i) + ',' + PlainTopics::payload(items_[i].value).substr(1);
+            changed += std::to_string(i) + ',' + valueJson(items_[i].value).substr(1);
         }
         if (!changed.empty())
             j += ",\"items\":[" + changed + ']';

@@ -4,6 +4,10 @@
 
 #include <climits>
 
+#include <QStringList>
+
+#include "rtuplc_host/line_limits.h"
+
 namespace rtuhost {
 
 std::string defaultDriver()
@@ -18,6 +22,26 @@ std::string defaultDriver()
             return beside;
     }
     return RTUPLC_DRIVER_SONAME;
+}
+
+DriverDefaults driverDefaults(const DriverApi &api)
+{
+    enum Field { kLineFirst = 1, kLineFields = 4, kAddress = 7, kPort = 8, kName = 9 };
+    QString text;
+    api.getDriverParameter(text);
+    const QStringList f = text.split(',');
+    DriverDefaults d;
+    if (f.size() >= kLineFirst + kLineFields)
+        d.line = f.mid(kLineFirst, kLineFields).join(',').toStdString();
+    if (f.size() > kAddress && !f[kAddress].isEmpty())
+        d.address = f[kAddress].toStdString();
+    bool ok = false;
+    const int port = f.size() > kPort ? f[kPort].toInt(&ok) : 0;
+    if (ok && port >= kLowestPort && port <= kHighestPort)
+        d.port = port;
+    if (f.size() > kName)
+        d.name = f[kName].toStdString();
+    return d;
 }
 
 } // namespace rtuhost

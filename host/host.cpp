@@ -27,6 +27,27 @@ QString hexBytes(const uint8_t *b, size_t n)
     return QByteArray(reinterpret_cast<const char *>(b), int(n)).toHex(' ').toUpper();
 }
 
+std::vector<std::string> traceLines(const FRAME_PRO &f, const Exchange &x)
+{
+    std::vector<std::string> lines;
+    for (const Dropped &d : x.dropped)
+        lines.push_back("dropped " + hexBytes(d.bytes.data(), d.bytes.size()).toStdString() + " (" +
+                        dropReasonText(d.reason) + ")");
+    lines.push_back("tx " + hexBytes(f.frame, size_t(f.frameLen)).toStdString() +
+                    (x.sent ? "" : " (not sent again: a late answer to the same request came first)"));
+    lines.push_back("rx " + hexBytes(x.reply.data(), x.reply.size()).toStdString());
+    return lines;
+}
+
+double PollRate::perSecond(const Stats &stats, Clock::time_point now)
+{
+    const double seconds = std::chrono::duration<double>(now - since_).count();
+    const double rate = seconds > 0 ? double(stats.polls - polls_) / seconds : 0;
+    polls_ = stats.polls;
+    since_ = now;
+    return rate;
+}
+
 const char *dropReasonText(DropReason r)
 {
     switch (r) {
@@ -111,7 +132,7 @@ void HostEvents::exchanged(const FRAME_PRO &, const Exchange &) {}
 void HostEvents::progress(const Stats &) {}
 
 Host::Host(const DriverApi &api, Link &link, HostEvents &events, const HostSettings &settings)
-    : api_(api), link_(link), events_(events), settings_(settings), memory_(kHostMemoryBytes),
+    : api_(api), catalogue_(api), link_(link), events_(events), settings_(settings), memory_(kHostMemoryBytes),
       recipeBuffer_(kRecipeBufferWords)
 {
     g_host = this;
@@ -548,11 +569,18 @@ void Host::showDirty()
     dirty_.clear();
 }
 
+QString Host::blockOf(const FRAME_PRO &f, const QString &driverText) const
+{
+    const Area *area = catalogue_.find(f.regName);
+    return area ? blockText(*area, f.station, f.startAddr, f.len) : driverText;
+}
+
 Failure Host::whyFailed(const FRAME_PRO &f, const Exchange &x, std::chrono::microseconds timeout,
                         const QString &driverText) const
 {
     Failure failure;
     failure.driverText = driverText;
+    failure.block = blockOf(f, driverText);
     const int attempts = std::max(1, settings_.retries);
     const QString tries = QStringLiteral("%1 attempt%2").arg(attempts).arg(attempts == 1 ? "" : "s");
     switch (x.outcome) {

@@ -3,17 +3,14 @@
 #include <QRegularExpression>
 #include <QVector>
 
+#include <algorithm>
 #include <limits>
 
-#include "rtuplc_support/modbus.h"
+#include "rtuplc_host/line_limits.h"
 
 namespace rtuhost {
 
 namespace {
-
-using rtusupport::kBroadcastStation;
-using rtusupport::kHighestStation;
-constexpr int kLowestStation = kBroadcastStation + 1;
 
 QString notationName(int base)
 {
@@ -115,6 +112,16 @@ QStringList Catalogue::names() const
     return n;
 }
 
+QString blockText(const Area &area, int station, int start, int units)
+{
+    const int values = std::max(1, units / area.countPerValue());
+    const int last = start + (values - 1) * area.step();
+    QString text = area.name + ':' + area.format(start);
+    if (last != start)
+        text += QStringLiteral("..") + area.format(last);
+    return text + '@' + QString::number(station);
+}
+
 KEY_ADDRESS Item::key() const
 {
     KEY_ADDRESS k;
@@ -153,8 +160,10 @@ bool parseItem(const QString &text, int defaultStation, const Catalogue &catalog
         it.station = m.captured(4).toInt();
         if ((it.station < kLowestStation && !(broadcast && it.station == kBroadcastStation)) ||
             it.station > kHighestStation) {
-            *error = QStringLiteral("\"%1\": station %2 is not 1..247%3")
-                         .arg(text, m.captured(4), broadcast ? QStringLiteral(" (or 0, the broadcast)") : QString());
+            const QString stations = QStringLiteral("%1..%2").arg(kLowestStation).arg(kHighestStation);
+            const QString orBroadcast =
+                broadcast ? QStringLiteral(" (or %1, the broadcast)").arg(kBroadcastStation) : QString();
+            *error = QStringLiteral("\"%1\": station %2 is not %3%4").arg(text, m.captured(4), stations, orBroadcast);
             return false;
         }
     }

@@ -16,6 +16,7 @@
 #include <cstring>
 #include <thread>
 
+#include "rtuplc_host/address.h"
 #include "rtuplc_support/fd_io.h"
 
 namespace rtuhost {
@@ -49,7 +50,7 @@ public:
     }
 
     bool open(std::string *error) override { return ensureConnected(error); }
-    std::string describe() const override { return "tcp " + host_ + ":" + std::to_string(port_); }
+    std::string describe() const override { return "tcp " + formatHostPort(host_, port_); }
 
 protected:
     bool ensureConnected(std::string *error) override
@@ -62,7 +63,7 @@ protected:
         addrinfo *found = nullptr;
         const std::string port = std::to_string(port_);
         if (getaddrinfo(host_.c_str(), port.c_str(), &hints, &found) != 0 || found == nullptr) {
-            *error = "cannot connect to " + host_ + ":" + port + ": unknown host";
+            *error = "cannot connect to " + formatHostPort(host_, port_) + ": unknown host";
             return false;
         }
         std::string why = "no address";
@@ -90,7 +91,7 @@ protected:
         }
         freeaddrinfo(found);
         if (fd_ < 0)
-            *error = "cannot connect to " + host_ + ":" + port + ": " + why;
+            *error = "cannot connect to " + formatHostPort(host_, port_) + ": " + why;
         return fd_ >= 0;
     }
 

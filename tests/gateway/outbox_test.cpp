@@ -1,6 +1,6 @@
 // The outbox decides what a broker that was away gets to see: the order of the messages,
 // the latest value of every topic, and every answer to a write.
-#include "mqtt_client.h"
+#include "mqtt_paho.h"
 #include "outbox.h"
 
 #include <gtest/gtest.h>
@@ -18,7 +18,7 @@
 #include <vector>
 
 using rtugw::Message;
-using rtugw::MqttClient;
+using rtugw::PahoMqttClient;
 using rtugw::MqttEvent;
 using rtugw::MqttSettings;
 using rtugw::Outbox;
@@ -203,7 +203,7 @@ TEST(MqttClientWithoutBroker, StartsHoldsComplainsOnceAndStops) {
     s.username = "gw";
     s.password = "sesame-42";
     s.buffer = 3;
-    MqttClient client(s);
+    PahoMqttClient client(s);
     client.subscribe("p/+/+/+/set");
 
     std::string error;
@@ -245,7 +245,7 @@ TEST(MqttClientWithoutBroker, RefusesUnreadableTlsFiles) {
     s.tls = true;
     s.ca = "/nonexistent/ca.crt";
     s.clientId = "outbox-test";
-    MqttClient client(s);
+    PahoMqttClient client(s);
     std::string error;
     EXPECT_FALSE(client.start(&error));
     EXPECT_NE(error.find("/nonexistent/ca.crt"), std::string::npos) << error;

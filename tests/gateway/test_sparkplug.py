@@ -15,7 +15,7 @@ import harness as h
 GROUP = "plant1"
 NODE = "line1"
 NS = "spBv1.0/%s/" % GROUP
-PROTO = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools", "gateway", "sparkplug_b.proto")
+PROTO = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "gateway", "sparkplug_b.proto")
 # Datatypes as the payload numbers them.
 INT32, UINT16, UINT32, UINT64, BOOLEAN = 3, 6, 7, 8, 11
 GOOD, BAD = 192, 0

@@ -10,6 +10,8 @@
 #include "report.h"
 #include "rtuplc_host/csv_log.h"
 #include "rtuplc_host/host.h"
+#include "rtuplc_host/log.h"
+#include "rtuplc_host/program.h"
 #include "rtuplc_host/stop_signals.h"
 #include "rtuplc_support/simulator.h"
 
@@ -18,39 +20,21 @@ using namespace rtuhost;
 
 namespace {
 
+const char kProgram[] = "rtuplc-poll";
+
 int fail(int code, const QString &message)
 {
-    std::cerr << "rtuplc-poll: " << message.toStdString() << '\n';
+    logError("%s", qPrintable(message));
     if (code == kExitUsage)
-        std::cerr << "(rtuplc-poll --help explains the options)\n";
+        logError("(%s --help explains the options)", kProgram);
     return code;
-}
-
-// The driver's default parameters: "0,9600,8,EVEN,1,0,1,ADDRESS,PORT,NAME,AREAS...".
-struct Defaults {
-    std::string line = "9600,8,EVEN,1";
-    int port = rtusupport::kDefaultTcpPort;
-    QString name;
-};
-
-Defaults driverDefaults(const DriverApi &api)
-{
-    QString text;
-    api.getDriverParameter(text);
-    const QStringList f = text.split(',');
-    Defaults d;
-    if (f.size() > 9) {
-        d.line = f.mid(1, 4).join(',').toStdString();
-        d.port = f[8].toInt();
-        d.name = f[9];
-    }
-    return d;
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
+    setLogProgram(kProgram);
     Options o;
     std::string why;
     if (!parseOptions(argc, argv, &o, &why))
@@ -59,12 +43,16 @@ int main(int argc, char **argv)
         std::cout << kUsage;
         return kExitOk;
     }
+    if (o.version) {
+        std::cout << versionLine(kProgram) << '\n';
+        return kExitOk;
+    }
 
     DriverApi api;
     const std::string driverPath = o.driverPath.empty() ? defaultDriver() : o.driverPath;
     if (!loadDriver(driverPath, &api, &why, o.driverPath.empty()))
         return fail(kExitDriver, QString::fromStdString(why));
-    const Defaults defaults = driverDefaults(api);
+    const DriverDefaults defaults = driverDefaults(api);
 
     rtusupport::SerialLine line;
     const std::string lineText = o.lineText.empty() ? defaults.line : o.lineText;
@@ -152,8 +140,9 @@ int main(int argc, char **argv)
 
     // What is in force, since our defaults (9600 baud, even parity, port 8000) are
     // not what other Modbus tools assume.
-    out.plain(QStringLiteral("rtuplc-poll: driver %1 (%2 %3)")
-                  .arg(QString::fromStdString(api.path), defaults.name, api.getVersion()));
+    out.plain(QStringLiteral("%1: driver %2 (%3 %4)")
+                  .arg(QLatin1String(kProgram), QString::fromStdString(api.path), QString::fromStdString(defaults.name),
+                       api.getVersion()));
     out.plain(QStringLiteral("link: %1%2").arg(QString::fromStdString(link->describe()), linkNote));
     out.plain(QStringLiteral("line: %1, %2 bits a character%3; reply timeout: transmission time + %4 ms")
                   .arg(QString::fromStdString(rtusupport::formatSerialLine(line)))

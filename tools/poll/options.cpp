@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "rtuplc_support/modbus.h"
+#include "rtuplc_host/address.h"
 
 namespace rtupoll {
 
@@ -20,7 +20,8 @@ Items, in each area's own notation (X and Y are octal), optionally @STATION:
   Areas: X Y M SM S T C (bits), 32C CV TV Z SD D_D D_W (registers).
 
 Connection:
-  --tcp HOST[:PORT]      RTU frames over TCP, e.g. to a serial gateway (port: 8000)
+  --tcp HOST[:PORT]      RTU frames over TCP, e.g. to a serial gateway (port: 8000);
+                         an IPv6 address in brackets, e.g. [::1]:1502
   --serial DEVICE        a serial line or pseudo-terminal
   --line B,D,P,S         line settings, default 9600,8,EVEN,1 (from the driver); over
                          TCP they only set the reply timeout
@@ -29,19 +30,20 @@ Connection:
 
 Driver properties (property text id#localWrite#0#retries#gap, default 1#0#0#3#64):
   --station N            station of items without @N (default 1)
-  --retries N            attempts per frame before a request fails (default 3)
+  --retries N            attempts per frame before a request fails, 1..100 (default 3)
   --gap N                largest gap read across between items, and largest write in
                          registers (default 64, at most 123)
   --local-write          writes change only what the driver shows; nothing is sent
 
 Timing:
   --timeout MS           turnaround margin added to the transmission time of request
-                         and reply at the line speed (default 500); after a time-out
-                         the line is kept quiet this long (plus twice the longest
+                         and reply at the line speed, 1..600000 (default 500); after a
+                         time-out the line is kept quiet this long (plus twice the longest
                          response seen) before another request, so a late reply is
                          never taken for another request's
   --pause MS             pause between the end of one exchange and the next frame,
-                         for devices that need a rest between requests (default 0)
+                         for devices that need a rest between requests, 0..600000
+                         (default 0)
 
 Output (a line per value when first read and when it changes):
   --hex                  values in hexadecimal
@@ -75,6 +77,10 @@ Writes and recipes:
   --recipe-upload OUT.csv        read the recipe back into OUT.csv (same form);
                          after a download in the same run it is a round trip
 
+Other:
+  --version              print the version and exit
+  --help                 this text
+
 Exit codes:
   0  every request went through, every write was confirmed
   1  a request failed, a write was not confirmed, or a recipe transfer failed
@@ -93,11 +99,12 @@ Examples:
 
 namespace {
 
-constexpr int kMinStation = rtusupport::kBroadcastStation + 1;
-constexpr int kMaxStation = rtusupport::kHighestStation;
-constexpr int kMaxRetries = 100;
-constexpr int kMaxGap = rtusupport::kStandardMaxWriteRegisters; // also the largest write: one standard write frame
-constexpr int kMaxTimeoutMs = 600000;
+using namespace rtuhost;
+
+std::string range(long lo, long hi)
+{
+    return std::to_string(lo) + ".." + std::to_string(hi);
+}
 
 bool toLong(const std::string &s, long lo, long hi, long *out)
 {
@@ -130,6 +137,8 @@ bool parseOptions(int argc, char **argv, Options *o, std::string *error)
         long n = 0;
         if (a == "--help" || a == "-h") {
             o->help = true;
+        } else if (a == "--version") {
+            o->version = true;
         } else if (a == "--tcp" || a == "--serial") {
             if (linkGiven)
                 return fail("give one connection: --tcp or --serial");
@@ -142,15 +151,9 @@ bool parseOptions(int argc, char **argv, Options *o, std::string *error)
                 continue;
             }
             o->link = Options::Link::Tcp;
-            const size_t colon = v.rfind(':');
-            o->host = v.substr(0, colon);
-            if (colon != std::string::npos) {
-                if (!toLong(v.substr(colon + 1), 1, 65535, &n))
-                    return fail("--tcp: \"" + v.substr(colon + 1) + "\" is not a port 1..65535");
-                o->port = int(n);
-            }
-            if (o->host.empty())
-                return fail("--tcp needs a host, e.g. --tcp 127.0.0.1:8000");
+            if (!parseHostPort(v, &o->host, &o->port, -1)) // -1: the driver's port, once it is loaded
+                return fail("--tcp: \"" + v + "\" is not HOST[:PORT] with a port " + range(kLowestPort, kHighestPort) +
+                            ", e.g. 127.0.0.1:8000 or [::1]:8000");
         } else if (a == "--line") {
             if (!value())
                 return fail("--line needs e.g. 9600,8,EVEN,1");
@@ -160,27 +163,28 @@ bool parseOptions(int argc, char **argv, Options *o, std::string *error)
                 return fail("--driver needs a path");
             o->driverPath = v;
         } else if (a == "--station") {
-            if (!value() || !toLong(v, kMinStation, kMaxStation, &n))
-                return fail("--station takes a station 1..247");
+            if (!value() || !toLong(v, kLowestStation, kHighestStation, &n))
+                return fail("--station takes a station " + range(kLowestStation, kHighestStation));
             o->station = int(n);
         } else if (a == "--retries") {
-            if (!value() || !toLong(v, 1, kMaxRetries, &n))
-                return fail("--retries takes 1..100 attempts");
+            if (!value() || !toLong(v, kMinRetries, kMaxRetries, &n))
+                return fail("--retries takes " + range(kMinRetries, kMaxRetries) + " attempts");
             o->retries = int(n);
         } else if (a == "--gap") {
-            if (!value() || !toLong(v, 1, kMaxGap, &n))
-                return fail("--gap takes 1..123: it is also the largest write, and a write frame carries at most 123 "
-                            "registers");
+            if (!value() || !toLong(v, kMinGap, kMaxGap, &n))
+                return fail("--gap takes " + range(kMinGap, kMaxGap) +
+                            ": it is also the largest write, and a write frame carries at most " +
+                            std::to_string(kMaxGap) + " registers");
             o->gap = int(n);
         } else if (a == "--local-write") {
             o->localWrite = true;
         } else if (a == "--timeout") {
-            if (!value() || !toLong(v, 1, kMaxTimeoutMs, &n))
-                return fail("--timeout takes 1..600000 milliseconds");
+            if (!value() || !toLong(v, kMinTimeoutMs, kMaxTimeoutMs, &n))
+                return fail("--timeout takes " + range(kMinTimeoutMs, kMaxTimeoutMs) + " milliseconds");
             o->timeoutMs = int(n);
         } else if (a == "--pause") {
-            if (!value() || !toLong(v, 0, kMaxTimeoutMs, &n))
-                return fail("--pause takes 0..600000 milliseconds");
+            if (!value() || !toLong(v, kMinPauseMs, kMaxPauseMs, &n))
+                return fail("--pause takes " + range(kMinPauseMs, kMaxPauseMs) + " milliseconds");
             o->pauseMs = int(n);
         } else if (a == "--hex") {
             o->hex = true;
@@ -220,7 +224,7 @@ bool parseOptions(int argc, char **argv, Options *o, std::string *error)
             o->items << QString::fromStdString(a);
         }
     }
-    if (o->help)
+    if (o->help || o->version)
         return true;
     if (o->json && o->watch)
         return fail("--json and --watch exclude each other");

@@ -7,14 +7,9 @@
 
 #include <string>
 
-namespace rtupoll {
+#include "rtuplc_host/line_limits.h"
 
-// Exit codes, as --help documents them.
-constexpr int kExitOk = 0;
-constexpr int kExitFailed = 1;   // a request failed, a write was not confirmed, a recipe failed
-constexpr int kExitUsage = 2;    // bad options, items or files
-constexpr int kExitDriver = 3;   // the driver cannot be loaded or lacks functions
-constexpr int kExitLink = 4;     // the serial line or TCP connection cannot be opened
+namespace rtupoll {
 
 struct Options {
     enum class Link { BuiltIn, Tcp, Serial };
@@ -26,12 +21,12 @@ struct Options {
     std::string device;
     std::string lineText; // empty: the driver's default
 
-    int station = 1;
-    int retries = 3;
-    int gap = 64;
+    int station = rtuhost::kDefaultStation;
+    int retries = rtuhost::kDefaultRetries;
+    int gap = rtuhost::kDefaultGap;
     bool localWrite = false;
-    int timeoutMs = 500;
-    int pauseMs = 0;
+    int timeoutMs = rtuhost::kDefaultTimeoutMs;
+    int pauseMs = rtuhost::kDefaultPauseMs;
 
     bool hex = false;
     bool json = false;
@@ -47,6 +42,7 @@ struct Options {
     QString recipe, recipeDownload, recipeUpload;
 
     bool help = false;
+    bool version = false;
 };
 
 // False with a message for a bad command line.

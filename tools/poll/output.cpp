@@ -6,6 +6,8 @@
 
 #include <cstdio>
 
+#include "rtuplc_host/log.h"
+
 namespace rtupoll {
 
 namespace {
@@ -18,6 +20,13 @@ void put(FILE *f, const QString &line)
     fputs(line.toLocal8Bit().constData(), f);
     fputc('\n', f);
     fflush(f);
+}
+
+// What is not a value goes to standard error with the log helper's priority, so that
+// standard output holds the values alone.
+void say(rtuhost::LogPriority priority, const QString &line)
+{
+    rtuhost::logMessage(priority, line.toLocal8Bit().toStdString());
 }
 
 } // namespace
@@ -99,19 +108,19 @@ void Output::value(const Point &point, uint32_t v)
     }
 }
 
-void Output::failed(const QString &errorText, const QString &why)
+void Output::failed(const QString &block, const QString &driverText, const QString &why)
 {
-    const QString line = QStringLiteral("%1  failed %2: %3").arg(timeStamp(), errorText, why);
+    const QString line = QStringLiteral("%1  failed %2: %3").arg(timeStamp(), block, why);
     switch (mode_) {
     case Mode::Json:
-        put(stdout, QStringLiteral("{\"error\":%1,\"result\":2}").arg(jsonString(errorText)));
-        put(stderr, line);
+        put(stdout, QStringLiteral("{\"error\":%1,\"result\":2}").arg(jsonString(driverText)));
+        say(rtuhost::LogPriority::Warning, line);
         break;
     case Mode::Lines:
-        put(stderr, line);
+        say(rtuhost::LogPriority::Warning, line);
         break;
     case Mode::Watch:
-        note(QStringLiteral("failed %1: %2").arg(errorText, why));
+        note(QStringLiteral("failed %1: %2").arg(block, why));
         break;
     }
 }
@@ -126,7 +135,10 @@ void Output::note(const QString &text)
         dirty_ = true;
         return;
     }
-    put(mode_ == Mode::Json ? stderr : stdout, line);
+    if (mode_ == Mode::Json)
+        say(rtuhost::LogPriority::Notice, line);
+    else
+        put(stdout, line);
 }
 
 void Output::plain(const QString &text)
@@ -135,7 +147,10 @@ void Output::plain(const QString &text)
         header_.push_back(text); // settings: shown above the table
         return;
     }
-    put(mode_ == Mode::Json ? stderr : stdout, text);
+    if (mode_ == Mode::Json)
+        say(rtuhost::LogPriority::Info, text);
+    else
+        put(stdout, text);
 }
 
 void Output::refresh(const QString &status, bool force)

@@ -27,8 +27,9 @@ public:
 
     // A value shown for the first time or changed.
     void value(const Point &point, uint32_t v);
-    // A request that failed: the driver's description and why.
-    void failed(const QString &errorText, const QString &why);
+    // A request that failed: the block as items are written ("D_W:100..109@1") for
+    // people, the driver's description ("1#D_W100(10)") for JSON, and why.
+    void failed(const QString &block, const QString &driverText, const QString &why);
     // Anything else worth a line: writes, recipes.
     void note(const QString &text);
     // Lines without a time stamp: settings at start, the summary at the end.

@@ -1,6 +1,6 @@
 #include "report.h"
 
-#include <cstdio>
+#include "rtuplc_host/log.h"
 
 namespace rtupoll {
 
@@ -22,7 +22,7 @@ void Report::blockRead(const FRAME_PRO &frame)
 
 void Report::requestFailed(const FRAME_PRO &frame, const rtuhost::Failure &failure)
 {
-    out_.failed(failure.driverText, failure.why);
+    out_.failed(failure.block, failure.driverText, failure.why);
     if (csv_ && frame.reqKind == RTUPLC_KIND_MONITOR_READ)
         logQuality(frame, false);
 }
@@ -51,7 +51,10 @@ void Report::logRow(const Point &point, const Logged &now)
     // Said once when the log fails, and once when it works again: the polling goes on.
     if (ok == csvFailing_) {
         csvFailing_ = !ok;
-        std::fprintf(stderr, ok ? "rtuplc-poll: the CSV log is written again\n" : "rtuplc-poll: %s\n", error.c_str());
+        if (ok)
+            rtuhost::logNotice("the CSV log is written again");
+        else
+            rtuhost::logError("%s", error.c_str());
     }
 }
 
@@ -103,12 +106,8 @@ void Report::exchanged(const FRAME_PRO &f, const rtuhost::Exchange &x)
 {
     if (!verbose_)
         return;
-    for (const rtuhost::Dropped &d : x.dropped)
-        std::fprintf(stderr, "dropped %s (%s)\n", qPrintable(rtuhost::hexBytes(d.bytes.data(), d.bytes.size())),
-                     rtuhost::dropReasonText(d.reason));
-    std::fprintf(stderr, "tx %s%s\nrx %s\n", qPrintable(rtuhost::hexBytes(f.frame, size_t(f.frameLen))),
-                 x.sent ? "" : " (not sent again: a late answer to the same request came first)",
-                 qPrintable(rtuhost::hexBytes(x.reply.data(), x.reply.size())));
+    for (const std::string &line : rtuhost::traceLines(f, x))
+        rtuhost::logMessage(rtuhost::LogPriority::Debug, line);
 }
 
 void Report::progress(const rtuhost::Stats &stats)

@@ -12,9 +12,19 @@
 #include <thread>
 #include <vector>
 
+#include "rtuplc_host/line_limits.h"
+#include "rtuplc_host/log.h"
+#include "rtuplc_host/program.h"
 #include "rtuplc_support/simulator.h"
 
 namespace {
+
+using rtuhost::kHighestStation;
+using rtuhost::kLowestStation;
+
+const char kProgram[] = "rtuplc-sim";
+// The simulator's own status for an endpoint it cannot open; 0 and 2 are the hosts'.
+constexpr int kExitEndpoint = 1;
 
 const char kUsage[] = R"(Usage: rtuplc-sim [OPTIONS]
 
@@ -80,6 +90,7 @@ Output:
   --dump                print the memory that differs from the fill when stopping
                         (SIGUSR1 prints it at any time)
   --verbose             print every frame received and sent
+  --version             print the version and exit
   --help
 
 Examples:
@@ -90,8 +101,15 @@ Examples:
 
 int usageError(const std::string &message)
 {
-    std::cerr << "rtuplc-sim: " << message << "\n(rtuplc-sim --help lists the options)\n";
-    return 2;
+    rtuhost::logError("%s", message.c_str());
+    rtuhost::logError("(%s --help lists the options)", kProgram);
+    return rtuhost::kExitUsage;
+}
+
+int endpointError(const std::string &message)
+{
+    rtuhost::logError("%s", message.c_str());
+    return kExitEndpoint;
 }
 
 bool parseProbability(const std::string &text, double *out)
@@ -158,8 +176,14 @@ int parse(int argc, char **argv, Options &o)
         long n = 0;
         if (a == "--help" || a == "-h") {
             std::cout << kUsage;
-            return 0;
+            return rtuhost::kExitOk;
+        } else if (a == "--version") {
+            std::cout << rtuhost::versionLine(kProgram) << '\n';
+            return rtuhost::kExitOk;
         } else if (a == "--tcp") {
+            // The listening side: [HOST:]PORT, a bare number being the port and 0 a free
+            // one, on IPv4 only; the hosts' HOST[:PORT] (rtuplc_host/address.h) is where
+            // they connect to.
             if (!value(&v))
                 return usageError("--tcp needs [HOST:]PORT");
             TcpEndpoint t;
@@ -191,8 +215,9 @@ int parse(int argc, char **argv, Options &o)
             o.stations.clear();
             std::stringstream in(v);
             for (std::string s; std::getline(in, s, ',');) {
-                if (!parseInt(s, 1, rtusupport::kHighestStation, &n))
-                    return usageError("--station: \"" + s + "\" is not a station 1..247");
+                if (!parseInt(s, kLowestStation, kHighestStation, &n))
+                    return usageError("--station: \"" + s + "\" is not a station " + std::to_string(kLowestStation) +
+                                      ".." + std::to_string(kHighestStation));
                 o.stations.push_back(int(n));
             }
         } else if (a == "--fill") {
@@ -254,7 +279,7 @@ bool parseStations(const std::string &text, std::vector<int> *out)
     std::stringstream in(text);
     long n = 0;
     for (std::string s; std::getline(in, s, ',');) {
-        if (!parseInt(s, 1, rtusupport::kHighestStation, &n))
+        if (!parseInt(s, kLowestStation, kHighestStation, &n))
             return false;
         out->push_back(int(n));
     }
@@ -285,7 +310,7 @@ std::string control(rtusupport::Simulator &sim, const std::string &line)
         }
         return true;
     };
-    const long station = rtusupport::kHighestStation;
+    const long station = kHighestStation;
     try {
         if (c == "stations") {
             std::vector<int> stations;
@@ -361,18 +386,20 @@ void controlLoop(ControlGate *gate)
 
 void printCounters(const rtusupport::Counters &c)
 {
-    std::cerr << "rtuplc-sim: " << c.requests << " requests, " << c.replies << " replies, " << c.exceptions
-              << " exceptions, " << c.writes << " writes, " << c.broadcasts << " broadcasts, " << c.otherStations
-              << " for other stations, " << c.dropped << " dropped, " << c.corrupted << " corrupted, "
-              << c.discarded << " bad frames, " << c.late << " late, " << c.doubled << " doubled, " << c.foreign
-              << " foreign, " << c.noise << " with noise, " << c.split << " split, " << c.wrongFunction
-              << " of another function\n";
+    std::ostringstream text;
+    text << c.requests << " requests, " << c.replies << " replies, " << c.exceptions << " exceptions, " << c.writes
+         << " writes, " << c.broadcasts << " broadcasts, " << c.otherStations << " for other stations, " << c.dropped
+         << " dropped, " << c.corrupted << " corrupted, " << c.discarded << " bad frames, " << c.late << " late, "
+         << c.doubled << " doubled, " << c.foreign << " foreign, " << c.noise << " with noise, " << c.split
+         << " split, " << c.wrongFunction << " of another function";
+    rtuhost::logNotice("%s", text.str().c_str());
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
+    rtuhost::setLogProgram(kProgram);
     Options o;
     if (const int code = parse(argc, argv, o); code >= 0)
         return code;
@@ -402,36 +429,28 @@ int main(int argc, char **argv)
     if (o.seeded)
         sim.setSeed(o.seed);
     if (o.verbose)
-        sim.setLog([](const std::string &line) { std::cerr << line << '\n'; });
+        sim.setLog([](const std::string &line) { rtuhost::logMessage(rtuhost::LogPriority::Debug, line); });
 
     std::string error;
     for (const TcpEndpoint &t : o.tcp) {
-        if (!sim.startTcp(t.host, t.port, &error)) {
-            std::cerr << "rtuplc-sim: " << error << '\n';
-            return 1;
-        }
+        if (!sim.startTcp(t.host, t.port, &error))
+            return endpointError(error);
         std::cout << "rtuplc-sim: serving tcp " << t.host << ':' << sim.tcpPort() << std::endl;
     }
     if (o.pty) {
-        if (!sim.startPty(&error)) {
-            std::cerr << "rtuplc-sim: " << error << '\n';
-            return 1;
-        }
+        if (!sim.startPty(&error))
+            return endpointError(error);
         if (!o.ptyLink.empty()) {
             ::unlink(o.ptyLink.c_str());
-            if (::symlink(sim.ptyPath().c_str(), o.ptyLink.c_str()) != 0) {
-                std::cerr << "rtuplc-sim: cannot link " << o.ptyLink << ": " << std::strerror(errno) << '\n';
-                return 1;
-            }
+            if (::symlink(sim.ptyPath().c_str(), o.ptyLink.c_str()) != 0)
+                return endpointError("cannot link " + o.ptyLink + ": " + std::strerror(errno));
         }
         std::cout << "rtuplc-sim: serving pty " << sim.ptyPath()
                   << (o.ptyLink.empty() ? "" : " (linked from " + o.ptyLink + ")") << std::endl;
     }
     if (!o.serial.empty()) {
-        if (!sim.startSerial(o.serial, o.line, &error)) {
-            std::cerr << "rtuplc-sim: " << error << '\n';
-            return 1;
-        }
+        if (!sim.startSerial(o.serial, o.line, &error))
+            return endpointError(error);
         std::cout << "rtuplc-sim: serving serial " << o.serial << ' ' << rtusupport::formatSerialLine(o.line)
                   << std::endl;
     }
@@ -465,5 +484,5 @@ int main(int argc, char **argv)
     if (o.dump)
         std::cout << sim.dump() << "-- end of dump" << std::endl;
     printCounters(sim.counters());
-    return 0;
+    return rtuhost::kExitOk;
 }

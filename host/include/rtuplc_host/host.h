@@ -18,12 +18,14 @@
 #include <functional>
 #include <map>
 #include <set>
+#include <string>
 #include <tuple>
 #include <unordered_map>
 #include <vector>
 
 #include "driver_location.h"
 #include "items.h"
+#include "line_limits.h"
 #include "link.h"
 #include "recipe.h"
 
@@ -37,12 +39,12 @@ static_assert(kHostMemoryBytes >= size_t(RTUPLC_HOST_MEMORY_BYTES), "the driver'
 struct HostSettings {
     int driverId = 1;
     int localWriteMode = 0;
-    int retries = 3;
-    int gap = 64;
+    int retries = kDefaultRetries;
+    int gap = kDefaultGap;
     rtusupport::SerialLine line;         // for the timing of every exchange
     bool serial = false;             // keeps the silent interval
-    std::chrono::milliseconds margin{500};
-    std::chrono::milliseconds pause{0}; // between the end of one exchange and the next frame
+    std::chrono::milliseconds margin{kDefaultTimeoutMs};
+    std::chrono::milliseconds pause{kDefaultPauseMs}; // between the end of one exchange and the next frame
     bool once = false;
     long count = 0;                  // passes over every block; 0: no bound
     std::chrono::milliseconds duration{0};
@@ -69,6 +71,19 @@ struct Stats {
     QString lateAdvice(std::chrono::milliseconds margin) const;
 };
 
+// The pace of the polling since the last look, for a status line or a statistics message
+// told now and then: polls done since the previous call over the time since (since the
+// meter was made, at the first call).
+class PollRate {
+public:
+    explicit PollRate(Clock::time_point start = Clock::now()) : since_(start) {}
+    double perSecond(const Stats &stats, Clock::time_point now = Clock::now());
+
+private:
+    uint64_t polls_ = 0;
+    Clock::time_point since_;
+};
+
 // Why a request failed after its retries.
 struct Failure {
     enum class Kind {
@@ -79,7 +94,8 @@ struct Failure {
     };
     Kind kind = Kind::NoReply;
     uint8_t exception = 0;           // the exception code, for Exception
-    QString driverText;              // the driver's description of the request
+    QString driverText;              // the driver's description of the request: "9#D_W0(4)"
+    QString block;                   // the block as the user writes items: "D_W:0..3@9"
     QString why;                     // for people: what happened, after how many attempts
 };
 
@@ -205,6 +221,7 @@ private:
     bool covers(const FRAME_PRO &f, const Point &p) const;
     Failure whyFailed(const FRAME_PRO &f, const Exchange &x, std::chrono::microseconds timeout,
                       const QString &driverText) const;
+    QString blockOf(const FRAME_PRO &f, const QString &driverText) const;
 
     bool writesSettled() const;
     void countPass(const FRAME_PRO &f);
@@ -214,6 +231,7 @@ private:
     void finishUpload();
 
     const DriverApi &api_;
+    const Catalogue catalogue_;      // to name a failed block in the areas' notation
     Link &link_;
     HostEvents &events_;
     HostSettings settings_;
@@ -265,6 +283,13 @@ private:
 // Text for people.
 const char *dropReasonText(DropReason r);
 QString hexBytes(const uint8_t *b, size_t n);
+
+// The frame trace both hosts print under --verbose (HostEvents::exchanged), a line
+// each: "dropped HEX (why)" for every reply set aside, then "tx HEX" for the frame
+// (noting when it was not sent again because a late answer to it came first) and
+// "rx HEX" for the reply taken, empty after "rx" when none came. The simulator traces
+// its side in the same words.
+std::vector<std::string> traceLines(const FRAME_PRO &frame, const Exchange &exchange);
 
 } // namespace rtuhost
 

@@ -74,6 +74,11 @@ struct Item {
     KEY_ADDRESS key() const;
 };
 
+// A run of `units` (bits, or 16-bit registers, as the driver counts a block) of `area`
+// from `start` at `station`, written as items are: "D_W:0..3@9", "X:0..17@1" (octal),
+// "D_D:200..202@1" (the values at 200 and 202), one value alone as "D_W:5@2".
+QString blockText(const Area &area, int station, int start, int units);
+
 // Reads "AREA:FIRST[..LAST][@STATION]". False with a message naming the problem.
 // Station 0, the broadcast, only when `broadcast` allows it: nobody answers a read.
 bool parseItem(const QString &text, int defaultStation, const Catalogue &catalogue, const DriverApi &api,

@@ -5,8 +5,8 @@
 //
 // Everything runs on the poll loop's thread except will(), which the broker client may
 // call from its own before each connection attempt.
-#ifndef RTUPLC_GATEWAY_SPARKPLUG_H
-#define RTUPLC_GATEWAY_SPARKPLUG_H
+#ifndef RTUPLC_GATEWAY_DIALECT_SPARKPLUG_H
+#define RTUPLC_GATEWAY_DIALECT_SPARKPLUG_H
 
 #include <atomic>
 #include <chrono>
@@ -16,8 +16,7 @@
 #include <utility>
 #include <vector>
 
-#include "model.h"
-#include "mqtt_client.h"
+#include "dialect.h"
 
 namespace org::eclipse::tahu::protobuf {
 class Payload;
@@ -32,22 +31,30 @@ enum class SparkplugType : uint32_t { Int32 = 3, UInt16 = 6, UInt32 = 7, UInt64 
 constexpr int32_t kQualityBad = 0;
 constexpr int32_t kQualityGood = 192;
 
-class SparkplugNode : public Sink {
+class SparkplugNode : public Dialect {
 public:
-    SparkplugNode(Model &model, MqttClient &mqtt);
+    explicit SparkplugNode(Model &model);
 
+    // A node is born afresh on every connection: commands queued for an older one mean
+    // nothing to it, so the broker keeps no session.
+    void shapeSession(MqttSettings *settings) const override;
+    // The subscriptions, and will() as the will of every connection.
+    void bind(Broker &broker) override;
     // The death certificate of the connection about to be made: a new bdSeq for each
     // connection, so that a host pairs each death with the birth it ends.
     Message will();
-    void subscribe();
     // A clean stop: the death certificate, since the broker sends no will then.
-    std::vector<Message> farewell() const;
-    std::string brokerState() const { return brokerState_; }
-    bool brokerUp() const { return connected_; }
+    std::vector<Message> farewell() const override;
+    std::string where() const override;
+    std::string planLine(const Point &p, bool writable) const override;
 
     void pointChanged(size_t index) override;
     void stationChanged(int station) override;
     void tick() override;
+
+    void connected(bool sessionPresent) override;
+    void lost() override;
+    bool message(const Message &m) override;
 
     std::string deviceName(int station) const;
     // "spBv1.0/GROUP/TYPE/NODE[/DEVICE]"
@@ -62,9 +69,6 @@ private:
         std::vector<size_t> changed;  // since the last DDATA
     };
 
-    void onConnected();
-    void onLost();
-    void onMessage(const Message &m);
     void onHostState(const std::string &payload);
     void handleDeviceCommand(Device &device, const std::string &payload);
     bool birthAllowed() const { return connected_ && hostOnline_; }
@@ -79,7 +83,8 @@ private:
     uint64_t nextSeq();
 
     Model &model_;
-    MqttClient &mqtt_;
+    Broker *broker_ = nullptr;
+    MqttClient *mqtt_ = nullptr;
     std::string group_, node_, primaryHost_;
     std::map<int, Device> devices_;        // by station
     std::map<std::string, int> byName_;    // device name to station
@@ -93,7 +98,6 @@ private:
     bool hostOnline_ = true;               // no primary host: always
     double hostStateStamp_ = 0;            // of the newest host state seen, ms
     bool nodeBorn_ = false;
-    std::string brokerState_ = "connecting";
     std::map<std::string, uint64_t> sentStats_; // node metrics as hosts last saw them
     std::chrono::steady_clock::time_point lastStats_{};
 };

@@ -1,4 +1,4 @@
-#include "mqtt_client.h"
+#include "mqtt_paho.h"
 
 #include <MQTTAsync.h>
 
@@ -162,7 +162,7 @@ std::string propertyText(MQTTProperties *properties, MQTTPropertyCodes code)
 
 } // namespace
 
-struct MqttClient::Impl {
+struct PahoMqttClient::Impl {
     explicit Impl(const MqttSettings &settings)
         : s(settings), where(settings.host + ":" + std::to_string(settings.port)),
           outbox(settings.buffer)
@@ -257,7 +257,7 @@ struct MqttClient::Impl {
     static std::atomic<Impl *> tracing;
 };
 
-bool MqttClient::Impl::create(std::string *error)
+bool PahoMqttClient::Impl::create(std::string *error)
 {
     const std::string uri = std::string(s.tls ? "ssl://" : "tcp://") + s.host + ":" + std::to_string(s.port);
     MQTTAsync_createOptions options = MQTTAsync_createOptions_initializer5;
@@ -296,7 +296,7 @@ bool MqttClient::Impl::create(std::string *error)
     return true;
 }
 
-void MqttClient::Impl::setWill()
+void PahoMqttClient::Impl::setWill()
 {
     will.topicName = willMessage.topic.c_str();
     will.payload.data = willMessage.payload.data();
@@ -305,7 +305,7 @@ void MqttClient::Impl::setWill()
     will.retained = willMessage.retain ? 1 : 0;
 }
 
-void MqttClient::Impl::connect()
+void PahoMqttClient::Impl::connect()
 {
     if (willProvider) {
         willMessage = willProvider();
@@ -347,7 +347,7 @@ void MqttClient::Impl::connect()
     }
 }
 
-void MqttClient::Impl::subscribeAll()
+void PahoMqttClient::Impl::subscribeAll()
 {
     std::vector<std::string> copies;
     {
@@ -364,7 +364,7 @@ void MqttClient::Impl::subscribeAll()
     MQTTAsync_subscribeMany(client, int(topics.size()), topics.data(), qos.data(), &options);
 }
 
-bool MqttClient::Impl::send(const Message &m)
+bool PahoMqttClient::Impl::send(const Message &m)
 {
     MQTTAsync_message message = MQTTAsync_message_initializer;
     message.payload = const_cast<char *>(m.payload.data());
@@ -393,7 +393,7 @@ bool MqttClient::Impl::send(const Message &m)
     return true;
 }
 
-bool MqttClient::Impl::roomInPaho()
+bool PahoMqttClient::Impl::roomInPaho()
 {
     if (inPaho.load() < window.load()) {
         windowFullSince = {};
@@ -409,7 +409,7 @@ bool MqttClient::Impl::roomInPaho()
     return false;
 }
 
-long MqttClient::Impl::pahoPending()
+long PahoMqttClient::Impl::pahoPending()
 {
     MQTTAsync_token *tokens = nullptr;
     long n = 0;
@@ -421,7 +421,7 @@ long MqttClient::Impl::pahoPending()
     return n;
 }
 
-void MqttClient::Impl::markDown(const std::string &why)
+void PahoMqttClient::Impl::markDown(const std::string &why)
 {
     // Paho may tell of one drop twice (the broker's DISCONNECT, then the lost socket).
     if (!up.exchange(false))
@@ -432,7 +432,7 @@ void MqttClient::Impl::markDown(const std::string &why)
     event(MqttEvent{MqttEvent::Type::Lost, false, why});
 }
 
-std::string MqttClient::Impl::failureText(const MQTTAsync_failureData5 *data)
+std::string PahoMqttClient::Impl::failureText(const MQTTAsync_failureData5 *data)
 {
     // A refused CONNACK arrives as its reason code in `code`; some versions put it in
     // reasonCode instead.
@@ -459,7 +459,7 @@ std::string MqttClient::Impl::failureText(const MQTTAsync_failureData5 *data)
     return "the broker at " + where + " closed the connection before answering; if it is a TLS port, use mqtts://";
 }
 
-std::string MqttClient::Impl::handshakeText()
+std::string PahoMqttClient::Impl::handshakeText()
 {
     std::lock_guard<std::mutex> lock(mu);
     // TLS 1.3 lets the client finish its side before the broker checks our certificate, so
@@ -475,9 +475,9 @@ std::string MqttClient::Impl::handshakeText()
     return "it did not complete";
 }
 
-std::atomic<MqttClient::Impl *> MqttClient::Impl::tracing{nullptr};
+std::atomic<PahoMqttClient::Impl *> PahoMqttClient::Impl::tracing{nullptr};
 
-void MqttClient::Impl::traceHandshake(bool on)
+void PahoMqttClient::Impl::traceHandshake(bool on)
 {
     // Only while connecting: traced at this level, every message sent would be formatted.
     if (on) {
@@ -490,7 +490,7 @@ void MqttClient::Impl::traceHandshake(bool on)
     }
 }
 
-void MqttClient::Impl::onTrace(MQTTASYNC_TRACE_LEVELS, char *message)
+void PahoMqttClient::Impl::onTrace(MQTTASYNC_TRACE_LEVELS, char *message)
 {
     Impl *self = tracing.load();
     if (!self || !message)
@@ -510,7 +510,7 @@ void MqttClient::Impl::onTrace(MQTTASYNC_TRACE_LEVELS, char *message)
         h.connectSent = true;
 }
 
-void MqttClient::Impl::onConnected(void *context, MQTTAsync_successData5 *data)
+void PahoMqttClient::Impl::onConnected(void *context, MQTTAsync_successData5 *data)
 {
     Impl *self = static_cast<Impl *>(context);
     self->traceHandshake(false);
@@ -535,7 +535,7 @@ void MqttClient::Impl::onConnected(void *context, MQTTAsync_successData5 *data)
     self->boxCv.notify_one(); // what is held goes now
 }
 
-void MqttClient::Impl::onConnectFailed(void *context, MQTTAsync_failureData5 *data)
+void PahoMqttClient::Impl::onConnectFailed(void *context, MQTTAsync_failureData5 *data)
 {
     Impl *self = static_cast<Impl *>(context);
     const std::string text = self->failureText(data);
@@ -549,7 +549,7 @@ void MqttClient::Impl::onConnectFailed(void *context, MQTTAsync_failureData5 *da
     self->lastFailure = text;
 }
 
-void MqttClient::Impl::onLost(void *context, char *cause)
+void PahoMqttClient::Impl::onLost(void *context, char *cause)
 {
     Impl *self = static_cast<Impl *>(context);
     std::string why;
@@ -562,7 +562,7 @@ void MqttClient::Impl::onLost(void *context, char *cause)
     self->markDown(why);
 }
 
-void MqttClient::Impl::onDisconnected(void *context, MQTTProperties *, MQTTReasonCodes reason)
+void PahoMqttClient::Impl::onDisconnected(void *context, MQTTProperties *, MQTTReasonCodes reason)
 {
     Impl *self = static_cast<Impl *>(context);
     const std::string why = "the broker disconnected us: " + lower(MQTTReasonCode_toString(reason));
@@ -573,7 +573,7 @@ void MqttClient::Impl::onDisconnected(void *context, MQTTProperties *, MQTTReaso
     self->markDown(why);
 }
 
-int MqttClient::Impl::onMessage(void *context, char *topic, int topicLength, MQTTAsync_message *message)
+int PahoMqttClient::Impl::onMessage(void *context, char *topic, int topicLength, MQTTAsync_message *message)
 {
     Impl *self = static_cast<Impl *>(context);
     Message m;
@@ -590,7 +590,7 @@ int MqttClient::Impl::onMessage(void *context, char *topic, int topicLength, MQT
     return 1;
 }
 
-void MqttClient::Impl::onSent(void *context, MQTTAsync_successData5 *)
+void PahoMqttClient::Impl::onSent(void *context, MQTTAsync_successData5 *)
 {
     Impl *self = static_cast<Impl *>(context);
     // No lock here: Paho may hold its own while it calls us, and the sender calls Paho.
@@ -599,14 +599,14 @@ void MqttClient::Impl::onSent(void *context, MQTTAsync_successData5 *)
     self->published.fetch_add(1, std::memory_order_relaxed);
 }
 
-void MqttClient::Impl::onNotSent(void *context, MQTTAsync_failureData5 *)
+void PahoMqttClient::Impl::onNotSent(void *context, MQTTAsync_failureData5 *)
 {
     Impl *self = static_cast<Impl *>(context);
     if (self->inPaho.fetch_sub(1) >= self->window.load())
         self->boxCv.notify_one();
 }
 
-int MqttClient::Impl::onTlsError(const char *text, size_t length, void *context)
+int PahoMqttClient::Impl::onTlsError(const char *text, size_t length, void *context)
 {
     Impl *self = static_cast<Impl *>(context);
     std::lock_guard<std::mutex> lock(self->mu);
@@ -616,9 +616,9 @@ int MqttClient::Impl::onTlsError(const char *text, size_t length, void *context)
     return 1;
 }
 
-MqttClient::MqttClient(const MqttSettings &settings) : impl_(new Impl(settings)) {}
+PahoMqttClient::PahoMqttClient(const MqttSettings &settings) : impl_(new Impl(settings)) {}
 
-MqttClient::~MqttClient()
+PahoMqttClient::~PahoMqttClient()
 {
     impl_->stopSender();
     impl_->traceHandshake(false);
@@ -627,7 +627,7 @@ MqttClient::~MqttClient()
     MQTTProperties_free(&impl_->connectProperties);
 }
 
-bool MqttClient::start(std::string *error)
+bool PahoMqttClient::start(std::string *error)
 {
     Impl &d = *impl_;
     if (d.client) {
@@ -649,18 +649,18 @@ bool MqttClient::start(std::string *error)
     return true;
 }
 
-void MqttClient::setWillProvider(std::function<Message()> provider)
+void PahoMqttClient::setWillProvider(std::function<Message()> provider)
 {
     impl_->willProvider = std::move(provider);
 }
 
-void MqttClient::setFormatter(ValueFormatter formatter)
+void PahoMqttClient::setFormatter(ValueFormatter formatter)
 {
     std::lock_guard<std::mutex> lock(impl_->boxMu);
     impl_->outbox.setFormatter(std::move(formatter));
 }
 
-void MqttClient::subscribe(const std::string &filter)
+void PahoMqttClient::subscribe(const std::string &filter)
 {
     {
         std::lock_guard<std::mutex> lock(impl_->mu);
@@ -674,18 +674,18 @@ void MqttClient::subscribe(const std::string &filter)
     }
 }
 
-void MqttClient::publish(Message m, Outbox::Kind kind)
+void PahoMqttClient::publish(Message m, Outbox::Kind kind)
 {
     Impl &d = *impl_;
     d.stagedMessages.emplace_back(d.stagedValues.size(), std::make_pair(std::move(m), kind));
 }
 
-void MqttClient::publishValue(ValueUpdate v)
+void PahoMqttClient::publishValue(ValueUpdate v)
 {
     impl_->stagedValues.push_back(std::move(v));
 }
 
-void MqttClient::Impl::flush()
+void PahoMqttClient::Impl::flush()
 {
     if (stagedValues.empty() && stagedMessages.empty())
         return;
@@ -710,7 +710,7 @@ void MqttClient::Impl::flush()
     boxCv.notify_one();
 }
 
-void MqttClient::Impl::sendLoop()
+void PahoMqttClient::Impl::sendLoop()
 {
     std::vector<Outbox::Held> taken;
     std::vector<Message> batch;
@@ -754,7 +754,7 @@ void MqttClient::Impl::sendLoop()
     }
 }
 
-void MqttClient::Impl::stopSender()
+void PahoMqttClient::Impl::stopSender()
 {
     {
         std::lock_guard<std::mutex> lock(boxMu);
@@ -765,7 +765,7 @@ void MqttClient::Impl::stopSender()
         sender.join();
 }
 
-void MqttClient::pump()
+void PahoMqttClient::pump()
 {
     Impl &d = *impl_;
     if (!d.client)
@@ -782,7 +782,7 @@ void MqttClient::pump()
     }
 }
 
-std::vector<Message> MqttClient::takeIncoming()
+std::vector<Message> PahoMqttClient::takeIncoming()
 {
     std::vector<Message> out;
     std::lock_guard<std::mutex> lock(impl_->mu);
@@ -790,7 +790,7 @@ std::vector<Message> MqttClient::takeIncoming()
     return out;
 }
 
-std::vector<MqttEvent> MqttClient::takeEvents()
+std::vector<MqttEvent> PahoMqttClient::takeEvents()
 {
     std::vector<MqttEvent> out;
     std::lock_guard<std::mutex> lock(impl_->mu);
@@ -798,9 +798,9 @@ std::vector<MqttEvent> MqttClient::takeEvents()
     return out;
 }
 
-bool MqttClient::connected() const { return impl_->up; }
+bool PahoMqttClient::connected() const { return impl_->up; }
 
-MqttStats MqttClient::stats() const
+MqttStats PahoMqttClient::stats() const
 {
     Impl &d = *impl_;
     MqttStats st;
@@ -811,7 +811,7 @@ MqttStats MqttClient::stats() const
     return st;
 }
 
-void MqttClient::reconnect(const std::vector<Message> &last, std::chrono::milliseconds timeout)
+void PahoMqttClient::reconnect(const std::vector<Message> &last, std::chrono::milliseconds timeout)
 {
     Impl &d = *impl_;
     if (!d.client)
@@ -822,7 +822,7 @@ void MqttClient::reconnect(const std::vector<Message> &last, std::chrono::millis
     d.nextAttempt = Clock::now(); // the next pump() connects
 }
 
-void MqttClient::stop(const std::vector<Message> &last, std::chrono::milliseconds timeout)
+void PahoMqttClient::stop(const std::vector<Message> &last, std::chrono::milliseconds timeout)
 {
     Impl &d = *impl_;
     if (!d.client)
@@ -833,7 +833,7 @@ void MqttClient::stop(const std::vector<Message> &last, std::chrono::millisecond
     d.client = nullptr;
 }
 
-void MqttClient::disconnect(const std::vector<Message> &last, std::chrono::milliseconds timeout)
+void PahoMqttClient::disconnect(const std::vector<Message> &last, std::chrono::milliseconds timeout)
 {
     Impl &d = *impl_;
     const Clock::time_point deadline = Clock::now() + timeout;
@@ -868,6 +868,13 @@ void MqttClient::disconnect(const std::vector<Message> &last, std::chrono::milli
         }
     }
     d.up = false;
+}
+
+MqttClient::~MqttClient() = default;
+
+std::unique_ptr<MqttClient> makeMqttClient(const MqttSettings &settings)
+{
+    return std::make_unique<PahoMqttClient>(settings);
 }
 
 } // namespace rtugw

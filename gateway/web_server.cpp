@@ -1,11 +1,10 @@
-#include "web.h"
+#include "web_server.h"
 
 #include <httplib.h>
 
-#include <cstdio>
-
 #include "metrics.h"
-#include "plain_topics.h"
+#include "payload.h"
+#include "rtuplc_host/log.h"
 
 namespace rtugw {
 
@@ -22,7 +21,6 @@ constexpr std::chrono::milliseconds kEventInterval{100};
 constexpr std::chrono::milliseconds kKeepAlive{15000};
 // The line's figures are copied for the page a few times a second, not every exchange.
 constexpr std::chrono::milliseconds kFiguresInterval{250};
-constexpr std::chrono::seconds kRateWindow{1};
 // A write waits behind the exchange in progress and its retries; past this, the
 // request is answered with a time-out (the write may still land).
 constexpr std::chrono::seconds kWriteTimeout{10};
@@ -41,7 +39,7 @@ std::string pathFrom(const httplib::Request &req)
 void refuse(httplib::Response &res, int status, const std::string &why)
 {
     res.status = status;
-    res.set_content(PlainTopics::answerPayload("null", WriteAnswer{false, true, 0, why}), kJson);
+    res.set_content(answerJson("null", WriteAnswer{false, true, 0, why}), kJson);
 }
 
 } // namespace
@@ -71,8 +69,8 @@ bool WebPage::checkConfig(const Config &c, std::string *error)
     return false;
 }
 
-WebPage::WebPage(Model &model, MqttClient &mqtt, std::function<BrokerStatus()> broker)
-    : model_(model), mqtt_(mqtt), broker_(std::move(broker)),
+WebPage::WebPage(Model &model, const Broker &broker)
+    : model_(model), broker_(broker),
       state_(model, std::chrono::minutes(model.config().http.historyMinutes)),
       server_(std::make_unique<httplib::Server>())
 {
@@ -138,7 +136,7 @@ void WebPage::routes()
             res.set_header("WWW-Authenticate", "Bearer realm=\"rtuplc-gateway\"");
             return refuse(res, kUnauthorized, "writing needs the gateway's token (Authorization: Bearer ...)");
         }
-        const PlainTopics::Request request = PlainTopics::parseRequest(req.body);
+        const WriteRequestPayload request = parseWriteRequest(req.body);
         auto write = std::make_shared<PendingWrite>();
         write->path = pathFrom(req);
         write->value = request.value;
@@ -148,14 +146,14 @@ void WebPage::routes()
         std::unique_lock<std::mutex> g(write->lock);
         if (!write->settled.wait_for(g, kWriteTimeout, [&] { return write->done || stopping_; })) {
             res.status = kGatewayTimeout;
-            res.set_content(PlainTopics::answerPayload(
+            res.set_content(answerJson(
                                 write->idJson, WriteAnswer{false, false, 0, "no answer within " + std::to_string(kWriteTimeout.count()) + " s; it may still land"}),
                             kJson);
             return;
         }
         const WriteAnswer &a = write->answer;
         res.status = a.ok ? kOk : a.refused ? kBadRequest : kBadGateway;
-        res.set_content(PlainTopics::answerPayload(write->idJson, a), kJson);
+        res.set_content(answerJson(write->idJson, a), kJson);
     });
 }
 
@@ -168,8 +166,8 @@ bool WebPage::start(std::string *error)
         return false;
     }
     thread_ = std::thread([this] { server_->listen_after_bind(); });
-    std::fprintf(stderr, "rtuplc-gateway: the live page is at http://%s/ (%s)\n", h.listen.c_str(),
-                 h.token.empty() ? "read-only: no http.token-file" : "writes need the token");
+    rtuhost::logInfo("the live page is at http://%s/ (%s)", h.listen.c_str(),
+                     h.token.empty() ? "read-only: no http.token-file" : "writes need the token");
     return true;
 }
 
@@ -226,26 +224,18 @@ void WebPage::observeCycles()
 
 void WebPage::copyFigures()
 {
-    const auto now = std::chrono::steady_clock::now();
-    const rtuhost::Stats &h = model_.hostStats();
-    if (now - lastRate_ >= kRateWindow) {
-        pollsPerSecond_ = double(h.polls - pollsAtLastRate_) / std::chrono::duration<double>(now - lastRate_).count();
-        pollsAtLastRate_ = h.polls;
-        lastRate_ = now;
-    }
     WebFigures f;
-    f.host = h;
-    f.mqtt = mqtt_.stats();
+    f.host = model_.hostStats();
+    f.mqtt = broker_.client().stats();
     f.writes = model_.writes();
-    const BrokerStatus b = broker_ ? broker_() : BrokerStatus{mqtt_.connected(), mqtt_.connected() ? "connected" : "away"};
-    f.brokerUp = b.up;
-    f.brokerState = b.state;
+    f.brokerUp = broker_.up();
+    f.brokerState = broker_.state();
     for (const auto &[station, state] : model_.stations())
         f.lineUp = f.lineUp || state.online;
-    f.pollsPerSecond = pollsPerSecond_;
-    f.uptime = std::chrono::duration_cast<std::chrono::seconds>(now - started_).count();
+    f.pollsPerSecond = model_.pollsPerSecond();
+    f.uptime = model_.uptimeSeconds();
     f.cycle = cycle_;
-    f.statsJson = PlainTopics::statsJson(f.host, f.mqtt, f.writes, f.pollsPerSecond, f.uptime);
+    f.statsJson = statsJson(f.host, f.mqtt, f.writes, f.pollsPerSecond, f.uptime);
     state_.setFigures(std::move(f));
     state_.setReads(model_.blockReads());
 }

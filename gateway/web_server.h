@@ -1,18 +1,17 @@
 // The gateway's own web server: the live page, the JSON API under it and /metrics.
 // It answers on its own threads and reads only the WebState the poll loop fills; a
 // write from the page is queued for the loop and the request waits for its answer.
-#ifndef RTUPLC_GATEWAY_WEB_H
-#define RTUPLC_GATEWAY_WEB_H
+#ifndef RTUPLC_GATEWAY_WEB_SERVER_H
+#define RTUPLC_GATEWAY_WEB_SERVER_H
 
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
 
 #include "model.h"
-#include "mqtt_client.h"
+#include "broker.h"
 #include "web_state.h"
 
 namespace httplib {
@@ -21,14 +20,9 @@ class Server;
 
 namespace rtugw {
 
-struct BrokerStatus {
-    bool up = false;
-    std::string state;
-};
-
 class WebPage : public Sink {
 public:
-    WebPage(Model &model, MqttClient &mqtt, std::function<BrokerStatus()> broker);
+    WebPage(Model &model, const Broker &broker);
     ~WebPage() override;
 
     // The http section makes sense: anything but loopback needs a token. False with a
@@ -49,17 +43,12 @@ private:
     void copyFigures();
 
     Model &model_;
-    MqttClient &mqtt_;
-    std::function<BrokerStatus()> broker_;
+    const Broker &broker_;
     WebState state_;
     std::unique_ptr<httplib::Server> server_;
     std::thread thread_;
     std::atomic<bool> stopping_{false};
-    const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
     std::chrono::steady_clock::time_point lastFigures_{};
-    std::chrono::steady_clock::time_point lastRate_ = started_;
-    uint64_t pollsAtLastRate_ = 0;
-    double pollsPerSecond_ = 0;
     uint64_t finishedSeen_ = 0;
     std::chrono::microseconds cycleSeen_{0};
     CycleHistogram cycle_;

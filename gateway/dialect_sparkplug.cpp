@@ -1,9 +1,9 @@
-#include "sparkplug.h"
+#include "dialect_sparkplug.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
 
-#include <cstdio>
+#include "rtuplc_host/log.h"
 
 #include "sparkplug_b.pb.h"
 
@@ -115,8 +115,8 @@ std::string commandValue(const Payload::Metric &m)
 
 } // namespace
 
-SparkplugNode::SparkplugNode(Model &model, MqttClient &mqtt)
-    : model_(model), mqtt_(mqtt), group_(model.config().sparkplug.group),
+SparkplugNode::SparkplugNode(Model &model)
+    : model_(model), group_(model.config().sparkplug.group),
       node_(model.config().sparkplug.node.empty() ? model.config().name : model.config().sparkplug.node),
       primaryHost_(model.config().sparkplug.primaryHost), hostOnline_(primaryHost_.empty())
 {
@@ -172,12 +172,32 @@ Message SparkplugNode::will()
     return Message{topic("NDEATH"), serialized(p), kDeathQos, false, {}, {}};
 }
 
-void SparkplugNode::subscribe()
+void SparkplugNode::shapeSession(MqttSettings *settings) const
 {
-    mqtt_.subscribe(topic("NCMD"));
-    mqtt_.subscribe(topic("DCMD") + "/+");
+    settings->sessionExpiry = 0;
+}
+
+std::string SparkplugNode::where() const
+{
+    return "Sparkplug B node " + sparkplugNodeTopics(model_.config());
+}
+
+std::string SparkplugNode::planLine(const Point &p, bool writable) const
+{
+    const std::string path = pathOf(p);
+    return "device " + deviceName(p.station) + ", metric " + path.substr(path.find('/') + 1) +
+           (writable ? "  (writable: DCMD)" : "");
+}
+
+void SparkplugNode::bind(Broker &broker)
+{
+    broker_ = &broker;
+    mqtt_ = &broker.client();
+    mqtt_->setWillProvider([this] { return will(); });
+    mqtt_->subscribe(topic("NCMD"));
+    mqtt_->subscribe(topic("DCMD") + "/+");
     if (!primaryHost_.empty())
-        mqtt_.subscribe(std::string(kNamespace) + "/STATE/" + primaryHost_);
+        mqtt_->subscribe(std::string(kNamespace) + "/STATE/" + primaryHost_);
 }
 
 std::vector<Message> SparkplugNode::farewell() const
@@ -199,7 +219,7 @@ uint64_t SparkplugNode::nextSeq()
 
 void SparkplugNode::publish(const std::string &t, const std::string &payload, Outbox::Kind kind)
 {
-    mqtt_.publish(Message{t, payload, kDataQos, false, {}, {}}, kind);
+    mqtt_->publish(Message{t, payload, kDataQos, false, {}, {}}, kind);
 }
 
 void SparkplugNode::birthNode()
@@ -349,24 +369,22 @@ void SparkplugNode::flushData()
     }
 }
 
-void SparkplugNode::onConnected()
+void SparkplugNode::connected(bool)
 {
     connected_ = true;
-    brokerState_ = "connected";
     // The sequence after this connection's birth follows the bdSeq of its will.
     nextBdSeq_ = (willBdSeq_.load() + 1) % kSeqModulo;
-    const MqttConfig &c = model_.config().mqtt;
-    std::fprintf(stderr, "rtuplc-gateway: connected to the broker at %s:%d as Sparkplug node %s/%s (bdSeq %u)\n",
-                 c.host.c_str(), c.port, group_.c_str(), node_.c_str(), willBdSeq_.load());
+    rtuhost::logInfo("connected as Sparkplug node %s/%s (bdSeq %u)", group_.c_str(), node_.c_str(),
+                     willBdSeq_.load());
     if (birthAllowed()) {
         birthNode();
     } else {
-        brokerState_ = "waiting for the primary host";
-        std::fprintf(stderr, "rtuplc-gateway: waiting for the primary host %s to be online\n", primaryHost_.c_str());
+        broker_->setState("waiting for the primary host");
+        rtuhost::logInfo("waiting for the primary host %s to be online", primaryHost_.c_str());
     }
 }
 
-void SparkplugNode::onLost()
+void SparkplugNode::lost()
 {
     connected_ = false;
     nodeBorn_ = false;
@@ -393,17 +411,19 @@ void SparkplugNode::onHostState(const std::string &payload)
     if (online == hostOnline_)
         return;
     hostOnline_ = online;
-    std::fprintf(stderr, "rtuplc-gateway: primary host %s %s\n", primaryHost_.c_str(), online ? "online" : "offline");
+    if (online)
+        rtuhost::logNotice("primary host %s online", primaryHost_.c_str());
+    else
+        rtuhost::logWarning("primary host %s offline", primaryHost_.c_str());
     if (online && connected_ && !nodeBorn_) {
         birthNode();
     } else if (!online && connected_) {
         // Without its primary host the node is dead to SCADA: it says so, leaves, and
         // comes back on a new connection (a new bdSeq) to wait for the host; it is born
         // again with current values once the host is online.
-        std::fprintf(stderr, "rtuplc-gateway: disconnecting until the primary host is back\n");
-        mqtt_.reconnect(farewell(), kLeaveTimeout);
-        onLost();
-        brokerState_ = "waiting for the primary host";
+        rtuhost::logNotice("disconnecting until the primary host is back");
+        broker_->leave(farewell(), kLeaveTimeout, "waiting for the primary host");
+        lost();
     }
 }
 
@@ -411,7 +431,7 @@ void SparkplugNode::handleDeviceCommand(Device &d, const std::string &bytes)
 {
     Payload p;
     if (!p.ParseFromString(bytes)) {
-        std::fprintf(stderr, "rtuplc-gateway: DCMD for %s is no Sparkplug payload: ignored\n", d.name.c_str());
+        rtuhost::logWarning("DCMD for %s is no Sparkplug payload: ignored", d.name.c_str());
         return;
     }
     for (const Payload::Metric &m : p.metrics()) {
@@ -439,26 +459,26 @@ void SparkplugNode::handleDeviceCommand(Device &d, const std::string &bytes)
     }
 }
 
-void SparkplugNode::onMessage(const Message &m)
+bool SparkplugNode::message(const Message &m)
 {
     const std::string state = std::string(kNamespace) + "/STATE/" + primaryHost_;
     if (!primaryHost_.empty() && m.topic == state) {
         onHostState(m.payload);
-        return;
+        return true;
     }
     if (m.topic == topic("NCMD")) {
         Payload p;
         if (!p.ParseFromString(m.payload)) {
-            std::fprintf(stderr, "rtuplc-gateway: NCMD is no Sparkplug payload: ignored\n");
-            return;
+            rtuhost::logWarning("NCMD is no Sparkplug payload: ignored");
+            return true;
         }
         for (const Payload::Metric &metric : p.metrics()) {
             if (metric.name() == kRebirth && metric.boolean_value() && birthAllowed()) {
-                std::fprintf(stderr, "rtuplc-gateway: rebirth asked for\n");
+                rtuhost::logInfo("rebirth asked for");
                 birthNode();
             }
         }
-        return;
+        return true;
     }
     const std::string devicePrefix = topic("DCMD") + '/';
     if (m.topic.compare(0, devicePrefix.size(), devicePrefix) == 0) {
@@ -467,39 +487,20 @@ void SparkplugNode::onMessage(const Message &m)
         if (found != byName_.end())
             handleDeviceCommand(devices_[found->second], m.payload);
         else
-            std::fprintf(stderr, "rtuplc-gateway: DCMD for %s, which is no device of this node: ignored\n",
-                         device.c_str());
+            rtuhost::logWarning("DCMD for %s, which is no device of this node: ignored", device.c_str());
+        return true;
     }
+    return false;
 }
 
 void SparkplugNode::tick()
 {
-    for (const MqttEvent &e : mqtt_.takeEvents()) {
-        switch (e.type) {
-        case MqttEvent::Type::Connected:
-            onConnected();
-            break;
-        case MqttEvent::Type::Lost:
-            brokerState_ = "connection lost";
-            std::fprintf(stderr, "rtuplc-gateway: lost the broker: %s; reconnecting\n", e.text.c_str());
-            onLost();
-            break;
-        case MqttEvent::Type::Failed:
-            brokerState_ = e.text;
-            std::fprintf(stderr, "rtuplc-gateway: %s; retrying\n", e.text.c_str());
-            onLost();
-            break;
-        }
-    }
-    for (const Message &m : mqtt_.takeIncoming())
-        onMessage(m);
-    if (nodeBorn_) {
-        flushData();
-        const int interval = model_.config().mqtt.statsInterval;
-        if (interval > 0 && std::chrono::steady_clock::now() - lastStats_ >= std::chrono::seconds(interval))
-            publishStats();
-    }
-    mqtt_.pump();
+    if (!nodeBorn_)
+        return;
+    flushData();
+    const int interval = model_.config().mqtt.statsInterval;
+    if (interval > 0 && std::chrono::steady_clock::now() - lastStats_ >= std::chrono::seconds(interval))
+        publishStats();
 }
 
 } // namespace rtugw

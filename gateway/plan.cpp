@@ -1,0 +1,98 @@
+#include "plan.h"
+
+#include <cstdio>
+
+#include "dialect.h"
+#include "model.h"
+
+namespace rtugw {
+
+using namespace rtuhost;
+
+namespace {
+
+// The driver's default line: "0,9600,8,EVEN,1,...".
+std::string driverDefaultLine(const DriverApi &api)
+{
+    QString text;
+    api.getDriverParameter(text);
+    const QStringList f = text.split(',');
+    return f.size() > 4 ? f.mid(1, 4).join(',').toStdString() : std::string("9600,8,EVEN,1");
+}
+
+} // namespace
+
+bool makePlan(const Config &config, const DriverApi &api, const Catalogue &catalogue, LinePlan *plan,
+              std::string *error)
+{
+    const std::string lineText = config.line.settings.empty() ? driverDefaultLine(api) : config.line.settings;
+    if (!rtusupport::parseSerialLine(lineText, &plan->line, error)) {
+        *error = where(config, 0) + "line.settings: " + *error;
+        return false;
+    }
+    std::set<std::tuple<int, QString, int>> seen;
+    for (const ItemConfig &ic : config.items) {
+        Item item;
+        QString why;
+        if (!parseItem(QString::fromStdString(ic.text), config.line.station, catalogue, api, &item, &why)) {
+            *error = where(config, ic.line) + "items: " + why.toStdString();
+            return false;
+        }
+        for (const Point &p : item.points) {
+            if (seen.insert({p.station, p.area->name, p.address}).second)
+                plan->points.push_back(p);
+            if (ic.writable)
+                plan->writable.insert({p.station, p.area->name, p.address});
+        }
+        plan->items.push_back(item);
+        plan->configured.emplace_back(item, &ic);
+    }
+    const size_t values = plan->points.size();
+    if (config.mqtt.buffer < values) {
+        *error = where(config, 0) + "mqtt.buffer: " + std::to_string(config.mqtt.buffer) +
+                 " cannot hold the latest value of each of the " + std::to_string(values) +
+                 " values; give at least that many";
+        return false;
+    }
+    return true;
+}
+
+// The blocks are found by letting the driver walk its rotation with every request
+// failing at once: nothing is sent.
+void printPlan(const Config &c, const DriverApi &api, const Catalogue &catalogue, const LinePlan &plan)
+{
+    std::vector<unsigned char> memory(kHostMemoryBytes);
+    std::vector<unsigned short> recipe(kRecipeBufferWords);
+    QMutex lock;
+    int err = 0;
+    api.initProperty(memory.data(), 0, recipe.data(), &err, "1#0#0#1#64", &lock);
+    QList<KEY_ADDRESS> keys;
+    for (const Item &item : plan.items)
+        keys.append(item.key());
+    const int blocks = api.addrMerge(keys);
+    Model model(c, api, catalogue);
+    const std::unique_ptr<Dialect> dialect = makeDialect(model);
+    const std::string line = c.line.kind == LineConfig::Kind::Tcp
+                                 ? "tcp " + c.line.host + ":" + std::to_string(c.line.port)
+                                 : "serial " + c.line.device;
+    std::printf("gateway %s: %s, broker %s, %s\n", c.name.c_str(), line.c_str(), c.mqtt.url.c_str(),
+                dialect->where().c_str());
+    std::printf("%d block%s polled in turn:\n", blocks, blocks == 1 ? "" : "s");
+    for (int b = 0; b < blocks; ++b) {
+        FRAME_PRO f;
+        if (api.getSendFrame(f) != 1)
+            break;
+        std::printf("  station %d %s, %d unit%s (function %02X)\n", f.station, blockText(catalogue, f, false).c_str(),
+                    f.len, f.len == 1 ? "" : "s", f.frameLen > 1 ? f.frame[1] : 0);
+        QString ignored;
+        api.dealRcvFrame(QByteArray(), ignored);
+    }
+    std::printf("%zu value%s:\n", plan.points.size(), plan.points.size() == 1 ? "" : "s");
+    for (const Point &p : plan.points) {
+        const bool w = plan.writable.count({p.station, p.area->name, p.address}) != 0;
+        std::printf("  %s\n", dialect->planLine(p, w).c_str());
+    }
+    api.setAddrValueChangeCallBack(nullptr);
+}
+
+} // namespace rtugw

@@ -1,0 +1,198 @@
+// The gateway's logic against a broker client of the test's own: what goes out when
+// the broker connects, what a write request on the broker becomes, what the broker's
+// state reads, and what each dialect says on a clean stop. The driver is the real one
+// (it checks items and values); no line and no broker are opened.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "broker.h"
+#include "dialect.h"
+#include "model.h"
+#include "payload.h"
+#include "plan.h"
+#include "rtuplc_host/driver_location.h"
+
+using namespace rtugw;
+
+namespace {
+
+class RecordingClient : public MqttClient {
+public:
+    std::vector<std::string> subscribed;
+    std::vector<Message> published; // values made into their messages at once
+    std::vector<MqttEvent> events;
+    std::vector<Message> incoming;
+    ValueFormatter formatter;
+    std::function<Message()> willProvider;
+
+    bool start(std::string *) override { return true; }
+    void setWillProvider(std::function<Message()> p) override { willProvider = std::move(p); }
+    void setFormatter(ValueFormatter f) override { formatter = std::move(f); }
+    void subscribe(const std::string &filter) override { subscribed.push_back(filter); }
+    void publish(Message m, Outbox::Kind) override { published.push_back(std::move(m)); }
+    void publishValue(ValueUpdate v) override { published.push_back(formatter(v)); }
+    void pump() override {}
+    std::vector<Message> takeIncoming() override { return std::exchange(incoming, {}); }
+    std::vector<MqttEvent> takeEvents() override { return std::exchange(events, {}); }
+    bool connected() const override { return true; }
+    MqttStats stats() const override { return {}; }
+    void stop(const std::vector<Message> &, std::chrono::milliseconds) override {}
+    void reconnect(const std::vector<Message> &, std::chrono::milliseconds) override {}
+};
+
+// A gateway of one station, D_W:500..501 writable, M:3 read only, without its line.
+struct Rig {
+    explicit Rig(bool sparkplug)
+    {
+        std::string why;
+        EXPECT_TRUE(rtuhost::loadDriver(RTUPLC_LIBRARY, &api, &why)) << why;
+        catalogue = std::make_unique<rtuhost::Catalogue>(api);
+        config.file = "line1.yaml";
+        config.name = "line1";
+        config.mqtt.topic = "rtuplc/line1";
+        config.mqtt.mode = sparkplug ? MqttConfig::Mode::Sparkplug : MqttConfig::Mode::Plain;
+        config.sparkplug.group = "plant";
+        config.items = {ItemConfig{"D_W:500..501", true, 1, {}, {}, {}}, ItemConfig{"M:3", false, 2, {}, {}, {}}};
+        EXPECT_TRUE(makePlan(config, api, *catalogue, &plan, &why)) << why;
+        link = rtuhost::makeTcpLink("127.0.0.1", 1);
+        model = std::make_unique<Model>(config, api, *catalogue);
+        host = std::make_unique<rtuhost::Host>(api, *link, *model, rtuhost::HostSettings{});
+        host->monitor(plan.items);
+        model->attach(*host, plan.configured);
+        dialect = makeDialect(*model);
+        dialect->shapeSession(&settings);
+        auto owned = std::make_unique<RecordingClient>();
+        client = owned.get();
+        broker = std::make_unique<Broker>(std::move(owned), config.mqtt);
+        dialect->bind(*broker);
+        model->addSink(dialect.get());
+        broker->addListener(dialect.get());
+    }
+    void turn()
+    {
+        broker->tick();
+        model->tick();
+    }
+
+    rtuhost::DriverApi api;
+    std::unique_ptr<rtuhost::Catalogue> catalogue;
+    Config config;
+    LinePlan plan;
+    std::unique_ptr<rtuhost::Link> link;
+    std::unique_ptr<Model> model;
+    std::unique_ptr<rtuhost::Host> host;
+    std::unique_ptr<Dialect> dialect;
+    MqttSettings settings;
+    RecordingClient *client = nullptr;
+    std::unique_ptr<Broker> broker;
+};
+
+TEST(GatewayLogic, EachDialectShapesItsSessionAndSaysGoodbye)
+{
+    struct Case {
+        const char *name;
+        bool sparkplug;
+        std::vector<std::string> subscribed;
+        std::string will;                // topic of the will in the settings
+        uint32_t sessionExpiry;
+        std::vector<std::string> farewell; // topics, after the first connection
+    };
+    const Case cases[] = {
+        {"plain", false, {"rtuplc/line1/+/+/+/set"}, "rtuplc/line1/status", 7 * 24 * 3600, {"rtuplc/line1/status"}},
+        // A node is born anew each connection: no session kept; its will comes per attempt.
+        {"sparkplug", true, {"spBv1.0/plant/NCMD/line1", "spBv1.0/plant/DCMD/line1/+"}, "", 0,
+         {"spBv1.0/plant/NDEATH/line1"}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        Rig rig(c.sparkplug);
+        EXPECT_EQ(rig.client->subscribed, c.subscribed);
+        EXPECT_EQ(rig.settings.will.topic, c.will);
+        EXPECT_EQ(rig.settings.sessionExpiry, c.sessionExpiry);
+        EXPECT_EQ(bool(rig.client->willProvider), c.sparkplug);
+        EXPECT_EQ(rig.broker->state(), "connecting");
+        rig.client->events.push_back(MqttEvent{MqttEvent::Type::Connected, false, {}});
+        rig.turn();
+        EXPECT_TRUE(rig.broker->up());
+        EXPECT_EQ(rig.broker->state(), "connected");
+        std::vector<std::string> farewell;
+        for (const Message &m : rig.dialect->farewell())
+            farewell.push_back(m.topic);
+        EXPECT_EQ(farewell, c.farewell);
+        rig.client->events.push_back(MqttEvent{MqttEvent::Type::Lost, false, "gone"});
+        rig.turn();
+        EXPECT_FALSE(rig.broker->up());
+        EXPECT_EQ(rig.broker->state(), "connection lost");
+    }
+}
+
+TEST(GatewayLogic, PlainTopicsSayTheStationsAtOnceAndTheBirthOnEveryConnection)
+{
+    Rig rig(false);
+    EXPECT_EQ(rig.settings.birth.topic + ' ' + rig.settings.birth.payload, "rtuplc/line1/status online");
+    ASSERT_EQ(rig.client->published.size(), 1u);
+    EXPECT_EQ(rig.client->published[0].topic + ' ' + rig.client->published[0].payload, "rtuplc/line1/1/status offline");
+}
+
+TEST(GatewayLogic, SparkplugNodeIsBornOnConnection)
+{
+    Rig rig(true);
+    rig.client->events.push_back(MqttEvent{MqttEvent::Type::Connected, false, {}});
+    rig.turn();
+    // No station has answered yet: the node alone is born, its devices when they answer.
+    ASSERT_EQ(rig.client->published.size(), 1u);
+    EXPECT_EQ(rig.client->published[0].topic, "spBv1.0/plant/NBIRTH/line1");
+}
+
+TEST(GatewayLogic, AWriteRequestGetsOneAnswer)
+{
+    struct Case {
+        const char *name;
+        std::string path, payload;
+        std::string answer; // empty: the write goes to the line, acknowledged below
+    };
+    const Case cases[] = {
+        {"bare number", "1/D_W/500", "1234", ""},
+        {"object with an id", "1/D_W/501", R"({"value":7,"id":"a"})", ""},
+        {"not a number", "1/D_W/500", "abc",
+         R"x({"id":null,"ok":false,"error":"\"abc\" is not a number: send a whole number (1234, -5, 0x1F)"})x"},
+        {"out of range", "1/D_W/500", "70000",
+         R"x({"id":null,"ok":false,"error":"\"70000\" is not a value here: a 16-bit value takes -32768..65535"})x"},
+        {"empty", "1/D_W/500", "",
+         R"x({"id":null,"ok":false,"error":"the payload is empty: send a number, or {\"value\":1234,\"id\":\"...\"}"})x"},
+        {"read only", "1/M/3", "1",
+         R"x({"id":null,"ok":false,"error":"M:3@1 is not configured writable (writable: true in the gateway's configuration)"})x"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        Rig rig(false);
+        rig.client->published.clear();
+        const uint64_t id = rig.host->nextWriteId();
+        rig.client->incoming.push_back(
+            Message{"rtuplc/line1/" + c.path + "/set", c.payload, 1, false, "reply/here", "42"});
+        rig.turn();
+        if (c.answer.empty()) {
+            ASSERT_TRUE(rig.client->published.empty()) << "answered before the controller did";
+            ASSERT_EQ(rig.host->nextWriteId(), id + 1) << "no write queued";
+            rtuhost::WriteRequest w;
+            w.value = 1234;
+            rig.model->writeSettled(id, w, rtuhost::WriteOutcome::Acknowledged, {});
+        }
+        ASSERT_EQ(rig.client->published.size(), 2u);
+        const Message &result = rig.client->published[0], &response = rig.client->published[1];
+        EXPECT_EQ(result.topic, "rtuplc/line1/" + c.path + "/result");
+        if (!c.answer.empty())
+            EXPECT_EQ(result.payload, c.answer);
+        else
+            EXPECT_NE(result.payload.find("\"ok\":true,\"value\":1234"), std::string::npos) << result.payload;
+        // Where MQTT 5 asked, the same answer with the request's correlation.
+        EXPECT_EQ(response.topic, "reply/here");
+        EXPECT_EQ(response.payload, result.payload);
+        EXPECT_EQ(response.correlation, "42");
+    }
+}
+
+} // namespace
