@@ -153,16 +153,33 @@ void Model::valueRead(const Point &p, uint32_t value)
     changed(size_t(index));
 }
 
+// One time per block, not per value: the loop polls tens of thousands of blocks a
+// second, and a value's last read is its block's.
+void Model::polled(const std::vector<size_t> &points, SystemTime now)
+{
+    if (points.empty())
+        return;
+    int &block = points_[points.front()].block;
+    if (block < 0) { // polled for the first time
+        block = int(blockReads_.size());
+        blockReads_.push_back(now);
+        for (const size_t index : points)
+            if (points_[index].block < 0)
+                points_[index].block = block;
+    }
+    blockReads_[size_t(block)] = now;
+}
+
 void Model::blockRead(const FRAME_PRO &f)
 {
-    SystemTime now{};
-    for (size_t index : host_->pointsIn(f)) {
+    const SystemTime now = std::chrono::system_clock::now();
+    const std::vector<size_t> &points = host_->pointsIn(f);
+    polled(points, now);
+    for (size_t index : points) {
         PointState &s = points_[index];
         // Read again after a failure: good again, said even if the value is the same.
         if (s.good || !s.known)
             continue;
-        if (now == SystemTime{})
-            now = std::chrono::system_clock::now();
         s.good = true;
         s.error.clear();
         s.ts = now;
@@ -185,7 +202,9 @@ void Model::requestFailed(const FRAME_PRO &f, const Failure &failure)
     }
     if (f.reqKind == RTUPLC_KIND_MONITOR_READ) {
         const SystemTime now = std::chrono::system_clock::now();
-        for (size_t index : host_->pointsIn(f)) {
+        const std::vector<size_t> &points = host_->pointsIn(f);
+        polled(points, now); // asked, if not answered: its values are not stale
+        for (size_t index : points) {
             PointState &s = points_[index];
             if (!s.good && !s.error.empty())
                 continue; // already shown bad: said once per failure

@@ -35,6 +35,7 @@ struct PointState {
     bool good = false;       // read since the last failure
     std::string error;       // why it is bad
     SystemTime ts{};         // when it was read, or found bad
+    int block = -1;          // the block it is polled in, once polled: into Model::blockReads()
     const ItemConfig *item = nullptr; // where the configuration names it
 };
 
@@ -83,6 +84,8 @@ public:
     const Config &config() const { return config_; }
     const rtuhost::Stats &hostStats() const;
     const WriteCounters &writes() const { return writes_; }
+    // When each block was last polled, answered or not; PointState::block says whose.
+    const std::vector<SystemTime> &blockReads() const { return blockReads_; }
     // Polls a second over the last second or so, for the stats topic, the page and the status.
     double pollsPerSecond() const { return pollsPerSecond_; }
     long long uptimeSeconds() const;
@@ -108,6 +111,7 @@ public:
 
 private:
     void changed(size_t index);
+    void polled(const std::vector<size_t> &points, SystemTime now);
     void setStation(int station, bool online);
     void settle(WriteDone &done, const WriteAnswer &a);
     void measurePace();
@@ -119,6 +123,7 @@ private:
     std::vector<PointState> points_;
     std::unordered_map<std::string, size_t> byPath_;
     std::map<int, StationState> stations_;
+    std::vector<SystemTime> blockReads_;
     std::vector<Sink *> sinks_;
     std::unordered_map<uint64_t, WriteDone> pending_;
     WriteCounters writes_;

@@ -237,6 +237,7 @@ void WebPage::copyFigures()
     f.cycle = cycle_;
     f.statsJson = statsJson(f.host, f.mqtt, f.writes, f.pollsPerSecond, f.uptime);
     state_.setFigures(std::move(f));
+    state_.setReads(model_.blockReads());
 }
 
 void WebPage::tick()

@@ -125,6 +125,25 @@ void WebState::setFigures(WebFigures figures)
     changed_.notify_all();
 }
 
+void WebState::setReads(const std::vector<SystemTime> &reads)
+{
+    std::vector<int64_t> ms(reads.size());
+    for (size_t b = 0; b < reads.size(); ++b)
+        ms[b] = msSinceEpoch(reads[b]);
+    std::lock_guard<std::mutex> g(lock_);
+    if (ms == reads_)
+        return; // nothing polled since: the page has it
+    if (ms.size() != reads_.size()) { // a block polled for the first time
+        blockOf_.resize(items_.size());
+        for (size_t i = 0; i < items_.size(); ++i)
+            blockOf_[i] = model_.points()[i].block;
+        blocksSeq_ = ++seq_;
+    }
+    reads_ = std::move(ms);
+    readsSeq_ = ++seq_;
+    changed_.notify_all();
+}
+
 std::vector<std::shared_ptr<PendingWrite>> WebState::takeWrites()
 {
     std::lock_guard<std::mutex> g(lock_);
@@ -249,6 +268,16 @@ std::string WebState::updatesSince(uint64_t *seen, std::chrono::milliseconds wai
         j += ",\"stations\":" + stationsJsonLocked();
     if (since == 0 || figuresSeq_ > since)
         j += ",\"figures\":" + figuresJsonLocked();
+    const auto list = [](const auto &numbers) {
+        std::string l = "[";
+        for (const auto n : numbers)
+            l += (l.size() > 1 ? "," : "") + std::to_string(n);
+        return l + ']';
+    };
+    if ((since == 0 && !blockOf_.empty()) || blocksSeq_ > since)
+        j += ",\"blocks\":" + list(blockOf_);
+    if ((since == 0 && !reads_.empty()) || readsSeq_ > since)
+        j += ",\"reads\":" + list(reads_);
     *seen = seq_;
     return j + '}';
 }

@@ -75,6 +75,8 @@ public:
     void flush();
     void stationsChanged();
     void setFigures(WebFigures figures);
+    // When each block was last polled (Model::blockReads); a few times a second.
+    void setReads(const std::vector<SystemTime> &reads);
     std::vector<std::shared_ptr<PendingWrite>> takeWrites();
 
     // On the server's threads.
@@ -116,6 +118,11 @@ private:
     uint64_t stationsSeq_ = 0;
     WebFigures figures_;
     uint64_t figuresSeq_ = 0;
+    // The page works out each value's last read from its block's.
+    std::vector<int64_t> reads_;  // ms since the epoch, by block
+    std::vector<int> blockOf_;    // by value; -1 until polled
+    uint64_t readsSeq_ = 0;
+    uint64_t blocksSeq_ = 0;
     uint64_t seq_ = 0;
     bool stopping_ = false;
     std::vector<std::shared_ptr<PendingWrite>> writes_;

@@ -1,8 +1,9 @@
 """The live page in a real browser: headless chromium, driven over the DevTools
 protocol, against the gateway on the simulator. The table fills with the controller's
-values, a change updates its cell in place without reloading, a silent station shows
-offline, the trend has points, and a write from the page lands with the token and is
-refused without it. A screenshot is left in the working directory to look at."""
+values under headings that say what they are, a change updates its cell in place without
+reloading, a silent station shows offline, the trend has points and draws nothing without,
+and a write from the page lands with the token and is refused without it. A screenshot is
+left in the working directory to look at."""
 
 import base64
 import json
@@ -21,7 +22,8 @@ import harness as h
 import test_web as web
 
 P = "rtuplc/line1"
-ITEMS = ["D_W:100..104", {"item": "D_W:500..501", "writable": True, "name": "setpoint"}, "M:0..7@2"]
+ITEMS = ["D_W:100..104", {"item": "D_W:500..501", "writable": True, "name": "setpoint"}, "D_D:200", "M:0..7@2"]
+WIDEST = 0xFFFFFFFF  # the longest a value is written, in decimal and in hex
 CHROMIUM_FLAGS = ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
                   "--disable-background-networking", "--disable-component-update", "--disable-sync",
                   "--remote-debugging-address=127.0.0.1", "--remote-debugging-port=0", "--window-size=1400,900"]
@@ -92,31 +94,63 @@ def cell(path, cls):
     return "document.querySelector('.row[data-path=\"%s\"] .%s')" % (path, cls)
 
 
+def painted(browser, spread):
+    """Pixels drawn on the trend's canvas whose colour channels differ by more than spread."""
+    return browser.js("""(() => { const c = document.getElementById('trend');
+        const d = c.getContext('2d').getImageData(0, 0, c.width, c.height).data; let n = 0;
+        for (let i = 0; i < d.length; i += 4)
+          if (d[i + 3] > 0 && Math.max(d[i], d[i + 1], d[i + 2]) - Math.min(d[i], d[i + 1], d[i + 2]) > %d) n++;
+        return n; })()""" % spread)
+
+
 @unittest.skipUnless(shutil.which("chromium"), "chromium is not installed (scripts/install-deps installs it)")
 class Page(h.GatewayTestCase):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
         cls.start_line(stations=(1, 2))
+        cls.sim.set32(1, 200, WIDEST)
         folder, config, cls.port = web.web_config(cls.broker, cls.sim, ITEMS)
         cls.start_class_gateway(folder, config, P + "/2/M/7")
         web.wait_http(cls.port, cls.gw)
         cls.browser = cls.keep(Browser())
         cls.browser.call("Page.navigate", url="http://127.0.0.1:%d/" % cls.port)
-        if not cls.browser.wait_js("document.querySelectorAll('#items .row').length == 15", h.START_TIMEOUT):
+        if not cls.browser.wait_js("document.querySelectorAll('#items .row').length == 16", h.START_TIMEOUT):
             raise AssertionError("the table never filled; the gateway's log:\n" + cls.gw.log())
         # Set once: gone if the page were ever reloaded.
         cls.browser.js("window.loadedOnce = true")
 
-    def test_1_table_fills_with_the_controllers_values(self):
-        expected = [("1/D_W/100", h.pattern_register(1, 100)), ("1/D_W/104", h.pattern_register(1, 104)),
-                    ("1/D_W/501", h.pattern_register(1, 501)), ("2/M/5", h.pattern_coil(2, 2005))]
-        for path, value in expected:
+    def under_headings(self, path):
+        """{heading: text of the cell of the row at path that lines up with it}"""
+        return dict(self.browser.js("""(() => {
+            const row = document.querySelector('.row[data-path="%s"]');
+            const edges = (e) => { const r = e.getBoundingClientRect(); return [r.left, r.right]; };
+            return [...document.querySelectorAll('.row.head > div')].map((h) => {
+              const [l, r] = edges(h);
+              const c = [...row.children].find((c) => Math.abs(edges(c)[0] - l) + Math.abs(edges(c)[1] - r) < 2);
+              return [h.textContent, c ? c.textContent : null]; }); })()""" % path))
+
+    def test_1_table_fills_with_the_controllers_values_under_their_headings(self):
+        b = self.browser
+        # The item as the configuration writes it, the value in decimal and hex.
+        expected = [("1/D_W/100", "D_W:100@1", h.pattern_register(1, 100), "0x0064"),
+                    ("1/D_W/501", "D_W:501@1", h.pattern_register(1, 501), "0x01F5"),
+                    ("1/D_D/200", "D_D:200@1", WIDEST, "0xFFFFFFFF"),
+                    ("2/M/5", "M:5@2", h.pattern_coil(2, 2005), "0x%d" % h.pattern_coil(2, 2005))]
+        for path, item, value, hexed in expected:
             with self.subTest(path):
-                self.assertTrue(self.browser.wait_js("%s.textContent == '%d'" % (cell(path, "v"), value)),
-                                self.browser.js(cell(path, "v") + ".textContent"))
-                self.assertEqual(self.browser.js(cell(path, "q") + ".textContent"), "good")
-        self.assertEqual(self.browser.js(cell("1/D_W/100", "hex") + ".textContent"), "0x0064")
+                self.assertTrue(b.wait_js("%s.textContent == '%d'" % (cell(path, "v"), value)),
+                                b.js(cell(path, "v") + ".textContent"))
+                under = self.under_headings(path)
+                self.assertEqual({k: under.get(k) for k in ("item", "decimal", "hex", "quality")},
+                                 {"item": item, "decimal": str(value), "hex": hexed, "quality": "good"})
+        cut = b.js("[...document.querySelectorAll('.row.head > div, #items .path, #items .v, #items .hex')]"
+                   ".filter((c) => c.scrollWidth > c.clientWidth).map((c) => c.textContent)")
+        self.assertEqual(cut, [])
+        # Unchanged since the gateway started, and polled all the while.
+        self.assertTrue(b.wait_js("!['', '<1 s'].includes(%s.textContent)" % cell("1/D_W/100", "age")))
+        self.assertTrue(b.wait_js("%s.textContent == '<1 s'" % cell("1/D_W/100", "read")),
+                        b.js(cell("1/D_W/100", "read") + ".textContent"))
 
     def test_2_a_change_updates_its_cell_in_place(self):
         b = self.browser
@@ -135,12 +169,7 @@ class Page(h.GatewayTestCase):
         self.assertTrue(b.wait_js("rtuplc.trendPoints() >= 4"), b.js("rtuplc.trendPoints()"))
         self.assertIn("1/D_W/102", b.js("rtuplc.seriesPaths()"))
         # Lines were drawn in colour, not only the grey axes and labels.
-        drawn = b.js("""(() => { const c = document.getElementById('trend');
-            const d = c.getContext('2d').getImageData(0, 0, c.width, c.height).data; let n = 0;
-            for (let i = 0; i < d.length; i += 4)
-              if (d[i + 3] > 0 && Math.max(d[i], d[i + 1], d[i + 2]) - Math.min(d[i], d[i + 1], d[i + 2]) > 80) n++;
-            return n; })()""")
-        self.assertGreater(drawn, 50)
+        self.assertGreater(painted(b, 80), 50)
 
     def write_from_page(self, path, value):
         b = self.browser
@@ -196,6 +225,21 @@ class Page(h.GatewayTestCase):
         self.assertGreater(len(gaps), 10)
         self.assertLess(sum(gaps) / len(gaps), FLUID_MEAN_FRAME_MS, "frames of %s ms" % sorted(gaps)[-5:])
         self.assertNotEqual(b.js(cell("1/D_W/1500", "v") + ".textContent"), first)
+
+    def test_8_a_value_never_answered_draws_no_trend_and_read_only_says_how_to_write(self):
+        # Station 3 never answers; no token file.
+        folder, config, port = web.web_config(None, self.sim, ["D_W:0@3"], token=None)
+        gw = self.start_gateway(folder, config)
+        web.wait_http(port, gw)
+        b = self.browser
+        b.call("Page.navigate", url="http://127.0.0.1:%d/" % port)
+        self.assertTrue(b.wait_js("%s?.textContent == 'bad'" % cell("3/D_W/0", "q"), h.START_TIMEOUT))
+        # Asked, if not answered: polled all the same.
+        self.assertTrue(b.wait_js("%s.textContent != ''" % cell("3/D_W/0", "read")))
+        self.assertEqual(b.js("rtuplc.seriesPaths()"), ["3/D_W/0"])
+        self.assertTrue(b.wait_js("document.getElementById('trendnote').textContent == 'waiting for a good reading'"))
+        self.assertEqual(painted(b, -1), 0)
+        self.assertIn("writes need http.token-file", b.js("document.getElementById('writeauth').textContent"))
 
     def test_6_screenshot(self):
         # For a person to look at: the page as a technician sees it.
