@@ -103,7 +103,9 @@ TEST(GatewayLogic, EachDialectShapesItsSessionAndSaysGoodbye)
     const Case cases[] = {
         {"plain", false, {"rtuplc/line1/+/+/+/set"}, "rtuplc/line1/status", 7 * 24 * 3600, {"rtuplc/line1/status"}},
         // A node is born anew each connection: no session kept; its will comes per attempt.
-        {"sparkplug", true, {"spBv1.0/plant/NCMD/line1", "spBv1.0/plant/DCMD/line1/+"}, "", 0,
+        // Its own death certificate too: one of the live session means hosts think it dead.
+        {"sparkplug", true,
+         {"spBv1.0/plant/NCMD/line1", "spBv1.0/plant/DCMD/line1/+", "spBv1.0/plant/NDEATH/line1"}, "", 0,
          {"spBv1.0/plant/NDEATH/line1"}},
     };
     for (const Case &c : cases) {
