@@ -230,12 +230,6 @@ SparkplugNode::SparkplugNode(Model &model)
       primaryHost_(model.config().sparkplug.primaryHost), bdSeqFile_(sparkplugBdSeqFile(model.config())),
       hostOnline_(primaryHost_.empty())
 {
-    unsigned bdSeq = 0;
-    std::string why;
-    if (loadBdSeq(bdSeqFile_, &bdSeq, &why))
-        nextBdSeq_ = bdSeq;
-    else
-        rtuhost::logWarning("%s: bdSeq starts at 0", why.c_str());
     const std::vector<PointState> &points = model_.points();
     aliasOf_.assign(points.size(), 0);
     sentGood_.assign(points.size(), true);
@@ -310,6 +304,13 @@ void SparkplugNode::bind(Broker &broker)
 {
     broker_ = &broker;
     mqtt_ = &broker.client();
+    // Read here, not when made: --check's plan makes a node too, and connects nowhere.
+    unsigned bdSeq = 0;
+    std::string why;
+    if (loadBdSeq(bdSeqFile_, &bdSeq, &why))
+        nextBdSeq_ = bdSeq;
+    else
+        rtuhost::logWarning("%s: bdSeq starts at 0", why.c_str());
     mqtt_->setWillProvider([this] { return will(); });
     mqtt_->subscribe(topic("NCMD"));
     mqtt_->subscribe(topic("DCMD") + "/+");

@@ -39,7 +39,7 @@ public:
     // A node is born afresh on every connection: commands queued for an older one mean
     // nothing to it, so the broker keeps no session.
     void shapeSession(MqttSettings *settings) const override;
-    // The subscriptions, and will() as the will of every connection.
+    // The subscriptions, and will() as the will of every connection, from the bdSeq kept on disk.
     void bind(Broker &broker) override;
     // The death certificate of the connection about to be made: a new bdSeq for each
     // connection, so that a host pairs each death with the birth it ends. The one after
