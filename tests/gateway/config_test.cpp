@@ -256,10 +256,11 @@ TEST_F(GatewayConfig, GoodFilesGetTheirDefaults)
              EXPECT_EQ(tie(i.text, i.writable, i.unit, i.line), make_tuple("D_W:500..504", true, "bar", 8));
          }},
         {"optional sections", "gw.yaml",
-         kBase + "mqtt:\n  mode: sparkplug\nsparkplug:\n  group: plant\nhttp:\n  listen: 0.0.0.0:9000\n"
+         kBase + "mqtt:\n  mode: sparkplug\nsparkplug:\n  group: plant\n  state-dir: state\nhttp:\n  listen: 0.0.0.0:9000\n"
                  "log:\n  csv: logs\n  max-size: 5M\nstations:\n  2: { name: press }\n",
          [](const Config &c, const std::string &dir) {
-             EXPECT_EQ(tie(c.sparkplug.group, c.sparkplug.node), make_tuple("plant", "gw"));
+             EXPECT_EQ(tie(c.sparkplug.group, c.sparkplug.node, c.sparkplug.stateDir),
+                       make_tuple("plant", "gw", dir + "/state"));
              EXPECT_EQ(tie(c.homeassistant.enabled, c.http.enabled, c.http.port), make_tuple(false, true, 9000));
              EXPECT_EQ(tie(c.log.csvDir, c.log.maxBytes), make_tuple(dir + "/logs", uint64_t(5) * 1024 * 1024));
              EXPECT_EQ(c.stationNames.at(2), "press");

@@ -4,6 +4,8 @@
 // (it checks items and values); no line and no broker are opened.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -103,7 +105,9 @@ TEST(GatewayLogic, EachDialectShapesItsSessionAndSaysGoodbye)
     const Case cases[] = {
         {"plain", false, {"rtuplc/line1/+/+/+/set"}, "rtuplc/line1/status", 7 * 24 * 3600, {"rtuplc/line1/status"}},
         // A node is born anew each connection: no session kept; its will comes per attempt.
-        {"sparkplug", true, {"spBv1.0/plant/NCMD/line1", "spBv1.0/plant/DCMD/line1/+"}, "", 0,
+        // Its own death certificate too: one of the live session means hosts think it dead.
+        {"sparkplug", true,
+         {"spBv1.0/plant/NCMD/line1", "spBv1.0/plant/DCMD/line1/+", "spBv1.0/plant/NDEATH/line1"}, "", 0,
          {"spBv1.0/plant/NDEATH/line1"}},
     };
     for (const Case &c : cases) {
@@ -145,6 +149,62 @@ TEST(GatewayLogic, SparkplugNodeIsBornOnConnection)
     // No station has answered yet: the node alone is born, its devices when they answer.
     ASSERT_EQ(rig.client->published.size(), 1u);
     EXPECT_EQ(rig.client->published[0].topic, "spBv1.0/plant/NBIRTH/line1");
+}
+
+// A station back from a silence: each of its values may have changed unseen, whether
+// its block was polled meanwhile or not. Its device is born only once every block was
+// read since, never with a value from before the silence said good.
+TEST(GatewayLogic, SparkplugDeviceIsBornAgainOnlyWithValuesReadSinceItsSilence)
+{
+    Rig rig(true);
+    // The poll of the values from `first` to `last`, as the driver hands it over.
+    const auto frame = [&](const char *first, const char *last) {
+        const Point &a = rig.model->points()[size_t(rig.model->find(first))].point;
+        const Point &b = rig.model->points()[size_t(rig.model->find(last))].point;
+        FRAME_PRO f;
+        f.station = a.station;
+        f.regName = a.area->name;
+        f.startAddr = a.firstUnit();
+        f.len = f.dataLen = b.firstUnit() + b.units() - a.firstUnit();
+        f.reqKind = RTUPLC_KIND_MONITOR_READ;
+        return f;
+    };
+    const FRAME_PRO words = frame("1/D_W/500", "1/D_W/501"), bit = frame("1/M/3", "1/M/3");
+    const size_t bitPoint = size_t(rig.model->find("1/M/3"));
+    const auto births = [&] {
+        return std::count_if(rig.client->published.begin(), rig.client->published.end(),
+                             [](const Message &m) { return m.topic == "spBv1.0/plant/DBIRTH/line1/station1"; });
+    };
+    rig.client->events.push_back(MqttEvent{MqttEvent::Type::Connected, false, {}});
+    rig.turn();
+    // (what happens, DBIRTHs published since the start, the bit's value good)
+    struct Step {
+        const char *what;
+        std::function<void()> event;
+        long births;
+        bool bitGood;
+    };
+    // A first read reports every value; later ones only what changed.
+    const auto firstRead = [&](const FRAME_PRO &f) {
+        for (const size_t i : rig.host->pointsIn(f))
+            rig.model->valueRead(rig.host->points()[i], 1);
+        rig.model->blockRead(f);
+    };
+    const Step steps[] = {
+        {"the words answer", [&] { firstRead(words); }, 0, false},
+        {"the bit answers: every block read", [&] { firstRead(bit); }, 1, true},
+        {"the words fail: the station is silent", [&] { rig.model->requestFailed(words, rtuhost::Failure{}); }, 1,
+         false},
+        {"the words answer again, the bit not yet", [&] { rig.model->blockRead(words); }, 1, false},
+        {"the bit answers again", [&] { rig.model->blockRead(bit); }, 2, true},
+    };
+    for (const Step &step : steps) {
+        SCOPED_TRACE(step.what);
+        step.event();
+        rig.turn();
+        EXPECT_EQ(births(), step.births);
+        EXPECT_EQ(rig.model->points()[bitPoint].good, step.bitGood);
+    }
 }
 
 TEST(GatewayLogic, AWriteRequestGetsOneAnswer)

@@ -337,8 +337,10 @@ class Gateway:
         self.config_path = os.path.join(folder, "line1.yaml")
         with open(self.config_path, "w") as f:
             json.dump(config, f, indent=2)  # YAML reads JSON
+        # Its state (a Sparkplug node's bdSeq) in its own folder, as the service's in its
+        # StateDirectory, unless the test gives one.
         self.proc = subprocess.Popen([GATEWAY, "--config", self.config_path] + list(args),
-                                     env=dict(os.environ, **(env or {})), stdin=subprocess.DEVNULL,
+                                     env=dict(os.environ, **dict({"STATE_DIRECTORY": folder}, **(env or {}))), stdin=subprocess.DEVNULL,
                                      stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         self.out = LineReader(self.proc.stdout)
         self.err = LineReader(self.proc.stderr)
