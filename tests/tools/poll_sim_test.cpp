@@ -44,35 +44,35 @@ const std::vector<std::string> kItems = {
 // Values those items name: X:0..17 is sixteen inputs, D_D:200..203 the values at 200 and 202.
 constexpr int kValues = 10 + 16 + 2 + 4 + 16 + 8 + 1 + 3 + 4 + 1 + 4 + 1 + 16 + 2;
 
-// Starts the simulator on a pty or on TCP; the link options that reach it.
-std::vector<std::string> serve(rtusupport::Simulator &sim, bool pty)
-{
-    std::string error;
-    if (pty)
-        return sim.startPty(&error) ? std::vector<std::string>{"--serial", sim.ptyPath()} : std::vector<std::string>{};
-    if (!sim.startTcp("127.0.0.1", 0, &error))
-        return {};
-    return {"--tcp", "127.0.0.1:" + std::to_string(sim.tcpPort())};
-}
+// The simulator, started on a pty or on TCP, and rtuplc-poll run against it.
+struct Served {
+    bool start(bool pty)
+    {
+        std::string error;
+        if (pty ? !sim.startPty(&error) : !sim.startTcp("127.0.0.1", 0, &error))
+            return false;
+        link = pty ? std::vector<std::string>{"--serial", sim.ptyPath()}
+                   : std::vector<std::string>{"--tcp", "127.0.0.1:" + std::to_string(sim.tcpPort())};
+        return true;
+    }
+    tooltest::Run poll(std::vector<std::string> args, std::chrono::seconds limit = std::chrono::seconds(30))
+    {
+        args.insert(args.begin(), link.begin(), link.end());
+        return tooltest::poll(args, limit);
+    }
 
-class PollOnce : public ::testing::TestWithParam<bool> {
+    rtusupport::Simulator sim;
+    std::vector<std::string> link;
+};
+
+class PollOnce : public ::testing::TestWithParam<bool>, protected Served {
 protected:
     void SetUp() override
     {
         sim.fill(rtusupport::Fill::Pattern);
         scramble(sim, 7);
-        link = serve(sim, GetParam());
-        ASSERT_FALSE(link.empty());
+        ASSERT_TRUE(start(GetParam()));
     }
-
-    tooltest::Run poll(std::vector<std::string> args)
-    {
-        args.insert(args.begin(), link.begin(), link.end());
-        return tooltest::poll(args);
-    }
-
-    rtusupport::Simulator sim;
-    std::vector<std::string> link;
 };
 
 TEST_P(PollOnce, PrintsEveryValueAsTheControllerHoldsItAndWritesExactlyWhatTheyName)
@@ -159,16 +159,12 @@ INSTANTIATE_TEST_SUITE_P(Link, PollOnce, ::testing::Values(false, true),
 // broadcast write reaches every station.
 TEST(PollStations, LinesAndBroadcastWrites)
 {
-    rtusupport::Simulator sim;
+    Served s;
+    rtusupport::Simulator &sim = s.sim;
     sim.setStations({1, 2});
     sim.fill(rtusupport::Fill::Pattern);
-    const std::vector<std::string> link = serve(sim, false);
-    ASSERT_FALSE(link.empty());
-    const auto poll = [&](std::vector<std::string> args) {
-        args.insert(args.begin(), link.begin(), link.end());
-        return tooltest::poll(args);
-    };
-    const tooltest::Run r = poll({"--count", "3", "--hex", "--station", "2", "D_W:10", "D_D:20@1", "X:7@1"});
+    ASSERT_TRUE(s.start(false));
+    const tooltest::Run r = s.poll({"--count", "3", "--hex", "--station", "2", "D_W:10", "D_D:20@1", "X:7@1"});
     ASSERT_EQ(r.exitCode, 0) << r.err;
     // Values do not change between the rounds: one line each.
     EXPECT_NE(r.out.find("  station 2  D_W:10 = 0x03F2\n"), std::string::npos) << r.out; // 10 + 1000
@@ -182,10 +178,10 @@ TEST(PollStations, LinesAndBroadcastWrites)
 
     // Replies byte-for-byte alike (a coil that is off, at one station) are each an
     // answer: a copy of the one before is possible only once per request.
-    const tooltest::Run same = poll({"--once", "--station", "1", "Y:0", "M:0", "S:0", "T:0", "C:0", "SM:0"});
+    const tooltest::Run same = s.poll({"--once", "--station", "1", "Y:0", "M:0", "S:0", "T:0", "C:0", "SM:0"});
     EXPECT_EQ(same.exitCode, 0) << same.out << same.err;
 
-    const tooltest::Run b = poll({"--write", "D_W:30@0=77"});
+    const tooltest::Run b = s.poll({"--write", "D_W:30@0=77"});
     ASSERT_EQ(b.exitCode, 0) << b.out << b.err;
     EXPECT_NE(b.out.find("broadcast sent"), std::string::npos) << b.out;
     const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
@@ -224,18 +220,18 @@ class PollLineFaults : public ::testing::TestWithParam<std::tuple<LineFault, boo
 TEST_P(PollLineFaults, NoValueIsAnotherItemsAndEveryItemArrives)
 {
     const auto &[fault, pty] = GetParam();
-    rtusupport::Simulator sim;
+    Served s;
+    rtusupport::Simulator &sim = s.sim;
     sim.setStations({1, 2});
     sim.fill(rtusupport::Fill::Pattern);
     sim.setSeed(12);
     rtusupport::Faults f;
     fault.set(f);
     sim.setFaults(f);
-    std::vector<std::string> args = serve(sim, pty);
-    ASSERT_FALSE(args.empty());
-    args.insert(args.end(), {"--json", "--count", "2", "--timeout", "100", "--retries", "10", "--write",
-                             "D_W:400=4321", "D_W:100..104", "D_W:100..104@2", "D_W:300..304", "D_W:300..304@2"});
-    const tooltest::Run r = tooltest::poll(args, std::chrono::seconds(60));
+    ASSERT_TRUE(s.start(pty));
+    const tooltest::Run r = s.poll({"--json", "--count", "2", "--timeout", "100", "--retries", "10", "--write",
+                                    "D_W:400=4321", "D_W:100..104", "D_W:100..104@2", "D_W:300..304", "D_W:300..304@2"},
+                                   std::chrono::seconds(60));
     const JsonOutput j = parseJson(r.out);
     const bool landed = sim.reg(1, 400) == 4321;
     EXPECT_TRUE(landed || r.err.find("write D_W:400=4321: failed") != std::string::npos) << r.err;
