@@ -71,7 +71,8 @@ class Lifecycle(h.GatewayTestCase):
                 statuses = {t: [m.payload for m in running if m.topic == P + t] for t in ("/status", "/1/status")}
                 self.assertEqual(statuses, {"/status": ["online"], "/1/status": ["offline", "online"]})
                 if not late:  # online once connected, and the first values as first read: all on loopback
-                    first = {t: next(m.time for m in running if m.topic == t) - started for t in [P + "/status"] + topics}
+                    first = {t: next(m.time for m in running if m.topic == t) - started
+                             for t in [P + "/status"] + topics}
                     self.assertEqual({t: s for t, s in first.items() if s >= PROMPT}, {}, "later than %s s" % PROMPT)
 
     def test_offline_retained_after_a_stop_and_by_the_will_after_kill_9(self):
@@ -157,7 +158,8 @@ class Lifecycle(h.GatewayTestCase):
                 self.broker.start()
                 for address in sorted({a for changes in rounds for a in changes}):
                     topic, made = "%s/1/D_W/%d" % (P, address), [c[address] for c in rounds if address in c]
-                    last = held.wait_for(topic, lambda m: m.json().get("value") == made[-1], h.START_TIMEOUT, since=mark)
+                    last = held.wait_for(topic, lambda m: m.json().get("value") == made[-1], h.START_TIMEOUT,
+                                         since=mark)
                     self.assertIsNotNone(last, "%s: the held changes never came; log:\n%s" % (topic, gw.log()))
                     seen = [m.json().get("value") for m in held.since(mark, topic)]
                     # A value sent again (the one before the changes, or on reconnecting) is no
@@ -167,9 +169,11 @@ class Lifecycle(h.GatewayTestCase):
                         self.assertEqual(distinct[1:] if distinct[:1] == [address] else distinct, made, "in order")
                 # The gateway says it is back before the held changes: its will's "offline" must
                 # not stand while they arrive.
-                after = [(m.topic, m.payload) for m in held.since(mark) if m.topic == P + "/status" or "/D_W/" in m.topic]
+                after = [(m.topic, m.payload) for m in held.since(mark)
+                         if m.topic == P + "/status" or "/D_W/" in m.topic]
                 online = after.index((P + "/status", "online")) if (P + "/status", "online") in after else len(after)
-                self.assertLess(online, [t for t, _ in after].index(P + "/1/D_W/100"), "online first, then what was held")
+                self.assertLess(online, [t for t, _ in after].index(P + "/1/D_W/100"),
+                                "online first, then what was held")
                 if buffer:
                     stats = self.sub.wait_for(P + "/stats", lambda m: m.json().get("buffer_dropped", 0) > 0,
                                               h.START_TIMEOUT)

@@ -109,7 +109,7 @@ class Values(h.GatewayTestCase):
                     m = self.sub.wait_for(P + "/" + topic, lambda m: m.json().get("quality") == "bad", since=mark)
                     self.assertIsNotNone(m, topic)
                     error = m.json().get("error", "").lower()
-                    self.assertEqual([w for w in words if w not in error], [], "%s: the error names it: %s" % (topic, error))
+                    self.assertEqual([w for w in words if w not in error], [], "%s: %s" % (topic, error))
                     self.assertEqual(m.json().get("value"), last[topic], "a bad value keeps its last value")
                 for station, payloads in statuses.items():
                     for payload in payloads:
