@@ -1,11 +1,12 @@
 """Values on the broker: every item with the controller's value, changes as they
 happen, and the quality and station status through a silent station and a block the
-controller refuses."""
+controller refuses; and the CSV log, a row for every value and quality published."""
 
 import re
 import time
 
 import harness as h
+import test_csv as csvlog
 
 P = "rtuplc/line1"
 ITEMS = ["D_W:100..109", "D_D:200..203", "32C:200..201", "X:0..17", "M:0..15@2", "D_W:300..304@2"]
@@ -41,8 +42,8 @@ class Values(h.GatewayTestCase):
     def setUpClass(cls):
         super().setUpClass()
         cls.start_line(stations=(1, 2))
-        cls.start_class_gateway(*h.base_config(cls.broker, cls.sim, ITEMS), P + "/status",
-                                *(P + "/" + t for t, _ in EXPECTED))
+        folder, config, cls.csv_dir = csvlog.csv_config(cls.broker, cls.sim, ITEMS)
+        cls.start_class_gateway(folder, config, P + "/status", *(P + "/" + t for t, _ in EXPECTED))
         # Whatever start-up sends besides the first values (test_lifecycle judges it)
         # is over before a test counts messages.
         time.sleep(STARTUP_SETTLE)
@@ -132,6 +133,16 @@ class Values(h.GatewayTestCase):
                 for station in (s for s, payloads in statuses.items() if payloads):
                     self.assertIsNotNone(self.sub.wait_for(P + "/%s/status" % station, lambda m: m.payload == "online",
                                                            since=again), "station %s back online" % station)
+        # The CSV log holds a row for every value message published, bad ones too, and none twice.
+        time.sleep(QUIET)
+        published = {(m.json()["ts"], m.topic[len(P) + 1:], "" if m.json()["value"] is None else str(m.json()["value"]),
+                      m.json()["quality"]) for m in self.sub.since() if m.topic.count("/") == 4}
+        header, rows = csvlog.read_rows(csvlog.today_file(self.csv_dir))
+        logged = {(t, "%s/%s/%s" % (station, item, address), value, quality)
+                  for t, station, item, address, value, quality in rows}
+        self.assertEqual((header, len(logged)), (csvlog.HEADER, len(rows)), "a header, then no row twice")
+        self.assertEqual(logged, published)
+        self.assertEqual({q for _, _, _, q in logged}, {"good", "bad"})
 
 if __name__ == "__main__":
     h.main()
