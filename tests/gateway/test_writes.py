@@ -77,8 +77,7 @@ class Writes(h.GatewayTestCase):
         for what, topic, value, request_id, read, held, published in rows:
             with self.subTest(what):
                 answer, mark = self.write(topic, payload(value, request_id))
-                self.assertEqual(answer.get("ok"), True, answer)
-                self.assertEqual(answer.get("id"), request_id)
+                self.assertEqual((answer.get("ok"), answer.get("id")), (True, request_id), answer)
                 self.assertIn(answer.get("value"), (value, published), answer)
                 self.assertEqual(read(), held)
                 m = self.sub.wait_for("%s/%s" % (P, topic), lambda m: m.json().get("value") == published, since=mark)
@@ -113,9 +112,8 @@ class Writes(h.GatewayTestCase):
         for why, topic, body, request_id in rows:
             with self.subTest(why):
                 answer, mark = self.write(topic, body)
-                self.assertEqual(answer.get("ok"), False, answer)
+                self.assertEqual((answer.get("ok"), answer.get("id")), (False, request_id), answer)
                 self.assertTrue(answer.get("error"), "a refusal says why: %r" % answer)
-                self.assertEqual(answer.get("id"), request_id)
         self.assert_one_answer_each([r[1] for r in rows], start)
         self.assertEqual(self.sim.counters()["writes"], before, "a refused write reached the controller")
         self.assertEqual(self.sim.get(1, 500), 500)
@@ -137,8 +135,7 @@ class Writes(h.GatewayTestCase):
                 started = time.monotonic()
                 answer, mark = self.write(topic, payload(9, "f"))
                 mend()
-                self.assertEqual(answer.get("ok"), False, answer)
-                self.assertEqual(answer.get("id"), "f")
+                self.assertEqual((answer.get("ok"), answer.get("id")), (False, "f"), answer)
                 self.assertIn(words, answer.get("error", "").lower())
                 self.assertLess(time.monotonic() - started, h.ANSWER_TIMEOUT)
                 self.assert_one_answer_each([topic], mark)
@@ -150,9 +147,7 @@ class Writes(h.GatewayTestCase):
         self.sub.publish(P + "/1/D_W/503/set", payload(22, "b"))
         for topic, request_id in (("1/D_W/502", "a"), ("1/D_W/503", "b")):
             answer = self.sub.wait_for("%s/%s/result" % (P, topic), since=mark)
-            self.assertIsNotNone(answer, topic)
-            self.assertEqual(answer.json().get("id"), request_id)
-            self.assertEqual(answer.json().get("ok"), True, answer)
+            self.assertEqual(answer and (answer.json().get("ok"), answer.json().get("id")), (True, request_id), topic)
         self.assert_one_answer_each(["1/D_W/502", "1/D_W/503"], mark)
         self.assertEqual((self.sim.get(1, 502), self.sim.get(1, 503)), (11, 22))
 
@@ -171,8 +166,8 @@ class Writes(h.GatewayTestCase):
                 self.sub.publish("%s/%s/set" % (P, topic), str(value), properties=props)
                 m = self.sub.wait_for(props.ResponseTopic, since=mark)
                 self.assertIsNotNone(m, "no answer on the response topic")
-                self.assertEqual(m.json().get("ok"), ok, m)
-                self.assertEqual(getattr(m.properties, "CorrelationData", None), props.CorrelationData)
+                self.assertEqual((m.json().get("ok"), getattr(m.properties, "CorrelationData", None)),
+                                 (ok, props.CorrelationData), m)
                 time.sleep(SETTLE)
                 self.assertEqual(len(self.sub.since(mark, props.ResponseTopic)), 1)
 
