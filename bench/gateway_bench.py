@@ -36,8 +36,8 @@ BUILD = os.environ.get("RTUPLC_BUILD", os.path.join(ROOT, "build-bench"))
 os.environ.setdefault("RTUPLC_GATEWAY", os.path.join(BUILD, "rtuplc-gateway"))
 os.environ.setdefault("RTUPLC_SIM", os.path.join(BUILD, "rtuplc-sim"))
 POLL = os.environ.get("RTUPLC_POLL", os.path.join(BUILD, "rtuplc-poll"))
-sys.path.insert(0, os.path.join(ROOT, "tests/gateway"))
-import harness as h  # noqa: E402  (needs the environment above)
+sys.path.insert(0, os.path.join(ROOT, "support/python"))
+import loopback_line as h  # noqa: E402  (needs the environment above)
 
 PREFIX = "rtuplc/line1"
 MOSQUITTO_SUB = "/usr/bin/mosquitto_sub"
