@@ -95,12 +95,26 @@ class SparkplugTestCase(h.GatewayTestCase):
         m = sub.wait_for(topic, lambda m: predicate(decode(m)), timeout, since)
         return None if m is None else decode(m)
 
-    def start_node(self, folder, config, sub):
+    def own_line(self):
+        """For this test: self.broker, self.sim and self.sub, who may send a host's messages."""
+        self.broker = self.own(h.Broker().start())
+        self.sim = self.own(h.Simulator())
+        self.sub = self.own(h.Subscriber(self.broker, "spBv1.0/#", user="operator"))
+
+    def start_node(self, folder, config, sub, env=None):
         mark = sub.mark()
-        gw = self.own(h.Gateway(folder, config))
+        gw = self.own(h.Gateway(folder, config, env=env))
         birth = self.wait_topic(sub, "NBIRTH", since=mark, timeout=h.START_TIMEOUT)
         self.assertIsNotNone(birth, "no NBIRTH; the gateway's log:\n" + gw.log())
         return gw, birth, mark
+
+    def death_after(self, end):
+        """The death certificate self.sub receives once end() ended the node, undecoded."""
+        mark = self.sub.mark()
+        end()
+        death = self.sub.wait_for(NS + "NDEATH/" + NODE, since=mark, timeout=h.START_TIMEOUT)
+        self.assertIsNotNone(death, "the broker sent no death certificate")
+        return death
 
 
 class Sparkplug(SparkplugTestCase):

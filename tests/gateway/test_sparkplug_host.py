@@ -19,9 +19,7 @@ def host_state(online, age=0):
 
 class NodeLife(spb.SparkplugTestCase):
     def setUp(self):
-        self.broker = self.own(h.Broker().start())
-        self.sim = self.own(h.Simulator())
-        self.sub = self.own(h.Subscriber(self.broker, "spBv1.0/#", user="operator"))
+        self.own_line()
 
     def config(self, **sparkplug_keys):
         return spb.sparkplug_config(self.broker, self.sim, items=["D_W:100..101"], **sparkplug_keys)
@@ -39,10 +37,7 @@ class NodeLife(spb.SparkplugTestCase):
                     birth = self.wait_topic(self.sub, "NBIRTH", since=mark, timeout=h.START_TIMEOUT * 2)
                     self.assertIsNotNone(birth, "no NBIRTH after the broker restart; log:\n" + gw.log())
                     self.assertEqual((spb.bdseq_of(birth), birth.seq), ((first + 1) % spb.SEQ_MODULO, 0))
-                mark = self.sub.mark()
-                self.assertEqual(gw.stop(), 0) if how == "stop" else gw.kill()
-                death = self.sub.wait_for(spb.NS + "NDEATH/" + spb.NODE, since=mark, timeout=h.START_TIMEOUT)
-                self.assertIsNotNone(death, "no death certificate")
+                death = self.death_after(lambda: self.assertEqual(gw.stop(), 0) if how == "stop" else gw.kill())
                 self.assertEqual((death.qos, death.retain, spb.bdseq_of(spb.decode(death))),
                                  (1, False, spb.bdseq_of(birth)), "the death pairs with the last birth")
 

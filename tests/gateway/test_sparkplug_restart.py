@@ -7,7 +7,6 @@ test_sparkplug sees it born again on a real line.)"""
 import os
 import shutil
 import tempfile
-import time
 
 import harness as h
 import test_sparkplug as spb
@@ -15,40 +14,21 @@ import test_sparkplug as spb
 QUIET = 1.5  # s to watch for a birth that must not come
 
 
-def death_certificate(bd):
-    p = spb.Payload()
-    p.timestamp = int(time.time() * 1000)
-    m = p.metrics.add()
-    m.name = "bdSeq"
-    m.datatype = spb.UINT64
-    m.long_value = bd
-    return p.SerializeToString()
-
-
 class Restart(spb.SparkplugTestCase):
     def setUp(self):
-        self.broker = self.own(h.Broker().start())
-        self.sim = self.own(h.Simulator())
-        self.sub = self.own(h.Subscriber(self.broker, "spBv1.0/#", user="operator"))
+        self.own_line()
         self.state = tempfile.mkdtemp(prefix="rtuplc-state-")
         self.addCleanup(shutil.rmtree, self.state, ignore_errors=True)
 
     def start(self):
         """A gateway on the test's state folder, as systemd gives one to the service."""
         folder, config = spb.sparkplug_config(self.broker, self.sim, items=["D_W:100..101"])
-        mark = self.sub.mark()
-        gw = self.own(h.Gateway(folder, config, env={"STATE_DIRECTORY": self.state}))
-        birth = self.wait_topic(self.sub, "NBIRTH", since=mark, timeout=h.START_TIMEOUT)
-        self.assertIsNotNone(birth, "no NBIRTH; log:\n" + gw.log())
+        gw, birth, _ = self.start_node(folder, config, self.sub, env={"STATE_DIRECTORY": self.state})
         return gw, spb.bdseq_of(birth)
 
     def kill(self, gw):
         """kill -9: the bdSeq of the will the broker then publishes."""
-        mark = self.sub.mark()
-        gw.kill()
-        death = self.sub.wait_for(spb.NS + "NDEATH/" + spb.NODE, since=mark, timeout=h.START_TIMEOUT)
-        self.assertIsNotNone(death, "the broker sent no death certificate")
-        return spb.bdseq_of(spb.decode(death))
+        return spb.bdseq_of(spb.decode(self.death_after(gw.kill)))
 
     def test_kill_9_then_restart_is_born_with_the_next_bdseq(self):
         kept = os.path.join(self.state, "sparkplug-%s-%s.bdseq" % (spb.GROUP, spb.NODE))
@@ -87,7 +67,7 @@ class Restart(spb.SparkplugTestCase):
         for what, bd, reborn in rows:
             with self.subTest(death=what):
                 mark = self.sub.mark()
-                self.sub.publish(spb.NS + "NDEATH/" + spb.NODE, death_certificate(bd))
+                self.sub.publish(spb.NS + "NDEATH/" + spb.NODE, spb.encode_command([("bdSeq", None, "long_value", bd)]))
                 birth = self.wait_topic(self.sub, "NBIRTH", since=mark, timeout=h.ANSWER_TIMEOUT if reborn else QUIET)
                 self.assertEqual(birth is not None, reborn, "log:\n" + gw.log())
                 if reborn:
