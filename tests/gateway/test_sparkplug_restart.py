@@ -1,8 +1,8 @@
 """A Sparkplug node that survives its own restart: the next bdSeq is kept on disk, so a
 restart after kill -9 is born with the one after the dead session's; a death
-certificate of the live session brings new births, an older one changes nothing. (That a
-station back from a silence is born only with values read since is gateway_logic_test.cpp's;
-test_sparkplug sees it born again on a real line.)"""
+certificate of the live session brings new births, an older one changes nothing; and
+a station back from a silence is born with values read since, never older ones (block
+by block in gateway_logic_test.cpp; here on a real line)."""
 
 import os
 import shutil
@@ -73,6 +73,34 @@ class Restart(spb.SparkplugTestCase):
                 if reborn:
                     self.assertEqual(spb.bdseq_of(birth), born, "a rebirth keeps the bdSeq")
                     self.assertIsNotNone(self.wait_topic(self.sub, "DBIRTH", "station1", since=mark))
+
+
+class BackFromSilence(spb.SparkplugTestCase):
+    def test_a_station_back_from_silence_is_born_with_values_read_since(self):
+        broker = self.own(h.Broker().start())
+        sim = self.own(h.Simulator(stations=(1, 2)))
+        sub = self.own(h.Subscriber(broker, "spBv1.0/#", user="reader"))
+        folder, config = spb.sparkplug_config(broker, sim, items=["D_W:100..101", "D_W:300..301@2", "M:0..1@2"])
+        gw, _, mark = self.start_node(folder, config, sub)
+        born = self.wait_topic(sub, "DBIRTH", "press", since=mark, timeout=h.START_TIMEOUT)
+        old = {m.name: spb.metric_value(m) for m in born.metrics}
+        self.assertEqual(old["M/0"], bool(h.pattern_coil(2, 2000)))
+        mark = sub.mark()
+        sim.stations(1)
+        self.assertIsNotNone(self.wait_topic(sub, "DDEATH", "press", since=mark), "no DDEATH; log:\n" + gw.log())
+        # Changed while nobody could read it.
+        sim.coil(2, 2000, not old["M/0"])
+        sim.set(2, 300, 4321)
+        mark = sub.mark()
+        sim.stations(1, 2)
+        birth = self.wait_topic(sub, "DBIRTH", "press", since=mark, timeout=h.START_TIMEOUT)
+        self.assertIsNotNone(birth, "no DBIRTH; log:\n" + gw.log())
+        metrics = {m.name: m for m in birth.metrics}
+        for name, now in (("M/0", not old["M/0"]), ("D_W/300", 4321)):
+            with self.subTest(metric=name):
+                m = metrics[name]
+                if spb.quality_of(m) != spb.BAD:
+                    self.assertEqual(spb.metric_value(m), now, "a value from before the silence born good")
 
 
 if __name__ == "__main__":
