@@ -25,6 +25,7 @@ bool makePlan(const Config &config, const DriverApi &api, const Catalogue &catal
             *error = where(config, ic.line) + "items: " + why.toStdString();
             return false;
         }
+        item.every = std::chrono::milliseconds(ic.everyMs);
         for (const Point &p : item.points) {
             if (seen.insert({p.station, p.area->name, p.address}).second)
                 plan->points.push_back(p);

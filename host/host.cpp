@@ -156,10 +156,16 @@ void Host::monitor(const std::vector<Item> &items)
         items_.push_back(item);
         for (const Point &p : item.points) {
             const PointKey key{p.station, p.area->name, p.address};
-            if (pointIndex_.count(key))
-                continue; // the same value asked for twice is shown once
+            anySlow_ = anySlow_ || item.every.count() > 0;
+            if (const auto found = pointIndex_.find(key); found != pointIndex_.end()) {
+                // The same value asked for twice is shown once, as often as it is most wanted.
+                auto &every = pointEvery_[found->second];
+                every = std::min(every, item.every);
+                continue;
+            }
             pointIndex_[key] = points_.size();
             points_.push_back(p);
+            pointEvery_.push_back(item.every);
         }
     }
 }
@@ -184,8 +190,12 @@ Host::Block &Host::block(const FRAME_PRO &f)
         if (p.station != f.station || p.area->cachePrefix() != prefix)
             continue;
         const int64_t first = p.firstUnit(), end = first + p.units();
-        if (end > f.startAddr && first < int64_t(f.startAddr) + f.len)
+        if (end > f.startAddr && first < int64_t(f.startAddr) + f.len) {
+            // A block is due as often as its most wanted value: a slow item merged into
+            // a fast block is read at the fast pace, which costs only its registers.
+            b.every = b.touching.empty() ? pointEvery_[i] : std::min(b.every, pointEvery_[i]);
             b.touching.push_back(i);
+        }
         if (covers(f, p))
             b.in.push_back(i);
     }
@@ -238,6 +248,8 @@ void Host::issue(PendingWrite &w)
         settle(w.id, WriteOutcome::Local);
         return;
     }
+    // The block's last reply no longer holds what the controller will: it is read again.
+    forgetReplies(p);
     // Mirror the driver's queue: the head may be in flight and is never replaced.
     for (size_t i = driverQueue_.size(); i-- > 1;) {
         QueuedWrite &q = driverQueue_[i];
@@ -393,6 +405,89 @@ bool Host::finish()
     return !problems_ && stats_.failures == 0 && !recipeFailed_;
 }
 
+Host::Way Host::chooseWay(const FRAME_PRO &f, bool poll, Clock::time_point now)
+{
+    current_ = nullptr;
+    probing_ = false;
+    if (!offline_.empty()) {
+        const auto silent = offline_.find(f.station);
+        if (silent != offline_.end()) {
+            // A write or a one-shot read may find it back: tried once, at once. A poll
+            // waits for the probe's turn.
+            if (!poll)
+                return Way::Once;
+            current_ = &block(f);
+            if (now < silent->second.nextProbe) {
+                nextDue_ = std::min(nextDue_, silent->second.nextProbe);
+                return Way::Skip;
+            }
+            probing_ = true;
+            ++stats_.probes;
+            return Way::Once;
+        }
+    }
+    if (!poll || !anySlow_)
+        return Way::Line;
+    current_ = &block(f);
+    if (current_->every.count() == 0 || current_->reply.empty())
+        return Way::Line;
+    const Clock::time_point due = current_->readAt + current_->every;
+    if (now >= due)
+        return Way::Line;
+    nextDue_ = std::min(nextDue_, due);
+    return Way::Skip;
+}
+
+void Host::goOffline(int station, Clock::time_point now, const QString &why)
+{
+    if (station == rtusupport::kBroadcastStation || settings_.probeInterval.count() <= 0)
+        return;
+    const auto found = offline_.find(station);
+    if (found == offline_.end()) {
+        offline_[station] = Silence{now + settings_.probeInterval, settings_.probeInterval, why};
+        for (auto &[key, b] : blockIndex_)
+            b.saidOffline = b.saidOffline && std::get<0>(key) != station;
+        return;
+    }
+    // Still silent: tried less and less often, down to once every probeMax.
+    Silence &s = found->second;
+    s.interval = std::max(settings_.probeInterval, std::min(2 * s.interval, settings_.probeMax));
+    s.nextProbe = now + s.interval;
+}
+
+void Host::comeBack(int station)
+{
+    offline_.erase(station);
+    // Back: every block of it is read fresh before its values count as current.
+    for (auto &[key, b] : blockIndex_) {
+        if (std::get<0>(key) == station)
+            b.reply.clear();
+    }
+}
+
+void Host::forgetReplies(const Point &p)
+{
+    for (auto &[key, b] : blockIndex_) {
+        const auto &[station, prefix, start, length] = key;
+        if (station == p.station && prefix == p.area->cachePrefix() && p.firstUnit() < start + length &&
+            int64_t(p.firstUnit()) + p.units() > start)
+            b.reply.clear();
+    }
+}
+
+void Host::restAfterIdlePass()
+{
+    // A whole pass found nothing due: wait for the next block or probe that is rather
+    // than spin, but not so long that a write asked for meanwhile waits.
+    constexpr std::chrono::milliseconds kLongestRest{50};
+    const auto now = Clock::now();
+    const auto until = std::min(nextDue_, now + kLongestRest);
+    if (until > now)
+        std::this_thread::sleep_until(until);
+    idleInRow_ = 0;
+    nextDue_ = Clock::time_point::max();
+}
+
 void Host::serveOne(const std::atomic<bool> &stop)
 {
     const bool recipeFrame = (recipeStage_ == RecipeStage::Downloading && commandPending(RTUPLC_RCP_DOWNLOAD_BYTE)) ||
@@ -402,33 +497,82 @@ void Host::serveOne(const std::atomic<bool> &stop)
         std::this_thread::sleep_for(kIdleWait); // nothing due: no blocks, no writes
         return;
     }
+    const bool write = isWriteFrame(f) && !recipeFrame;
+    const bool poll = f.reqKind == RTUPLC_KIND_MONITOR_READ && !recipeFrame;
     if (!requestOpen_) {
         requestStarted_ = Clock::now();
         requestOpen_ = true;
+        attempt_ = 0;
+        way_ = chooseWay(f, poll, requestStarted_);
     }
+    const bool onLine = way_ == Way::Line || (way_ == Way::Once && attempt_ == 0);
+    ++attempt_;
     const auto timeout = timeoutFor(size_t(f.frameLen), size_t(f.replyLen));
     Exchange x;
-    if (f.frameLen > 0) { // a handshake record carries nothing to send
+    if (!onLine) {
+        // Answered without the line: a slow block not due gets its last reply, the very
+        // bytes the controller sent, so no value moves; an offline station's blocks and
+        // the retries after a single try get nothing, a failure the driver already counts.
+        if (way_ == Way::Skip && current_ != nullptr && !offline_.count(f.station))
+            x.reply = current_->reply;
+    } else if (f.frameLen > 0) { // a handshake record carries nothing to send
         x = link_.exchange(f, timeout, stop);
         if (x.sent)
             ++stats_.framesSent;
         stats_.line = link_.stats();
         events_.exchanged(f, x);
+        if (way_ == Way::Once)
+            first_ = x;
     }
-    if (stop && x.outcome == Exchange::Outcome::NoReply && f.replyLen > 0)
+    if (stop && onLine && x.outcome == Exchange::Outcome::NoReply && f.replyLen > 0)
         return; // interrupted while waiting: the frame is not judged
 
     QString errorText;
     const QByteArray reply(reinterpret_cast<const char *>(x.reply.data()), int(x.reply.size()));
     const int result = api_.dealRcvFrame(reply, errorText);
     retryPending_ = result == RTUPLC_REPLY_RETRY;
-    const bool write = isWriteFrame(f) && !recipeFrame;
-    const bool poll = f.reqKind == RTUPLC_KIND_MONITOR_READ && !recipeFrame;
+    const bool settled = result == RTUPLC_REPLY_ACCEPTED || result == RTUPLC_REPLY_FAILED;
+
+    if (way_ == Way::Skip) {
+        dirty_.clear(); // nothing was read: nothing is reported
+        const auto silent = offline_.find(f.station);
+        if (result == RTUPLC_REPLY_FAILED && silent != offline_.end() && current_ != nullptr &&
+            !current_->saidOffline) {
+            // Each block of a station gone silent says so once: its values are bad too.
+            current_->saidOffline = true;
+            Failure failure;
+            failure.driverText = errorText;
+            failure.block = blockOf(f, errorText);
+            failure.why = QStringLiteral("station %1 is offline (%2): tried again every %3 s until it answers")
+                              .arg(f.station)
+                              .arg(silent->second.why)
+                              .arg(double(silent->second.interval.count()) / 1000.0);
+            events_.requestFailed(f, failure);
+        }
+        if (settled) {
+            requestOpen_ = false;
+            if (poll)
+                countPass(f);
+            if (++idleInRow_ >= size_t(std::max(1, blocks_)))
+                restAfterIdlePass();
+        }
+        return;
+    }
+    idleInRow_ = 0;
+    nextDue_ = Clock::time_point::max();
+    if (way_ == Way::Once && attempt_ == 1) {
+        // An answer of any kind, even a refusal, shows the station is there again.
+        if (result == RTUPLC_REPLY_ACCEPTED || x.outcome == Exchange::Outcome::Exception) {
+            comeBack(f.station);
+            way_ = Way::Line;
+            probing_ = false;
+        }
+    }
     switch (result) {
     case RTUPLC_REPLY_ACCEPTED:
         ++stats_.accepted;
         if (f.dataLen > 0)
-            afterRead(f);
+            afterRead(f, x.reply);
         else if (write)
             afterWrite(f, true, QString());
         if (f.dataLen > 0 && poll)
@@ -439,8 +583,19 @@ void Host::serveOne(const std::atomic<bool> &stop)
         break;
     case RTUPLC_REPLY_FAILED: {
         ++stats_.failures;
-        const Failure failure = whyFailed(f, x, timeout, errorText);
+        const bool once = way_ == Way::Once;
+        Failure failure = whyFailed(f, once ? first_ : x, timeout, errorText, once ? 1 : settings_.retries);
+        if (once)
+            failure.why = QStringLiteral("station %1 is offline: %2").arg(f.station).arg(failure.why);
         events_.requestFailed(f, failure);
+        if (failure.kind == Failure::Kind::NoReply || failure.kind == Failure::Kind::BadReply) {
+            stats_.silentTime +=
+                std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - requestStarted_);
+            if (!once || probing_)
+                goOffline(f.station, Clock::now(), failure.why);
+            if (poll)
+                block(f).saidOffline = true; // said just now
+        }
         if (recipeFrame)
             recipeFailed_ = true;
         else if (write)
@@ -452,7 +607,7 @@ void Host::serveOne(const std::atomic<bool> &stop)
     default:
         break;
     }
-    if (result == RTUPLC_REPLY_ACCEPTED || result == RTUPLC_REPLY_FAILED) {
+    if (settled) {
         ++stats_.finished;
         if (poll)
             ++stats_.polls;
@@ -481,9 +636,14 @@ bool Host::complete(const Point &p) const
     return true;
 }
 
-void Host::afterRead(const FRAME_PRO &f)
+void Host::afterRead(const FRAME_PRO &f, const std::vector<uint8_t> &reply)
 {
     Block &b = block(f);
+    if (f.reqKind == RTUPLC_KIND_MONITOR_READ) {
+        b.readAt = requestStarted_;
+        b.reply = reply; // kept to answer the driver while the block is not due
+        b.saidOffline = false;
+    }
     if (!b.read) {
         // The first read of a block completes the values in it; one that spans two
         // blocks is complete once both were read.
@@ -576,12 +736,12 @@ QString Host::blockOf(const FRAME_PRO &f, const QString &driverText) const
 }
 
 Failure Host::whyFailed(const FRAME_PRO &f, const Exchange &x, std::chrono::microseconds timeout,
-                        const QString &driverText) const
+                        const QString &driverText, int attempts) const
 {
     Failure failure;
     failure.driverText = driverText;
     failure.block = blockOf(f, driverText);
-    const int attempts = std::max(1, settings_.retries);
+    attempts = std::max(1, attempts);
     const QString tries = QStringLiteral("%1 attempt%2").arg(attempts).arg(attempts == 1 ? "" : "s");
     switch (x.outcome) {
     case Exchange::Outcome::Exception: {

@@ -51,6 +51,11 @@ struct HostSettings {
     // A write is done when the controller acknowledged it, or only once a later read
     // shows the value (rtuplc-poll's confirmation).
     bool confirmWrites = true;
+    // A station whose request failed for want of an answer is offline: from then on it
+    // gets one attempt every probeInterval, the pause doubling up to probeMax while it
+    // stays silent, instead of costing the line its time-outs on every pass.
+    std::chrono::milliseconds probeInterval{5000};
+    std::chrono::milliseconds probeMax{60000};
 
     QString propertyText() const;    // driverId#localWriteMode#0#retries#gap
 };
@@ -64,6 +69,8 @@ struct Stats {
     uint64_t polls = 0;              // poll reads done, accepted or failed
     std::chrono::microseconds cycleTotal{0};
     std::chrono::microseconds elapsed{0};
+    uint64_t probes = 0;             // single attempts sent to offline stations
+    std::chrono::microseconds silentTime{0}; // line time spent on requests nobody answered
     LineStats line;                  // what the link dropped
 
     QString summary() const;
@@ -170,6 +177,13 @@ public:
     bool finish();
 
     const Stats &stats() const { return stats_; }
+    // A station held offline and when it is tried next; none for a station answering.
+    struct Silence {
+        Clock::time_point nextProbe;
+        std::chrono::milliseconds interval;
+        QString why;                 // the failure that took it offline
+    };
+    const std::map<int, Silence> &offline() const { return offline_; }
     int blockCount() const { return blocks_; }
     std::chrono::microseconds timeoutFor(size_t frameBytes, size_t replyBytes) const;
 
@@ -216,13 +230,13 @@ private:
     void settle(uint64_t id, WriteOutcome outcome, const QString &detail = QString());
     PendingWrite *pending(uint64_t id);
     void serveOne(const std::atomic<bool> &stop);
-    void afterRead(const FRAME_PRO &f);
+    void afterRead(const FRAME_PRO &f, const std::vector<uint8_t> &reply);
     void afterWrite(const FRAME_PRO &f, bool ok, const QString &why);
     void showDirty();
     bool complete(const Point &p) const;
     bool covers(const FRAME_PRO &f, const Point &p) const;
     Failure whyFailed(const FRAME_PRO &f, const Exchange &x, std::chrono::microseconds timeout,
-                      const QString &driverText) const;
+                      const QString &driverText, int attempts) const;
     QString blockOf(const FRAME_PRO &f, const QString &driverText) const;
 
     bool writesSettled() const;
@@ -255,7 +269,20 @@ private:
         std::vector<size_t> in;       // points it covers whole
         std::vector<size_t> touching; // points with a unit in it
         bool read = false;
+        std::chrono::milliseconds every{0}; // of its most wanted point
+        Clock::time_point readAt{};   // the last fresh read, or never: due
+        std::vector<uint8_t> reply;   // the controller's last good reply to it
+        bool saidOffline = false;     // its station's silence was reported for it
     };
+    // How the request in progress is served: on the line with its retries; once on the
+    // line, its retries answered at once (a probe, or any request to an offline
+    // station); or not put on the line at all (a block not due).
+    enum class Way { Line, Once, Skip };
+    Way chooseWay(const FRAME_PRO &f, bool poll, Clock::time_point now);
+    void goOffline(int station, Clock::time_point now, const QString &why);
+    void comeBack(int station);
+    void restAfterIdlePass();
+    void forgetReplies(const Point &p);
     std::map<BlockKey, Block> blockIndex_;
     Block &block(const FRAME_PRO &f);
     int blocks_ = 0;
@@ -280,6 +307,17 @@ private:
     Clock::time_point requestStarted_{};
     bool requestOpen_ = false;
     bool retryPending_ = false;
+
+    std::vector<std::chrono::milliseconds> pointEvery_; // by point
+    bool anySlow_ = false;
+    std::map<int, Silence> offline_;
+    Way way_ = Way::Line;
+    bool probing_ = false;           // the request in progress is an offline station's probe
+    int attempt_ = 0;                // of the request in progress
+    Exchange first_;                 // what its one attempt on the line got (Way::Once)
+    Block *current_ = nullptr;       // its block, for a poll while scheduling
+    size_t idleInRow_ = 0;           // requests in a row answered without the line
+    Clock::time_point nextDue_ = Clock::time_point::max();
 };
 
 // Text for people.
