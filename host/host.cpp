@@ -343,10 +343,9 @@ void Host::start()
     const QByteArray property = settings_.propertyText().toLatin1();
     api_.initProperty(memory_.data(), 0, recipeBuffer_.data(), &errorCode, property.constData(), &memoryLock_);
 
-    QList<KEY_ADDRESS> keys;
-    for (const Item &item : items_)
-        keys.append(item.key());
-    blocks_ = keys.isEmpty() ? 0 : api_.addrMerge(keys);
+    if (!items_.empty())
+        remerge();
+    plannedBlocks_ = blocks_;
 
     if (job_.recipe) {
         QVector<_RCP_VAR_PRO> vars = job_.recipe->driverVariables(settings_.driverId);
@@ -372,6 +371,8 @@ void Host::step(const std::atomic<bool> &stop)
 {
     if (!retryPending_)
         advanceRecipe();
+    if (!offline_.empty())
+        queueProbes();
     if (finished())
         return;
     serveOne(stop);
@@ -409,22 +410,12 @@ Host::Way Host::chooseWay(const FRAME_PRO &f, bool poll, Clock::time_point now)
 {
     current_ = nullptr;
     probing_ = false;
-    if (!offline_.empty()) {
-        const auto silent = offline_.find(f.station);
-        if (silent != offline_.end()) {
-            // A write or a one-shot read may find it back: tried once, at once. A poll
-            // waits for the probe's turn.
-            if (!poll)
-                return Way::Once;
-            current_ = &block(f);
-            if (now < silent->second.nextProbe) {
-                nextDue_ = std::min(nextDue_, silent->second.nextProbe);
-                return Way::Skip;
-            }
-            probing_ = true;
-            ++stats_.probes;
-            return Way::Once;
-        }
+    if (!offline_.empty() && !poll && offline_.count(f.station)) {
+        // Its blocks are not polled. A write may find it back: tried once, at once; a
+        // one-shot read is the probe queued for it, or a host's read, tried the same way.
+        probing_ = f.reqKind == RTUPLC_KIND_CONDITION_READ;
+        stats_.probes += probing_ ? 1 : 0;
+        return Way::Once;
     }
     if (!poll || !anySlow_)
         return Way::Line;
@@ -438,21 +429,83 @@ Host::Way Host::chooseWay(const FRAME_PRO &f, bool poll, Clock::time_point now)
     return Way::Skip;
 }
 
-void Host::goOffline(int station, Clock::time_point now, const QString &why)
+void Host::remerge()
 {
+    // The driver polls only what it is given: a station held offline costs no pass
+    // anything, and is given back whole when it answers.
+    QList<KEY_ADDRESS> keys;
+    for (const Item &item : items_) {
+        if (offline_.empty() || !offline_.count(item.station))
+            keys.append(item.key());
+    }
+    blocks_ = api_.addrMerge(keys);
+    passBlocks_.clear();
+}
+
+void Host::goOffline(const FRAME_PRO &f, Clock::time_point now, const QString &why)
+{
+    const int station = f.station;
     if (station == rtusupport::kBroadcastStation || settings_.probeInterval.count() <= 0)
         return;
     const auto found = offline_.find(station);
-    if (found == offline_.end()) {
-        offline_[station] = Silence{now + settings_.probeInterval, settings_.probeInterval, why};
-        for (auto &[key, b] : blockIndex_)
-            b.saidOffline = b.saidOffline && std::get<0>(key) != station;
+    if (found != offline_.end()) {
+        // Still silent: tried less and less often, down to once every probeMax.
+        Silence &s = found->second;
+        s.interval = std::max(settings_.probeInterval, std::min(2 * s.interval, settings_.probeMax));
+        s.nextProbe = now + s.interval;
         return;
     }
-    // Still silent: tried less and less often, down to once every probeMax.
-    Silence &s = found->second;
-    s.interval = std::max(settings_.probeInterval, std::min(2 * s.interval, settings_.probeMax));
-    s.nextProbe = now + s.interval;
+    offline_[station] = Silence{now + settings_.probeInterval, settings_.probeInterval, why, false};
+    if (items_.empty())
+        return;
+    remerge();
+    // Its other values go bad with the one that failed, each item saying why once.
+    const QString because = QStringLiteral("station %1 is offline (%2): tried again every %3 s until it answers")
+                                .arg(station)
+                                .arg(why)
+                                .arg(double(settings_.probeInterval.count()) / 1000.0);
+    for (const Item &item : items_) {
+        if (item.station != station || item.points.empty())
+            continue;
+        FRAME_PRO g;
+        g.station = station;
+        g.regName = item.area->name;
+        g.reqKind = RTUPLC_KIND_MONITOR_READ;
+        int first = item.points.front().firstUnit(), end = first;
+        for (const Point &p : item.points) {
+            first = std::min(first, p.firstUnit());
+            end = std::max(end, p.firstUnit() + p.units());
+        }
+        g.startAddr = first;
+        g.len = end - first;
+        const bool justFailed = f.reqKind == RTUPLC_KIND_MONITOR_READ && prefixOf(f.regName) == prefixOf(g.regName) &&
+                                f.startAddr <= first && end <= f.startAddr + f.len;
+        if (justFailed)
+            continue;
+        Failure failure;
+        failure.driverText = QStringLiteral("%1#%2%3(%4)").arg(station).arg(g.regName).arg(first).arg(g.len);
+        failure.block = blockOf(g, failure.driverText);
+        failure.why = because;
+        events_.requestFailed(g, failure);
+    }
+}
+
+void Host::queueProbes()
+{
+    const auto now = Clock::now();
+    for (auto &[station, s] : offline_) {
+        if (s.probing || now < s.nextProbe)
+            continue;
+        // One register or word of its first item: enough to hear it, little line time.
+        for (const Item &item : items_) {
+            if (item.station != station)
+                continue;
+            KEY_ADDRESS key = item.key();
+            key.len = 1;
+            s.probing = api_.addConditionRead(key, RTUPLC_KIND_CONDITION_READ) == RTUPLC_OK;
+            break;
+        }
+    }
 }
 
 void Host::comeBack(int station)
@@ -463,6 +516,8 @@ void Host::comeBack(int station)
         if (std::get<0>(key) == station)
             b.reply.clear();
     }
+    if (!items_.empty())
+        remerge();
 }
 
 void Host::forgetReplies(const Point &p)
@@ -511,9 +566,9 @@ void Host::serveOne(const std::atomic<bool> &stop)
     Exchange x;
     if (!onLine) {
         // Answered without the line: a slow block not due gets its last reply, the very
-        // bytes the controller sent, so no value moves; an offline station's blocks and
-        // the retries after a single try get nothing, a failure the driver already counts.
-        if (way_ == Way::Skip && current_ != nullptr && !offline_.count(f.station))
+        // bytes the controller sent, so no value moves; the retries after a single try
+        // get nothing, a failure the driver already counts.
+        if (way_ == Way::Skip)
             x.reply = current_->reply;
     } else if (f.frameLen > 0) { // a handshake record carries nothing to send
         x = link_.exchange(f, timeout, stop);
@@ -535,20 +590,6 @@ void Host::serveOne(const std::atomic<bool> &stop)
 
     if (way_ == Way::Skip) {
         dirty_.clear(); // nothing was read: nothing is reported
-        const auto silent = offline_.find(f.station);
-        if (result == RTUPLC_REPLY_FAILED && silent != offline_.end() && current_ != nullptr &&
-            !current_->saidOffline) {
-            // Each block of a station gone silent says so once: its values are bad too.
-            current_->saidOffline = true;
-            Failure failure;
-            failure.driverText = errorText;
-            failure.block = blockOf(f, errorText);
-            failure.why = QStringLiteral("station %1 is offline (%2): tried again every %3 s until it answers")
-                              .arg(f.station)
-                              .arg(silent->second.why)
-                              .arg(double(silent->second.interval.count()) / 1000.0);
-            events_.requestFailed(f, failure);
-        }
         if (settled) {
             requestOpen_ = false;
             if (poll)
@@ -592,9 +633,7 @@ void Host::serveOne(const std::atomic<bool> &stop)
             stats_.silentTime +=
                 std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - requestStarted_);
             if (!once || probing_)
-                goOffline(f.station, Clock::now(), failure.why);
-            if (poll)
-                block(f).saidOffline = true; // said just now
+                goOffline(f, Clock::now(), failure.why);
         }
         if (recipeFrame)
             recipeFailed_ = true;
@@ -606,6 +645,11 @@ void Host::serveOne(const std::atomic<bool> &stop)
     }
     default:
         break;
+    }
+    if (settled && probing_) {
+        const auto silent = offline_.find(f.station);
+        if (silent != offline_.end())
+            silent->second.probing = false; // the next one is due at its time
     }
     if (settled) {
         ++stats_.finished;
@@ -642,7 +686,6 @@ void Host::afterRead(const FRAME_PRO &f, const std::vector<uint8_t> &reply)
     if (f.reqKind == RTUPLC_KIND_MONITOR_READ) {
         b.readAt = requestStarted_;
         b.reply = reply; // kept to answer the driver while the block is not due
-        b.saidOffline = false;
     }
     if (!b.read) {
         // The first read of a block completes the values in it; one that spans two
@@ -816,8 +859,10 @@ bool Host::finished() const
     const bool recipeIdle = recipeStage_ == RecipeStage::None || recipeStage_ == RecipeStage::Done;
     if (!writesSettled() || !recipeIdle)
         return false;
-    if (blocks_ == 0)
+    if (plannedBlocks_ == 0)
         return true; // nothing to poll once writes and recipe are through
+    if (blocks_ == 0) // every station polled is offline: a bounded run has read all it can
+        return settings_.once || settings_.count > 0;
     if (settings_.once)
         return passes_ >= 1;
     if (settings_.count > 0)

@@ -182,9 +182,10 @@ public:
         Clock::time_point nextProbe;
         std::chrono::milliseconds interval;
         QString why;                 // the failure that took it offline
+        bool probing = false;        // a try is queued or on the line
     };
     const std::map<int, Silence> &offline() const { return offline_; }
-    int blockCount() const { return blocks_; }
+    int blockCount() const { return plannedBlocks_; }
     std::chrono::microseconds timeoutFor(size_t frameBytes, size_t replyBytes) const;
 
     const std::vector<Point> &points() const { return points_; }
@@ -272,20 +273,22 @@ private:
         std::chrono::milliseconds every{0}; // of its most wanted point
         Clock::time_point readAt{};   // the last fresh read, or never: due
         std::vector<uint8_t> reply;   // the controller's last good reply to it
-        bool saidOffline = false;     // its station's silence was reported for it
     };
     // How the request in progress is served: on the line with its retries; once on the
     // line, its retries answered at once (a probe, or any request to an offline
     // station); or not put on the line at all (a block not due).
     enum class Way { Line, Once, Skip };
     Way chooseWay(const FRAME_PRO &f, bool poll, Clock::time_point now);
-    void goOffline(int station, Clock::time_point now, const QString &why);
+    void goOffline(const FRAME_PRO &f, Clock::time_point now, const QString &why);
     void comeBack(int station);
+    void remerge();
+    void queueProbes();
     void restAfterIdlePass();
     void forgetReplies(const Point &p);
     std::map<BlockKey, Block> blockIndex_;
     Block &block(const FRAME_PRO &f);
-    int blocks_ = 0;
+    int blocks_ = 0;                 // monitored now: the stations online
+    int plannedBlocks_ = 0;          // monitored with every station
 
     std::deque<PendingWrite> writes_;
     std::deque<QueuedWrite> driverQueue_;
