@@ -153,19 +153,25 @@ std::chrono::microseconds Host::timeoutFor(size_t frameBytes, size_t replyBytes)
 void Host::monitor(const std::vector<Item> &items)
 {
     for (const Item &item : items) {
+        if (item.every.count() > 0 && !item.points.empty()) {
+            SlowItem s;
+            s.item = items_.size();
+            s.prefix = item.area->cachePrefix();
+            s.first = item.points.front().firstUnit();
+            s.end = s.first;
+            for (const Point &p : item.points) {
+                s.first = std::min(s.first, p.firstUnit());
+                s.end = std::max(s.end, p.firstUnit() + p.units());
+            }
+            slow_.push_back(s);
+        }
         items_.push_back(item);
         for (const Point &p : item.points) {
             const PointKey key{p.station, p.area->name, p.address};
-            anySlow_ = anySlow_ || item.every.count() > 0;
-            if (const auto found = pointIndex_.find(key); found != pointIndex_.end()) {
-                // The same value asked for twice is shown once, as often as it is most wanted.
-                auto &every = pointEvery_[found->second];
-                every = std::min(every, item.every);
-                continue;
-            }
+            if (pointIndex_.count(key))
+                continue; // the same value asked for twice is shown once
             pointIndex_[key] = points_.size();
             points_.push_back(p);
-            pointEvery_.push_back(item.every);
         }
     }
 }
@@ -190,12 +196,8 @@ Host::Block &Host::block(const FRAME_PRO &f)
         if (p.station != f.station || p.area->cachePrefix() != prefix)
             continue;
         const int64_t first = p.firstUnit(), end = first + p.units();
-        if (end > f.startAddr && first < int64_t(f.startAddr) + f.len) {
-            // A block is due as often as its most wanted value: a slow item merged into
-            // a fast block is read at the fast pace, which costs only its registers.
-            b.every = b.touching.empty() ? pointEvery_[i] : std::min(b.every, pointEvery_[i]);
+        if (end > f.startAddr && first < int64_t(f.startAddr) + f.len)
             b.touching.push_back(i);
-        }
         if (covers(f, p))
             b.in.push_back(i);
     }
@@ -248,8 +250,12 @@ void Host::issue(PendingWrite &w)
         settle(w.id, WriteOutcome::Local);
         return;
     }
-    // The block's last reply no longer holds what the controller will: it is read again.
-    forgetReplies(p);
+    // A slow value written is read again at once, to show what the controller holds.
+    for (SlowItem &s : slow_) {
+        if (items_[s.item].station == p.station && s.prefix == p.area->cachePrefix() && p.firstUnit() < s.end &&
+            p.firstUnit() + p.units() > s.first)
+            s.due = Clock::time_point{};
+    }
     // Mirror the driver's queue: the head may be in flight and is never replaced.
     for (size_t i = driverQueue_.size(); i-- > 1;) {
         QueuedWrite &q = driverQueue_[i];
@@ -373,6 +379,8 @@ void Host::step(const std::atomic<bool> &stop)
         advanceRecipe();
     if (!offline_.empty())
         queueProbes();
+    if (!slow_.empty())
+        queueSlowReads();
     if (finished())
         return;
     serveOne(stop);
@@ -406,27 +414,18 @@ bool Host::finish()
     return !problems_ && stats_.failures == 0 && !recipeFailed_;
 }
 
-Host::Way Host::chooseWay(const FRAME_PRO &f, bool poll, Clock::time_point now)
+Host::Way Host::chooseWay(const FRAME_PRO &f, bool poll)
 {
-    current_ = nullptr;
     probing_ = false;
     if (!offline_.empty() && !poll && offline_.count(f.station)) {
         // Its blocks are not polled. A write may find it back: tried once, at once; a
-        // one-shot read is the probe queued for it, or a host's read, tried the same way.
+        // one-shot read is the probe queued for it, or a slow item's read, tried the
+        // same way.
         probing_ = f.reqKind == RTUPLC_KIND_CONDITION_READ;
         stats_.probes += probing_ ? 1 : 0;
         return Way::Once;
     }
-    if (!poll || !anySlow_)
-        return Way::Line;
-    current_ = &block(f);
-    if (current_->every.count() == 0 || current_->reply.empty())
-        return Way::Line;
-    const Clock::time_point due = current_->readAt + current_->every;
-    if (now >= due)
-        return Way::Line;
-    nextDue_ = std::min(nextDue_, due);
-    return Way::Skip;
+    return Way::Line;
 }
 
 void Host::remerge()
@@ -435,7 +434,7 @@ void Host::remerge()
     // anything, and is given back whole when it answers.
     QList<KEY_ADDRESS> keys;
     for (const Item &item : items_) {
-        if (offline_.empty() || !offline_.count(item.station))
+        if (item.every.count() == 0 && (offline_.empty() || !offline_.count(item.station)))
             keys.append(item.key());
     }
     blocks_ = api_.addrMerge(keys);
@@ -478,7 +477,7 @@ void Host::goOffline(const FRAME_PRO &f, Clock::time_point now, const QString &w
         }
         g.startAddr = first;
         g.len = end - first;
-        const bool justFailed = f.reqKind == RTUPLC_KIND_MONITOR_READ && prefixOf(f.regName) == prefixOf(g.regName) &&
+        const bool justFailed = f.reqKind != RTUPLC_KIND_WRITE && prefixOf(f.regName) == prefixOf(g.regName) &&
                                 f.startAddr <= first && end <= f.startAddr + f.len;
         if (justFailed)
             continue;
@@ -511,36 +510,41 @@ void Host::queueProbes()
 void Host::comeBack(int station)
 {
     offline_.erase(station);
-    // Back: every block of it is read fresh before its values count as current.
-    for (auto &[key, b] : blockIndex_) {
-        if (std::get<0>(key) == station)
-            b.reply.clear();
+    // Back: every value of it is read fresh before it counts as current.
+    for (SlowItem &s : slow_) {
+        if (items_[s.item].station == station)
+            s.due = Clock::time_point{};
     }
     if (!items_.empty())
         remerge();
 }
 
-void Host::forgetReplies(const Point &p)
+void Host::queueSlowReads()
 {
-    for (auto &[key, b] : blockIndex_) {
-        const auto &[station, prefix, start, length] = key;
-        if (station == p.station && prefix == p.area->cachePrefix() && p.firstUnit() < start + length &&
-            int64_t(p.firstUnit()) + p.units() > start)
-            b.reply.clear();
+    const auto now = Clock::now();
+    for (SlowItem &s : slow_) {
+        const Item &item = items_[s.item];
+        if (s.queued || now < s.due || (!offline_.empty() && offline_.count(item.station)))
+            continue;
+        s.queued = api_.addConditionRead(item.key(), RTUPLC_KIND_CONDITION_READ) == RTUPLC_OK;
     }
 }
 
-void Host::restAfterIdlePass()
+void Host::settleSlowReads(const FRAME_PRO &f, bool allOfStation)
 {
-    // A whole pass found nothing due: wait for the next block or probe that is rather
-    // than spin, but not so long that a write asked for meanwhile waits.
-    constexpr std::chrono::milliseconds kLongestRest{50};
-    const auto now = Clock::now();
-    const auto until = std::min(nextDue_, now + kLongestRest);
-    if (until > now)
-        std::this_thread::sleep_until(until);
-    idleInRow_ = 0;
-    nextDue_ = Clock::time_point::max();
+    // An item is read once the piece holding its last unit is: the driver reads a long
+    // one in pieces, in order. The next read is due its interval after this one began.
+    const QString prefix = prefixOf(f.regName);
+    for (SlowItem &s : slow_) {
+        const Item &item = items_[s.item];
+        if (!s.queued || item.station != f.station)
+            continue;
+        if (allOfStation || (s.prefix == prefix && s.end > f.startAddr && s.end <= f.startAddr + f.len)) {
+            s.queued = false;
+            s.seen = true;
+            s.due = requestStarted_ + item.every;
+        }
+    }
 }
 
 void Host::serveOne(const std::atomic<bool> &stop)
@@ -553,24 +557,23 @@ void Host::serveOne(const std::atomic<bool> &stop)
         return;
     }
     const bool write = isWriteFrame(f) && !recipeFrame;
-    const bool poll = f.reqKind == RTUPLC_KIND_MONITOR_READ && !recipeFrame;
+    const bool oneShot = f.reqKind == RTUPLC_KIND_CONDITION_READ && !recipeFrame;
     if (!requestOpen_) {
         requestStarted_ = Clock::now();
         requestOpen_ = true;
         attempt_ = 0;
-        way_ = chooseWay(f, poll, requestStarted_);
+        way_ = chooseWay(f, f.reqKind == RTUPLC_KIND_MONITOR_READ && !recipeFrame);
     }
-    const bool onLine = way_ == Way::Line || (way_ == Way::Once && attempt_ == 0);
+    // The one-shot reads this host queues are probes and slow items' reads: a slow
+    // item's read is a poll like the rotation's.
+    const bool poll = (f.reqKind == RTUPLC_KIND_MONITOR_READ && !recipeFrame) || (oneShot && !probing_);
+    const bool onLine = way_ == Way::Line || attempt_ == 0;
     ++attempt_;
     const auto timeout = timeoutFor(size_t(f.frameLen), size_t(f.replyLen));
     Exchange x;
-    if (!onLine) {
-        // Answered without the line: a slow block not due gets its last reply, the very
-        // bytes the controller sent, so no value moves; the retries after a single try
-        // get nothing, a failure the driver already counts.
-        if (way_ == Way::Skip)
-            x.reply = current_->reply;
-    } else if (f.frameLen > 0) { // a handshake record carries nothing to send
+    // After a single try the retries are answered at once, with nothing: a failure
+    // the driver already counts.
+    if (onLine && f.frameLen > 0) { // a handshake record carries nothing to send
         x = link_.exchange(f, timeout, stop);
         if (x.sent)
             ++stats_.framesSent;
@@ -587,20 +590,6 @@ void Host::serveOne(const std::atomic<bool> &stop)
     const int result = api_.dealRcvFrame(reply, errorText);
     retryPending_ = result == RTUPLC_REPLY_RETRY;
     const bool settled = result == RTUPLC_REPLY_ACCEPTED || result == RTUPLC_REPLY_FAILED;
-
-    if (way_ == Way::Skip) {
-        dirty_.clear(); // nothing was read: nothing is reported
-        if (settled) {
-            requestOpen_ = false;
-            if (poll)
-                countPass(f);
-            if (++idleInRow_ >= size_t(std::max(1, blocks_)))
-                restAfterIdlePass();
-        }
-        return;
-    }
-    idleInRow_ = 0;
-    nextDue_ = Clock::time_point::max();
     if (way_ == Way::Once && attempt_ == 1) {
         // An answer of any kind, even a refusal, shows the station is there again.
         if (result == RTUPLC_REPLY_ACCEPTED || x.outcome == Exchange::Outcome::Exception) {
@@ -613,10 +602,10 @@ void Host::serveOne(const std::atomic<bool> &stop)
     case RTUPLC_REPLY_ACCEPTED:
         ++stats_.accepted;
         if (f.dataLen > 0)
-            afterRead(f, x.reply);
+            afterRead(f);
         else if (write)
             afterWrite(f, true, QString());
-        if (f.dataLen > 0 && poll)
+        if (f.dataLen > 0 && poll && !oneShot)
             countPass(f);
         break;
     case RTUPLC_REPLY_RETRY:
@@ -628,7 +617,13 @@ void Host::serveOne(const std::atomic<bool> &stop)
         Failure failure = whyFailed(f, once ? first_ : x, timeout, errorText, once ? 1 : settings_.retries);
         if (once)
             failure.why = QStringLiteral("station %1 is offline: %2").arg(f.station).arg(failure.why);
-        events_.requestFailed(f, failure);
+        if (poll && oneShot) {
+            FRAME_PRO asPoll = f; // its values go bad as a polled block's do
+            asPoll.reqKind = RTUPLC_KIND_MONITOR_READ;
+            events_.requestFailed(asPoll, failure);
+        } else {
+            events_.requestFailed(f, failure);
+        }
         if (failure.kind == Failure::Kind::NoReply || failure.kind == Failure::Kind::BadReply) {
             stats_.silentTime +=
                 std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - requestStarted_);
@@ -639,13 +634,15 @@ void Host::serveOne(const std::atomic<bool> &stop)
             recipeFailed_ = true;
         else if (write)
             afterWrite(f, false, failure.why);
-        else if (poll)
+        else if (poll && !oneShot)
             countPass(f);
         break;
     }
     default:
         break;
     }
+    if (settled && oneShot)
+        settleSlowReads(f, false);
     if (settled && probing_) {
         const auto silent = offline_.find(f.station);
         if (silent != offline_.end())
@@ -680,13 +677,13 @@ bool Host::complete(const Point &p) const
     return true;
 }
 
-void Host::afterRead(const FRAME_PRO &f, const std::vector<uint8_t> &reply)
+void Host::afterRead(const FRAME_PRO &f)
 {
     Block &b = block(f);
-    if (f.reqKind == RTUPLC_KIND_MONITOR_READ) {
-        b.readAt = requestStarted_;
-        b.reply = reply; // kept to answer the driver while the block is not due
-    }
+    // The driver reports changes of what it monitors; a slow item's values, read once,
+    // are compared here.
+    if (f.reqKind == RTUPLC_KIND_CONDITION_READ)
+        dirty_.insert(b.touching.begin(), b.touching.end());
     if (!b.read) {
         // The first read of a block completes the values in it; one that spans two
         // blocks is complete once both were read.
@@ -859,15 +856,17 @@ bool Host::finished() const
     const bool recipeIdle = recipeStage_ == RecipeStage::None || recipeStage_ == RecipeStage::Done;
     if (!writesSettled() || !recipeIdle)
         return false;
-    if (plannedBlocks_ == 0)
+    if (plannedBlocks_ == 0 && slow_.empty())
         return true; // nothing to poll once writes and recipe are through
-    if (blocks_ == 0) // every station polled is offline: a bounded run has read all it can
-        return settings_.once || settings_.count > 0;
-    if (settings_.once)
-        return passes_ >= 1;
-    if (settings_.count > 0)
-        return passes_ >= settings_.count;
-    return false;
+    if (!settings_.once && settings_.count <= 0)
+        return false;
+    for (const SlowItem &s : slow_) {
+        if (!s.seen && (offline_.empty() || !offline_.count(items_[s.item].station)))
+            return false; // a bounded run reads every slow item once too
+    }
+    if (blocks_ == 0) // every station polled is offline, or every item is slow
+        return true;
+    return passes_ >= (settings_.once ? 1 : settings_.count);
 }
 
 } // namespace rtuhost

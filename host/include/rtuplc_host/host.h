@@ -4,6 +4,12 @@
 // transfers. It prints nothing: what happens (a value read, a request failed after its
 // retries, a write settled, a frame exchanged) is reported to HostEvents.
 //
+// The line's time is shared out here. A station whose request went unanswered after
+// its retries is offline: its items leave the driver's rotation and it is tried with a
+// one-register one-shot read, once, now and then, until it answers. An item with an
+// interval (Item::every) is kept out of the rotation too and read by itself, one-shot,
+// each time it is due.
+//
 // The driver keeps its state in one global object, so a process has one Host.
 #ifndef RTUPLC_HOST_HOST_H
 #define RTUPLC_HOST_HOST_H
@@ -231,7 +237,7 @@ private:
     void settle(uint64_t id, WriteOutcome outcome, const QString &detail = QString());
     PendingWrite *pending(uint64_t id);
     void serveOne(const std::atomic<bool> &stop);
-    void afterRead(const FRAME_PRO &f, const std::vector<uint8_t> &reply);
+    void afterRead(const FRAME_PRO &f);
     void afterWrite(const FRAME_PRO &f, bool ok, const QString &why);
     void showDirty();
     bool complete(const Point &p) const;
@@ -270,21 +276,28 @@ private:
         std::vector<size_t> in;       // points it covers whole
         std::vector<size_t> touching; // points with a unit in it
         bool read = false;
-        std::chrono::milliseconds every{0}; // of its most wanted point
-        Clock::time_point readAt{};   // the last fresh read, or never: due
-        std::vector<uint8_t> reply;   // the controller's last good reply to it
     };
-    // How the request in progress is served: on the line with its retries; once on the
-    // line, its retries answered at once (a probe, or any request to an offline
-    // station); or not put on the line at all (a block not due).
-    enum class Way { Line, Once, Skip };
-    Way chooseWay(const FRAME_PRO &f, bool poll, Clock::time_point now);
+    // An item read at a pace of its own: not in the driver's rotation, but read once
+    // (a one-shot read) each time it is due.
+    struct SlowItem {
+        size_t item;                  // into items_
+        QString prefix;               // of its area's cache
+        int first = 0, end = 0;       // the units it covers
+        Clock::time_point due{};      // the next read; never read: at once
+        bool queued = false;          // with the driver, not yet settled
+        bool seen = false;            // read or failed at least once
+    };
+    // How the request in progress is served: on the line with its retries; or once on
+    // the line, its retries answered at once (a probe, or any request to an offline
+    // station).
+    enum class Way { Line, Once };
+    Way chooseWay(const FRAME_PRO &f, bool poll);
     void goOffline(const FRAME_PRO &f, Clock::time_point now, const QString &why);
     void comeBack(int station);
     void remerge();
     void queueProbes();
-    void restAfterIdlePass();
-    void forgetReplies(const Point &p);
+    void queueSlowReads();
+    void settleSlowReads(const FRAME_PRO &f, bool allOfStation);
     std::map<BlockKey, Block> blockIndex_;
     Block &block(const FRAME_PRO &f);
     int blocks_ = 0;                 // monitored now: the stations online
@@ -311,16 +324,12 @@ private:
     bool requestOpen_ = false;
     bool retryPending_ = false;
 
-    std::vector<std::chrono::milliseconds> pointEvery_; // by point
-    bool anySlow_ = false;
+    std::vector<SlowItem> slow_;
     std::map<int, Silence> offline_;
     Way way_ = Way::Line;
     bool probing_ = false;           // the request in progress is an offline station's probe
     int attempt_ = 0;                // of the request in progress
     Exchange first_;                 // what its one attempt on the line got (Way::Once)
-    Block *current_ = nullptr;       // its block, for a poll while scheduling
-    size_t idleInRow_ = 0;           // requests in a row answered without the line
-    Clock::time_point nextDue_ = Clock::time_point::max();
 };
 
 // Text for people.
