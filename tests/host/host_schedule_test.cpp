@@ -142,6 +142,24 @@ TEST_F(HostSchedule, OnlyASilentStationIsTakenOfflineAndItCostsTheLineOneTryNowA
     }
 }
 
+TEST_F(HostSchedule, AStationGoneCostsItsTimeOutsNotTheWholeMarginOfQuietAfterEach)
+{
+    // Once answers have been timed the quiet after a time-out is twice the longest of
+    // them, not the margin: two attempts cost two time-outs, about 0.6 s, not 1.2 s.
+    settings.margin = 300ms;
+    settings.retries = 2;
+    sim.setStations({1});
+    Recorder events;
+    Host host(api, *link, events, settings);
+    host.monitor(items({"D_W:0..9@1", "D_W:0..9@2"}));
+    host.start();
+    const auto started = Clock::now();
+    serve(host, 3s, [&] { return host.offline().count(2) == 1; });
+    EXPECT_LT((Clock::now() - started) / 1ms, 900);
+    EXPECT_LT(host.stats().line.guardTotal / 1ms, 150);
+    host.finish();
+}
+
 TEST_F(HostSchedule, AStationBackIsPolledAgainWithinItsProbeInterval)
 {
     sim.setStations({1});
