@@ -6,6 +6,7 @@
 #include "yaml_reader.h"
 
 #include "rtuplc_host/address.h"
+#include "rtuplc_host/items.h"
 #include "rtuplc_host/line_limits.h"
 
 #include "rtuplc_support/serial_line.h"
@@ -38,11 +39,12 @@ const char *const kMqttsScheme = "mqtts://";
 const char *const kLineHint = "say tcp: HOST:PORT or serial: DEVICE";
 
 const Keys kTopKeys = {"name", "line", "mqtt", "items", "stations", "sparkplug", "homeassistant", "http", "log"};
-const Keys kLineKeys = {"tcp", "serial", "settings", "rs485", "timeout", "pause", "retries", "station"};
+const Keys kLineKeys = {"tcp",     "serial",  "settings", "rs485",          "timeout",
+                        "pause",   "retries", "station",  "probe-interval", "probe-max"};
 const Keys kMqttKeys = {"url",   "client-id", "username", "password-file", "password", "ca",
                         "cert",  "key",       "topic",    "qos",           "keepalive", "buffer",
                         "stats-interval", "mode"};
-const Keys kItemKeys = {"item", "writable", "name", "unit", "device-class"};
+const Keys kItemKeys = {"item", "writable", "name", "unit", "device-class", "every"};
 const Keys kStationKeys = {"name"};
 const Keys kSparkplugKeys = {"group", "node", "primary-host", "state-dir"};
 const Keys kHomeAssistantKeys = {"prefix"};
@@ -91,6 +93,22 @@ bool parseUrl(const std::string &url, MqttConfig *m)
     return parseHostPort(rest, &m->host, &m->port, tls ? kTlsMqttPort : kPlainMqttPort);
 }
 
+// A time as rtuplc-poll takes it: "500ms", "10s", "2m"; a bare number is seconds.
+bool readInterval(Reader &r, const Section &s, const char *key, long long *ms)
+{
+    std::string text;
+    if (!readText(r, s, key, &text))
+        return false;
+    if (text.empty())
+        return true;
+    std::chrono::milliseconds t{0};
+    QString why;
+    if (!rtuhost::parseInterval(QString::fromStdString(text), &t, &why))
+        return r.fail(s.line(key), s.path(key), why.toStdString());
+    *ms = t.count();
+    return true;
+}
+
 bool parseLine(Reader &r, const Section &top, LineConfig *line)
 {
     const Section::Entry *e = top.find("line");
@@ -126,7 +144,9 @@ bool parseLine(Reader &r, const Section &top, LineConfig *line)
     return readNumber(r, s, "timeout", kMinTimeoutMs, kMaxTimeoutMs, "milliseconds", &line->timeoutMs) &&
            readNumber(r, s, "pause", kMinPauseMs, kMaxPauseMs, "milliseconds", &line->pauseMs) &&
            readNumber(r, s, "retries", kMinRetries, kMaxRetries, "", &line->retries) &&
-           readNumber(r, s, "station", kLowestStation, kHighestStation, "", &line->station);
+           readNumber(r, s, "station", kLowestStation, kHighestStation, "", &line->station) &&
+           readInterval(r, s, "probe-interval", &line->probeIntervalMs) &&
+           readInterval(r, s, "probe-max", &line->probeMaxMs);
 }
 
 bool parseMqttCredentials(Reader &r, const Section &s, MqttConfig *m)
@@ -208,7 +228,7 @@ bool parseItem(Reader &r, const YAML::Node &node, ItemConfig *item)
         return r.fail(item->line, "items.item", "missing (the item itself, e.g. item: D_W:500..504)");
     return readText(r, s, "item", &item->text) && readBool(r, s, "writable", &item->writable) &&
            readText(r, s, "name", &item->name) && readText(r, s, "unit", &item->unit) &&
-           readText(r, s, "device-class", &item->deviceClass);
+           readText(r, s, "device-class", &item->deviceClass) && readInterval(r, s, "every", &item->everyMs);
 }
 
 bool parseItems(Reader &r, const Section &top, std::vector<ItemConfig> *items)

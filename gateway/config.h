@@ -25,6 +25,8 @@ struct LineConfig {
     int pauseMs = 0;       // between exchanges
     int retries = 3;       // attempts of a request before it fails
     int station = 1;       // for items without @STATION
+    long long probeIntervalMs = 5000; // a silent station is tried once this often,
+    long long probeMaxMs = 60000;     // less often while it stays silent, down to this
 };
 
 struct MqttConfig {
@@ -85,6 +87,7 @@ struct ItemConfig {
     int line = 0;          // where the file gives it, for messages
     // Passed to Home Assistant's discovery and shown on the page.
     std::string name, unit, deviceClass;
+    long long everyMs = 0; // how often it is read; 0: as fast as the line goes
 };
 
 struct Config {

@@ -24,6 +24,8 @@ rtuhost::HostSettings hostSettings(const Config &config, const LinePlan &plan)
     s.margin = std::chrono::milliseconds(config.line.timeoutMs);
     s.pause = std::chrono::milliseconds(config.line.pauseMs);
     s.confirmWrites = false; // answered once the controller acknowledged it
+    s.probeInterval = std::chrono::milliseconds(config.line.probeIntervalMs);
+    s.probeMax = std::chrono::milliseconds(std::max(config.line.probeMaxMs, config.line.probeIntervalMs));
     return s;
 }
 

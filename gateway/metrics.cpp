@@ -1,5 +1,7 @@
 #include "metrics.h"
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 
 namespace rtugw {
@@ -48,6 +50,10 @@ std::string metricsText(const WebFigures &f, const std::map<int, bool> &stations
     w.one("accepted_total", "counter", "Replies the driver accepted.", double(h.accepted));
     w.one("retries_total", "counter", "Frames sent again after no or a bad reply.", double(h.retries));
     w.one("failures_total", "counter", "Requests that failed after their retries.", double(h.failures));
+    w.one("probes_total", "counter", "Single attempts sent to offline stations, to see whether they are back.",
+          double(h.probes));
+    w.one("silent_seconds_total", "counter", "Line time spent on requests that no station answered.",
+          double(h.silentTime.count()) / 1e6);
 
     w.family("replies_dropped_total", "counter",
              "Bytes on the line that answered no request in flight, by reason.");
@@ -68,6 +74,14 @@ std::string metricsText(const WebFigures &f, const std::map<int, bool> &stations
     w.family("station_up", "gauge", "1 when the station answered its last request.");
     for (const auto &[station, online] : stations)
         w.sample("station_up", label("station", std::to_string(station)), online ? 1 : 0);
+    w.family("station_next_probe_seconds", "gauge",
+             "Seconds until an offline station, polled no more, is tried again.");
+    const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(
+                         std::chrono::system_clock::now().time_since_epoch())
+                         .count();
+    for (const auto &[station, at] : f.nextProbe)
+        w.sample("station_next_probe_seconds", label("station", std::to_string(station)),
+                 double(std::max<int64_t>(0, at - now)) / 1000.0);
     w.one("line_up", "gauge", "1 when some station on the line answers.", f.lineUp ? 1 : 0);
     w.one("broker_connected", "gauge", "1 when connected to the MQTT broker.", f.brokerUp ? 1 : 0);
     w.one("uptime_seconds", "gauge", "Seconds since the gateway started.", double(f.uptime));

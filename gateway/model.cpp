@@ -82,6 +82,12 @@ const rtuhost::Stats &Model::hostStats() const
     return host_->stats();
 }
 
+const std::map<int, rtuhost::Host::Silence> &Model::offline() const
+{
+    static const std::map<int, rtuhost::Host::Silence> none;
+    return host_ != nullptr ? host_->offline() : none;
+}
+
 long Model::find(const std::string &path) const
 {
     const auto found = byPath_.find(path);

@@ -83,6 +83,8 @@ public:
     const std::map<int, StationState> &stations() const { return stations_; }
     const Config &config() const { return config_; }
     const rtuhost::Stats &hostStats() const;
+    // The stations the host holds offline, with when each is tried next.
+    const std::map<int, rtuhost::Host::Silence> &offline() const;
     const WriteCounters &writes() const { return writes_; }
     // When each block was last polled, answered or not; PointState::block says whose.
     const std::vector<SystemTime> &blockReads() const { return blockReads_; }

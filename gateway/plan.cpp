@@ -25,6 +25,7 @@ bool makePlan(const Config &config, const DriverApi &api, const Catalogue &catal
             *error = where(config, ic.line) + "items: " + why.toStdString();
             return false;
         }
+        item.every = std::chrono::milliseconds(ic.everyMs);
         for (const Point &p : item.points) {
             if (seen.insert({p.station, p.area->name, p.address}).second)
                 plan->points.push_back(p);
@@ -54,8 +55,10 @@ void printPlan(const Config &c, const DriverApi &api, const Catalogue &catalogue
     int err = 0;
     api.initProperty(memory.data(), 0, recipe.data(), &err, "1#0#0#1#64", &lock);
     QList<KEY_ADDRESS> keys;
-    for (const Item &item : plan.items)
-        keys.append(item.key());
+    for (const Item &item : plan.items) {
+        if (item.every.count() == 0) // a slow item is read on its own, out of the rotation
+            keys.append(item.key());
+    }
     const int blocks = api.addrMerge(keys);
     Model model(c, api, catalogue);
     const std::unique_ptr<Dialect> dialect = makeDialect(model);
@@ -75,6 +78,18 @@ void printPlan(const Config &c, const DriverApi &api, const Catalogue &catalogue
                     f.frameLen > 1 ? f.frame[1] : 0);
         QString ignored;
         api.dealRcvFrame(QByteArray(), ignored);
+    }
+    for (const Item &item : plan.items) {
+        if (item.every.count() == 0 || item.points.empty())
+            continue;
+        int first = item.points.front().firstUnit(), end = first;
+        for (const Point &p : item.points) {
+            first = std::min(first, p.firstUnit());
+            end = std::max(end, p.firstUnit() + p.units());
+        }
+        std::printf("  %s, read on its own every %g s\n",
+                    qPrintable(blockText(*item.area, item.station, first, end - first)),
+                    double(item.every.count()) / 1000.0);
     }
     std::printf("%zu value%s:\n", plan.points.size(), plan.points.size() == 1 ? "" : "s");
     for (const Point &p : plan.points) {

@@ -233,6 +233,11 @@ void WebPage::copyFigures()
     for (const auto &[station, state] : model_.stations())
         f.lineUp = f.lineUp || state.online;
     f.pollsPerSecond = model_.pollsPerSecond();
+    const auto steadyNow = std::chrono::steady_clock::now();
+    const auto systemNow = std::chrono::system_clock::now();
+    for (const auto &[station, silence] : model_.offline())
+        f.nextProbe[station] = msSinceEpoch(
+            systemNow + std::chrono::duration_cast<std::chrono::system_clock::duration>(silence.nextProbe - steadyNow));
     f.uptime = model_.uptimeSeconds();
     f.cycle = cycle_;
     f.statsJson = statsJson(f.host, f.mqtt, f.writes, f.pollsPerSecond, f.uptime);

@@ -234,9 +234,12 @@ std::string WebState::figuresJsonLocked() const
     std::snprintf(extra, sizeof extra, ",\"mean_cycle_ms\":%.2f,\"broker_up\":%s,\"broker\":", meanCycleMs,
                   f.brokerUp ? "true" : "false");
     const std::string stats = f.statsJson.empty() ? std::string("{}") : f.statsJson;
+    std::string probes = ",\"probes\":" + std::to_string(f.host.probes) + ",\"next_probe\":{";
+    for (const auto &[station, at] : f.nextProbe)
+        probes += (probes.back() == '{' ? "\"" : ",\"") + std::to_string(station) + "\":" + std::to_string(at);
     // The stats topic's object, with what only the page shows added at its end.
     return stats.substr(0, stats.size() - 1) + (stats.size() > 2 ? "" : "\"_\":0") + extra +
-           jsonString(f.brokerState) + '}';
+           jsonString(f.brokerState) + probes + "}}";
 }
 
 std::string WebState::updatesSince(uint64_t *seen, std::chrono::milliseconds wait)

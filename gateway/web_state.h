@@ -51,6 +51,7 @@ struct WebFigures {
     int64_t uptime = 0;      // s
     CycleHistogram cycle;
     std::string statsJson;   // as the stats topic carries it
+    std::map<int, int64_t> nextProbe; // offline station -> when it is tried next, ms since the epoch
 };
 
 // A write asked for over HTTP, answered by the loop.

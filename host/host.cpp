@@ -153,6 +153,18 @@ std::chrono::microseconds Host::timeoutFor(size_t frameBytes, size_t replyBytes)
 void Host::monitor(const std::vector<Item> &items)
 {
     for (const Item &item : items) {
+        if (item.every.count() > 0 && !item.points.empty()) {
+            SlowItem s;
+            s.item = items_.size();
+            s.prefix = item.area->cachePrefix();
+            s.first = item.points.front().firstUnit();
+            s.end = s.first;
+            for (const Point &p : item.points) {
+                s.first = std::min(s.first, p.firstUnit());
+                s.end = std::max(s.end, p.firstUnit() + p.units());
+            }
+            slow_.push_back(s);
+        }
         items_.push_back(item);
         for (const Point &p : item.points) {
             const PointKey key{p.station, p.area->name, p.address};
@@ -237,6 +249,12 @@ void Host::issue(PendingWrite &w)
     if (settings_.localWriteMode != 0) {
         settle(w.id, WriteOutcome::Local);
         return;
+    }
+    // A slow value written is read again at once, to show what the controller holds.
+    for (SlowItem &s : slow_) {
+        if (items_[s.item].station == p.station && s.prefix == p.area->cachePrefix() && p.firstUnit() < s.end &&
+            p.firstUnit() + p.units() > s.first)
+            s.due = Clock::time_point{};
     }
     // Mirror the driver's queue: the head may be in flight and is never replaced.
     for (size_t i = driverQueue_.size(); i-- > 1;) {
@@ -331,10 +349,9 @@ void Host::start()
     const QByteArray property = settings_.propertyText().toLatin1();
     api_.initProperty(memory_.data(), 0, recipeBuffer_.data(), &errorCode, property.constData(), &memoryLock_);
 
-    QList<KEY_ADDRESS> keys;
-    for (const Item &item : items_)
-        keys.append(item.key());
-    blocks_ = keys.isEmpty() ? 0 : api_.addrMerge(keys);
+    if (!items_.empty())
+        remerge();
+    plannedBlocks_ = blocks_;
 
     if (job_.recipe) {
         QVector<_RCP_VAR_PRO> vars = job_.recipe->driverVariables(settings_.driverId);
@@ -360,6 +377,10 @@ void Host::step(const std::atomic<bool> &stop)
 {
     if (!retryPending_)
         advanceRecipe();
+    if (!offline_.empty())
+        queueProbes();
+    if (!slow_.empty())
+        queueSlowReads();
     if (finished())
         return;
     serveOne(stop);
@@ -393,6 +414,139 @@ bool Host::finish()
     return !problems_ && stats_.failures == 0 && !recipeFailed_;
 }
 
+Host::Way Host::chooseWay(const FRAME_PRO &f, bool poll)
+{
+    probing_ = false;
+    if (!offline_.empty() && !poll && offline_.count(f.station)) {
+        // Its blocks are not polled. A write may find it back: tried once, at once; a
+        // one-shot read is the probe queued for it, or a slow item's read, tried the
+        // same way.
+        probing_ = f.reqKind == RTUPLC_KIND_CONDITION_READ;
+        stats_.probes += probing_ ? 1 : 0;
+        return Way::Once;
+    }
+    return Way::Line;
+}
+
+void Host::remerge()
+{
+    // The driver polls only what it is given: a station held offline costs no pass
+    // anything, and is given back whole when it answers.
+    QList<KEY_ADDRESS> keys;
+    for (const Item &item : items_) {
+        if (item.every.count() == 0 && (offline_.empty() || !offline_.count(item.station)))
+            keys.append(item.key());
+    }
+    blocks_ = api_.addrMerge(keys);
+    passBlocks_.clear();
+}
+
+void Host::goOffline(const FRAME_PRO &f, Clock::time_point now, const QString &why)
+{
+    const int station = f.station;
+    if (station == rtusupport::kBroadcastStation || settings_.probeInterval.count() <= 0)
+        return;
+    const auto found = offline_.find(station);
+    if (found != offline_.end()) {
+        // Still silent: tried less and less often, down to once every probeMax.
+        Silence &s = found->second;
+        s.interval = std::max(settings_.probeInterval, std::min(2 * s.interval, settings_.probeMax));
+        s.nextProbe = now + s.interval;
+        return;
+    }
+    offline_[station] = Silence{now + settings_.probeInterval, settings_.probeInterval, why, false};
+    if (items_.empty())
+        return;
+    remerge();
+    // Its other values go bad with the one that failed, each item saying why once.
+    const QString because = QStringLiteral("station %1 is offline (%2): tried again every %3 s until it answers")
+                                .arg(station)
+                                .arg(why)
+                                .arg(double(settings_.probeInterval.count()) / 1000.0);
+    for (const Item &item : items_) {
+        if (item.station != station || item.points.empty())
+            continue;
+        FRAME_PRO g;
+        g.station = station;
+        g.regName = item.area->name;
+        g.reqKind = RTUPLC_KIND_MONITOR_READ;
+        int first = item.points.front().firstUnit(), end = first;
+        for (const Point &p : item.points) {
+            first = std::min(first, p.firstUnit());
+            end = std::max(end, p.firstUnit() + p.units());
+        }
+        g.startAddr = first;
+        g.len = end - first;
+        const bool justFailed = f.reqKind != RTUPLC_KIND_WRITE && prefixOf(f.regName) == prefixOf(g.regName) &&
+                                f.startAddr <= first && end <= f.startAddr + f.len;
+        if (justFailed)
+            continue;
+        Failure failure;
+        failure.driverText = QStringLiteral("%1#%2%3(%4)").arg(station).arg(g.regName).arg(first).arg(g.len);
+        failure.block = blockOf(g, failure.driverText);
+        failure.why = because;
+        events_.requestFailed(g, failure);
+    }
+}
+
+void Host::queueProbes()
+{
+    const auto now = Clock::now();
+    for (auto &[station, s] : offline_) {
+        if (s.probing || now < s.nextProbe)
+            continue;
+        // One register or word of its first item: enough to hear it, little line time.
+        for (const Item &item : items_) {
+            if (item.station != station)
+                continue;
+            KEY_ADDRESS key = item.key();
+            key.len = 1;
+            s.probing = api_.addConditionRead(key, RTUPLC_KIND_CONDITION_READ) == RTUPLC_OK;
+            break;
+        }
+    }
+}
+
+void Host::comeBack(int station)
+{
+    offline_.erase(station);
+    // Back: every value of it is read fresh before it counts as current.
+    for (SlowItem &s : slow_) {
+        if (items_[s.item].station == station)
+            s.due = Clock::time_point{};
+    }
+    if (!items_.empty())
+        remerge();
+}
+
+void Host::queueSlowReads()
+{
+    const auto now = Clock::now();
+    for (SlowItem &s : slow_) {
+        const Item &item = items_[s.item];
+        if (s.queued || now < s.due || (!offline_.empty() && offline_.count(item.station)))
+            continue;
+        s.queued = api_.addConditionRead(item.key(), RTUPLC_KIND_CONDITION_READ) == RTUPLC_OK;
+    }
+}
+
+void Host::settleSlowReads(const FRAME_PRO &f, bool allOfStation)
+{
+    // An item is read once the piece holding its last unit is: the driver reads a long
+    // one in pieces, in order. The next read is due its interval after this one began.
+    const QString prefix = prefixOf(f.regName);
+    for (SlowItem &s : slow_) {
+        const Item &item = items_[s.item];
+        if (!s.queued || item.station != f.station)
+            continue;
+        if (allOfStation || (s.prefix == prefix && s.end > f.startAddr && s.end <= f.startAddr + f.len)) {
+            s.queued = false;
+            s.seen = true;
+            s.due = requestStarted_ + item.every;
+        }
+    }
+}
+
 void Host::serveOne(const std::atomic<bool> &stop)
 {
     const bool recipeFrame = (recipeStage_ == RecipeStage::Downloading && commandPending(RTUPLC_RCP_DOWNLOAD_BYTE)) ||
@@ -402,28 +556,48 @@ void Host::serveOne(const std::atomic<bool> &stop)
         std::this_thread::sleep_for(kIdleWait); // nothing due: no blocks, no writes
         return;
     }
+    const bool write = isWriteFrame(f) && !recipeFrame;
+    const bool oneShot = f.reqKind == RTUPLC_KIND_CONDITION_READ && !recipeFrame;
     if (!requestOpen_) {
         requestStarted_ = Clock::now();
         requestOpen_ = true;
+        attempt_ = 0;
+        way_ = chooseWay(f, f.reqKind == RTUPLC_KIND_MONITOR_READ && !recipeFrame);
     }
+    // The one-shot reads this host queues are probes and slow items' reads: a slow
+    // item's read is a poll like the rotation's.
+    const bool poll = (f.reqKind == RTUPLC_KIND_MONITOR_READ && !recipeFrame) || (oneShot && !probing_);
+    const bool onLine = way_ == Way::Line || attempt_ == 0;
+    ++attempt_;
     const auto timeout = timeoutFor(size_t(f.frameLen), size_t(f.replyLen));
     Exchange x;
-    if (f.frameLen > 0) { // a handshake record carries nothing to send
+    // After a single try the retries are answered at once, with nothing: a failure
+    // the driver already counts.
+    if (onLine && f.frameLen > 0) { // a handshake record carries nothing to send
         x = link_.exchange(f, timeout, stop);
         if (x.sent)
             ++stats_.framesSent;
         stats_.line = link_.stats();
         events_.exchanged(f, x);
+        if (way_ == Way::Once)
+            first_ = x;
     }
-    if (stop && x.outcome == Exchange::Outcome::NoReply && f.replyLen > 0)
+    if (stop && onLine && x.outcome == Exchange::Outcome::NoReply && f.replyLen > 0)
         return; // interrupted while waiting: the frame is not judged
 
     QString errorText;
     const QByteArray reply(reinterpret_cast<const char *>(x.reply.data()), int(x.reply.size()));
     const int result = api_.dealRcvFrame(reply, errorText);
     retryPending_ = result == RTUPLC_REPLY_RETRY;
-    const bool write = isWriteFrame(f) && !recipeFrame;
-    const bool poll = f.reqKind == RTUPLC_KIND_MONITOR_READ && !recipeFrame;
+    const bool settled = result == RTUPLC_REPLY_ACCEPTED || result == RTUPLC_REPLY_FAILED;
+    if (way_ == Way::Once && attempt_ == 1) {
+        // An answer of any kind, even a refusal, shows the station is there again.
+        if (result == RTUPLC_REPLY_ACCEPTED || x.outcome == Exchange::Outcome::Exception) {
+            comeBack(f.station);
+            way_ = Way::Line;
+            probing_ = false;
+        }
+    }
     switch (result) {
     case RTUPLC_REPLY_ACCEPTED:
         ++stats_.accepted;
@@ -431,7 +605,7 @@ void Host::serveOne(const std::atomic<bool> &stop)
             afterRead(f);
         else if (write)
             afterWrite(f, true, QString());
-        if (f.dataLen > 0 && poll)
+        if (f.dataLen > 0 && poll && !oneShot)
             countPass(f);
         break;
     case RTUPLC_REPLY_RETRY:
@@ -439,20 +613,42 @@ void Host::serveOne(const std::atomic<bool> &stop)
         break;
     case RTUPLC_REPLY_FAILED: {
         ++stats_.failures;
-        const Failure failure = whyFailed(f, x, timeout, errorText);
-        events_.requestFailed(f, failure);
+        const bool once = way_ == Way::Once;
+        Failure failure = whyFailed(f, once ? first_ : x, timeout, errorText, once ? 1 : settings_.retries);
+        if (once)
+            failure.why = QStringLiteral("station %1 is offline: %2").arg(f.station).arg(failure.why);
+        if (poll && oneShot) {
+            FRAME_PRO asPoll = f; // its values go bad as a polled block's do
+            asPoll.reqKind = RTUPLC_KIND_MONITOR_READ;
+            events_.requestFailed(asPoll, failure);
+        } else {
+            events_.requestFailed(f, failure);
+        }
+        if (failure.kind == Failure::Kind::NoReply || failure.kind == Failure::Kind::BadReply) {
+            stats_.silentTime +=
+                std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - requestStarted_);
+            if (!once || probing_)
+                goOffline(f, Clock::now(), failure.why);
+        }
         if (recipeFrame)
             recipeFailed_ = true;
         else if (write)
             afterWrite(f, false, failure.why);
-        else if (poll)
+        else if (poll && !oneShot)
             countPass(f);
         break;
     }
     default:
         break;
     }
-    if (result == RTUPLC_REPLY_ACCEPTED || result == RTUPLC_REPLY_FAILED) {
+    if (settled && oneShot)
+        settleSlowReads(f, false);
+    if (settled && probing_) {
+        const auto silent = offline_.find(f.station);
+        if (silent != offline_.end())
+            silent->second.probing = false; // the next one is due at its time
+    }
+    if (settled) {
         ++stats_.finished;
         if (poll)
             ++stats_.polls;
@@ -484,6 +680,10 @@ bool Host::complete(const Point &p) const
 void Host::afterRead(const FRAME_PRO &f)
 {
     Block &b = block(f);
+    // The driver reports changes of what it monitors; a slow item's values, read once,
+    // are compared here.
+    if (f.reqKind == RTUPLC_KIND_CONDITION_READ)
+        dirty_.insert(b.touching.begin(), b.touching.end());
     if (!b.read) {
         // The first read of a block completes the values in it; one that spans two
         // blocks is complete once both were read.
@@ -576,12 +776,12 @@ QString Host::blockOf(const FRAME_PRO &f, const QString &driverText) const
 }
 
 Failure Host::whyFailed(const FRAME_PRO &f, const Exchange &x, std::chrono::microseconds timeout,
-                        const QString &driverText) const
+                        const QString &driverText, int attempts) const
 {
     Failure failure;
     failure.driverText = driverText;
     failure.block = blockOf(f, driverText);
-    const int attempts = std::max(1, settings_.retries);
+    attempts = std::max(1, attempts);
     const QString tries = QStringLiteral("%1 attempt%2").arg(attempts).arg(attempts == 1 ? "" : "s");
     switch (x.outcome) {
     case Exchange::Outcome::Exception: {
@@ -656,13 +856,17 @@ bool Host::finished() const
     const bool recipeIdle = recipeStage_ == RecipeStage::None || recipeStage_ == RecipeStage::Done;
     if (!writesSettled() || !recipeIdle)
         return false;
-    if (blocks_ == 0)
+    if (plannedBlocks_ == 0 && slow_.empty())
         return true; // nothing to poll once writes and recipe are through
-    if (settings_.once)
-        return passes_ >= 1;
-    if (settings_.count > 0)
-        return passes_ >= settings_.count;
-    return false;
+    if (!settings_.once && settings_.count <= 0)
+        return false;
+    for (const SlowItem &s : slow_) {
+        if (!s.seen && (offline_.empty() || !offline_.count(items_[s.item].station)))
+            return false; // a bounded run reads every slow item once too
+    }
+    if (blocks_ == 0) // every station polled is offline, or every item is slow
+        return true;
+    return passes_ >= (settings_.once ? 1 : settings_.count);
 }
 
 } // namespace rtuhost

@@ -197,6 +197,48 @@ bool parseItem(const QString &text, int defaultStation, const Catalogue &catalog
     return true;
 }
 
+bool parseInterval(const QString &text, std::chrono::milliseconds *interval, QString *error)
+{
+    const QString t = text.trimmed();
+    int digits = 0;
+    while (digits < t.size() && t[digits].isDigit())
+        ++digits;
+    const QString unit = t.mid(digits);
+    bool ok = digits > 0 && digits <= 9;
+    const long long n = t.left(digits).toLongLong();
+    long long ms = 0;
+    if (unit.isEmpty() || unit == QLatin1String("s"))
+        ms = n * 1000;
+    else if (unit == QLatin1String("ms"))
+        ms = n;
+    else if (unit == QLatin1String("m"))
+        ms = n * 60000;
+    else
+        ok = false;
+    if (!ok || ms <= 0) {
+        *error = QStringLiteral("\"%1\" is not a time: a number and its unit, e.g. 500ms, 10s, 2m").arg(text);
+        return false;
+    }
+    *interval = std::chrono::milliseconds(ms);
+    return true;
+}
+
+bool parseTimedItem(const QString &text, int defaultStation, const Catalogue &catalogue, const DriverApi &api,
+                    Item *item, QString *error)
+{
+    const int slash = text.lastIndexOf('/');
+    std::chrono::milliseconds every{0};
+    if (slash >= 0 && !parseInterval(text.mid(slash + 1), &every, error)) {
+        *error = QStringLiteral("%1: after / comes how often it is read, e.g. %2/10s: %3")
+                     .arg(text, text.left(slash), *error);
+        return false;
+    }
+    if (!parseItem(slash >= 0 ? text.left(slash) : text, defaultStation, catalogue, api, item, error))
+        return false;
+    item->every = every;
+    return true;
+}
+
 bool parseValue(const QString &text, Kind kind, uint32_t *value, QString *error)
 {
     const QString t = text.trimmed();

@@ -28,6 +28,9 @@ constexpr std::chrono::milliseconds kSendTimeout{2000};
 constexpr std::chrono::milliseconds kCopyWindow{20};
 // Bytes that follow each other closer than this belong to one reply.
 constexpr std::chrono::milliseconds kReplyGap{3};
+// Added to twice the longest response seen for the quiet after a time-out: scheduling
+// jitter of the slave and of this host.
+constexpr std::chrono::milliseconds kQuietSlack{10};
 
 std::string errnoText()
 {
@@ -290,7 +293,14 @@ bool Link::keepQuiet(const FRAME_PRO &frame, Exchange &x, const std::atomic<bool
     const Clock::time_point newestDeadline = owed_.back().deadline;
     matcher_.expect(frame);
     const auto started = Clock::now();
-    const auto minQuiet = std::max<std::chrono::microseconds>(margin_, silence());
+    // Sized by what the line has shown: a slave answers within its longest response
+    // seen, late ones included, so once answers have been timed the quiet lasts twice
+    // that; the whole margin only while no answer has been seen at all. A station that
+    // is simply gone then costs its time-out, not a worst case on top of it.
+    const auto longest = std::max(maxResponse_, maxAmbiguous_);
+    const auto shown = longest.count() > 0 ? std::min<std::chrono::microseconds>(margin_, 2 * longest + kQuietSlack)
+                                           : std::chrono::microseconds(margin_);
+    const auto minQuiet = std::max<std::chrono::microseconds>(shown, silence());
     // Before the same request again, wait as long as this slave has been seen to
     // answer: a late answer to it is an answer to it, and taking it spares a send
     // whose answer would be owed. Before another request every send still owed must

@@ -312,7 +312,7 @@ class Simulator:
 
 def base_config(broker, sim, items, name="line1", user="gateway", **mqtt_keys):
     """A configuration for `sim` on `broker` with short time-outs, so that a silent
-    station is noticed within a second."""
+    station is noticed within a second, and tried again twice a second."""
     folder = tempfile.mkdtemp(prefix="rtuplc-gw-")
     mqtt_section = {"url": broker.url() if broker else "mqtt://127.0.0.1:%d" % free_port(),
                     "stats-interval": 1, "keepalive": 5}
@@ -325,7 +325,7 @@ def base_config(broker, sim, items, name="line1", user="gateway", **mqtt_keys):
     # A short pause between exchanges: polling flat out on loopback would take a core
     # from the broker and the test itself on a two-core machine.
     line = {"tcp": "%s:%d" % (LOOPBACK, sim.port if sim else free_port()), "timeout": 100, "retries": 2,
-            "station": 1, "pause": LINE_PAUSE_MS}
+            "station": 1, "pause": LINE_PAUSE_MS, "probe-interval": "500ms", "probe-max": "1s"}
     return folder, {"name": name, "line": line, "mqtt": mqtt_section, "items": list(items)}
 
 

@@ -101,6 +101,10 @@ TEST_F(GatewayConfig, RefusesEveryKindOfMistakeWithPlaceKeyAndReason)
         {"timeout a float", "", "line:\n  tcp: h:1\n  timeout: 1.5\n" + kItemsOnly, {"line.timeout:", "not \"1.5\""}},
         {"timeout a list", "", "line:\n  tcp: h:1\n  timeout: [1]\n" + kItemsOnly, {"line.timeout:", "not a list"}},
         {"pause negative", "", "line:\n  tcp: h:1\n  pause: -1\n" + kItemsOnly, {"line.pause:", "from 0 to 600000"}},
+        {"a probe interval without a unit it knows", "", "line:\n  tcp: h:1\n  probe-interval: 5h\n" + kItemsOnly,
+         {"gw.yaml:3: line.probe-interval: \"5h\" is not a time"}},
+        {"an item's interval of zero", "", "line:\n  tcp: h:1\nitems:\n  - { item: D_W:0, every: 0s }\n",
+         {"gw.yaml:4: items.every:", "is not a time"}},
         {"too many retries", "", "line:\n  tcp: h:1\n  retries: 101\n" + kItemsOnly,
          {"gw.yaml:3: line.retries: must be a whole number from 1 to 100, not \"101\""}},
         {"station past 247", "", "line:\n  tcp: h:1\n  station: 248\n" + kItemsOnly, {"line.station:", "from 1 to 247"}},
@@ -221,6 +225,13 @@ TEST_F(GatewayConfig, GoodFilesGetTheirDefaults)
              ASSERT_EQ(c.items.size(), 1u);
              EXPECT_EQ(tie(c.items[0].text, c.items[0].line, c.items[0].writable), make_tuple("D_W:0..9", 4, false));
              EXPECT_EQ(tie(c.http.enabled, c.homeassistant.enabled), make_tuple(false, false));
+             EXPECT_EQ(tie(c.line.probeIntervalMs, c.line.probeMaxMs, c.items[0].everyMs), make_tuple(5000, 60000, 0));
+         }},
+        {"times in their units", "gw.yaml",
+         "line:\n  tcp: h:1\n  probe-interval: 500ms\n  probe-max: 2m\nitems:\n  - { item: D_W:0, every: 10 }\n",
+         [](const Config &c, const std::string &) {
+             EXPECT_EQ(tie(c.line.probeIntervalMs, c.line.probeMaxMs, c.items[0].everyMs),
+                       make_tuple(500, 120000, 10000));
          }},
         {".yml stripped, plain port given", "press-2.yml", kBase + "mqtt:\n  url: mqtt://broker:1884\n",
          [](const Config &c, const std::string &) {

@@ -65,7 +65,7 @@ int main(int argc, char **argv)
     std::vector<Item> items;
     for (const QString &text : o.items) {
         Item item;
-        if (!parseItem(text, o.station, catalogue, api, &item, &error))
+        if (!parseTimedItem(text, o.station, catalogue, api, &item, &error))
             return fail(kExitUsage, error);
         items.push_back(item);
     }
@@ -119,6 +119,8 @@ int main(int argc, char **argv)
     settings.serial = o.link == Options::Link::Serial;
     settings.margin = std::chrono::milliseconds(o.timeoutMs);
     settings.pause = std::chrono::milliseconds(o.pauseMs);
+    settings.probeInterval = std::chrono::milliseconds(o.probeIntervalMs);
+    settings.probeMax = std::chrono::milliseconds(std::max(o.probeMaxMs, o.probeIntervalMs));
     settings.once = o.once;
     settings.count = o.count;
     settings.duration = std::chrono::milliseconds(static_cast<long long>(o.durationSeconds * 1000));
@@ -151,11 +153,15 @@ int main(int argc, char **argv)
                                              .arg(rtusupport::silentInterval(line).count() / 1000.0, 0, 'f', 2)
                                        : QString())
                   .arg(o.timeoutMs));
-    out.plain(QStringLiteral("pause between exchanges: %1 ms; after a time-out the line is kept quiet for %2 ms "
-                             "(growing with the slave's response time, at most %3 s) before the next frame")
+    out.plain(QStringLiteral("pause between exchanges: %1 ms; after a time-out the line is kept quiet for up to %2 ms "
+                             "(twice the longest response seen once answers are timed, growing with the slave's "
+                             "response time, at most %3 s) before the next frame; a silent station is tried once "
+                             "every %4 s, then less often, down to every %5 s")
                   .arg(o.pauseMs)
                   .arg(link->guard().count() / 1000.0, 0, 'f', 1)
-                  .arg(Link::kMaxGuard.count()));
+                  .arg(Link::kMaxGuard.count())
+                  .arg(settings.probeInterval.count() / 1000.0)
+                  .arg(settings.probeMax.count() / 1000.0));
     out.plain(QStringLiteral("station %1, property text %2").arg(o.station).arg(settings.propertyText()));
 
     const std::atomic<bool> &stop = stopOnSignals();

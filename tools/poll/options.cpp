@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "rtuplc_host/address.h"
+#include "rtuplc_host/items.h"
 
 namespace rtupoll {
 
@@ -13,7 +14,9 @@ plans and builds the frames, rtuplc-poll carries them over the line and prints t
 values the driver reports. With no connection option it starts its built-in
 controller simulator on a free loopback port and polls that.
 
-Items, in each area's own notation (X and Y are octal), optionally @STATION:
+Items, in each area's own notation (X and Y are octal), optionally @STATION, and
+optionally /INTERVAL to read them only that often (D_W:100..109/10s; without it, as
+fast as the line goes):
   D_W:100..109   ten 16-bit registers        X:0..17     sixteen inputs (octal)
   D_D:200        a 32-bit value over D200,201  D_D:200..203  the values at 200 and 202
   32C:200..203   four 32-bit counters        M:0..15     sixteen relays
@@ -44,6 +47,12 @@ Timing:
   --pause MS             pause between the end of one exchange and the next frame,
                          for devices that need a rest between requests, 0..600000
                          (default 0)
+  --probe-interval T     a station whose request went unanswered after its retries is
+                         offline: it is then tried once every T (e.g. 500ms, 5s, 1m;
+                         default 5s), not polled, so it never slows the stations that
+                         answer; its first good reply brings it back
+  --probe-max T          the pause between tries doubles up to T while the station
+                         stays silent (default 60s)
 
 Output (a line per value when first read and when it changes):
   --hex                  values in hexadecimal
@@ -186,6 +195,12 @@ bool parseOptions(int argc, char **argv, Options *o, std::string *error)
             if (!value() || !toLong(v, kMinPauseMs, kMaxPauseMs, &n))
                 return fail("--pause takes " + range(kMinPauseMs, kMaxPauseMs) + " milliseconds");
             o->pauseMs = int(n);
+        } else if (a == "--probe-interval" || a == "--probe-max") {
+            std::chrono::milliseconds t{0};
+            QString why;
+            if (!value() || !rtuhost::parseInterval(QString::fromStdString(v), &t, &why))
+                return fail(a + " takes a time, e.g. 5s or 500ms");
+            (a == "--probe-interval" ? o->probeIntervalMs : o->probeMaxMs) = t.count();
         } else if (a == "--hex") {
             o->hex = true;
         } else if (a == "--json") {

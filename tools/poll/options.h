@@ -27,6 +27,8 @@ struct Options {
     bool localWrite = false;
     int timeoutMs = rtuhost::kDefaultTimeoutMs;
     int pauseMs = rtuhost::kDefaultPauseMs;
+    long long probeIntervalMs = 5000; // a silent station is tried once this often,
+    long long probeMaxMs = 60000;     // less often while it stays silent, down to this
 
     bool hex = false;
     bool json = false;

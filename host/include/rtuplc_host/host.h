@@ -4,6 +4,12 @@
 // transfers. It prints nothing: what happens (a value read, a request failed after its
 // retries, a write settled, a frame exchanged) is reported to HostEvents.
 //
+// The line's time is shared out here. A station whose request went unanswered after
+// its retries is offline: its items leave the driver's rotation and it is tried with a
+// one-register one-shot read, once, now and then, until it answers. An item with an
+// interval (Item::every) is kept out of the rotation too and read by itself, one-shot,
+// each time it is due.
+//
 // The driver keeps its state in one global object, so a process has one Host.
 #ifndef RTUPLC_HOST_HOST_H
 #define RTUPLC_HOST_HOST_H
@@ -51,6 +57,11 @@ struct HostSettings {
     // A write is done when the controller acknowledged it, or only once a later read
     // shows the value (rtuplc-poll's confirmation).
     bool confirmWrites = true;
+    // A station whose request failed for want of an answer is offline: from then on it
+    // gets one attempt every probeInterval, the pause doubling up to probeMax while it
+    // stays silent, instead of costing the line its time-outs on every pass.
+    std::chrono::milliseconds probeInterval{5000};
+    std::chrono::milliseconds probeMax{60000};
 
     QString propertyText() const;    // driverId#localWriteMode#0#retries#gap
 };
@@ -64,6 +75,8 @@ struct Stats {
     uint64_t polls = 0;              // poll reads done, accepted or failed
     std::chrono::microseconds cycleTotal{0};
     std::chrono::microseconds elapsed{0};
+    uint64_t probes = 0;             // single attempts sent to offline stations
+    std::chrono::microseconds silentTime{0}; // line time spent on requests nobody answered
     LineStats line;                  // what the link dropped
 
     QString summary() const;
@@ -170,7 +183,15 @@ public:
     bool finish();
 
     const Stats &stats() const { return stats_; }
-    int blockCount() const { return blocks_; }
+    // A station held offline and when it is tried next; none for a station answering.
+    struct Silence {
+        Clock::time_point nextProbe;
+        std::chrono::milliseconds interval;
+        QString why;                 // the failure that took it offline
+        bool probing = false;        // a try is queued or on the line
+    };
+    const std::map<int, Silence> &offline() const { return offline_; }
+    int blockCount() const { return plannedBlocks_; }
     std::chrono::microseconds timeoutFor(size_t frameBytes, size_t replyBytes) const;
 
     const std::vector<Point> &points() const { return points_; }
@@ -222,7 +243,7 @@ private:
     bool complete(const Point &p) const;
     bool covers(const FRAME_PRO &f, const Point &p) const;
     Failure whyFailed(const FRAME_PRO &f, const Exchange &x, std::chrono::microseconds timeout,
-                      const QString &driverText) const;
+                      const QString &driverText, int attempts) const;
     QString blockOf(const FRAME_PRO &f, const QString &driverText) const;
 
     bool writesSettled() const;
@@ -256,9 +277,31 @@ private:
         std::vector<size_t> touching; // points with a unit in it
         bool read = false;
     };
+    // An item read at a pace of its own: not in the driver's rotation, but read once
+    // (a one-shot read) each time it is due.
+    struct SlowItem {
+        size_t item;                  // into items_
+        QString prefix;               // of its area's cache
+        int first = 0, end = 0;       // the units it covers
+        Clock::time_point due{};      // the next read; never read: at once
+        bool queued = false;          // with the driver, not yet settled
+        bool seen = false;            // read or failed at least once
+    };
+    // How the request in progress is served: on the line with its retries; or once on
+    // the line, its retries answered at once (a probe, or any request to an offline
+    // station).
+    enum class Way { Line, Once };
+    Way chooseWay(const FRAME_PRO &f, bool poll);
+    void goOffline(const FRAME_PRO &f, Clock::time_point now, const QString &why);
+    void comeBack(int station);
+    void remerge();
+    void queueProbes();
+    void queueSlowReads();
+    void settleSlowReads(const FRAME_PRO &f, bool allOfStation);
     std::map<BlockKey, Block> blockIndex_;
     Block &block(const FRAME_PRO &f);
-    int blocks_ = 0;
+    int blocks_ = 0;                 // monitored now: the stations online
+    int plannedBlocks_ = 0;          // monitored with every station
 
     std::deque<PendingWrite> writes_;
     std::deque<QueuedWrite> driverQueue_;
@@ -280,6 +323,13 @@ private:
     Clock::time_point requestStarted_{};
     bool requestOpen_ = false;
     bool retryPending_ = false;
+
+    std::vector<SlowItem> slow_;
+    std::map<int, Silence> offline_;
+    Way way_ = Way::Line;
+    bool probing_ = false;           // the request in progress is an offline station's probe
+    int attempt_ = 0;                // of the request in progress
+    Exchange first_;                 // what its one attempt on the line got (Way::Once)
 };
 
 // Text for people.

@@ -7,6 +7,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <chrono>
 #include <cstdint>
 #include <vector>
 
@@ -70,6 +71,8 @@ struct Item {
     int first = 0; // address of the first and the last value
     int last = 0;
     std::vector<Point> points;
+    // How often its values are wanted; zero: as fast as the line goes.
+    std::chrono::milliseconds every{0};
 
     KEY_ADDRESS key() const;
 };
@@ -83,6 +86,15 @@ QString blockText(const Area &area, int station, int start, int units);
 // Station 0, the broadcast, only when `broadcast` allows it: nobody answers a read.
 bool parseItem(const QString &text, int defaultStation, const Catalogue &catalogue, const DriverApi &api,
                Item *item, QString *error, bool broadcast = false);
+
+// Reads a time: a number with its unit, "250ms", "10s", "2m"; a bare number is seconds.
+// Zero or less is refused.
+bool parseInterval(const QString &text, std::chrono::milliseconds *interval, QString *error);
+
+// Reads an item that may end in "/INTERVAL", how often its values are wanted:
+// "D_W:100..109/10s"; without it, as fast as the line goes.
+bool parseTimedItem(const QString &text, int defaultStation, const Catalogue &catalogue, const DriverApi &api,
+                    Item *item, QString *error);
 
 // Reads a value for a point of `kind`: decimal or 0x hexadecimal; a negative number
 // is taken as its two's complement in the value's width.
