@@ -604,11 +604,4 @@ void PahoMqttClient::disconnect(const std::vector<Message> &last, std::chrono::m
     d.up = false;
 }
 
-MqttClient::~MqttClient() = default;
-
-std::unique_ptr<MqttClient> makeMqttClient(const MqttSettings &settings)
-{
-    return std::make_unique<PahoMqttClient>(settings);
-}
-
 } // namespace rtugw
