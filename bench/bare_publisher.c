@@ -55,6 +55,7 @@ int main(int argc, char **argv)
     mosquitto_lib_init();
     struct mosquitto *m = mosquitto_new("rtuplc-bare-publisher", true, NULL);
     mosquitto_int_option(m, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+    mosquitto_int_option(m, MOSQ_OPT_TCP_NODELAY, 1); /* as the gateway */
     mosquitto_username_pw_set(m, argv[3], argv[4]);
     mosquitto_connect_v5_callback_set(m, on_connect);
     mosquitto_publish_v5_callback_set(m, on_publish);

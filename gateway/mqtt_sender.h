@@ -56,6 +56,8 @@ public:
     // topic is empty). The sender starts when woken after the broker is up.
     void connected(long receiveMaximum, const Message &birth);
     void wake() { cv_.notify_one(); }
+    // A message the connection handed over itself, counted in flight like the sender's.
+    void handedOver() { inFlight_.fetch_add(1); }
     // A message handed over is done with: acknowledged (`delivered`) or given up.
     void done(bool delivered);
     // Nothing waits, nothing is in flight.
