@@ -2,7 +2,11 @@
  * topics and sizes, published at QoS 1 as fast as the broker acknowledges them, with
  * nothing else to do. Prints the acknowledged messages per second.
  *
- *   bare_publisher HOST PORT USER PASSWORD PREFIX VALUES SECONDS
+ *   bare_publisher HOST PORT USER PASSWORD PREFIX VALUES SECONDS [BURST PAUSE_MS]
+ *
+ * With BURST and PAUSE_MS, bursts of BURST messages (a whole reply's values) every
+ * PAUSE_MS, each carrying the microsecond it was made in "us": the latency from the
+ * publisher to a subscriber with nothing but the broker between.
  */
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
@@ -10,6 +14,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <time.h>
+#include <unistd.h>
 
 #define WINDOW 256 /* messages awaiting their PUBACK, as the gateway allows */
 
@@ -46,12 +51,15 @@ static double now(void)
 
 int main(int argc, char **argv)
 {
-    if (argc != 8) {
-        fprintf(stderr, "usage: %s HOST PORT USER PASSWORD PREFIX VALUES SECONDS\n", argv[0]);
+    if (argc != 8 && argc != 10) {
+        fprintf(stderr, "usage: %s HOST PORT USER PASSWORD PREFIX VALUES SECONDS [BURST PAUSE_MS]\n", argv[0]);
         return 2;
     }
     const int values = atoi(argv[6]);
     const double seconds = atof(argv[7]);
+    const long burst = argc == 10 ? atol(argv[8]) : 0;
+    const double pause = argc == 10 ? atof(argv[9]) / 1000.0 : 0;
+    double nextBurst = 0;
     mosquitto_lib_init();
     struct mosquitto *m = mosquitto_new("rtuplc-bare-publisher", true, NULL);
     mosquitto_int_option(m, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
@@ -83,20 +91,27 @@ int main(int argc, char **argv)
         }
         if (t - start >= seconds + 1.0)
             break;
+        if (burst && sent % burst == 0) {
+            while (now() < nextBurst)
+                usleep(200);
+            nextBurst = now() + pause;
+        }
         pthread_mutex_lock(&mu);
         while (inflight >= WINDOW)
             pthread_cond_wait(&room, &mu);
         ++inflight;
         pthread_mutex_unlock(&mu);
         const int i = (int)(sent++ % values);
-        const time_t wall = time(NULL);
+        struct timespec wall;
+        clock_gettime(CLOCK_REALTIME, &wall);
         struct tm tm;
-        gmtime_r(&wall, &tm);
+        gmtime_r(&wall.tv_sec, &tm);
         snprintf(topic, sizeof topic, "%s/1/D_W/%d", argv[5], i);
         const int len = snprintf(payload, sizeof payload,
-                                 "{\"value\":%d,\"quality\":\"good\",\"ts\":\"%04d-%02d-%02dT%02d:%02d:%02d.000Z\"}",
+                                 "{\"value\":%d,\"quality\":\"good\",\"ts\":\"%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ\",\"us\":%lld}",
                                  (int)(sent & 0xffff), tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour,
-                                 tm.tm_min, tm.tm_sec);
+                                 tm.tm_min, tm.tm_sec, wall.tv_nsec / 1000000,
+                                 (long long)wall.tv_sec * 1000000 + wall.tv_nsec / 1000);
         mosquitto_publish_v5(m, NULL, topic, len, payload, 1, true, NULL);
     }
     pthread_mutex_lock(&mu);
