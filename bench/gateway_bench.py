@@ -37,8 +37,8 @@ os.environ.setdefault("RTUPLC_GATEWAY", os.path.join(BUILD, "rtuplc-gateway"))
 os.environ.setdefault("RTUPLC_SIM", os.path.join(BUILD, "rtuplc-sim"))
 POLL = os.environ.get("RTUPLC_POLL", os.path.join(BUILD, "rtuplc-poll"))
 BARE = os.environ.get("RTUPLC_BARE_PUBLISHER", os.path.join(BUILD, "bench", "rtuplc_bare_publisher"))
-sys.path.insert(0, os.path.join(ROOT, "tests/gateway"))
-import harness as h  # noqa: E402  (needs the environment above)
+sys.path.insert(0, os.path.join(ROOT, "support/python"))
+import loopback_line as h  # noqa: E402  (needs the environment above)
 
 PREFIX = "rtuplc/line1"
 MOSQUITTO_SUB = "/usr/bin/mosquitto_sub"

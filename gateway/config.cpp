@@ -44,7 +44,7 @@ const Keys kMqttKeys = {"url",   "client-id", "username", "password-file", "pass
                         "stats-interval", "mode"};
 const Keys kItemKeys = {"item", "writable", "name", "unit", "device-class"};
 const Keys kStationKeys = {"name"};
-const Keys kSparkplugKeys = {"group", "node", "primary-host"};
+const Keys kSparkplugKeys = {"group", "node", "primary-host", "state-dir"};
 const Keys kHomeAssistantKeys = {"prefix"};
 const Keys kHttpKeys = {"listen", "token-file", "history"};
 const Keys kLogKeys = {"csv", "rotate", "max-size"};
@@ -279,7 +279,7 @@ bool parseSparkplug(Reader &r, const Section &top, const Config &c, SparkplugCon
         return false;
     sp->node = c.name;
     if (!readText(r, s, "group", &sp->group) || !readText(r, s, "node", &sp->node) ||
-        !readText(r, s, "primary-host", &sp->primaryHost))
+        !readText(r, s, "primary-host", &sp->primaryHost) || !readPath(r, s, "state-dir", &sp->stateDir))
         return false;
     if (sp->group.empty())
         return r.fail(s.line(), "sparkplug.group", "missing (mqtt.mode sparkplug publishes under a group id)");

@@ -46,11 +46,12 @@ struct MqttConfig {
     Mode mode = Mode::Plain; // mqtt.mode: plain JSON topics or Sparkplug B
 };
 
-// sparkplug: { group, node, primary-host } for mqtt.mode sparkplug.
+// sparkplug: { group, node, primary-host, state-dir } for mqtt.mode sparkplug.
 struct SparkplugConfig {
     std::string group;         // required in sparkplug mode
     std::string node;          // default: the gateway's name
     std::string primaryHost;   // empty: births are published whatever the host's state
+    std::string stateDir;      // where the next bdSeq is kept; empty: $STATE_DIRECTORY, else the working directory
 };
 
 // homeassistant: { prefix } announces every item to Home Assistant's MQTT discovery.

@@ -1,5 +1,15 @@
 #include "dialect_sparkplug.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
 #include <QJsonDocument>
 #include <QJsonObject>
 
@@ -24,6 +34,9 @@ constexpr int kDataQos = 0;
 constexpr int kDeathQos = 1;
 // What leaving for a primary host that went offline may hold up the poll loop.
 constexpr std::chrono::milliseconds kLeaveTimeout{1000};
+// How long a station back online waits for its blocks to be read before it is born
+// anyway, with the values not read since marked bad.
+constexpr std::chrono::seconds kBirthWait{10};
 
 uint64_t millis(SystemTime t)
 {
@@ -113,12 +126,109 @@ std::string commandValue(const Payload::Metric &m)
     }
 }
 
+std::string systemError(const std::string &what, const std::string &file)
+{
+    return what + " " + file + ": " + std::strerror(errno);
+}
+
 } // namespace
+
+std::string sparkplugBdSeqFile(const Config &config)
+{
+    std::string dir = config.sparkplug.stateDir;
+    if (dir.empty()) {
+        // systemd lists the unit's state folders separated by colons; the first is ours.
+        const char *state = std::getenv("STATE_DIRECTORY");
+        dir = state != nullptr && *state != '\0' ? std::string(state).substr(0, std::string(state).find(':')) : ".";
+    }
+    const std::string &node = config.sparkplug.node.empty() ? config.name : config.sparkplug.node;
+    return dir + "/sparkplug-" + config.sparkplug.group + '-' + node + ".bdseq";
+}
+
+bool loadBdSeq(const std::string &file, unsigned *bdSeq, std::string *why)
+{
+    if (::access(file.c_str(), F_OK) != 0 && errno == ENOENT) {
+        *why = "no bdSeq kept yet in " + file;
+        return false;
+    }
+    std::ifstream in(file);
+    if (!in) {
+        *why = systemError("cannot read", file);
+        return false;
+    }
+    std::stringstream text;
+    text << in.rdbuf();
+    const std::string content = text.str();
+    char *end = nullptr;
+    errno = 0;
+    const unsigned long value = std::strtoul(content.c_str(), &end, 10);
+    while (end != nullptr && (*end == '\n' || *end == ' '))
+        ++end;
+    if (content.empty() || errno != 0 || end == nullptr || *end != '\0' || value >= kSeqModulo ||
+        !std::isdigit(static_cast<unsigned char>(content[0]))) {
+        *why = file + " holds no bdSeq (0 to 255)";
+        return false;
+    }
+    *bdSeq = unsigned(value);
+    return true;
+}
+
+bool storeBdSeq(const std::string &file, unsigned bdSeq, std::string *why)
+{
+    const std::string tmp = file + ".tmp";
+    const std::string text = std::to_string(bdSeq) + '\n';
+    const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0640);
+    if (fd < 0) {
+        *why = systemError("cannot create", tmp);
+        return false;
+    }
+    const bool written = ::write(fd, text.data(), text.size()) == ssize_t(text.size()) && ::fsync(fd) == 0;
+    if (!written)
+        *why = systemError("cannot write", tmp);
+    ::close(fd);
+    if (!written || ::rename(tmp.c_str(), file.c_str()) != 0) {
+        if (written)
+            *why = systemError("cannot rename to", file);
+        ::unlink(tmp.c_str());
+        return false;
+    }
+    // The rename itself lasts only once the folder is on disk.
+    const size_t slash = file.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : file.substr(0, slash);
+    const int dirFd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const bool synced = dirFd >= 0 && ::fsync(dirFd) == 0;
+    if (!synced)
+        *why = systemError("cannot flush", dir);
+    if (dirFd >= 0)
+        ::close(dirFd);
+    return synced;
+}
+
+// Before each connection attempt, on the broker client's thread: a retry of the same
+// attempt writes nothing, so the disk sees one write per connection.
+void SparkplugNode::keepNextBdSeq(unsigned next)
+{
+    const std::lock_guard<std::mutex> lock(bdSeqFileLock_);
+    if (storedBdSeq_ == int(next))
+        return;
+    std::string why;
+    if (storeBdSeq(bdSeqFile_, next, &why)) {
+        storedBdSeq_ = int(next);
+        if (storeFailed_)
+            rtuhost::logNotice("bdSeq kept in %s again", bdSeqFile_.c_str());
+        storeFailed_ = false;
+    } else if (!storeFailed_) {
+        storeFailed_ = true;
+        rtuhost::logWarning("%s: after a crash, the next start may repeat a bdSeq the broker still holds",
+                            why.c_str());
+    }
+}
 
 SparkplugNode::SparkplugNode(Model &model)
     : model_(model), group_(model.config().sparkplug.group),
       node_(model.config().sparkplug.node.empty() ? model.config().name : model.config().sparkplug.node),
-      primaryHost_(model.config().sparkplug.primaryHost), hostOnline_(primaryHost_.empty())
+      primaryHost_(model.config().sparkplug.primaryHost), bdSeqFile_(sparkplugBdSeqFile(model.config())),
+      hostOnline_(primaryHost_.empty())
 {
     const std::vector<PointState> &points = model_.points();
     aliasOf_.assign(points.size(), 0);
@@ -166,6 +276,7 @@ Message SparkplugNode::will()
 {
     const unsigned bdSeq = nextBdSeq_.load();
     willBdSeq_ = bdSeq;
+    keepNextBdSeq((bdSeq + 1) % kSeqModulo);
     Payload p;
     p.set_timestamp(nowMillis());
     addBdSeq(&p, bdSeq);
@@ -193,9 +304,18 @@ void SparkplugNode::bind(Broker &broker)
 {
     broker_ = &broker;
     mqtt_ = &broker.client();
+    // Read here, not when made: --check's plan makes a node too, and connects nowhere.
+    unsigned bdSeq = 0;
+    std::string why;
+    if (loadBdSeq(bdSeqFile_, &bdSeq, &why))
+        nextBdSeq_ = bdSeq;
+    else
+        rtuhost::logWarning("%s: bdSeq starts at 0", why.c_str());
     mqtt_->setWillProvider([this] { return will(); });
     mqtt_->subscribe(topic("NCMD"));
     mqtt_->subscribe(topic("DCMD") + "/+");
+    // The node's own death certificate: the broker may publish one for this session.
+    mqtt_->subscribe(topic("NDEATH"));
     if (!primaryHost_.empty())
         mqtt_->subscribe(std::string(kNamespace) + "/STATE/" + primaryHost_);
 }
@@ -242,7 +362,35 @@ void SparkplugNode::birthNode()
     for (auto &[station, device] : devices_) {
         device.born = false;
         if (model_.stations().at(station).online)
-            birthDevice(device);
+            startBirth(device);
+    }
+}
+
+// A value the station gave before it fell silent may have changed since: a device is
+// born with what was read after its station came back, every block of it, so that no
+// host takes an old value for a current one. A block not polled within kBirthWait (a
+// slow schedule) is born bad, as the model says it is.
+bool SparkplugNode::readSinceBack(Device &d) const
+{
+    const std::vector<PointState> &points = model_.points();
+    const std::vector<SystemTime> &reads = model_.blockReads();
+    // Once read since, a value stays so: each call goes on from where the last stopped.
+    for (; d.readUpTo < d.points.size(); ++d.readUpTo) {
+        const PointState &s = points[d.points[d.readUpTo]];
+        const bool polled = s.block >= 0 && size_t(s.block) < reads.size() && reads[size_t(s.block)] >= d.backAt;
+        if (!s.good && !polled)
+            return false;
+    }
+    return true;
+}
+
+void SparkplugNode::startBirth(Device &d)
+{
+    if (readSinceBack(d)) {
+        birthDevice(d);
+    } else if (!d.waiting) {
+        d.waiting = true;
+        d.waitSince = std::chrono::steady_clock::now();
     }
 }
 
@@ -307,6 +455,7 @@ void SparkplugNode::birthDevice(Device &d)
     }
     publish(topic("DBIRTH", d.name), serialized(p));
     d.born = true;
+    d.waiting = false;
     d.changed.clear();
 }
 
@@ -330,15 +479,21 @@ void SparkplugNode::pointChanged(size_t index)
 void SparkplugNode::stationChanged(int station)
 {
     Device &d = devices_[station];
+    if (model_.stations().at(station).online) {
+        d.backAt = std::chrono::system_clock::now();
+        d.readUpTo = 0;
+    }
     if (!nodeBorn_)
         return; // the node's birth will tell
     // Values changed before the station fell silent go out before its death.
     flushData();
     if (model_.stations().at(station).online) {
         if (!d.born)
-            birthDevice(d);
-    } else if (d.born) {
-        deathDevice(d);
+            startBirth(d);
+    } else {
+        d.waiting = false;
+        if (d.born)
+            deathDevice(d);
     }
 }
 
@@ -390,6 +545,7 @@ void SparkplugNode::lost()
     nodeBorn_ = false;
     for (auto &[station, d] : devices_) {
         d.born = false;
+        d.waiting = false;
         d.changed.clear();
     }
     // The host's state is learnt again from its retained STATE after the reconnect.
@@ -424,6 +580,25 @@ void SparkplugNode::onHostState(const std::string &payload)
         rtuhost::logNotice("disconnecting until the primary host is back");
         broker_->leave(farewell(), kLeaveTimeout, "waiting for the primary host");
         lost();
+    }
+}
+
+// A death certificate with this session's bdSeq while the node is born: hosts now take
+// the live node for dead (the broker published an old session's will with the same
+// bdSeq, or someone else did), so it is born again, with the same bdSeq. One with
+// another bdSeq ends an earlier session, which hosts already know is over.
+void SparkplugNode::onDeath(const std::string &bytes)
+{
+    Payload p;
+    if (!p.ParseFromString(bytes) || !nodeBorn_)
+        return;
+    for (const Payload::Metric &m : p.metrics()) {
+        if (m.name() == kBdSeq && m.long_value() == willBdSeq_.load()) {
+            rtuhost::logWarning("the broker published a death certificate of this session (bdSeq %u): born again",
+                                willBdSeq_.load());
+            birthNode();
+            return;
+        }
     }
 }
 
@@ -466,6 +641,10 @@ bool SparkplugNode::message(const Message &m)
         onHostState(m.payload);
         return true;
     }
+    if (m.topic == topic("NDEATH")) {
+        onDeath(m.payload);
+        return true;
+    }
     if (m.topic == topic("NCMD")) {
         Payload p;
         if (!p.ParseFromString(m.payload)) {
@@ -497,6 +676,11 @@ void SparkplugNode::tick()
 {
     if (!nodeBorn_)
         return;
+    const auto now = std::chrono::steady_clock::now();
+    for (auto &[station, d] : devices_) {
+        if (d.waiting && model_.stations().at(station).online && (readSinceBack(d) || now - d.waitSince >= kBirthWait))
+            birthDevice(d);
+    }
     flushData();
     const int interval = model_.config().mqtt.statsInterval;
     if (interval > 0 && std::chrono::steady_clock::now() - lastStats_ >= std::chrono::seconds(interval))

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdint>
 #include <map>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -38,10 +39,12 @@ public:
     // A node is born afresh on every connection: commands queued for an older one mean
     // nothing to it, so the broker keeps no session.
     void shapeSession(MqttSettings *settings) const override;
-    // The subscriptions, and will() as the will of every connection.
+    // The subscriptions, and will() as the will of every connection, from the bdSeq kept on disk.
     void bind(Broker &broker) override;
     // The death certificate of the connection about to be made: a new bdSeq for each
-    // connection, so that a host pairs each death with the birth it ends.
+    // connection, so that a host pairs each death with the birth it ends. The one after
+    // it is on disk before the broker holds this will, so that a restart after a crash
+    // never reuses a bdSeq the broker may still publish for the old session.
     Message will();
     // A clean stop: the death certificate, since the broker sends no will then.
     std::vector<Message> farewell() const override;
@@ -67,13 +70,23 @@ private:
         std::vector<size_t> points;   // model indexes
         bool born = false;
         std::vector<size_t> changed;  // since the last DDATA
+        // Back online and not yet born: waiting for a read of every block since.
+        bool waiting = false;
+        SystemTime backAt{};          // when the station last came back
+        std::chrono::steady_clock::time_point waitSince{};
+        size_t readUpTo = 0;          // d.points before it are read since backAt
     };
 
     void onHostState(const std::string &payload);
+    void onDeath(const std::string &payload);
+    void keepNextBdSeq(unsigned next);
     void handleDeviceCommand(Device &device, const std::string &payload);
     bool birthAllowed() const { return connected_ && hostOnline_; }
     void birthNode();
     void birthDevice(Device &device);
+    // Born now if every block of the station was read since it came back, else once they are.
+    void startBirth(Device &device);
+    bool readSinceBack(Device &device) const;
     void deathDevice(Device &device);
     void flushData();
     std::vector<std::pair<std::string, uint64_t>> stats() const;
@@ -93,6 +106,11 @@ private:
     // The bdSeq in the will of the connection being made, and of the next one.
     std::atomic<unsigned> willBdSeq_{0};
     std::atomic<unsigned> nextBdSeq_{0};
+    // Where the next bdSeq is kept, and what was last written there (-1: nothing yet).
+    std::string bdSeqFile_;
+    std::mutex bdSeqFileLock_;
+    int storedBdSeq_ = -1;
+    bool storeFailed_ = false;
     unsigned seq_ = 0;
     bool connected_ = false;
     bool hostOnline_ = true;               // no primary host: always
@@ -101,6 +119,16 @@ private:
     std::map<std::string, uint64_t> sentStats_; // node metrics as hosts last saw them
     std::chrono::steady_clock::time_point lastStats_{};
 };
+
+// The file that keeps the node's next bdSeq across restarts:
+// DIR/sparkplug-GROUP-NODE.bdseq, DIR being sparkplug.state-dir, else the first folder
+// of systemd's $STATE_DIRECTORY, else the working directory.
+std::string sparkplugBdSeqFile(const Config &config);
+// The bdSeq kept in `file`: false, and why, when it is missing or unreadable.
+bool loadBdSeq(const std::string &file, unsigned *bdSeq, std::string *why);
+// Keeps it so that a crash or a power cut at any moment leaves the old number or the
+// new one, never a torn file: a temporary file, flushed, renamed over, the folder flushed.
+bool storeBdSeq(const std::string &file, unsigned bdSeq, std::string *why);
 
 // station<N> unless the configuration names the station.
 std::string sparkplugDevice(const Config &config, int station);

@@ -215,8 +215,24 @@ void Model::requestFailed(const FRAME_PRO &f, const Failure &failure)
         }
     }
     // A station that refuses a request with an exception is alive.
-    if (failure.kind != Failure::Kind::Exception)
-        setStation(f.station, false);
+    if (failure.kind == Failure::Kind::Exception)
+        return;
+    const bool wasOnline = station.online;
+    setStation(f.station, false);
+    if (!wasOnline)
+        return;
+    // Silent, the station may change any of its values unseen, whether or not their
+    // blocks are polled meanwhile: none of them is good until its block is read again.
+    const SystemTime now = std::chrono::system_clock::now();
+    for (size_t index = 0; index < points_.size(); ++index) {
+        PointState &s = points_[index];
+        if (s.point.station != f.station || !s.good)
+            continue;
+        s.good = false;
+        s.error = "station " + std::to_string(f.station) + " silent: " + why;
+        s.ts = now;
+        changed(index);
+    }
 }
 
 void Model::exchanged(const FRAME_PRO &f, const rtuhost::Exchange &x)

@@ -74,9 +74,12 @@ bool StopSignal::waitFor(std::chrono::microseconds d) const
 
 StationMemory &Simulator::Impl::stationMemory(int station)
 {
-    if (std::find(stations.begin(), stations.end(), station) == stations.end())
+    // A station made silent keeps its memory, and runs on: its values may change
+    // while nobody can read them.
+    const auto found = memory.find(station);
+    if (found == memory.end())
         throw std::out_of_range("station " + std::to_string(station) + " is not simulated");
-    return memory.at(station);
+    return found->second;
 }
 
 const StationMemory &Simulator::Impl::stationMemory(int station) const

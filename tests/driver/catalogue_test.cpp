@@ -26,17 +26,14 @@ TEST(AddressText, A2iBases)
 TEST(Identity, ParameterTextAndPages)
 {
     int type = 9;
+    QString param = "old", page;
     intf_getProtocolType(type);
-    EXPECT_EQ(type, 0);
-    EXPECT_EQ(intf_getVersion(), "2.0.0.0");
-    QString param = "old";
     intf_getDriverParameter(param);
-    EXPECT_EQ(param, "0,9600,8,EVEN,1,0,1,127.0.0.1,8000,rtu_plc,X,Y,M,SM,S,T,C,32C,CV,TV,Z,SD,D_D,D_W");
     intf_SetDriverPropertyPage("something else");
-    EXPECT_EQ(driver.propertyPage, "something else");
-    QString page;
     intf_getDriverPropertyPage(page);
-    EXPECT_EQ(page, "0_0");
+    EXPECT_EQ(QStringList({QString::number(type), intf_getVersion(), param, driver.propertyPage, page}),
+              QStringList({"0", "2.0.0.0", "0,9600,8,EVEN,1,0,1,127.0.0.1,8000,rtu_plc,X,Y,M,SM,S,T,C,32C,CV,TV,Z,SD,D_D,D_W",
+                           "something else", "0_0"}));
 }
 
 // Each text is applied after a reset to 7#7#7#7#7; fields are driverId, localWriteMode,
@@ -88,10 +85,10 @@ TEST(Properties, ReinitEmptiesTrafficKeepsRecipeAndCallback)
     intf_setData(1, "D_W", 0, 1, v, 2);
     driver.handshakeFlag = 1;
     intf_initProperty(nullptr, 0, nullptr, nullptr, "1#0#0#3#64", nullptr);
-    EXPECT_TRUE(driver.writeList.isEmpty() && driver.dataAreas.isEmpty() && driver.frameList.isEmpty());
-    EXPECT_EQ(driver.handshakeFlag, 0);
-    EXPECT_EQ(driver.rcpVars.size(), 1);
-    EXPECT_EQ(driver.rcpReqs.size(), 1);
+    EXPECT_EQ(QStringLiteral("w%1 a%2 f%3 h%4 v%5 r%6")
+                  .arg(driver.writeList.size()).arg(driver.dataAreas.size()).arg(driver.frameList.size())
+                  .arg(driver.handshakeFlag).arg(driver.rcpVars.size()).arg(driver.rcpReqs.size()),
+              "w0 a0 f0 h0 v1 r1");
     EXPECT_EQ(driver.addrValueChangeCallBack, &recordReport);
     intf_setAddrValueChangeCallBack(nullptr);
 }
@@ -220,14 +217,12 @@ TEST(MultiCopy, SequencesAndClipping)
 
 TEST(MultiCopy, HexNotationAndUnknownLetterKeepsText)
 {
-    QVector<QString> texts;
-    QVector<int> values;
-    EXPECT_EQ(multiCp("D_W", "HHHH", 30, 2, 1, texts, values, 100, "64"), 1);
-    EXPECT_EQ(texts, (QVector<QString>{"1e", "1f"}));
-    texts.clear();
-    values.clear();
-    EXPECT_EQ(multiCp("D_W", "QQ", 3, 2, 1, texts, values, 100, "100"), 1);
-    EXPECT_EQ(texts, (QVector<QString>{"", ""}));
+    QVector<QString> hex, unknown;
+    QVector<int> values, ignored;
+    EXPECT_EQ(multiCp("D_W", "HHHH", 30, 2, 1, hex, ignored, 100, "64"), 1);
+    EXPECT_EQ(multiCp("D_W", "QQ", 3, 2, 1, unknown, values, 100, "100"), 1);
+    EXPECT_EQ(hex, (QVector<QString>{"1e", "1f"}));
+    EXPECT_EQ(unknown, (QVector<QString>{"", ""}));
     EXPECT_EQ(values, (QVector<int>{3, 4}));
 }
 

@@ -4,6 +4,8 @@
 // (it checks items and values); no line and no broker are opened.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -90,38 +92,52 @@ struct Rig {
     std::unique_ptr<Broker> broker;
 };
 
-TEST(GatewayLogic, EachDialectShapesItsSessionAndSaysGoodbye)
+TEST(GatewayLogic, EachDialectShapesItsSessionIsBornAndSaysGoodbye)
 {
     struct Case {
         const char *name;
         bool sparkplug;
         std::vector<std::string> subscribed;
-        std::string will;                // topic of the will in the settings
+        std::string will, birth;            // "TOPIC PAYLOAD", in the settings; empty: none
         uint32_t sessionExpiry;
-        std::vector<std::string> farewell; // topics, after the first connection
+        std::vector<std::string> atStart;   // published before any connection; "TOPIC PAYLOAD"
+        std::vector<std::string> connected; // published by the first connection, topics only
+        std::vector<std::string> farewell;  // topics, after the first connection
     };
     const Case cases[] = {
-        {"plain", false, {"rtuplc/line1/+/+/+/set"}, "rtuplc/line1/status", 7 * 24 * 3600, {"rtuplc/line1/status"}},
+        // Plain topics say the stations at once, and the birth on every connection.
+        {"plain", false, {"rtuplc/line1/+/+/+/set"}, "rtuplc/line1/status offline",
+         "rtuplc/line1/status online", 7 * 24 * 3600, {"rtuplc/line1/1/status offline"}, {}, {"rtuplc/line1/status"}},
         // A node is born anew each connection: no session kept; its will comes per attempt.
-        {"sparkplug", true, {"spBv1.0/plant/NCMD/line1", "spBv1.0/plant/DCMD/line1/+"}, "", 0,
-         {"spBv1.0/plant/NDEATH/line1"}},
+        // Its own death certificate too: one of the live session means hosts think it dead.
+        // No station has answered yet: the node alone is born, its devices when they answer.
+        {"sparkplug", true, {"spBv1.0/plant/NCMD/line1", "spBv1.0/plant/DCMD/line1/+", "spBv1.0/plant/NDEATH/line1"},
+         "", "", 0, {}, {"spBv1.0/plant/NBIRTH/line1"}, {"spBv1.0/plant/NDEATH/line1"}},
+    };
+    const auto said = [](const Message &m) { return m.topic.empty() ? std::string() : m.topic + ' ' + m.payload; };
+    const auto topics = [&](const std::vector<Message> &messages, bool payload) {
+        std::vector<std::string> out;
+        for (const Message &m : messages)
+            out.push_back(payload ? said(m) : m.topic);
+        return out;
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
         Rig rig(c.sparkplug);
         EXPECT_EQ(rig.client->subscribed, c.subscribed);
-        EXPECT_EQ(rig.settings.will.topic, c.will);
+        EXPECT_EQ(said(rig.settings.will), c.will);
+        EXPECT_EQ(said(rig.settings.birth), c.birth);
         EXPECT_EQ(rig.settings.sessionExpiry, c.sessionExpiry);
         EXPECT_EQ(bool(rig.client->willProvider), c.sparkplug);
+        EXPECT_EQ(topics(rig.client->published, true), c.atStart);
         EXPECT_EQ(rig.broker->state(), "connecting");
+        rig.client->published.clear();
         rig.client->events.push_back(MqttEvent{MqttEvent::Type::Connected, false, {}});
         rig.turn();
         EXPECT_TRUE(rig.broker->up());
         EXPECT_EQ(rig.broker->state(), "connected");
-        std::vector<std::string> farewell;
-        for (const Message &m : rig.dialect->farewell())
-            farewell.push_back(m.topic);
-        EXPECT_EQ(farewell, c.farewell);
+        EXPECT_EQ(topics(rig.client->published, false), c.connected);
+        EXPECT_EQ(topics(rig.dialect->farewell(), false), c.farewell);
         rig.client->events.push_back(MqttEvent{MqttEvent::Type::Lost, false, "gone"});
         rig.turn();
         EXPECT_FALSE(rig.broker->up());
@@ -129,22 +145,60 @@ TEST(GatewayLogic, EachDialectShapesItsSessionAndSaysGoodbye)
     }
 }
 
-TEST(GatewayLogic, PlainTopicsSayTheStationsAtOnceAndTheBirthOnEveryConnection)
-{
-    Rig rig(false);
-    EXPECT_EQ(rig.settings.birth.topic + ' ' + rig.settings.birth.payload, "rtuplc/line1/status online");
-    ASSERT_EQ(rig.client->published.size(), 1u);
-    EXPECT_EQ(rig.client->published[0].topic + ' ' + rig.client->published[0].payload, "rtuplc/line1/1/status offline");
-}
-
-TEST(GatewayLogic, SparkplugNodeIsBornOnConnection)
+// A station back from a silence: each of its values may have changed unseen, whether
+// its block was polled meanwhile or not. Its device is born only once every block was
+// read since, never with a value from before the silence said good.
+TEST(GatewayLogic, SparkplugDeviceIsBornAgainOnlyWithValuesReadSinceItsSilence)
 {
     Rig rig(true);
+    // The poll of the values from `first` to `last`, as the driver hands it over.
+    const auto frame = [&](const char *first, const char *last) {
+        const Point &a = rig.model->points()[size_t(rig.model->find(first))].point;
+        const Point &b = rig.model->points()[size_t(rig.model->find(last))].point;
+        FRAME_PRO f;
+        f.station = a.station;
+        f.regName = a.area->name;
+        f.startAddr = a.firstUnit();
+        f.len = f.dataLen = b.firstUnit() + b.units() - a.firstUnit();
+        f.reqKind = RTUPLC_KIND_MONITOR_READ;
+        return f;
+    };
+    const FRAME_PRO words = frame("1/D_W/500", "1/D_W/501"), bit = frame("1/M/3", "1/M/3");
+    const size_t bitPoint = size_t(rig.model->find("1/M/3"));
+    const auto births = [&] {
+        return std::count_if(rig.client->published.begin(), rig.client->published.end(),
+                             [](const Message &m) { return m.topic == "spBv1.0/plant/DBIRTH/line1/station1"; });
+    };
     rig.client->events.push_back(MqttEvent{MqttEvent::Type::Connected, false, {}});
     rig.turn();
-    // No station has answered yet: the node alone is born, its devices when they answer.
-    ASSERT_EQ(rig.client->published.size(), 1u);
-    EXPECT_EQ(rig.client->published[0].topic, "spBv1.0/plant/NBIRTH/line1");
+    // (what happens, DBIRTHs published since the start, the bit's value good)
+    struct Step {
+        const char *what;
+        std::function<void()> event;
+        long births;
+        bool bitGood;
+    };
+    // A first read reports every value; later ones only what changed.
+    const auto firstRead = [&](const FRAME_PRO &f) {
+        for (const size_t i : rig.host->pointsIn(f))
+            rig.model->valueRead(rig.host->points()[i], 1);
+        rig.model->blockRead(f);
+    };
+    const Step steps[] = {
+        {"the words answer", [&] { firstRead(words); }, 0, false},
+        {"the bit answers: every block read", [&] { firstRead(bit); }, 1, true},
+        {"the words fail: the station is silent", [&] { rig.model->requestFailed(words, rtuhost::Failure{}); }, 1,
+         false},
+        {"the words answer again, the bit not yet", [&] { rig.model->blockRead(words); }, 1, false},
+        {"the bit answers again", [&] { rig.model->blockRead(bit); }, 2, true},
+    };
+    for (const Step &step : steps) {
+        SCOPED_TRACE(step.what);
+        step.event();
+        rig.turn();
+        EXPECT_EQ(births(), step.births);
+        EXPECT_EQ(rig.model->points()[bitPoint].good, step.bitGood);
+    }
 }
 
 TEST(GatewayLogic, AWriteRequestGetsOneAnswer)
@@ -152,19 +206,15 @@ TEST(GatewayLogic, AWriteRequestGetsOneAnswer)
     struct Case {
         const char *name;
         std::string path, payload;
-        std::string answer; // empty: the write goes to the line, acknowledged below
+        std::string error; // empty: the write goes to the line, acknowledged below
     };
     const Case cases[] = {
         {"bare number", "1/D_W/500", "1234", ""},
         {"object with an id", "1/D_W/501", R"({"value":7,"id":"a"})", ""},
-        {"not a number", "1/D_W/500", "abc",
-         R"x({"id":null,"ok":false,"error":"\"abc\" is not a number: send a whole number (1234, -5, 0x1F)"})x"},
-        {"out of range", "1/D_W/500", "70000",
-         R"x({"id":null,"ok":false,"error":"\"70000\" is not a value here: a 16-bit value takes -32768..65535"})x"},
-        {"empty", "1/D_W/500", "",
-         R"x({"id":null,"ok":false,"error":"the payload is empty: send a number, or {\"value\":1234,\"id\":\"...\"}"})x"},
-        {"read only", "1/M/3", "1",
-         R"x({"id":null,"ok":false,"error":"M:3@1 is not configured writable (writable: true in the gateway's configuration)"})x"},
+        {"not a number", "1/D_W/500", "abc", R"(\"abc\" is not a number: send a whole number (1234, -5, 0x1F))"},
+        {"out of range", "1/D_W/500", "70000", R"(\"70000\" is not a value here: a 16-bit value takes -32768..65535)"},
+        {"empty", "1/D_W/500", "", R"(the payload is empty: send a number, or {\"value\":1234,\"id\":\"...\"})"},
+        {"read only", "1/M/3", "1", "M:3@1 is not configured writable (writable: true in the gateway's configuration)"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
@@ -174,7 +224,7 @@ TEST(GatewayLogic, AWriteRequestGetsOneAnswer)
         rig.client->incoming.push_back(
             Message{"rtuplc/line1/" + c.path + "/set", c.payload, 1, false, "reply/here", "42"});
         rig.turn();
-        if (c.answer.empty()) {
+        if (c.error.empty()) {
             ASSERT_TRUE(rig.client->published.empty()) << "answered before the controller did";
             ASSERT_EQ(rig.host->nextWriteId(), id + 1) << "no write queued";
             rtuhost::WriteRequest w;
@@ -184,8 +234,8 @@ TEST(GatewayLogic, AWriteRequestGetsOneAnswer)
         ASSERT_EQ(rig.client->published.size(), 2u);
         const Message &result = rig.client->published[0], &response = rig.client->published[1];
         EXPECT_EQ(result.topic, "rtuplc/line1/" + c.path + "/result");
-        if (!c.answer.empty())
-            EXPECT_EQ(result.payload, c.answer);
+        if (!c.error.empty())
+            EXPECT_EQ(result.payload, R"({"id":null,"ok":false,"error":")" + c.error + "\"}");
         else
             EXPECT_NE(result.payload.find("\"ok\":true,\"value\":1234"), std::string::npos) << result.payload;
         // Where MQTT 5 asked, the same answer with the request's correlation.

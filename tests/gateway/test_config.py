@@ -30,22 +30,23 @@ items:
 """
 
 
-def replace(old, new):
-    return lambda text: text.replace(old, new, 1)
-
-
-# What only the binary shows, the loader's own refusals being tabled in config_test.cpp:
-# the message's file:line and key, and the items the driver itself reads and refuses.
-# (what is wrong, how to spoil the good file, a key or text the message names, the line)
-BAD_FILES = [
-    ("unknown key of mqtt", replace("  qos: 1\n", "  qos: 1\n  tpoic: x\n"), "tpoic", 9),
-    ("unreadable password file", replace("password-file: ", "password-file: /nonexistent/"), "password-file",
-     10),
-    ("item text unreadable", replace("- D_W:100..109", "- D_W:abc"), "D_W:abc", 12),
-    ("item of an unknown area", replace("- D_W:100..109", "- Q:1"), "Q:1", 12),
-    ("item address outside its area", replace("- D_W:100..109", "- D_W:8000"), "D_W:8000", 12),
-    ("item address not octal", replace("- D_W:100..109", "- X:18"), "X:18", 12),
-    ("item station out of range", replace("- M:0..15@2", "- M:0..15@248"), "M:0..15@248", 13),
+# What only the binary shows, every refusal's wording being tabled in config_test.cpp (the
+# loader's) and poll_cli_test.cpp (an item's, read by the host layer both programs share): the
+# exit code, standard error with the program's name, and the file and line of a refusal from
+# each of the two stages, the loader and the plan made with the driver.
+# (what, arguments, how to spoil the good file, exit code, words on standard error)
+ROWS = [
+    ("unknown key of mqtt", ["--config", "{config}"], ("  qos: 1\n", "  qos: 1\n  tpoic: x\n"), 2,
+     "line1.yaml:9: mqtt.tpoic"),
+    ("item address outside its area", ["--config", "{config}"], ("- D_W:100..109", "- D_W:8000"), 2,
+     "line1.yaml:12: items: \"D_W:8000\""),
+    ("unknown option", ["--config", "{config}", "--bogus"], None, 2, "--bogus"),
+    ("no configuration", [], None, 2, "--config"),
+    ("--config without its file", ["--config"], None, 2, "--config"),
+    ("configuration file missing", ["--config", "/nonexistent/line9.yaml"], None, 2, "line9.yaml"),
+    ("driver missing", ["--config", "{config}", "--driver", "/nonexistent/librtuplc.so"], None, 3,
+     "/nonexistent/librtuplc.so"),
+    ("driver not a library", ["--config", "{config}", "--driver", "{password}"], None, 3, "password"),
 ]
 
 
@@ -67,38 +68,19 @@ class Configuration(h.GatewayTestCase):
         if text is not None:
             with open(path, "w") as f:
                 f.write(text)
-        args = [a.replace("{config}", path) for a in args]
+        args = [a.replace("{config}", path).replace("{password}", self.password_file) for a in args]
         # A gateway still running after RUN_TIMEOUT opened something: the test errs.
         done = subprocess.run([h.GATEWAY] + args, capture_output=True, text=True, timeout=RUN_TIMEOUT,
                               stdin=subprocess.DEVNULL)
         return done.returncode, done.stdout, done.stderr
 
-    def test_bad_files_are_refused_with_where_and_why(self):
-        for what, spoil, named, line in BAD_FILES:
+    def test_refusals_exit_with_their_code_and_say_where_and_why(self):
+        for what, args, spoil, code, words in ROWS:
             with self.subTest(what):
-                code, out, err = self.run_gateway(["--config", "{config}"], self.fill(spoil(GOOD)))
-                self.assertEqual(code, 2, "exit code; stderr:\n" + err)
-                self.assertTrue(err.startswith("rtuplc-gateway: "), err)
-                self.assertIn("line1.yaml:%d: " % line, err)
-                self.assertIn(named, err)
-                self.assertNotIn(SECRET, err + out)
-
-    def test_command_line(self):
-        good = self.fill(GOOD)
-        # (what, arguments, exit code, words on standard error)
-        rows = [
-            ("unknown option", ["--config", "{config}", "--bogus"], 2, "--bogus"),
-            ("no configuration", [], 2, "--config"),
-            ("--config without its file", ["--config"], 2, "--config"),
-            ("configuration file missing", ["--config", "/nonexistent/line9.yaml"], 2, "line9.yaml"),
-            ("driver missing", ["--config", "{config}", "--driver", "/nonexistent/librtuplc.so"], 3,
-             "/nonexistent/librtuplc.so"),
-            ("driver not a library", ["--config", "{config}", "--driver", self.password_file], 3, "password"),
-        ]
-        for what, args, code, words in rows:
-            with self.subTest(what):
-                got, out, err = self.run_gateway(args, good)
+                text = self.fill(GOOD.replace(*spoil, 1) if spoil else GOOD)
+                got, out, err = self.run_gateway(args, text)
                 self.assertEqual(got, code, err)
+                self.assertTrue(err.startswith("rtuplc-gateway: "), err)
                 self.assertIn(words, err)
                 self.assertNotIn(SECRET, err + out)
 

@@ -93,13 +93,10 @@ class Discovery(h.GatewayTestCase):
             with self.subTest(entity=component + "/" + object_id):
                 c = configs.get((component, object_id))
                 self.assertIsNotNone(c, "not announced; have %s" % sorted(configs))
-                for key in REQUIRED:
-                    self.assertIn(key, c)
-                for key, value in extra.items():
-                    self.assertEqual(c[key], value, key)
-                self.assertEqual(c["device"]["name"], "oven")
-                self.assertEqual(c["device"]["via_device"], NODE_ID)
-                self.assertEqual(c["availability_mode"], "all")
+                self.assertEqual([key for key in REQUIRED if key not in c], [], "missing keys")
+                self.assertEqual({key: c.get(key) for key in extra}, extra)
+                self.assertEqual((c["device"]["name"], c["device"]["via_device"], c["availability_mode"]),
+                                 ("oven", NODE_ID, "all"))
                 ids.add(c["unique_id"])
         self.assertEqual(len(ids), len(rows), "unique ids are unique")
         self.assertIn(("binary_sensor", "gateway"), configs, "the gateway is a device of its own")

@@ -68,6 +68,10 @@ def metric_value(m):
     return None if field is None else getattr(m, field)
 
 
+def bdseq_of(payload):
+    return {m.name: m for m in payload.metrics}["bdSeq"].long_value
+
+
 def quality_of(m):
     """The Quality property of a metric, or None when it has none."""
     for key, value in zip(m.properties.keys, m.properties.values):
@@ -91,12 +95,26 @@ class SparkplugTestCase(h.GatewayTestCase):
         m = sub.wait_for(topic, lambda m: predicate(decode(m)), timeout, since)
         return None if m is None else decode(m)
 
-    def start_node(self, folder, config, sub):
+    def own_line(self):
+        """For this test: self.broker, self.sim and self.sub, who may send a host's messages."""
+        self.broker = self.own(h.Broker().start())
+        self.sim = self.own(h.Simulator())
+        self.sub = self.own(h.Subscriber(self.broker, "spBv1.0/#", user="operator"))
+
+    def start_node(self, folder, config, sub, env=None):
         mark = sub.mark()
-        gw = self.own(h.Gateway(folder, config))
+        gw = self.own(h.Gateway(folder, config, env=env))
         birth = self.wait_topic(sub, "NBIRTH", since=mark, timeout=h.START_TIMEOUT)
         self.assertIsNotNone(birth, "no NBIRTH; the gateway's log:\n" + gw.log())
         return gw, birth, mark
+
+    def death_after(self, end):
+        """The death certificate self.sub receives once end() ended the node, undecoded."""
+        mark = self.sub.mark()
+        end()
+        death = self.sub.wait_for(NS + "NDEATH/" + NODE, since=mark, timeout=h.START_TIMEOUT)
+        self.assertIsNotNone(death, "the broker sent no death certificate")
+        return death
 
 
 class Sparkplug(SparkplugTestCase):
@@ -114,16 +132,6 @@ class Sparkplug(SparkplugTestCase):
 
     def alias(self, device, name):
         return self.birth_metrics(device)[name].alias
-
-    def test_node_birth_carries_bdseq_seq_0_and_the_rebirth_control(self):
-        birth = self.wait_topic(self.sub, "NBIRTH")
-        self.assertEqual(birth.seq, 0)
-        metrics = {m.name: m for m in birth.metrics}
-        self.assertEqual(metrics["bdSeq"].datatype, UINT64)
-        self.assertEqual(metrics["Node Control/Rebirth"].datatype, BOOLEAN)
-        self.assertIs(metrics["Node Control/Rebirth"].boolean_value, False)
-        births = [m for m in self.sub.since() if m.topic.startswith(NS + "NBIRTH/")]
-        self.assertFalse(any(m.retain for m in births), "births are not retained")
 
     def test_device_births_declare_every_value_with_its_type_and_value(self):
         # (device, metric, datatype, value the simulator's pattern gives it)
@@ -161,19 +169,24 @@ class Sparkplug(SparkplugTestCase):
         self.assertFalse(m.name, "data goes by alias")
         self.assertGreaterEqual(m.timestamp, before - 1000)
 
-    def test_rebirth_on_request_repeats_every_birth_with_current_values(self):
+    def test_node_births_first_and_on_request_carry_bdseq_seq_0_and_the_rebirth_control(self):
         first = self.wait_topic(self.sub, "NBIRTH")
-        bd = {m.name: m for m in first.metrics}["bdSeq"].long_value
         self.sim.set(2, 301, 1234)
         self.addCleanup(self.sim.set, 2, 301, h.pattern_register(2, 301))
         time.sleep(0.5)
         mark = self.sub.mark()
         self.sub.publish(NS + "NCMD/" + NODE, encode_command([("Node Control/Rebirth", None, "boolean_value", True)]),
                          qos=0)
-        nbirth = self.wait_topic(self.sub, "NBIRTH", since=mark)
-        self.assertIsNotNone(nbirth, "no NBIRTH after the rebirth request")
-        self.assertEqual(nbirth.seq, 0)
-        self.assertEqual({m.name: m for m in nbirth.metrics}["bdSeq"].long_value, bd, "the same connection's bdSeq")
+        again = self.wait_topic(self.sub, "NBIRTH", since=mark)
+        self.assertIsNotNone(again, "no NBIRTH after the rebirth request")
+        for birth in (first, again):
+            metrics = {m.name: m for m in birth.metrics}
+            rebirth = metrics["Node Control/Rebirth"]
+            self.assertEqual((birth.seq, metrics["bdSeq"].datatype, rebirth.datatype, rebirth.boolean_value),
+                             (0, UINT64, BOOLEAN, False))
+        self.assertEqual(bdseq_of(again), bdseq_of(first), "the same connection's bdSeq")
+        births = [m for m in self.sub.since() if m.topic.startswith(NS + "NBIRTH/")]
+        self.assertFalse(any(m.retain for m in births), "births are not retained")
         press = self.birth_metrics("press", since=mark)
         self.assertEqual(press["D_W/301"].int_value, 1234)
         self.assertIsNotNone(self.wait_topic(self.sub, "DBIRTH", "station1", since=mark))

@@ -12,10 +12,6 @@ STATE = "spBv1.0/STATE/scada1"
 QUIET = 1.5  # s to watch for a birth that must not come
 
 
-def bdseq(payload):
-    return {m.name: m for m in payload.metrics}["bdSeq"].long_value
-
-
 def host_state(online, age=0):
     """The host's STATE payload, stamped now or age seconds ago."""
     return json.dumps({"online": online, "timestamp": int((time.time() - age) * 1000)})
@@ -23,42 +19,27 @@ def host_state(online, age=0):
 
 class NodeLife(spb.SparkplugTestCase):
     def setUp(self):
-        self.broker = self.own(h.Broker().start())
-        self.sim = self.own(h.Simulator())
-        self.sub = self.own(h.Subscriber(self.broker, "spBv1.0/#", user="operator"))
+        self.own_line()
 
     def config(self, **sparkplug_keys):
         return spb.sparkplug_config(self.broker, self.sim, items=["D_W:100..101"], **sparkplug_keys)
 
-    def test_the_will_after_kill_9_carries_the_births_bdseq_and_a_new_connection_the_next(self):
-        folder, config = self.config()
-        gw, birth, _ = self.start_node(folder, config, self.sub)
-        first = bdseq(birth)
-        # A broker restart is a new connection: born again with the next bdSeq.
-        mark = self.sub.mark()
-        self.sub.disconnect()
-        self.broker.restart()
-        self.sub.reconnect()
-        reborn = self.wait_topic(self.sub, "NBIRTH", since=mark, timeout=h.START_TIMEOUT * 2)
-        self.assertIsNotNone(reborn, "no NBIRTH after the broker restart; log:\n" + gw.log())
-        self.assertEqual(bdseq(reborn), (first + 1) % spb.SEQ_MODULO)
-        self.assertEqual(reborn.seq, 0)
-        mark = self.sub.mark()
-        gw.kill()
-        death = self.sub.wait_for(spb.NS + "NDEATH/" + spb.NODE, since=mark, timeout=h.START_TIMEOUT)
-        self.assertIsNotNone(death, "the broker sent no death certificate")
-        self.assertEqual(death.qos, 1)
-        self.assertFalse(death.retain)
-        self.assertEqual(bdseq(spb.decode(death)), bdseq(reborn), "the will pairs with the last birth")
-
-    def test_a_clean_stop_sends_the_death_certificate(self):
-        folder, config = self.config()
-        gw, birth, _ = self.start_node(folder, config, self.sub)
-        mark = self.sub.mark()
-        self.assertEqual(gw.stop(), 0)
-        death = self.sub.wait_for(spb.NS + "NDEATH/" + spb.NODE, since=mark)
-        self.assertIsNotNone(death)
-        self.assertEqual(bdseq(spb.decode(death)), bdseq(birth))
+    def test_the_death_certificate_carries_the_births_bdseq_after_a_stop_and_as_the_will_after_kill_9(self):
+        for how in ("stop", "kill -9"):
+            with self.subTest(how):
+                gw, birth, _ = self.start_node(*self.config(), self.sub)
+                if how == "kill -9":
+                    # A broker restart is a new connection: born again with the next bdSeq.
+                    mark, first = self.sub.mark(), spb.bdseq_of(birth)
+                    self.sub.disconnect()
+                    self.broker.restart()
+                    self.sub.reconnect()
+                    birth = self.wait_topic(self.sub, "NBIRTH", since=mark, timeout=h.START_TIMEOUT * 2)
+                    self.assertIsNotNone(birth, "no NBIRTH after the broker restart; log:\n" + gw.log())
+                    self.assertEqual((spb.bdseq_of(birth), birth.seq), ((first + 1) % spb.SEQ_MODULO, 0))
+                death = self.death_after(lambda: self.assertEqual(gw.stop(), 0) if how == "stop" else gw.kill())
+                self.assertEqual((death.qos, death.retain, spb.bdseq_of(spb.decode(death))),
+                                 (1, False, spb.bdseq_of(birth)), "the death pairs with the last birth")
 
     def test_births_wait_for_the_primary_host(self):
         folder, config = self.config(**{"primary-host": "scada1"})
@@ -73,9 +54,9 @@ class NodeLife(spb.SparkplugTestCase):
                 self.sub.publish(STATE, host_state(online), retain=True)
                 got = self.wait_topic(self.sub, expected, since=mark, timeout=h.START_TIMEOUT)
                 self.assertIsNotNone(got, "no %s; log:\n%s" % (expected, gw.log()))
-                first = bdseq(got) if first is None else first
+                first = spb.bdseq_of(got) if first is None else first
                 # Left and came back: a new connection, a new bdSeq.
-                self.assertEqual(bdseq(got), (first + bd) % spb.SEQ_MODULO)
+                self.assertEqual(spb.bdseq_of(got), (first + bd) % spb.SEQ_MODULO)
                 if expected == "NBIRTH":
                     self.assertIsNotNone(self.wait_topic(self.sub, "DBIRTH", "station1", since=mark))
                 else:

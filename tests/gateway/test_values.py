@@ -1,11 +1,12 @@
 """Values on the broker: every item with the controller's value, changes as they
 happen, and the quality and station status through a silent station and a block the
-controller refuses."""
+controller refuses; and the CSV log, a row for every value and quality published."""
 
 import re
 import time
 
 import harness as h
+import test_csv as csvlog
 
 P = "rtuplc/line1"
 ITEMS = ["D_W:100..109", "D_D:200..203", "32C:200..201", "X:0..17", "M:0..15@2", "D_W:300..304@2"]
@@ -41,27 +42,21 @@ class Values(h.GatewayTestCase):
     def setUpClass(cls):
         super().setUpClass()
         cls.start_line(stations=(1, 2))
-        cls.start_class_gateway(*h.base_config(cls.broker, cls.sim, ITEMS), P + "/status",
-                                *(P + "/" + t for t, _ in EXPECTED))
+        folder, config, cls.csv_dir = csvlog.csv_config(cls.broker, cls.sim, ITEMS)
+        cls.start_class_gateway(folder, config, P + "/status", *(P + "/" + t for t, _ in EXPECTED))
         # Whatever start-up sends besides the first values (test_lifecycle judges it)
         # is over before a test counts messages.
         time.sleep(STARTUP_SETTLE)
 
-    def good(self, topic, value, since=0, timeout=h.ANSWER_TIMEOUT):
-        def match(m):
-            j = m.json()
-            return j.get("quality") == "good" and j.get("value") == value
-        return self.sub.wait_for(P + "/" + topic, match, timeout, since)
-
-    def quality(self, topic, quality, since, timeout=h.ANSWER_TIMEOUT):
-        return self.sub.wait_for(P + "/" + topic, lambda m: m.json().get("quality") == quality, timeout, since)
+    def good(self, topic, value, since=0):
+        return self.sub.wait_for(P + "/" + topic, lambda m: (m.json().get("quality"), m.json().get("value")) ==
+                                 ("good", value), h.ANSWER_TIMEOUT, since)
 
     def test_every_item_published_with_the_controllers_value(self):
         for topic, value in EXPECTED:
             with self.subTest(topic=topic):
                 m = self.good(topic, value)
-                seen = self.sub.last(P + "/" + topic)
-                self.assertIsNotNone(m, "expected %d, saw %r" % (value, seen))
+                self.assertIsNotNone(m, "expected %d, saw %r" % (value, self.sub.last(P + "/" + topic)))
                 self.assertRegex(m.json().get("ts", ""), TIMESTAMP)
         retained = dict(EXPECTED, **dict.fromkeys(("status", "1/status", "2/status"), "online"))
         self.assertEqual(h.retained_values(self.broker, P, retained), retained)
@@ -81,83 +76,73 @@ class Values(h.GatewayTestCase):
         for name, command, station, address, set_to, topic, value in rows:
             put = getattr(self.sim, command)
             with self.subTest(name):
-                before = h.value_of(self.sub.last(P + "/" + topic))
-                mark = self.sub.mark()
-                changed = time.monotonic()
+                before, mark, changed = h.value_of(self.sub.last(P + "/" + topic)), self.sub.mark(), time.monotonic()
                 put(station, address, set_to)
                 try:
                     m = self.good(topic, value, mark)
-                    self.assertIsNotNone(m, "saw %r" % self.sub.since(mark, P + "/" + topic))
+                    seen = self.sub.since(mark, P + "/" + topic)
+                    self.assertIsNotNone(m, "saw %r" % seen)
                     self.assertLess(m.time - changed, PROMPT, "a change reaches the broker within a few polls")
-                    self.assertEqual(len(self.sub.since(mark, P + "/" + topic)), 1, "one message per change: %r" % self.sub.since(mark, P + "/" + topic))
+                    self.assertEqual(len(seen), 1, "one message per change: %r" % seen)
                 finally:
                     back = self.sub.mark()
                     put(station, address, pattern[command](station, address))
                     self.assertIsNotNone(self.good(topic, before, back), "the value put back arrives too")
 
-    def test_silent_station_goes_bad_then_offline_and_comes_back(self):
-        station2 = ["2/M/0", "2/M/15", "2/D_W/300"]
-        last = {t: h.value_of(self.sub.last(P + "/" + t)) for t in station2}
-        self.addCleanup(self.sim.stations, 1, 2)
-        mark = self.sub.mark()
-        self.sim.stations(1)
+    def test_a_fault_turns_only_its_items_bad_and_a_fresh_read_good_again(self):
+        # (what fails, break the line, mend it, the items turned bad, words of their error,
+        #  each station's status while it lasts, items that hear nothing of it)
+        rows = [
+            ("silent station", lambda: self.sim.stations(1), lambda: self.sim.stations(1, 2),
+             ["2/M/0", "2/M/15", "2/D_W/300"], ["no reply"], {"1": [], "2": ["offline"]}, ["1/D_W/100", "1/X/17"]),
+            # A station that answers, even with an exception, stays online.
+            ("refused block", lambda: self.sim.refuse(1, "registers", 100, 10, 2), lambda: self.sim.accept(1),
+             ["1/D_W/100", "1/D_W/105", "1/D_W/109"], ["exception", "illegal data address"], {"1": [], "2": []},
+             ["1/D_D/200", "1/X/0", "2/D_W/300"]),
+        ]
+        for what, fault, mend, bad, words, statuses, alone in rows:
+            with self.subTest(what):
+                last = {t: h.value_of(self.sub.last(P + "/" + t)) for t in bad}
+                self.addCleanup(mend)
+                mark = self.sub.mark()
+                fault()
+                for topic in bad:
+                    m = self.sub.wait_for(P + "/" + topic, lambda m: m.json().get("quality") == "bad", since=mark)
+                    self.assertIsNotNone(m, topic)
+                    error = m.json().get("error", "").lower()
+                    self.assertEqual([w for w in words if w not in error], [], "%s: %s" % (topic, error))
+                    self.assertEqual(m.json().get("value"), last[topic], "a bad value keeps its last value")
+                for station, payloads in statuses.items():
+                    for payload in payloads:
+                        self.assertIsNotNone(self.sub.wait_for(P + "/%s/status" % station,
+                                                               lambda m: m.payload == payload, since=mark))
+                time.sleep(QUIET)
+                for topic in bad:
+                    bads = [m for m in self.sub.since(mark, P + "/" + topic) if m.json().get("quality") == "bad"]
+                    self.assertEqual(len(bads), 1, "%s: bad once, not at every failed poll" % topic)
+                self.assertEqual({s: [m.payload for m in self.sub.since(mark, P + "/%s/status" % s)] for s in statuses},
+                                 statuses)
+                for topic in alone:
+                    self.assertEqual(self.sub.since(mark, P + "/" + topic), [], "%s is outside the fault" % topic)
 
-        offline = self.sub.wait_for(P + "/2/status", lambda m: m.payload == "offline", h.ANSWER_TIMEOUT, mark)
-        self.assertIsNotNone(offline, "station 2 never went offline")
-        for topic in station2:
-            with self.subTest(bad=topic):
-                bad = self.quality(topic, "bad", mark)
-                self.assertIsNotNone(bad)
-                j = bad.json()
-                self.assertIn("no reply", j.get("error", ""))
-                self.assertEqual(j.get("value"), last[topic], "a bad value keeps its last value")
-
+                again = self.sub.mark()
+                mend()
+                for topic in bad:
+                    # Unchanged, yet published again: good needs a fresh read.
+                    self.assertIsNotNone(self.good(topic, last[topic], again), topic)
+                for station in (s for s, payloads in statuses.items() if payloads):
+                    self.assertIsNotNone(self.sub.wait_for(P + "/%s/status" % station, lambda m: m.payload == "online",
+                                                           since=again), "station %s back online" % station)
+        # The CSV log holds a row for every value message published, bad ones too, and none twice.
         time.sleep(QUIET)
-        silent = self.sub.mark()
-        for topic in station2:
-            bads = [m for m in self.sub.since(mark, P + "/" + topic) if m.json().get("quality") == "bad"]
-            self.assertEqual(len(bads), 1, "%s: bad once, not at every failed poll" % topic)
-        self.assertNotIn("online", [m.payload for m in self.sub.since(mark, P + "/2/status")],
-                         "station 2 said online while silent")
-        for topic in ("1/D_W/100", "1/X/17"):
-            self.assertEqual([m for m in self.sub.since(mark, P + "/" + topic) if m.json().get("quality") != "good"],
-                             [], "station 1 answers all along, so its items stay good")
-        self.assertNotIn("offline", [m.payload for m in self.sub.since(mark, P + "/1/status")])
-
-        self.sim.stations(1, 2)
-        online = self.sub.wait_for(P + "/2/status", lambda m: m.payload == "online", h.ANSWER_TIMEOUT, silent)
-        self.assertIsNotNone(online, "station 2 never came back online")
-        for topic in station2:
-            with self.subTest(good=topic):
-                # Unchanged, yet published again: good needs a fresh read.
-                self.assertIsNotNone(self.good(topic, last[topic], silent))
-
-    def test_refused_block_turns_only_its_items_bad(self):
-        block = ["1/D_W/100", "1/D_W/105", "1/D_W/109"]
-        self.addCleanup(self.sim.accept, 1)
-        mark = self.sub.mark()
-        self.sim.refuse(1, "registers", 100, 10, 2)  # illegal data address
-        for topic in block:
-            with self.subTest(bad=topic):
-                bad = self.quality(topic, "bad", mark)
-                self.assertIsNotNone(bad)
-                error = bad.json().get("error", "").lower()
-                self.assertIn("exception", error)
-                self.assertIn("illegal data address", error, "the exception by its name")
-                self.assertEqual(bad.json().get("value"), h.pattern_register(1, int(topic.rsplit("/", 1)[1])))
-        time.sleep(QUIET)
-        self.assertEqual([m.payload for m in self.sub.since(mark, P + "/1/status")], [],
-                         "a station that answers, even with an exception, stays online")
-        for topic in ("1/D_D/200", "1/X/0", "2/D_W/300"):
-            self.assertEqual([m for m in self.sub.since(mark, P + "/" + topic)], [],
-                             "%s is outside the refused block" % topic)
-
-        again = self.sub.mark()
-        self.sim.accept(1)
-        for topic in block:
-            with self.subTest(good=topic):
-                self.assertIsNotNone(self.good(topic, h.pattern_register(1, int(topic.rsplit("/", 1)[1])), again))
-
+        published = {(m.json()["ts"], m.topic[len(P) + 1:], "" if m.json()["value"] is None else str(m.json()["value"]),
+                      m.json()["quality"]) for m in self.sub.since() if m.topic.count("/") == 4}
+        header, rows = csvlog.read_rows(csvlog.today_file(self.csv_dir))
+        logged = {(t, "%s/%s/%s" % (station, item, address), value, quality)
+                  for t, station, item, address, value, quality in rows}
+        self.assertEqual((header, len(logged)), (csvlog.HEADER, len(rows)), "a header, then no row twice")
+        self.assertEqual(logged, published)
+        self.assertEqual({q for _, _, _, q in logged}, {"good", "bad"})
 
 if __name__ == "__main__":
     h.main()

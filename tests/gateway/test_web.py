@@ -102,6 +102,8 @@ class Api(h.GatewayTestCase):
     def test_writes_need_the_token_and_are_answered_like_the_result_topic(self):
         bearer = {"Authorization": "Bearer " + TOKEN}
         # What is at stake, the request, the status and answer expected, the register after.
+        # A request's payload is read as a write on the broker is: gateway_logic_test.cpp's
+        # AWriteRequestGetsOneAnswer has its refusals; here one of them, as a 400.
         cases = [
             ("the token writes", "1/D_W/500", json.dumps({"value": 1234, "id": "w1"}), bearer,
              200, {"id": "w1", "ok": True, "value": 1234}, (500, 1234)),
@@ -114,9 +116,6 @@ class Api(h.GatewayTestCase):
              {"ok": False}, (500, 1234)),
             ("a value not configured writable", "1/D_W/100", "7", bearer, 400, {"ok": False},
              (100, h.pattern_register(1, 100))),
-            ("a value too large for a register", "1/D_W/500", "70000", bearer, 400, {"ok": False}, (500, 1234)),
-            ("a payload that is no number", "1/D_W/500", json.dumps({"value": "x", "id": 5}), bearer, 400,
-             {"id": 5, "ok": False}, (500, 1234)),
         ]
         for what, path, body, headers, status, answer, (register, value) in cases:
             with self.subTest(what):
@@ -131,9 +130,6 @@ class Api(h.GatewayTestCase):
                 self.assertEqual(self.sim.get(1, register), value)
 
     def test_metrics_parse_and_agree_with_the_line(self):
-        # Station 2 may still be coming back from the silence of another test.
-        up = 'rtuplc_gateway_station_up{station="2"} 1'
-        self.assertTrue(h.wait_until(lambda: up in http_request(self.port, "GET", "/metrics")[2], h.START_TIMEOUT))
         status, headers, text = http_request(self.port, "GET", "/metrics")
         self.assertEqual(status, 200)
         self.assertTrue(headers["Content-Type"].startswith("text/plain; version=0.0.4"))
@@ -144,21 +140,16 @@ class Api(h.GatewayTestCase):
                 samples[(s.name, tuple(sorted(s.labels.items())))] = s.value
         prefix = "rtuplc_gateway_"
         # Family, type: what monitoring will graph and alert on.
-        expected = [("polls", "counter"), ("accepted", "counter"), ("retries", "counter"), ("failures", "counter"),
-                    ("replies_dropped", "counter"), ("writes", "counter"), ("published", "counter"),
-                    ("held_messages", "gauge"), ("buffer_dropped", "counter"), ("station_up", "gauge"),
-                    ("line_up", "gauge"), ("broker_connected", "gauge"), ("poll_cycle_seconds", "histogram")]
-        for name, kind in expected:
-            with self.subTest(name):
-                self.assertIn(prefix + name, families)
-                self.assertEqual(families[prefix + name].type, kind)
+        counters = "polls accepted retries failures replies_dropped writes published buffer_dropped"
+        expected = dict(dict.fromkeys(counters.split(), "counter"), held_messages="gauge", station_up="gauge",
+                        line_up="gauge", broker_connected="gauge", poll_cycle_seconds="histogram")
+        self.assertEqual({n: families[prefix + n].type for n in expected if prefix + n in families}, expected)
         self.assertGreater(samples[(prefix + "polls_total", ())], 0)
-        for reason in ("late", "doubled", "foreign", "malformed"):
-            self.assertIn((prefix + "replies_dropped_total", (("reason", reason),)), samples)
-        for station in ("1", "2"):
-            self.assertEqual(samples[(prefix + "station_up", (("station", station),))], 1.0)
-        self.assertEqual(samples[(prefix + "line_up", ())], 1.0)
-        self.assertEqual(samples[(prefix + "broker_connected", ())], 1.0)
+        up = {(prefix + "station_up", (("station", s),)): 1.0 for s in ("1", "2")}
+        up.update({(prefix + n, ()): 1.0 for n in ("line_up", "broker_connected")})
+        self.assertEqual({k: samples.get(k) for k in up}, up)
+        dropped = [(prefix + "replies_dropped_total", (("reason", r),)) for r in ("late", "doubled", "foreign", "malformed")]
+        self.assertEqual([k for k in dropped if k not in samples], [])
         buckets = sorted((float(dict(k[1])["le"]), v) for k, v in samples.items()
                          if k[0] == prefix + "poll_cycle_seconds_bucket")
         counts = [v for _, v in buckets]
@@ -166,15 +157,11 @@ class Api(h.GatewayTestCase):
         self.assertEqual(buckets[-1][0], float("inf"))
         self.assertEqual(counts[-1], samples[(prefix + "poll_cycle_seconds_count", ())])
         self.assertGreater(counts[-1], 0)
-
-    def test_a_silent_station_shows_down_in_the_metrics(self):
+        # A station that falls silent shows down.
         self.sim.stations(1)
         self.addCleanup(self.sim.stations, 1, 2)
-        offline = self.sub.wait_for(P + "/2/status", lambda m: m.payload == "offline", h.START_TIMEOUT,
-                                    since=self.sub.mark())
-        self.assertIsNotNone(offline)
-        key = 'rtuplc_gateway_station_up{station="2"} 0'
-        self.assertTrue(h.wait_until(lambda: key in http_request(self.port, "GET", "/metrics")[2], 2.0))
+        down = 'rtuplc_gateway_station_up{station="2"} 0'
+        self.assertTrue(h.wait_until(lambda: down in http_request(self.port, "GET", "/metrics")[2], h.START_TIMEOUT))
 
 
 class ReadOnlyAndExposure(h.GatewayTestCase):

@@ -171,6 +171,13 @@ class Page(h.GatewayTestCase):
         # Lines were drawn in colour, not only the grey axes and labels.
         self.assertGreater(painted(b, 80), 50)
 
+    def show_page_of_a_gateway(self, sim, items, **web_keys):
+        """The browser on the page of a gateway of this test's own, without a broker."""
+        folder, config, port = web.web_config(None, sim, items, **web_keys)
+        web.wait_http(port, self.start_gateway(folder, config))
+        self.browser.call("Page.navigate", url="http://127.0.0.1:%d/" % port)
+        return self.browser
+
     def write_from_page(self, path, value):
         b = self.browser
         row = "document.querySelector('.row[data-path=\"%s\"]')" % path
@@ -210,11 +217,7 @@ class Page(h.GatewayTestCase):
     def test_7_a_thousand_changing_values_stay_fluid(self):
         # Every value changes on every read: the page gets a full batch ten times a second.
         sim = self.own(h.Simulator(extra_args=["--churn"]))
-        folder, config, port = web.web_config(None, sim, ["D_W:1000..1999"])
-        gw = self.start_gateway(folder, config)
-        web.wait_http(port, gw)
-        b = self.browser
-        b.call("Page.navigate", url="http://127.0.0.1:%d/" % port)
+        b = self.show_page_of_a_gateway(sim, ["D_W:1000..1999"])
         self.assertTrue(b.wait_js("document.querySelectorAll('#items .row').length == 1000", h.START_TIMEOUT))
         first = b.js(cell("1/D_W/1500", "v") + ".textContent")
         b.js("""window.gaps = []; (() => { let last = performance.now();
@@ -228,11 +231,7 @@ class Page(h.GatewayTestCase):
 
     def test_8_a_value_never_answered_draws_no_trend_and_read_only_says_how_to_write(self):
         # Station 3 never answers; no token file.
-        folder, config, port = web.web_config(None, self.sim, ["D_W:0@3"], token=None)
-        gw = self.start_gateway(folder, config)
-        web.wait_http(port, gw)
-        b = self.browser
-        b.call("Page.navigate", url="http://127.0.0.1:%d/" % port)
+        b = self.show_page_of_a_gateway(self.sim, ["D_W:0@3"], token=None)
         self.assertTrue(b.wait_js("%s?.textContent == 'bad'" % cell("3/D_W/0", "q"), h.START_TIMEOUT))
         # Asked, if not answered: polled all the same.
         self.assertTrue(b.wait_js("%s.textContent != ''" % cell("3/D_W/0", "read")))

@@ -77,8 +77,7 @@ class Writes(h.GatewayTestCase):
         for what, topic, value, request_id, read, held, published in rows:
             with self.subTest(what):
                 answer, mark = self.write(topic, payload(value, request_id))
-                self.assertEqual(answer.get("ok"), True, answer)
-                self.assertEqual(answer.get("id"), request_id)
+                self.assertEqual((answer.get("ok"), answer.get("id")), (True, request_id), answer)
                 self.assertIn(answer.get("value"), (value, published), answer)
                 self.assertEqual(read(), held)
                 m = self.sub.wait_for("%s/%s" % (P, topic), lambda m: m.json().get("value") == published, since=mark)
@@ -89,20 +88,18 @@ class Writes(h.GatewayTestCase):
         self.assert_counted("writes_ok", ok_before, len(rows))
 
     def test_refused_writes_send_nothing(self):
-        # (why it is refused, topic, payload, id echoed)
+        # (why it is refused, topic, payload, id echoed). What gateway_logic_test.cpp's
+        # AWriteRequestGetsOneAnswer answers row by row (read only, not a number, empty, out
+        # of range) and what the host's item and value reading refuses for rtuplc-poll too
+        # (poll_cli_test.cpp: X:18, D_W:8005, a bit of 2) stay there; here the edges of the
+        # values and the paths that reach the line.
         rows = [
-            ("item not writable", "1/D_W/100", "5", None),
-            ("address outside the area", "1/D_W/8000", "5", None),
-            ("not an address of the octal area", "1/X/8", "1", None),
             ("unknown area", "1/QQ/1", "1", None),
             ("station not configured", "9/D_W/500", "1", None),
             ("16-bit value too big", "1/D_W/500", "65536", None),
             ("16-bit value too negative", "1/D_W/500", payload(-32769, "neg"), "neg"),
-            ("bit value other than 0 and 1", "1/M/100", "2", None),
             ("32-bit value too big", "1/D_D/600", "4294967296", None),
-            ("not a number", "1/D_W/500", "abc", None),
             ("fraction", "1/D_W/500", "1.5", None),
-            ("empty payload", "1/D_W/500", "", None),
             ("value given as a string", "1/D_W/500", json.dumps({"value": "12", "id": "str"}), "str"),
             ("JSON without a value", "1/D_W/500", json.dumps({"id": "none"}), "none"),
         ]
@@ -113,9 +110,8 @@ class Writes(h.GatewayTestCase):
         for why, topic, body, request_id in rows:
             with self.subTest(why):
                 answer, mark = self.write(topic, body)
-                self.assertEqual(answer.get("ok"), False, answer)
+                self.assertEqual((answer.get("ok"), answer.get("id")), (False, request_id), answer)
                 self.assertTrue(answer.get("error"), "a refusal says why: %r" % answer)
-                self.assertEqual(answer.get("id"), request_id)
         self.assert_one_answer_each([r[1] for r in rows], start)
         self.assertEqual(self.sim.counters()["writes"], before, "a refused write reached the controller")
         self.assertEqual(self.sim.get(1, 500), 500)
@@ -137,8 +133,7 @@ class Writes(h.GatewayTestCase):
                 started = time.monotonic()
                 answer, mark = self.write(topic, payload(9, "f"))
                 mend()
-                self.assertEqual(answer.get("ok"), False, answer)
-                self.assertEqual(answer.get("id"), "f")
+                self.assertEqual((answer.get("ok"), answer.get("id")), (False, "f"), answer)
                 self.assertIn(words, answer.get("error", "").lower())
                 self.assertLess(time.monotonic() - started, h.ANSWER_TIMEOUT)
                 self.assert_one_answer_each([topic], mark)
@@ -150,31 +145,23 @@ class Writes(h.GatewayTestCase):
         self.sub.publish(P + "/1/D_W/503/set", payload(22, "b"))
         for topic, request_id in (("1/D_W/502", "a"), ("1/D_W/503", "b")):
             answer = self.sub.wait_for("%s/%s/result" % (P, topic), since=mark)
-            self.assertIsNotNone(answer, topic)
-            self.assertEqual(answer.json().get("id"), request_id)
-            self.assertEqual(answer.json().get("ok"), True, answer)
+            self.assertEqual(answer and (answer.json().get("ok"), answer.json().get("id")), (True, request_id), topic)
         self.assert_one_answer_each(["1/D_W/502", "1/D_W/503"], mark)
         self.assertEqual((self.sim.get(1, 502), self.sim.get(1, 503)), (11, 22))
 
     def test_mqtt5_request_answered_on_its_response_topic(self):
-        # (what, topic, value, ok)
-        rows = [
-            ("acknowledged", "1/D_W/504", 31, True),
-            ("refused", "1/D_W/100", 31, False),
-        ]
-        for n, (what, topic, value, ok) in enumerate(rows):
-            with self.subTest(what):
-                props = Properties(PacketTypes.PUBLISH)
-                props.ResponseTopic = "rtuplc/replies/test-%d" % n
-                props.CorrelationData = b"\x00corr-" + bytes([n])
-                mark = self.sub.mark()
-                self.sub.publish("%s/%s/set" % (P, topic), str(value), properties=props)
-                m = self.sub.wait_for(props.ResponseTopic, since=mark)
-                self.assertIsNotNone(m, "no answer on the response topic")
-                self.assertEqual(m.json().get("ok"), ok, m)
-                self.assertEqual(getattr(m.properties, "CorrelationData", None), props.CorrelationData)
-                time.sleep(SETTLE)
-                self.assertEqual(len(self.sub.since(mark, props.ResponseTopic)), 1)
+        # A refusal's copy on the response topic is gateway_logic_test.cpp's (every row of
+        # AWriteRequestGetsOneAnswer); here the properties through the real broker client.
+        props = Properties(PacketTypes.PUBLISH)
+        props.ResponseTopic, props.CorrelationData = "rtuplc/replies/test", b"\x00corr-1"
+        mark = self.sub.mark()
+        self.sub.publish(P + "/1/D_W/504/set", "31", properties=props)
+        m = self.sub.wait_for(props.ResponseTopic, since=mark)
+        self.assertIsNotNone(m, "no answer on the response topic")
+        self.assertEqual((m.json().get("ok"), getattr(m.properties, "CorrelationData", None)),
+                         (True, props.CorrelationData), m)
+        time.sleep(SETTLE)
+        self.assertEqual(len(self.sub.since(mark, props.ResponseTopic)), 1)
 
 
 if __name__ == "__main__":

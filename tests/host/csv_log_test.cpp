@@ -5,7 +5,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -24,9 +24,7 @@ const WallTime kLateEvening = WallTime(std::chrono::seconds(1795564799)) + milli
 std::string slurp(const fs::path &p)
 {
     std::ifstream in(p);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 struct TempDir {
@@ -48,22 +46,19 @@ TEST(CsvLog, LinesReadBackAsWritten)
     struct Case {
         const char *what;
         CsvRow row;
-        const char *line;
+        const char *line; // after the time, 2026-11-24T23:59:59.250Z (ms kept)
     };
+    const WallTime t = kLateEvening;
     const Case cases[] = {
-        {"a good value, ms kept", row(kLateEvening, 1234), "2026-11-24T23:59:59.250Z,2,D_W:100..109@2,D_W:100,1234,good\n"},
-        {"a bad value keeps its last reading", CsvRow{kLateEvening, 1, "pump", "X:17", true, 1, false},
-         "2026-11-24T23:59:59.250Z,1,pump,X:17,1,bad\n"},
-        {"never read: empty value", CsvRow{kLateEvening, 1, "t", "D_W:0", false, 0, false},
-         "2026-11-24T23:59:59.250Z,1,t,D_W:0,,bad\n"},
-        {"a name with a comma and quotes is quoted",
-         CsvRow{kLateEvening, 1, "tank \"A\", level", "D_W:0", true, 7, true},
-         "2026-11-24T23:59:59.250Z,1,\"tank \"\"A\"\", level\",D_W:0,7,good\n"},
-        {"a 32-bit value whole", CsvRow{kLateEvening, 3, "c", "32C:201", true, 4294967295u, true},
-         "2026-11-24T23:59:59.250Z,3,c,32C:201,4294967295,good\n"},
+        {"a good value", row(t, 1234), "2,D_W:100..109@2,D_W:100,1234,good\n"},
+        {"a bad value keeps its last reading", CsvRow{t, 1, "pump", "X:17", true, 1, false}, "1,pump,X:17,1,bad\n"},
+        {"never read: empty value", CsvRow{t, 1, "t", "D_W:0", false, 0, false}, "1,t,D_W:0,,bad\n"},
+        {"a name with a comma and quotes is quoted", CsvRow{t, 1, "tank \"A\", level", "D_W:0", true, 7, true},
+         "1,\"tank \"\"A\"\", level\",D_W:0,7,good\n"},
+        {"all 32 bits", CsvRow{t, 3, "c", "32C:201", true, 4294967295u, true}, "3,c,32C:201,4294967295,good\n"},
     };
     for (const Case &c : cases)
-        EXPECT_EQ(csvLine(c.row), c.line) << c.what;
+        EXPECT_EQ(csvLine(c.row), std::string("2026-11-24T23:59:59.250Z,") + c.line) << c.what;
 }
 
 TEST(CsvLog, ADayPerFileWithOneHeaderEach)
@@ -107,7 +102,7 @@ TEST(CsvLog, SizeCapRemovesOldestDaysNeverToday)
     struct Case {
         const char *what;
         uint64_t maxBytes;
-        std::vector<const char *> kept; // dates, oldest first
+        std::vector<std::string> kept; // dates, oldest first
     };
     // Five days of ten rows each; a day's file is about 600 bytes.
     const Case cases[] = {
@@ -122,16 +117,14 @@ TEST(CsvLog, SizeCapRemovesOldestDaysNeverToday)
         WallTime now = kLateEvening - hours(24 * 4);
         CsvLog log(CsvLogSettings{(dir.path / "rtuplc-line1").string(), true, c.maxBytes}, [&] { return now; });
         std::string error;
-        for (int day = 0; day < 5; ++day, now += hours(24)) {
+        for (int day = 0; day < 5; ++day, now += hours(24))
             for (uint32_t v = 0; v < 10; ++v)
                 ASSERT_TRUE(log.append(row(now, v), &error)) << error;
-        }
         std::vector<std::string> kept;
-        for (const char *date : {"2026-11-20", "2026-11-21", "2026-11-22", "2026-11-23", "2026-11-24"}) {
+        for (const char *date : {"2026-11-20", "2026-11-21", "2026-11-22", "2026-11-23", "2026-11-24"})
             if (fs::exists(dir.path / (std::string("rtuplc-line1-") + date + ".csv")))
                 kept.push_back(date);
-        }
-        EXPECT_EQ(kept, std::vector<std::string>(c.kept.begin(), c.kept.end())) << c.what;
+        EXPECT_EQ(kept, c.kept) << c.what;
         EXPECT_TRUE(fs::exists(dir.path / "rtuplc-other-2026-11-01.csv")) << c.what;
     }
 }

@@ -57,27 +57,23 @@ TEST(HostCommon, AddressesReadAlikeInBothHosts)
 // it can be pasted back as an item.
 TEST(HostCommon, FailedBlocksAreNamedAsItemsAreWritten)
 {
-    const auto area = [](const char *name, Kind kind, int base) {
-        Area a;
-        a.name = name;
-        a.kind = kind;
-        a.base = base;
-        return a;
-    };
     const struct {
-        Area area;
-        int station, start, units;
+        const char *area;
+        Kind kind;
+        int base, station, start, units;
         const char *text;
     } rows[] = {
-        {area("D_W", Kind::Word, 10), 9, 0, 4, "D_W:0..3@9"},
-        {area("D_W", Kind::Word, 10), 2, 5, 1, "D_W:5@2"},
-        {area("X", Kind::Bit, 8), 1, 8, 16, "X:10..27@1"},               // octal addresses
-        {area("D_D", Kind::DWordOverWords, 10), 1, 200, 4, "D_D:200..202@1"}, // a value every two
-        {area("D_D", Kind::DWordOverWords, 10), 1, 200, 2, "D_D:200@1"},
-        {area("32C", Kind::DWord, 10), 1, 200, 8, "32C:200..203@1"},     // two registers each
+        {"D_W", Kind::Word, 10, 9, 0, 4, "D_W:0..3@9"},
+        {"D_W", Kind::Word, 10, 2, 5, 1, "D_W:5@2"},
+        {"X", Kind::Bit, 8, 1, 8, 16, "X:10..27@1"},                 // octal addresses
+        {"D_D", Kind::DWordOverWords, 10, 1, 200, 4, "D_D:200..202@1"}, // a value every two
+        {"D_D", Kind::DWordOverWords, 10, 1, 200, 2, "D_D:200@1"},
+        {"32C", Kind::DWord, 10, 1, 200, 8, "32C:200..203@1"},       // two registers each
     };
-    for (const auto &row : rows)
-        EXPECT_EQ(blockText(row.area, row.station, row.start, row.units).toStdString(), row.text);
+    for (const auto &row : rows) {
+        const Area area{row.area, row.kind, row.base, 0, 0, {}, {}};
+        EXPECT_EQ(blockText(area, row.station, row.start, row.units).toStdString(), row.text);
+    }
 }
 
 TEST(HostCommon, PollRateCountsSinceTheLastLook)

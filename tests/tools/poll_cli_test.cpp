@@ -92,14 +92,16 @@ TEST(SimProgram, ServesTheHostOverTcpAndAPtyUntilStopped)
     EXPECT_EQ(j.values.at({1, "D_W", 101}), 101u);
     EXPECT_EQ(j.values.at({2, "D_W", 7}), 1007u);
 
-    const tooltest::Run overPty = tooltest::poll({"--serial", pty, "--once", "--json", "X:0..7", "--write", "D_W:50=5"});
+    const tooltest::Run overPty =
+        tooltest::poll({"--serial", pty, "--once", "--json", "X:0..7", "--write", "D_W:50=5", "--write", "Y:6=1"});
     ASSERT_EQ(overPty.exitCode, 0) << overPty.err;
     const tooltest::JsonOutput k = tooltest::parseJson(overPty.out);
     for (int a = 0; a < 8; ++a)
         EXPECT_EQ(k.values.at({1, "X", a}), rtusupport::patternCoil(1, 1200 + a)) << "X" << a;
 
     sim.signal(SIGUSR1);
-    EXPECT_EQ(sim.lineContaining("1 register 50 "), "1 register 50 D:50 = 5") << "the dump shows the write";
+    EXPECT_EQ(sim.lineContaining("1 coil 6 "), "1 coil 6 Y:6 = 1") << "the dump shows the writes";
+    EXPECT_EQ(sim.lineContaining("1 register 50 "), "1 register 50 D:50 = 5");
 
     // A stopped simulator still accepts the connection but answers nothing: every
     // block fails, with no value, and the run exits with 1.
@@ -116,7 +118,7 @@ TEST(SimProgram, ServesTheHostOverTcpAndAPtyUntilStopped)
     sim.signal(SIGTERM);
     const tooltest::Run end = sim.wait();
     EXPECT_EQ(end.exitCode, 0);
-    EXPECT_NE(end.err.find("1 writes"), std::string::npos) << end.err;
+    EXPECT_NE(end.err.find("2 writes"), std::string::npos) << end.err;
 }
 
 TEST(PollBuiltIn, RunsAgainstItsOwnSimulatorUntilCtrlC)
