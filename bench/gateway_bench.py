@@ -274,8 +274,13 @@ def main():
         bare_moderate = bare_round(broker, seconds, count, (burst, a.moderate_pause * burst / 125.0))
         for name, binary in GATEWAYS:
             light[name] = gateway_round(broker, sim, items, seconds, a.light_pause, "light", binary=binary)
-            moderate[name] = gateway_round(broker, sim, items, seconds, a.moderate_pause, "moderate", memory=True,
-                                           binary=binary)
+            # Small blocks fill the buffer in time only at full churn.
+            moderate[name] = gateway_round(broker, sim, items, seconds, a.moderate_pause, "moderate",
+                                           memory=a.shape == "big", binary=binary)
+            if a.shape == "small":
+                moderate[name].update({k: v for k, v in gateway_round(broker, sim, items, seconds, 0, "memory",
+                                                                      memory=True, binary=binary).items()
+                                       if k in ("rss_mb", "held", "rss_full_mb")})
             broker.start()  # the memory round stopped it
     finally:
         sim.cleanup()
