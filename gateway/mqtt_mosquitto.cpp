@@ -33,6 +33,9 @@ constexpr auto kConnectTimeout = std::chrono::seconds(10);
 constexpr int kProbeTimeoutMs = 1500;
 constexpr int kSubscribeQos = 1;
 constexpr auto kStopPoll = std::chrono::milliseconds(1);
+// How long stopping waits for the network thread to end once told to: a thread still in
+// the TCP connect to an address that does not answer may take minutes, and is left to it.
+constexpr auto kNetworkEndWait = std::chrono::seconds(1);
 // The system's authorities, when no CA file is configured.
 constexpr const char *kSystemAuthorities = "/etc/ssl/certs";
 
@@ -178,6 +181,9 @@ struct MosquittoMqttClient::Impl {
     void failed(const std::string &text);                       // under mu
     std::string failureText();
     void joinNetwork();
+    // Tells the network thread to end and waits for it, a bounded time; false when it
+    // is still connecting and was left to end on its own.
+    bool endNetwork();
 
     static void onConnect(mosquitto *, void *context, int rc, int flags, const mosquitto_property *props);
     static void onDisconnect(mosquitto *, void *context, int rc, const mosquitto_property *props);
@@ -275,6 +281,19 @@ void MosquittoMqttClient::Impl::joinNetwork()
 {
     if (network.joinable())
         network.join();
+}
+
+bool MosquittoMqttClient::Impl::endNetwork()
+{
+    closing = true;
+    up = false;
+    mosquitto_disconnect(mosq);
+    for (const Clock::time_point end = Clock::now() + kNetworkEndWait; !networkDone && Clock::now() < end;)
+        std::this_thread::sleep_for(kStopPoll);
+    if (!networkDone)
+        return false;
+    joinNetwork();
+    return true;
 }
 
 void MosquittoMqttClient::Impl::failed(const std::string &text)
@@ -457,12 +476,15 @@ MosquittoMqttClient::~MosquittoMqttClient()
 {
     Impl &d = *impl_;
     d.sender.stop();
-    if (d.mosq) {
-        d.closing = true;
-        mosquitto_disconnect(d.mosq);
-        d.joinNetwork();
-        mosquitto_destroy(d.mosq);
+    if (d.mosq && !d.endNetwork()) {
+        // Still in a TCP connect that may last minutes: the thread keeps what it uses,
+        // and the process, which is ending, does not wait for it.
+        d.network.detach();
+        static_cast<void>(impl_.release());
+        return;
     }
+    if (d.mosq)
+        mosquitto_destroy(d.mosq);
     mosquitto_property_free_all(&d.connectProperties);
 }
 
@@ -601,11 +623,9 @@ void MosquittoMqttClient::disconnect(const std::vector<Message> &last, std::chro
             std::this_thread::sleep_for(kStopPoll);
     }
     // A clean DISCONNECT: the broker drops the will instead of sending it. The network
-    // thread writes it and ends with the connection, so a reconnect cannot overtake it.
-    d.closing = true;
-    d.up = false;
-    mosquitto_disconnect(d.mosq);
-    d.joinNetwork();
+    // thread writes it and ends with the connection, so a reconnect cannot overtake it;
+    // one still connecting is not waited for, and the next attempt waits for it.
+    d.endNetwork();
 }
 
 MqttClient::~MqttClient() = default;
