@@ -163,6 +163,7 @@ struct MosquittoMqttClient::Impl {
     bool wasUp = false;      // the current connection got its CONNACK
     int refusal = 0;         // the broker's CONNACK reason, when it refused
     Clock::time_point attemptStarted{};
+    bool endAsked = false;   // the current attempt was told to end, taking too long
     Clock::time_point nextAttempt{};
     Clock::duration backoff = kFirstRetry;
     std::string lastFailure; // reported already; a repeat of it is not news
@@ -247,6 +248,7 @@ void MosquittoMqttClient::Impl::connect()
         wasUp = false;
         refusal = 0;
         attemptStarted = Clock::now();
+        endAsked = false;
         tlsDetail.clear();
         handshake = Handshake{};
     }
@@ -552,7 +554,9 @@ void MosquittoMqttClient::pump()
     {
         std::lock_guard<std::mutex> lock(d.mu);
         due = !d.attempting && Clock::now() >= d.nextAttempt;
-        late = d.attempting && Clock::now() - d.attemptStarted > kConnectTimeout;
+        // Told once; a TCP connect still under way ends on its own.
+        late = d.attempting && !d.endAsked && Clock::now() - d.attemptStarted > kConnectTimeout;
+        d.endAsked = d.endAsked || late;
     }
     // A broker that never answers the CONNECT: the attempt ends as a failed one.
     if (late && !d.networkDone)
