@@ -36,6 +36,7 @@ BUILD = os.environ.get("RTUPLC_BUILD", os.path.join(ROOT, "build-bench"))
 os.environ.setdefault("RTUPLC_GATEWAY", os.path.join(BUILD, "rtuplc-gateway"))
 os.environ.setdefault("RTUPLC_SIM", os.path.join(BUILD, "rtuplc-sim"))
 POLL = os.environ.get("RTUPLC_POLL", os.path.join(BUILD, "rtuplc-poll"))
+BARE = os.environ.get("RTUPLC_BARE_PUBLISHER", os.path.join(BUILD, "bench", "rtuplc_bare_publisher"))
 sys.path.insert(0, os.path.join(ROOT, "support/python"))
 import loopback_line as h  # noqa: E402  (needs the environment above)
 
@@ -49,8 +50,15 @@ TICKS = os.sysconf("SC_CLK_TCK")
 CAPTURES = tempfile.mkdtemp(prefix="rtuplc-gwbench-")  # the subscriber's files; the harness removes its own
 
 
-def items_for(count):
+# The other shape of line: 22 values in 7 small blocks, far apart so that none merge.
+SMALL_BLOCKS = ["D_W:0..3", "D_W:1000..1003", "D_W:2000..2002", "D_W:3000..3002", "D_W:4000..4002",
+                "D_W:5000..5002", "M:0..1"]
+
+
+def items_for(count, shape="big"):
     """count values: registers of D first, then bits of M, as a panel's list would be."""
+    if shape == "small":
+        return SMALL_BLOCKS
     words = min(count, WORD_ITEMS)
     items = ["D_W:0..%d" % (words - 1)]
     if count > words:
@@ -104,6 +112,31 @@ class Capture:
         self.file.close()
 
 
+def bare_round(broker, seconds, values, burst=None):
+    """The broker's own ceiling: the bare publisher's acknowledged messages per second,
+    with the same subscriber reading; with burst=(messages, pause ms), also the
+    latency publisher -> subscriber in microseconds, as (rate, p50 ms, p99 ms)."""
+    capture = Capture(broker, CAPTURES, "bare.txt")
+    try:
+        run = subprocess.run([BARE, "127.0.0.1", str(broker.port), "gateway", h.USERS["gateway"], PREFIX,
+                              str(values), str(seconds)] + ([str(b) for b in burst] if burst else []),
+                             capture_output=True, text=True, timeout=seconds + 30)
+    finally:
+        capture.finish()
+    latencies = []
+    with open(capture.path, errors="replace") as f:
+        for line in f:
+            at = line.find('"us":')
+            if at >= 0:
+                latencies.append(float(line.split(" ", 1)[0]) * 1000.0 - int(line[at + 5:].split("}")[0]) / 1000.0)
+    os.remove(capture.path)
+    found = re.search(r"(\d+) messages/s", run.stdout)
+    if not found:
+        raise RuntimeError("the bare publisher said no rate:\n" + run.stderr[-2000:])
+    latencies = latencies[len(latencies) // 10:]  # past the warm-up
+    return float(found.group(1)), percentile(latencies, 50), percentile(latencies, 99)
+
+
 def iso_ms(text, seconds_cache={}):
     """Milliseconds since the epoch of "YYYY-MM-DDTHH:MM:SS.mmmZ"."""
     head = text[:19]
@@ -150,8 +183,9 @@ def percentile(values, p):
     return ordered[min(len(ordered) - 1, int(p / 100.0 * len(ordered)))]
 
 
-def gateway_round(broker, sim, items, seconds, pause, name, memory=False):
+def gateway_round(broker, sim, items, seconds, pause, name, memory=False, binary=None):
     """One gateway run measured over `seconds` after warm-up; a dict of figures."""
+    h.GATEWAY = binary or GATEWAYS[0][1]
     web_port = h.free_port()
     folder, config = h.base_config(broker, sim, items, qos=1, buffer=FULL_BUFFER)
     config["line"]["pause"] = pause
@@ -192,66 +226,105 @@ def gateway_round(broker, sim, items, seconds, pause, name, memory=False):
     return out
 
 
+GATEWAYS = [("gateway", os.environ["RTUPLC_GATEWAY"])]
+
+
 def main():
     ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     ap.add_argument("--seconds", type=float, default=10, help="measured seconds a round (default 10)")
     ap.add_argument("--rounds", type=int, default=3, help="rounds of each, alternating (default 3)")
     ap.add_argument("--items", type=int, default=10000, help="values polled (default 10000)")
+    ap.add_argument("--shape", choices=("big", "small"), default="big",
+                    help="big: --items values in 125-value blocks; small: 22 values in 7 small blocks")
+    ap.add_argument("--compare", metavar="NAME=PATH", action="append", default=[],
+                    help="another rtuplc-gateway binary measured in the same rounds (e.g. an older build)")
     ap.add_argument("--moderate-pause", type=int, default=12,
                     help="line pause in ms of the moderate-load round (default 12: about 10k changes/s)")
     ap.add_argument("--light-pause", type=int, default=50,
                     help="line pause in ms of the light-load round (default 50: about 2.5k changes/s)")
     a = ap.parse_args()
-    for path in (h.GATEWAY, h.SIM, POLL, MOSQUITTO_SUB):
+    for c in a.compare:
+        GATEWAYS.append(tuple(c.split("=", 1)))
+    for path in [g for _, g in GATEWAYS] + [h.SIM, POLL, MOSQUITTO_SUB, BARE]:
         if not os.access(path, os.X_OK):
-            sys.exit("missing %s: build rtuplc-gateway rtuplc-sim rtuplc-poll in %s" % (path, BUILD))
-    items = items_for(a.items)
+            sys.exit("missing %s: build rtuplc-gateway rtuplc-sim rtuplc-poll rtuplc_bare_publisher in %s" % (path, BUILD))
+    items = items_for(a.items, a.shape)
+    count = a.items if a.shape == "big" else 22
     seconds = int(a.seconds)
     broker = h.Broker().start()
     sim = h.Simulator(extra_args=["--churn"])
+    runs = {name: [] for name, _ in GATEWAYS}
+    light, moderate = {}, {}
     try:
-        polls, gws = [], []
+        polls, bares = [], []
         for r in range(a.rounds):
             polls.append(poll_round(sim, items, seconds))
             print("round %d: rtuplc-poll %.1f polls/s" % (r + 1, polls[-1]), flush=True)
-            gws.append(gateway_round(broker, sim, items, seconds, 0, "full%d" % r))
-            g = gws[-1]
-            print("round %d: gateway %.1f polls/s, %.0f published/s, %.0f given way/s, %.0f received/s, p50 %.1f ms, "
-                  "p99 %.1f ms, %.2f us CPU/change read, %.0f%% of a core"
-                  % (r + 1, g["polls_s"], g["published_s"], g["dropped_s"], g["received_s"], g["p50"], g["p99"],
-                     g["cpu_read_us"], 100 * g["cpu_share"]), flush=True)
-        light = gateway_round(broker, sim, items, seconds, a.light_pause, "light")
-        moderate = gateway_round(broker, sim, items, seconds, a.moderate_pause, "moderate", memory=True)
+            bares.append(bare_round(broker, seconds, count)[0])
+            print("round %d: bare publisher %.0f messages/s" % (r + 1, bares[-1]), flush=True)
+            for name, binary in GATEWAYS:
+                runs[name].append(gateway_round(broker, sim, items, seconds, 0, "full%d" % r, binary=binary))
+                g = runs[name][-1]
+                print("round %d: %s %.1f polls/s, %.0f published/s, %.0f given way/s, %.0f received/s, p50 %.1f ms, "
+                      "p99 %.1f ms, %.2f us CPU/change read, %.0f%% of a core"
+                      % (r + 1, name, g["polls_s"], g["published_s"], g["dropped_s"], g["received_s"], g["p50"],
+                         g["p99"], g["cpu_read_us"], 100 * g["cpu_share"]), flush=True)
+        burst = min(count, 125)
+        bare_light = bare_round(broker, seconds, count, (burst, a.light_pause * burst / 125.0))
+        bare_moderate = bare_round(broker, seconds, count, (burst, a.moderate_pause * burst / 125.0))
+        for name, binary in GATEWAYS:
+            light[name] = gateway_round(broker, sim, items, seconds, a.light_pause, "light", binary=binary)
+            # Small blocks fill the buffer in time only at full churn.
+            moderate[name] = gateway_round(broker, sim, items, seconds, a.moderate_pause, "moderate",
+                                           memory=a.shape == "big", binary=binary)
+            if a.shape == "small":
+                moderate[name].update({k: v for k, v in gateway_round(broker, sim, items, seconds, 0, "memory",
+                                                                      memory=True, binary=binary).items()
+                                       if k in ("rss_mb", "held", "rss_full_mb")})
+            broker.start()  # the memory round stopped it
     finally:
         sim.cleanup()
         broker.cleanup()
         shutil.rmtree(CAPTURES, ignore_errors=True)
 
-    def med(key):
-        return statistics.median(g[key] for g in gws)
-
     poll_med = statistics.median(polls)
+    bare_med = statistics.median(bares)
+    names = [name for name, _ in GATEWAYS]
+
+    def med(name, key):
+        return statistics.median(g[key] for g in runs[name])
+
+    def row(label, cell):
+        print("| %s | %s |" % (label, " | ".join(cell(n) for n in names)))
+
     print()
     print("Gateway benchmark: %d items (%s), %d rounds of %d s each, rtuplc-sim --churn over TCP, QoS 1"
-          % (a.items, " ".join(items), a.rounds, seconds))
-    print("| Measure | Value |")
-    print("|---|---|")
-    print("| rtuplc-poll, polls/s (median) | %.1f |" % poll_med)
-    print("| gateway, polls/s (median) | %.1f |" % med("polls_s"))
-    print("| ratio gateway / rtuplc-poll (aim >= 0.9) | %.3f |" % (med("polls_s") / poll_med))
-    print("| published changes/s, full churn (median) | %.0f |" % med("published_s"))
-    print("| readings given way to a newer one/s, full churn (median) | %.0f |" % med("dropped_s"))
-    print("| received by the subscriber/s, full churn (median) | %.0f |" % med("received_s"))
-    print("| latency reply -> subscriber, full churn, p50 / p99 | %.1f / %.1f ms |" % (med("p50"), med("p99")))
-    print("| CPU per change read / per change published, full churn | %.2f / %.2f us (%.0f%% of a core) |"
-          % (med("cpu_read_us"), med("cpu_us"), 100 * med("cpu_share")))
-    print("| light load (line pause %d ms): published/s | %.0f |" % (a.light_pause, light["published_s"]))
-    print("| light load: latency p50 / p99 | %.1f / %.1f ms |" % (light["p50"], light["p99"]))
-    print("| moderate load (line pause %d ms): published/s | %.0f |" % (a.moderate_pause, moderate["published_s"]))
-    print("| moderate load: latency p50 / p99 | %.1f / %.1f ms |" % (moderate["p50"], moderate["p99"]))
-    print("| moderate load: CPU per published change | %.2f us |" % moderate["cpu_us"])
-    print("| resident memory, %d items polled | %.1f MB |" % (a.items, moderate["rss_mb"]))
-    print("| resident memory, broker gone, %d held | %.1f MB |" % (moderate["held"], moderate["rss_full_mb"]))
+          % (count, " ".join(items), a.rounds, seconds))
+    print("rtuplc-poll, polls/s (median): %.1f; bare publisher, messages/s (median): %.0f" % (poll_med, bare_med))
+    print("bare publisher in bursts of %d as at the light load: %.0f messages/s, latency p50 / p99 %.2f / %.2f ms"
+          % (burst, bare_light[0], bare_light[1], bare_light[2]))
+    print("bare publisher in bursts of %d as at the moderate load: %.0f messages/s, latency p50 / p99 %.2f / %.2f ms"
+          % (burst, bare_moderate[0], bare_moderate[1], bare_moderate[2]))
+    print("| Measure | %s |" % " | ".join(names))
+    print("|---|%s" % ("---|" * len(names)))
+    row("polls/s, full churn (median)", lambda n: "%.1f" % med(n, "polls_s"))
+    row("ratio to rtuplc-poll (aim >= 0.9)", lambda n: "%.3f" % (med(n, "polls_s") / poll_med))
+    row("published changes/s, full churn (median)", lambda n: "%.0f" % med(n, "published_s"))
+    row("ratio to the bare publisher (aim >= 0.8)", lambda n: "%.3f" % (med(n, "published_s") / bare_med))
+    row("readings given way to a newer one/s, full churn", lambda n: "%.0f" % med(n, "dropped_s"))
+    row("received by the subscriber/s, full churn", lambda n: "%.0f" % med(n, "received_s"))
+    row("latency reply -> subscriber, full churn, p50 / p99", lambda n: "%.1f / %.1f ms" % (med(n, "p50"), med(n, "p99")))
+    row("CPU per change read / per change published, full churn",
+        lambda n: "%.2f / %.2f us (%.0f%% of a core)" % (med(n, "cpu_read_us"), med(n, "cpu_us"), 100 * med(n, "cpu_share")))
+    row("light load (pause %d ms): published/s" % a.light_pause, lambda n: "%.0f" % light[n]["published_s"])
+    row("light load: latency p50 / p99", lambda n: "%.1f / %.1f ms" % (light[n]["p50"], light[n]["p99"]))
+    row("light load: CPU per published change", lambda n: "%.2f us" % light[n]["cpu_us"])
+    row("moderate load (pause %d ms): published/s" % a.moderate_pause, lambda n: "%.0f" % moderate[n]["published_s"])
+    row("moderate load: readings given way/s", lambda n: "%.0f" % moderate[n]["dropped_s"])
+    row("moderate load: latency p50 / p99", lambda n: "%.1f / %.1f ms" % (moderate[n]["p50"], moderate[n]["p99"]))
+    row("moderate load: CPU per published change", lambda n: "%.2f us" % moderate[n]["cpu_us"])
+    row("resident memory, values polled", lambda n: "%.1f MB" % moderate[n]["rss_mb"])
+    row("resident memory, broker gone, held", lambda n: "%.1f MB (%d held)" % (moderate[n]["rss_full_mb"], moderate[n]["held"]))
     print("Latency: receive time (ns) minus the payload's ts, which has whole milliseconds (truncated): "
           "figures read up to 1 ms high.")
     return 0

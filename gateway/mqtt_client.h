@@ -87,7 +87,7 @@ public:
     virtual void reconnect(const std::vector<Message> &last, std::chrono::milliseconds timeout) = 0;
 };
 
-// The client the service runs: Eclipse Paho C (MQTTAsync, MQTT 5).
+// The client the service runs: libmosquitto (MQTT 5).
 std::unique_ptr<MqttClient> makeMqttClient(const MqttSettings &settings);
 
 } // namespace rtugw

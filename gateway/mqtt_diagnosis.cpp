@@ -1,6 +1,6 @@
 #include "mqtt_diagnosis.h"
 
-#include <MQTTAsync.h>
+#include <mosquitto.h>
 
 #include <algorithm>
 #include <cctype>
@@ -26,7 +26,7 @@ std::string lower(std::string s)
 
 std::string reasonName(int reason)
 {
-    return lower(MQTTReasonCode_toString(static_cast<MQTTReasonCodes>(reason)));
+    return lower(mosquitto_reason_string(reason));
 }
 
 // Why the handshake failed when OpenSSL did not say.
@@ -47,21 +47,6 @@ std::string handshakeText(const ConnectFailure &f)
 }
 
 } // namespace
-
-void noteTrace(std::string_view m, Handshake *h)
-{
-    constexpr auto npos = std::string_view::npos;
-    if (m.find("read server hello") != npos)
-        h->serverHello = true;
-    else if (m.find("SSL certificate verification: X509_V_OK") != npos)
-        h->verified = true;
-    else if (m.find("X509_check_host") != npos && m.find("failed") != npos)
-        h->nameMismatch = true;
-    else if (m.find("SSL alert read:fatal") != npos)
-        h->refused = true;
-    else if (m.find("-> CONNECT") != npos)
-        h->connectSent = true;
-}
 
 std::string connectFailureText(const ConnectFailure &f, const std::function<std::string()> &unreachable)
 {

@@ -1,5 +1,5 @@
-// Why a connection to the broker failed, in words a person can act on. Paho itself says
-// little more than "TCP/TLS connect failure"; what tells a stopped broker from a wrong
+// Why a connection to the broker failed, in words a person can act on. The client
+// library itself says little more than "connection refused" or "TLS error"; what tells a stopped broker from a wrong
 // address, a wrong password from a certificate the broker does not trust, is put
 // together here from what the attempt left behind: the broker's reason code, OpenSSL's
 // first complaint, how far the TLS handshake got, whether a plain TCP connect works.
@@ -9,22 +9,19 @@
 
 #include <functional>
 #include <string>
-#include <string_view>
 
 namespace rtugw {
 
-// How far a TLS handshake got, read from Paho's trace: OpenSSL stays silent when the
-// host name does not match or the broker ends the handshake.
+// How far a TLS handshake got, as the connection saw it: OpenSSL's complaint alone does
+// not tell a certificate of another host from one of an unknown authority, nor a broker
+// that ends the handshake.
 struct Handshake {
     bool serverHello = false;
     bool verified = false;     // the chain is good, whatever the name
-    bool nameMismatch = false; // Paho checks names first, then addresses: tentative
+    bool nameMismatch = false; // the chain is good but names another host
     bool refused = false;      // the broker sent a fatal alert
     bool connectSent = false;  // our side of the handshake passed every check
 };
-
-// Notes what one line of Paho's trace tells of the handshake.
-void noteTrace(std::string_view line, Handshake *handshake);
 
 // What a failed attempt left behind.
 struct ConnectFailure {

@@ -9,14 +9,14 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Paho scans its whole queue of commands, under the lock a hand-over needs, each time it
-// looks for something to send: measured, 20,000 messages handed over at once took 3 s
-// to 300 s, the more so the more of them waited for a PUBACK slot (mosquitto grants
-// only 20). So no more is handed to Paho than the broker's receive maximum lets fly;
-// the rest wait in the outbox, which costs nothing per message.
+// The library walks its list of messages waiting for a PUBACK slot at every
+// acknowledgement, under the lock a hand-over needs: a burst of thousands handed over at
+// once would make each acknowledgement cost thousands of steps. So no more is handed to
+// the library than the broker's receive maximum lets fly; the rest wait in the outbox,
+// which costs nothing per message and decides what gives way.
 constexpr long kNoReceiveMaximum = 65535; // the broker did not say: MQTT's default
-// A completion Paho never reports (a session the broker forgot) must not stop the flow
-// for ever: after this long with the window full, Paho's own count is taken instead.
+// A completion the library never reports must not stop the flow for ever: after this
+// long with the window full, the connection's own count is taken instead.
 constexpr auto kWindowResync = std::chrono::seconds(1);
 // Held messages the sender takes out of the outbox at once: the poll loop waits for
 // the outbox's lock no longer than this many take a moment.

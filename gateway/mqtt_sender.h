@@ -1,6 +1,6 @@
 // The broker client's sender thread: it hands the outbox's messages to the library as
 // fast as the broker takes them, so that the poll loop never waits for the library,
-// whose every hand-over takes a lock its own threads hold while they scan their queues.
+// whose every hand-over takes the locks its network thread holds while it reads and writes.
 // The poll loop stages what it publishes and hands it over once a turn; the connection
 // tells the sender when the broker is there and how many messages it lets fly.
 #ifndef RTUPLC_GATEWAY_MQTT_SENDER_H
@@ -23,12 +23,10 @@ namespace rtugw {
 
 class MqttSender {
 public:
-    // QoS 1 messages awaiting their PUBACK, at most; the connection asks Paho for no
-    // more. Paho's default of 65535 lets a burst pile up inside Paho; too small a window
-    // caps a remote broker 20 ms away at window / 20 ms. 256 allows over 10,000 messages
-    // a second at that distance. Measured on loopback against a broker granting 1000, 256
-    // moved as many messages a second as 1000 did, but a hand-over stayed at 2 to 6 us on
-    // average where 1000 made it wait for Paho's lock, 10 to 80 us.
+    // QoS 1 messages awaiting their PUBACK, at most, and never more than the broker
+    // grants. Too small a window caps a remote broker 20 ms away at window / 20 ms: 256
+    // allows over 10,000 messages a second at that distance, and keeps the library's
+    // own list of messages in flight, which it walks at each acknowledgement, short.
     static constexpr long kMaxInflight = 256;
 
     // Hands one message to the library; false when it refuses (full, or closing).
@@ -56,6 +54,8 @@ public:
     // topic is empty). The sender starts when woken after the broker is up.
     void connected(long receiveMaximum, const Message &birth);
     void wake() { cv_.notify_one(); }
+    // A message the connection handed over itself, counted in flight like the sender's.
+    void handedOver() { inFlight_.fetch_add(1); }
     // A message handed over is done with: acknowledged (`delivered`) or given up.
     void done(bool delivered);
     // Nothing waits, nothing is in flight.

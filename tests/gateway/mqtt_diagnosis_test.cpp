@@ -1,6 +1,6 @@
 // Why a connection to the broker failed: each reason a person can act on, from what a
-// failed attempt leaves behind (the broker's reason code, OpenSSL's complaint, Paho's
-// trace of the handshake, a plain TCP probe). A wrong reason sends them after the wrong
+// failed attempt leaves behind (the broker's reason code, OpenSSL's complaint, how far
+// the handshake got, a plain TCP probe). A wrong reason sends them after the wrong
 // fault: a password changed where the certificate was the trouble.
 #include "mqtt_diagnosis.h"
 
@@ -18,15 +18,16 @@ struct Row {
     bool tls;
     int reason;                      // the broker's refusal; 0: none came
     std::string openssl;             // OpenSSL's first error line; empty: none
-    std::vector<std::string> trace;  // Paho's trace of the handshake
+    rtugw::Handshake handshake;      // how far it got
     std::string ca, cert, probe;     // as configured; why TCP fails ("": it works)
     std::string text;                // what the log says
 };
 
 const std::string kVerifyFailed = "error:0A000086:SSL routines:tls_post_process_server_certificate:"
                                   "certificate verify failed:../ssl/statem/statem_clnt.c:1889:";
-const std::string kHello = "SSL state TLSv1.3 read server hello";
-const std::string kChainOk = "SSL certificate verification: X509_V_OK";
+// serverHello, verified, nameMismatch, refused, connectSent
+const rtugw::Handshake kHello{true, false, false, false, false};
+const rtugw::Handshake kChainOk{true, true, false, false, false};
 const std::string kTls = "TLS handshake with broker:8883 failed: ";
 
 TEST(MqttDiagnosis, EachFailureGetsItsReason)
@@ -38,13 +39,13 @@ TEST(MqttDiagnosis, EachFailureGetsItsReason)
          "the broker refused the login: not authorized (user \"gw\": a wrong password, or no access)"},
         {"client id refused", false, 0x85, "", {}, "", "", "", "the broker refused the login: client id \"rtuplc-l1\" not valid"},
         {"banned", false, 0x8A, "", {}, "", "", "", "the broker refused the login: banned"},
-        {"another refusal, by Paho's name", false, 0x88, "", {}, "", "", "",
+        {"another refusal, by the library's name", false, 0x88, "", {}, "", "", "",
          "the broker refused the connection: server unavailable"},
         {"a refusal wins over a TLS complaint", true, 0x86, kVerifyFailed, {}, "", "", "",
          "the broker refused the login: bad user name or password (user \"gw\")"},
-        {"broker's chain not trusted", true, 0, kVerifyFailed, {kHello}, "/etc/rtuplc/ca.pem", "", "",
+        {"broker's chain not trusted", true, 0, kVerifyFailed, kHello, "/etc/rtuplc/ca.pem", "", "",
          kTls + "certificate verify failed (the broker's certificate is not signed by /etc/rtuplc/ca.pem)"},
-        {"broker's chain not trusted by the system", true, 0, kVerifyFailed, {kHello}, "", "", "",
+        {"broker's chain not trusted by the system", true, 0, kVerifyFailed, kHello, "", "", "",
          kTls + "certificate verify failed (the broker's certificate is not signed by an authority the system trusts)"},
         {"another OpenSSL reason, as it says", true, 0, "error:0A00010B:SSL routines:ssl3_get_record:wrong version number:x.c:1:",
          {}, "", "", "", kTls + "wrong version number"},
@@ -53,13 +54,13 @@ TEST(MqttDiagnosis, EachFailureGetsItsReason)
          "cannot reach the broker at broker:1883: connection refused"},
         {"nobody listening, TLS", true, 0, "", {}, "", "", "connection refused",
          "cannot reach the broker at broker:8883: connection refused"},
-        {"certificate for another host", true, 0, "", {kHello, kChainOk, "X509_check_host for broker failed"}, "", "", "",
+        {"certificate for another host", true, 0, "", {true, true, true, false, false}, "", "", "",
          kTls + "the broker's certificate is not for broker"},
-        {"name checked first, address after: the chain alone is fine", true, 0, "", {kHello, kChainOk}, "", "", "",
+        {"the chain alone is fine, nothing else known", true, 0, "", kChainOk, "", "", "",
          kTls + "it did not complete"},
-        {"broker wants a client certificate", true, 0, "", {kHello, kChainOk, "SSL alert read:fatal:certificate required"},
+        {"broker wants a client certificate", true, 0, "", {true, true, false, true, false},
          "", "", "", kTls + "the broker ended it; does it want a client certificate (cert and key)?"},
-        {"broker refuses ours after our CONNECT", true, 0, "", {kHello, kChainOk, "3 rtuplc-l1 -> CONNECT version 5"},
+        {"broker refuses ours after our CONNECT", true, 0, "", {true, true, false, false, true},
          "", "/etc/rtuplc/client.pem", "", kTls + "the broker ended it; does it trust our client certificate?"},
         {"a plain port where TLS was asked", true, 0, "", {}, "", "", "",
          kTls + "no TLS answer from the port (a plain MQTT port? then mqtt://)"},
@@ -77,8 +78,7 @@ TEST(MqttDiagnosis, EachFailureGetsItsReason)
         f.clientId = "rtuplc-l1";
         f.reason = row.reason;
         f.tlsDetail = row.openssl.empty() ? "" : rtugw::opensslReason(row.openssl);
-        for (const std::string &line : row.trace)
-            rtugw::noteTrace(line, &f.handshake);
+        f.handshake = row.handshake;
         bool probed = false;
         const std::string text = rtugw::connectFailureText(f, [&] {
             probed = true;

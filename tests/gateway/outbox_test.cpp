@@ -1,6 +1,6 @@
 // The outbox decides what a broker that was away gets to see: the order of the messages,
 // the latest value of every topic, and every answer to a write.
-#include "mqtt_paho.h"
+#include "mqtt_mosquitto.h"
 #include "mqtt_outbox.h"
 
 #include <gtest/gtest.h>
@@ -18,7 +18,7 @@
 #include <vector>
 
 using rtugw::Message;
-using rtugw::PahoMqttClient;
+using rtugw::MosquittoMqttClient;
 using rtugw::MqttEvent;
 using rtugw::MqttSettings;
 using rtugw::Outbox;
@@ -173,7 +173,7 @@ TEST(MqttClientWithoutBroker, StartsHoldsComplainsOnceAndStops) {
     s.username = "gw";
     s.password = "sesame-42";
     s.buffer = 3;
-    PahoMqttClient client(s);
+    MosquittoMqttClient client(s);
     client.subscribe("p/+/+/+/set");
 
     std::string error;
@@ -215,7 +215,7 @@ TEST(MqttClientWithoutBroker, RefusesUnreadableTlsFiles) {
     s.tls = true;
     s.ca = "/nonexistent/ca.crt";
     s.clientId = "outbox-test";
-    PahoMqttClient client(s);
+    MosquittoMqttClient client(s);
     std::string error;
     EXPECT_FALSE(client.start(&error));
     EXPECT_NE(error.find("/nonexistent/ca.crt"), std::string::npos) << error;

@@ -1,19 +1,21 @@
-// The broker client on Eclipse Paho C (MQTTAsync, MQTT 5). A sender thread of the
-// client's own hands queued messages to Paho as fast as the broker takes them; Paho's
-// threads only fill the queues that takeIncoming() and takeEvents() empty.
-#ifndef RTUPLC_GATEWAY_MQTT_PAHO_H
-#define RTUPLC_GATEWAY_MQTT_PAHO_H
+// The broker client on libmosquitto (MQTT 5). Each connection runs on a network thread
+// of the client's own, which makes the connection (TCP, TLS) and then carries it until
+// it ends; the sender thread hands queued messages to libmosquitto as fast as the broker
+// takes them. The network thread only fills the queues that takeIncoming() and
+// takeEvents() empty.
+#ifndef RTUPLC_GATEWAY_MQTT_MOSQUITTO_H
+#define RTUPLC_GATEWAY_MQTT_MOSQUITTO_H
 
 #include "mqtt_client.h"
 
 namespace rtugw {
 
-class PahoMqttClient : public MqttClient {
+class MosquittoMqttClient : public MqttClient {
 public:
-    explicit PahoMqttClient(const MqttSettings &settings);
-    ~PahoMqttClient() override;
-    PahoMqttClient(const PahoMqttClient &) = delete;
-    PahoMqttClient &operator=(const PahoMqttClient &) = delete;
+    explicit MosquittoMqttClient(const MqttSettings &settings);
+    ~MosquittoMqttClient() override;
+    MosquittoMqttClient(const MosquittoMqttClient &) = delete;
+    MosquittoMqttClient &operator=(const MosquittoMqttClient &) = delete;
 
     bool start(std::string *error) override;
     void setWillProvider(std::function<Message()> provider) override;
