@@ -67,7 +67,8 @@ int main(int argc, char **argv)
     mosquitto_username_pw_set(m, argv[3], argv[4]);
     mosquitto_connect_v5_callback_set(m, on_connect);
     mosquitto_publish_v5_callback_set(m, on_publish);
-    if (mosquitto_connect(m, argv[1], atoi(argv[2]), 30) != MOSQ_ERR_SUCCESS || mosquitto_loop_start(m) != MOSQ_ERR_SUCCESS) {
+    if (mosquitto_connect(m, argv[1], atoi(argv[2]), 30) != MOSQ_ERR_SUCCESS ||
+        mosquitto_loop_start(m) != MOSQ_ERR_SUCCESS) {
         fprintf(stderr, "cannot connect\n");
         return 1;
     }
@@ -107,11 +108,11 @@ int main(int argc, char **argv)
         struct tm tm;
         gmtime_r(&wall.tv_sec, &tm);
         snprintf(topic, sizeof topic, "%s/1/D_W/%d", argv[5], i);
-        const int len = snprintf(payload, sizeof payload,
-                                 "{\"value\":%d,\"quality\":\"good\",\"ts\":\"%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ\",\"us\":%lld}",
-                                 (int)(sent & 0xffff), tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour,
-                                 tm.tm_min, tm.tm_sec, wall.tv_nsec / 1000000,
-                                 (long long)wall.tv_sec * 1000000 + wall.tv_nsec / 1000);
+        const int len =
+            snprintf(payload, sizeof payload,
+                     "{\"value\":%d,\"quality\":\"good\",\"ts\":\"%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ\",\"us\":%lld}",
+                     (int)(sent & 0xffff), tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min,
+                     tm.tm_sec, wall.tv_nsec / 1000000, (long long)wall.tv_sec * 1000000 + wall.tv_nsec / 1000);
         mosquitto_publish_v5(m, NULL, topic, len, payload, 1, true, NULL);
     }
     pthread_mutex_lock(&mu);

@@ -10,13 +10,13 @@
 #include <QHash>
 #include <QRandomGenerator>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <algorithm>
 #include <fstream>
 #include <random>
-#include <unordered_map>
 #include <string>
+#include <unordered_map>
 
 #include "rtuplc_support/frames.h"
 #include <sys/wait.h>
@@ -474,7 +474,8 @@ void BM_Crc(benchmark::State &state)
 {
     const QByteArray reply = blockReply(1);
     for (auto _ : state)
-        benchmark::DoNotOptimize(computate_check(reinterpret_cast<const unsigned char *>(reply.constData()), static_cast<unsigned short>(reply.size())));
+        benchmark::DoNotOptimize(computate_check(reinterpret_cast<const unsigned char *>(reply.constData()),
+                                                 static_cast<unsigned short>(reply.size())));
 }
 BENCHMARK(BM_Crc);
 
@@ -482,7 +483,8 @@ void BM_CrcBitwiseBaseline(benchmark::State &state)
 {
     const QByteArray reply = blockReply(1);
     for (auto _ : state)
-        benchmark::DoNotOptimize(crcBitwise(reinterpret_cast<const unsigned char *>(reply.constData()), size_t(reply.size())));
+        benchmark::DoNotOptimize(
+            crcBitwise(reinterpret_cast<const unsigned char *>(reply.constData()), size_t(reply.size())));
 }
 BENCHMARK(BM_CrcBitwiseBaseline);
 

@@ -9,9 +9,9 @@
 #ifndef RTUPLC_DEVICE_RTU_PLC_H
 #define RTUPLC_DEVICE_RTU_PLC_H
 
-#include <QString>
 #include <QByteArray>
 #include <QList>
+#include <QString>
 
 #include <cstddef>
 #include <cstdint>
@@ -49,43 +49,42 @@ constexpr int REG_COUNT = 14; // the areas of REG_LIST
 constexpr int REG_COLUMNS = 7;
 
 inline const QString REG_LIST[REG_COUNT] = {
-    QStringLiteral("X"),  QStringLiteral("Y"),   QStringLiteral("M"),  QStringLiteral("SM"),
-    QStringLiteral("S"),  QStringLiteral("T"),   QStringLiteral("C"),  QStringLiteral("32C"),
-    QStringLiteral("CV"), QStringLiteral("TV"),  QStringLiteral("Z"),  QStringLiteral("SD"),
-    QStringLiteral("D_D"), QStringLiteral("D_W"),
+    QStringLiteral("X"), QStringLiteral("Y"),  QStringLiteral("M"),   QStringLiteral("SM"),  QStringLiteral("S"),
+    QStringLiteral("T"), QStringLiteral("C"),  QStringLiteral("32C"), QStringLiteral("CV"),  QStringLiteral("TV"),
+    QStringLiteral("Z"), QStringLiteral("SD"), QStringLiteral("D_D"), QStringLiteral("D_W"),
 };
 
 // Columns of ADDRESS_RANGE_PRO.
 enum AddressRangeColumn {
-    COL_NOTATION = 0,   // D decimal, O octal, H hexadecimal; one letter per digit
-    COL_LOWEST = 1,     // lowest address, in the notation
-    COL_HIGHEST = 2,    // highest address, in the notation
-    COL_VALUE_WIDTH = 3,// bits of one value: "1" marks a bit area
-    COL_ACCESS = 4,     // "RW", "R" or "W"
-    COL_UNIT_WIDTH = 5, // bits one address step covers on the wire
-    COL_PLAIN_NAME = 6, // "1": name stands alone; "0": prefix plus width suffix
+    COL_NOTATION = 0,    // D decimal, O octal, H hexadecimal; one letter per digit
+    COL_LOWEST = 1,      // lowest address, in the notation
+    COL_HIGHEST = 2,     // highest address, in the notation
+    COL_VALUE_WIDTH = 3, // bits of one value: "1" marks a bit area
+    COL_ACCESS = 4,      // "RW", "R" or "W"
+    COL_UNIT_WIDTH = 5,  // bits one address step covers on the wire
+    COL_PLAIN_NAME = 6,  // "1": name stands alone; "0": prefix plus width suffix
 };
 
-#define RTUPLC_ROW(a, b, c, d, e, f, g)                                                  \
-    {                                                                                    \
-        QStringLiteral(a), QStringLiteral(b), QStringLiteral(c), QStringLiteral(d),      \
-            QStringLiteral(e), QStringLiteral(f), QStringLiteral(g)                      \
+#define RTUPLC_ROW(a, b, c, d, e, f, g)                                                                                \
+    {                                                                                                                  \
+        QStringLiteral(a), QStringLiteral(b), QStringLiteral(c), QStringLiteral(d), QStringLiteral(e),                 \
+            QStringLiteral(f), QStringLiteral(g)                                                                       \
     }
 inline const QString ADDRESS_RANGE_PRO[REG_COUNT][REG_COLUMNS] = {
-    RTUPLC_ROW("OOO", "0", "377", "1", "RW", "1", "1"),       // X
-    RTUPLC_ROW("OOO", "0", "377", "1", "RW", "1", "1"),       // Y
-    RTUPLC_ROW("DDDD", "0", "1999", "1", "RW", "1", "1"),     // M
-    RTUPLC_ROW("DDD", "0", "255", "1", "RW", "1", "1"),       // SM
-    RTUPLC_ROW("DDD", "0", "991", "1", "RW", "1", "1"),       // S
-    RTUPLC_ROW("DDD", "0", "255", "1", "RW", "1", "1"),       // T
-    RTUPLC_ROW("DDD", "0", "255", "1", "RW", "1", "1"),       // C
-    RTUPLC_ROW("DDD", "200", "255", "32", "RW", "32", "1"),   // 32C
-    RTUPLC_ROW("DDD", "0", "199", "16", "RW", "16", "1"),     // CV
-    RTUPLC_ROW("DDD", "0", "255", "16", "RW", "16", "1"),     // TV
-    RTUPLC_ROW("DD", "0", "15", "16", "RW", "16", "1"),       // Z
-    RTUPLC_ROW("DDD", "0", "255", "16", "RW", "16", "1"),     // SD
-    RTUPLC_ROW("DDDD", "0", "7998", "32", "RW", "16", "0"),   // D_D
-    RTUPLC_ROW("DDDD", "0", "7999", "16", "RW", "16", "0"),   // D_W
+    RTUPLC_ROW("OOO", "0", "377", "1", "RW", "1", "1"),     // X
+    RTUPLC_ROW("OOO", "0", "377", "1", "RW", "1", "1"),     // Y
+    RTUPLC_ROW("DDDD", "0", "1999", "1", "RW", "1", "1"),   // M
+    RTUPLC_ROW("DDD", "0", "255", "1", "RW", "1", "1"),     // SM
+    RTUPLC_ROW("DDD", "0", "991", "1", "RW", "1", "1"),     // S
+    RTUPLC_ROW("DDD", "0", "255", "1", "RW", "1", "1"),     // T
+    RTUPLC_ROW("DDD", "0", "255", "1", "RW", "1", "1"),     // C
+    RTUPLC_ROW("DDD", "200", "255", "32", "RW", "32", "1"), // 32C
+    RTUPLC_ROW("DDD", "0", "199", "16", "RW", "16", "1"),   // CV
+    RTUPLC_ROW("DDD", "0", "255", "16", "RW", "16", "1"),   // TV
+    RTUPLC_ROW("DD", "0", "15", "16", "RW", "16", "1"),     // Z
+    RTUPLC_ROW("DDD", "0", "255", "16", "RW", "16", "1"),   // SD
+    RTUPLC_ROW("DDDD", "0", "7998", "32", "RW", "16", "0"), // D_D
+    RTUPLC_ROW("DDDD", "0", "7999", "16", "RW", "16", "0"), // D_W
 };
 #undef RTUPLC_ROW
 
@@ -116,16 +115,16 @@ enum class AreaKind {
 };
 
 struct RegisterArea {
-    QString name;            // as REG_LIST has it, "D_W"
-    QString prefix;          // the cache's area name: the part before '_', "D"
+    QString name;   // as REG_LIST has it, "D_W"
+    QString prefix; // the cache's area name: the part before '_', "D"
     AreaKind kind = AreaKind::Word;
     uint8_t readFunction = 0;
     uint8_t writeFunction = 0;
-    int base = 0;            // Modbus address of the area's address 0
-    int lowest = 0;          // address limits, read in the area's notation
+    int base = 0;   // Modbus address of the area's address 0
+    int lowest = 0; // address limits, read in the area's notation
     int highest = 0;
-    int unitWidth = 16;      // bits one address step covers on the wire
-    bool plainName = true;   // reported under its own name, not prefix plus "_W"/"_D"
+    int unitWidth = 16;    // bits one address step covers on the wire
+    bool plainName = true; // reported under its own name, not prefix plus "_W"/"_D"
 
     bool isBit() const { return kind == AreaKind::Bit; }
     // Bytes of a cached value one unit uses: a bit, a register, a 32-bit unit.

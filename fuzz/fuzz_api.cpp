@@ -11,8 +11,8 @@
 
 namespace {
 
-constexpr int kMaxUnits = 1100;  // long enough to cut into several blocks and pieces
-constexpr int kOutUnits = 4096;  // what the intf_getData buffer holds (words)
+constexpr int kMaxUnits = 1100; // long enough to cut into several blocks and pieces
+constexpr int kOutUnits = 4096; // what the intf_getData buffer holds (words)
 
 const char *const kOddNames[] = {"", "D", "d_w", "D_X", "32c", "RWI", "-1", "D_W ", "X_W", "\xc4\x8e_W", "D_D_W"};
 
@@ -92,7 +92,7 @@ void onChange(int, int st, QString &item, int addr)
     --depth;
 }
 
-const char *const kProperties[] = {"1#0#0#3#64", "1#1#0#3#64", "1#0#0#0#1",         "1#0#0#1#0",
+const char *const kProperties[] = {"1#0#0#3#64", "1#1#0#3#64",  "1#0#0#0#1",         "1#0#0#1#0",
                                    "2#0#0#2#-5", "1#0#0#3#128", "1#0#0#2#268435456", "1#0#0#2#536870913"};
 
 } // namespace

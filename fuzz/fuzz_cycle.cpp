@@ -54,11 +54,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     sc.len = in.u8();
     const uint8_t tune = in.u8(); // bits 0-1 retries, 2-4 maxBlockLen, 5 handshake, 7 local writes
     static const int kBlocks[] = {64, 8, 1, 0, -1, 128, 200, 3};
-    sc.properties = QStringLiteral("1#%1#0#%2#%3")
-                        .arg(tune >> 7)
-                        .arg(tune & 3)
-                        .arg(kBlocks[(tune >> 2) & 7])
-                        .toLatin1();
+    sc.properties =
+        QStringLiteral("1#%1#0#%2#%3").arg(tune >> 7).arg(tune & 3).arg(kBlocks[(tune >> 2) & 7]).toLatin1();
     fuzz::restart(sc.properties.constData());
     callbacks = 0;
     reenter = (what & T_REENTER) != 0;

@@ -62,8 +62,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     // A little of everything the properties steer: block gaps and split sizes
     // (maxBlockLen), retries, local writes, and the driver id recipes are taken by.
-    QList<KEY_ADDRESS> keys{key("D_W", 0, 4),   key("X", 0, 10),  key("32C", 200, 4),
-                            key("D_D", 20, 4),  key("M", 100, 8), key("D_W", 30, 2)};
+    QList<KEY_ADDRESS> keys{key("D_W", 0, 4),  key("X", 0, 10),  key("32C", 200, 4),
+                            key("D_D", 20, 4), key("M", 100, 8), key("D_W", 30, 2)};
     intf_addrMerge(keys);
     unsigned char values[64];
     for (size_t i = 0; i < sizeof values; ++i)
@@ -73,8 +73,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     intf_setData(1, QStringLiteral("32C"), 201, 2, values, RTUPLC_KIND_WRITE);
     intf_addConditionRead(key("SD", 0, 20), RTUPLC_KIND_CONDITION_READ);
     intf_addConditionRead(key("S", 0, 40, -1), RTUPLC_KIND_CONDITION_READ);
-    QVector<_RCP_VAR_PRO> recipe{recipeVar("D_W", 100, 4, 0), recipeVar("X", 0, 10, 4),
-                                 recipeVar("32C", 210, 4, 14), recipeVar("D_D", 300, 130, 20)};
+    QVector<_RCP_VAR_PRO> recipe{recipeVar("D_W", 100, 4, 0), recipeVar("X", 0, 10, 4), recipeVar("32C", 210, 4, 14),
+                                 recipeVar("D_D", 300, 130, 20)};
     fuzz::setRecipe(recipe);
     h.memory[RTUPLC_RCP_DOWNLOAD_BYTE] = 1;
     h.memory[RTUPLC_RCP_UPLOAD_BYTE] = 1;

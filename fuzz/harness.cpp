@@ -87,7 +87,8 @@ int setRecipe(QVector<_RCP_VAR_PRO> &vars)
         if (reg < 0 || q.len <= 0)
             continue;
         const int64_t first = std::max<int64_t>(q.rcpOffset, 0);
-        const int64_t end = int64_t(q.rcpOffset) + int64_t(q.len) * (registerArea(reg).kind == AreaKind::DWordUnit ? 2 : 1);
+        const int64_t end =
+            int64_t(q.rcpOffset) + int64_t(q.len) * (registerArea(reg).kind == AreaKind::DWordUnit ? 2 : 1);
         if (end > kRecipeWords)
             abort(); // the harness gave the driver a buffer too small for its recipe
         if (end > first)
@@ -136,8 +137,8 @@ void checkHost()
             std::fprintf(stderr, "recipe buffer word %lld written, owned by no variable; variables:\n",
                          static_cast<long long>(w));
             for (const _RCP_VAR_PRO &v : driver.rcpVars)
-                std::fprintf(stderr, "  %d %s %d len %d offset %d\n", v.station, qPrintable(v.regName),
-                             v.startAddr, v.len, v.rcpOffset);
+                std::fprintf(stderr, "  %d %s %d len %d offset %d\n", v.station, qPrintable(v.regName), v.startAddr,
+                             v.len, v.rcpOffset);
             abort();
         }
     }
@@ -253,7 +254,8 @@ void Loop::interject(Input &in)
         break;
     }
     case 1:
-        intf_addConditionRead(keyOf(sc_.station, sc_.area, sc_.start, sc_.len + in.u8() % 32), RTUPLC_KIND_CONDITION_READ);
+        intf_addConditionRead(keyOf(sc_.station, sc_.area, sc_.start, sc_.len + in.u8() % 32),
+                              RTUPLC_KIND_CONDITION_READ);
         break;
     case 2: // recipe commands: only 1 starts a transfer
         h.lock.lock();

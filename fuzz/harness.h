@@ -57,18 +57,19 @@ public:
     // A 32-bit value that is often one of the edges where arithmetic goes wrong.
     int32_t edgy()
     {
-        static const int32_t kEdges[] = {0,    1,    -1,    2,    7,     8,     9,     15,      16,      31,
-                                         32,   63,   64,    65,   122,   123,   124,   125,     127,     128,
-                                         129,  199,  200,   255,  256,   377,   511,   512,     513,     1023,
-                                         1024, 1025, 1968,  1999, 7998,  7999,  8000,  32767,   32768,   65535,
-                                         65536, 65537, INT_MAX, INT_MAX - 1, INT_MAX - 127, INT_MIN, INT_MIN + 1,
-                                         -2,   -8,   -128,  -65536};
+        static const int32_t kEdges[] = {
+            0,       1,           -1,    2,     7,     8,     9,       15,          16,
+            31,      32,          63,    64,    65,    122,   123,     124,         125,
+            127,     128,         129,   199,   200,   255,   256,     377,         511,
+            512,     513,         1023,  1024,  1025,  1968,  1999,    7998,        7999,
+            8000,    32767,       32768, 65535, 65536, 65537, INT_MAX, INT_MAX - 1, INT_MAX - 127,
+            INT_MIN, INT_MIN + 1, -2,    -8,    -128,  -65536};
         const uint8_t sel = u8();
         if (sel < 128)
-            return sel;                                    // small
+            return sel; // small
         if (sel < 128 + sizeof kEdges / sizeof kEdges[0])
             return kEdges[sel - 128];
-        return i32();                                      // anything
+        return i32(); // anything
     }
 
 private:
@@ -159,7 +160,7 @@ void checkFrame(const FRAME_PRO &f);
 // Calls the host makes in the middle of a cycle (between fetching a frame and handing
 // back its reply), chosen by the input.
 struct Scenario {
-    int area = 13;      // register index the interjections use
+    int area = 13; // register index the interjections use
     int station = 1;
     int start = 0;
     int len = 4;

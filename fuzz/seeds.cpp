@@ -49,9 +49,8 @@ QByteArray fingerprint()
 {
     QByteArray f;
     QDataStream s(&f, QIODevice::WriteOnly);
-    s << driver.monitorList.size() << driver.writeList.size() << driver.conditionList.size()
-      << driver.frameList.size() << driver.sendState << driver.commError << driver.rcpIndex
-      << driver.failCount << driver.dataAreas.size();
+    s << driver.monitorList.size() << driver.writeList.size() << driver.conditionList.size() << driver.frameList.size()
+      << driver.sendState << driver.commError << driver.rcpIndex << driver.failCount << driver.dataAreas.size();
     for (const _DATA_ &a : driver.dataAreas)
         s << a.station << a.regPrefix << a.addr << QByteArray(reinterpret_cast<const char *>(a.value), 4)
           << QByteArray(reinterpret_cast<const char *>(a.writeValue), 4) << a.writePending;
@@ -84,8 +83,16 @@ int lowest(int area)
 // ---------------------------------------------------------------------------------
 // fuzz_cycle: set-up bytes, then hand-written ops, then the recorded answers.
 
-enum { T_MONITOR = 0x01, T_WRITE = 0x02, T_CONDITION = 0x04, T_DOWNLOAD = 0x08, T_UPLOAD = 0x10,
-       T_HANDSHAKE = 0x20, T_CALLBACK = 0x40, T_REENTER = 0x80 };
+enum {
+    T_MONITOR = 0x01,
+    T_WRITE = 0x02,
+    T_CONDITION = 0x04,
+    T_DOWNLOAD = 0x08,
+    T_UPLOAD = 0x10,
+    T_HANDSHAKE = 0x20,
+    T_CALLBACK = 0x40,
+    T_REENTER = 0x80
+};
 
 struct CycleSetUp {
     int what = T_MONITOR | T_CALLBACK;
@@ -94,7 +101,7 @@ struct CycleSetUp {
     int station = 0; // index: 1, 2, 0, 247, 255, 256, -1
     int start = 0;
     int len = 6;
-    int tune = 3;    // retries 3, maxBlockLen 64, no local writes
+    int tune = 3; // retries 3, maxBlockLen 64, no local writes
     int area2 = 12;
     int start2 = 10;
     int len2 = 4;
@@ -125,8 +132,11 @@ void cycleSeeds(Corpus &c)
     const struct {
         int what;
         const char *name;
-    } kinds[] = {{T_MONITOR, "monitor"},   {T_WRITE, "write"},   {T_CONDITION, "condition"},
-                 {T_DOWNLOAD, "download"}, {T_UPLOAD, "upload"}};
+    } kinds[] = {{T_MONITOR, "monitor"},
+                 {T_WRITE, "write"},
+                 {T_CONDITION, "condition"},
+                 {T_DOWNLOAD, "download"},
+                 {T_UPLOAD, "upload"}};
     for (const auto &k : kinds) {
         for (int area = 0; area < REG_COUNT; ++area) {
             CycleSetUp s;
@@ -212,11 +222,25 @@ void cycleSeeds(Corpus &c)
 void propertySeeds(Corpus &c)
 {
     const char *const texts[] = {
-        "1#0#0#3#64", "0#1#0#1#8", "2#0#0#0#0", "1#0#0#3#128", "1#0#0#3", "", "#", "####",
-        "1#0#0#3#64#extra", "-1#0#0#-3#-64", "99999999999#1#0#3#64", "1#0#0#3#0x40", " 1# 0#0# 3# 64",
-        "1#0#0#3#268435456", "1#0#0#2#536870913", "1#0#0#1000000#1", "7#2#x#3#1",
+        "1#0#0#3#64",
+        "0#1#0#1#8",
+        "2#0#0#0#0",
+        "1#0#0#3#128",
+        "1#0#0#3",
+        "",
+        "#",
+        "####",
+        "1#0#0#3#64#extra",
+        "-1#0#0#-3#-64",
+        "99999999999#1#0#3#64",
+        "1#0#0#3#0x40",
+        " 1# 0#0# 3# 64",
+        "1#0#0#3#268435456",
+        "1#0#0#2#536870913",
+        "1#0#0#1000000#1",
+        "7#2#x#3#1",
         "\xef\xbc\x91#0#0#3#64", // a full-width digit in UTF-8
-        "1\xe9#0#0#3#64",         // Latin-1 letter
+        "1\xe9#0#0#3#64",        // Latin-1 letter
     };
     int i = 0;
     for (const char *t : texts) {

@@ -39,11 +39,10 @@ const char *const kMqttsScheme = "mqtts://";
 const char *const kLineHint = "say tcp: HOST:PORT or serial: DEVICE";
 
 const Keys kTopKeys = {"name", "line", "mqtt", "items", "stations", "sparkplug", "homeassistant", "http", "log"};
-const Keys kLineKeys = {"tcp",     "serial",  "settings", "rs485",          "timeout",
-                        "pause",   "retries", "station",  "probe-interval", "probe-max"};
-const Keys kMqttKeys = {"url",   "client-id", "username", "password-file", "password", "ca",
-                        "cert",  "key",       "topic",    "qos",           "keepalive", "buffer",
-                        "stats-interval", "mode"};
+const Keys kLineKeys = {"tcp",   "serial",  "settings", "rs485",          "timeout",
+                        "pause", "retries", "station",  "probe-interval", "probe-max"};
+const Keys kMqttKeys = {"url",   "client-id", "username",  "password-file", "password",       "ca",  "cert", "key",
+                        "topic", "qos",       "keepalive", "buffer",        "stats-interval", "mode"};
 const Keys kItemKeys = {"item", "writable", "name", "unit", "device-class", "every"};
 const Keys kStationKeys = {"name"};
 const Keys kSparkplugKeys = {"group", "node", "primary-host", "state-dir"};
@@ -119,15 +118,16 @@ bool parseLine(Reader &r, const Section &top, LineConfig *line)
         return false;
     const bool tcp = s.find("tcp"), serial = s.find("serial");
     if (tcp == serial)
-        return r.fail(s.line(), "line", std::string(tcp ? "give tcp or serial, not both" : "no link given") + " (" +
-                                            kLineHint + ")");
+        return r.fail(s.line(), "line",
+                      std::string(tcp ? "give tcp or serial, not both" : "no link given") + " (" + kLineHint + ")");
     if (tcp) {
         line->kind = LineConfig::Kind::Tcp;
         if (!readHostPort(r, s, "tcp", &line->host, &line->port, nullptr))
             return false;
         for (const char *serialOnly : {"settings", "rs485"})
             if (s.find(serialOnly))
-                return r.fail(s.line(serialOnly), s.path(serialOnly), "only with serial: a TCP link has no line settings");
+                return r.fail(s.line(serialOnly), s.path(serialOnly),
+                              "only with serial: a TCP link has no line settings");
     } else {
         line->kind = LineConfig::Kind::Serial;
         if (!readText(r, s, "serial", &line->device) || !readText(r, s, "settings", &line->settings) ||
@@ -154,7 +154,8 @@ bool parseMqttCredentials(Reader &r, const Section &s, MqttConfig *m)
     if (s.find("password-file") && s.find("password"))
         return r.fail(s.line("password"), "mqtt.password", "give password or password-file, not both");
     if (!readText(r, s, "username", &m->username) ||
-        !readSecretFile(r, s, "password-file", &m->passwordFile, &m->password) || !readText(r, s, "password", &m->password))
+        !readSecretFile(r, s, "password-file", &m->passwordFile, &m->password) ||
+        !readText(r, s, "password", &m->password))
         return false;
     const char *given = s.find("password") ? "password" : "password-file";
     if (s.find(given) && m->username.empty())
@@ -162,11 +163,13 @@ bool parseMqttCredentials(Reader &r, const Section &s, MqttConfig *m)
     for (const char *key : {"ca", "cert", "key"})
         if (s.find(key) && !m->tls)
             return r.fail(s.line(key), s.path(key), "only with an mqtts:// url: mqtt:// does not use TLS");
-    if (!readFilePath(r, s, "ca", &m->ca) || !readFilePath(r, s, "cert", &m->cert) || !readFilePath(r, s, "key", &m->key))
+    if (!readFilePath(r, s, "ca", &m->ca) || !readFilePath(r, s, "cert", &m->cert) ||
+        !readFilePath(r, s, "key", &m->key))
         return false;
     if (m->cert.empty() != m->key.empty()) {
         const char *given = m->cert.empty() ? "key" : "cert";
-        return r.fail(s.line(given), s.path(given), "a client certificate and its key go together: give both cert and key");
+        return r.fail(s.line(given), s.path(given),
+                      "a client certificate and its key go together: give both cert and key");
     }
     return true;
 }
@@ -184,7 +187,8 @@ bool parseMqtt(Reader &r, const Section &top, const std::string &name, MqttConfi
         return r.fail(s.line("url"), "mqtt.url", "no user or password in the url: give username: and password-file:");
     if (!parseUrl(m->url, m))
         return r.fail(s.line("url"), "mqtt.url",
-                      "must be mqtt://HOST[:PORT] or mqtts://HOST[:PORT] (a port from 1 to 65535), not " + inQuotes(m->url));
+                      "must be mqtt://HOST[:PORT] or mqtts://HOST[:PORT] (a port from 1 to 65535), not " +
+                          inQuotes(m->url));
     m->clientId = "rtuplc-" + name;
     m->topic = "rtuplc/" + name;
     if (!readText(r, s, "client-id", &m->clientId))
@@ -220,7 +224,8 @@ bool parseItem(Reader &r, const YAML::Node &node, ItemConfig *item)
     }
     if (!node.IsMap())
         return r.fail(item->line, "items",
-                      "an item is text like D_W:100..109, or a mapping with item: and writable:, not " + describe(node));
+                      "an item is text like D_W:100..109, or a mapping with item: and writable:, not " +
+                          describe(node));
     Section s;
     if (!s.open(r, node, item->line, "items", "an item", kItemKeys))
         return false;
@@ -255,8 +260,8 @@ bool parseStations(Reader &r, const Section &top, bool sparkplug, std::map<int, 
     if (!e || e->value.IsNull())
         return true;
     if (!e->value.IsMap())
-        return r.fail(lineOf(e->key), "stations", "must be a mapping of station numbers, e.g. 1: { name: press }, not " +
-                                                      describe(e->value));
+        return r.fail(lineOf(e->key), "stations",
+                      "must be a mapping of station numbers, e.g. 1: { name: press }, not " + describe(e->value));
     for (auto it = e->value.begin(); it != e->value.end(); ++it) {
         const int at = lineOf(it->first);
         const std::string key = it->first.IsScalar() ? it->first.Scalar() : "";
@@ -267,8 +272,7 @@ bool parseStations(Reader &r, const Section &top, bool sparkplug, std::map<int, 
             return r.fail(at, "stations." + key, "given twice");
         Section s;
         std::string name;
-        if (!s.open(r, it->second, at, "stations." + key, "a station", kStationKeys) ||
-            !readText(r, s, "name", &name))
+        if (!s.open(r, it->second, at, "stations." + key, "a station", kStationKeys) || !readText(r, s, "name", &name))
             return false;
         if (name.empty())
             return r.fail(at, "stations." + key + ".name", "missing");
@@ -279,7 +283,8 @@ bool parseStations(Reader &r, const Section &top, bool sparkplug, std::map<int, 
         for (const auto &[other, otherName] : *names) {
             if (sparkplug && otherName == name)
                 return r.fail(at, "stations." + key + ".name",
-                              inQuotes(name) + " is station " + std::to_string(other) + "'s already: Sparkplug devices need names of their own");
+                              inQuotes(name) + " is station " + std::to_string(other) +
+                                  "'s already: Sparkplug devices need names of their own");
         }
         (*names)[int(n)] = name;
     }
@@ -318,7 +323,8 @@ bool parseHomeAssistant(Reader &r, const Section &top, const Config &c, HomeAssi
     const Section::Entry *e = top.find("homeassistant");
     // Home Assistant's entities read the plain topics, which a Sparkplug node has not.
     if (e && c.mqtt.mode == MqttConfig::Mode::Sparkplug)
-        return r.fail(lineOf(e->key), "homeassistant", "only with mqtt.mode: plain (its entities read the plain topics)");
+        return r.fail(lineOf(e->key), "homeassistant",
+                      "only with mqtt.mode: plain (its entities read the plain topics)");
     Section s;
     if (!e || !s.open(r, e->value, lineOf(e->key), "homeassistant", "homeassistant", kHomeAssistantKeys))
         return !e;
@@ -405,7 +411,8 @@ bool parseAll(Reader &r, const YAML::Node &root, const std::string &path, Config
     if (!top.open(r, root, lineOf(root), "", "the file", kTopKeys))
         return false;
     return parseName(r, top, path, &c->name) && parseLine(r, top, &c->line) && parseMqtt(r, top, c->name, &c->mqtt) &&
-           parseItems(r, top, &c->items) && parseStations(r, top, c->mqtt.mode == MqttConfig::Mode::Sparkplug, &c->stationNames) &&
+           parseItems(r, top, &c->items) &&
+           parseStations(r, top, c->mqtt.mode == MqttConfig::Mode::Sparkplug, &c->stationNames) &&
            parseSparkplug(r, top, *c, &c->sparkplug) && parseHomeAssistant(r, top, *c, &c->homeassistant) &&
            parseHttp(r, top, &c->http) && parseLog(r, top, &c->log);
 }
@@ -456,7 +463,8 @@ bool loadConfig(const std::string &path, Config *config, std::string *error)
     const fs::path absolute = fs::absolute(path, ec);
     Reader r{path, (ec ? fs::path(path) : absolute).parent_path().string(), error};
     if (!root.IsMap())
-        return r.fail(lineOf(root), "the file", "must be a mapping of keys (" + joined(kTopKeys) + "), not " + describe(root));
+        return r.fail(lineOf(root), "the file",
+                      "must be a mapping of keys (" + joined(kTopKeys) + "), not " + describe(root));
     try {
         if (!parseAll(r, root, path, &c)) {
             redact(c, error);

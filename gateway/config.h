@@ -16,44 +16,44 @@ namespace rtugw {
 struct LineConfig {
     enum class Kind { Tcp, Serial };
     Kind kind = Kind::Tcp;
-    std::string host;      // tcp: HOST of HOST:PORT
-    int port = 0;          // tcp
-    std::string device;    // serial
-    std::string settings;  // "BAUD,BITS,PARITY,STOP"; empty: the driver's default
-    bool rs485 = false;    // serial: the kernel's RS-485 mode
-    int timeoutMs = 500;   // turnaround margin added to the transmission time
-    int pauseMs = 0;       // between exchanges
-    int retries = 3;       // attempts of a request before it fails
-    int station = 1;       // for items without @STATION
+    std::string host;                 // tcp: HOST of HOST:PORT
+    int port = 0;                     // tcp
+    std::string device;               // serial
+    std::string settings;             // "BAUD,BITS,PARITY,STOP"; empty: the driver's default
+    bool rs485 = false;               // serial: the kernel's RS-485 mode
+    int timeoutMs = 500;              // turnaround margin added to the transmission time
+    int pauseMs = 0;                  // between exchanges
+    int retries = 3;                  // attempts of a request before it fails
+    int station = 1;                  // for items without @STATION
     long long probeIntervalMs = 5000; // a silent station is tried once this often,
     long long probeMaxMs = 60000;     // less often while it stays silent, down to this
 };
 
 struct MqttConfig {
     std::string url = "mqtt://127.0.0.1:1883";
-    bool tls = false;      // mqtts://
-    std::string host;      // from the url
-    int port = 1883;       // from the url; 1883 plain, 8883 TLS by default
-    std::string clientId;  // default rtuplc-<name>
+    bool tls = false;     // mqtts://
+    std::string host;     // from the url
+    int port = 1883;      // from the url; 1883 plain, 8883 TLS by default
+    std::string clientId; // default rtuplc-<name>
     std::string username;
-    std::string password;  // from password-file (preferred) or password; never printed
+    std::string password; // from password-file (preferred) or password; never printed
     std::string passwordFile;
     std::string ca, cert, key; // absolute, resolved against the configuration's folder
-    std::string topic;     // prefix of every topic; default rtuplc/<name>
-    int qos = 1;           // 0 or 1, values and status
-    int keepalive = 30;    // s
-    size_t buffer = 100000; // messages held while the broker is away
-    int statsInterval = 10; // s; 0: no stats topic
+    std::string topic;         // prefix of every topic; default rtuplc/<name>
+    int qos = 1;               // 0 or 1, values and status
+    int keepalive = 30;        // s
+    size_t buffer = 100000;    // messages held while the broker is away
+    int statsInterval = 10;    // s; 0: no stats topic
     enum class Mode { Plain, Sparkplug };
     Mode mode = Mode::Plain; // mqtt.mode: plain JSON topics or Sparkplug B
 };
 
 // sparkplug: { group, node, primary-host, state-dir } for mqtt.mode sparkplug.
 struct SparkplugConfig {
-    std::string group;         // required in sparkplug mode
-    std::string node;          // default: the gateway's name
-    std::string primaryHost;   // empty: births are published whatever the host's state
-    std::string stateDir;      // where the next bdSeq is kept; empty: $STATE_DIRECTORY, else the working directory
+    std::string group;       // required in sparkplug mode
+    std::string node;        // default: the gateway's name
+    std::string primaryHost; // empty: births are published whatever the host's state
+    std::string stateDir;    // where the next bdSeq is kept; empty: $STATE_DIRECTORY, else the working directory
 };
 
 // homeassistant: { prefix } announces every item to Home Assistant's MQTT discovery.
@@ -66,33 +66,33 @@ struct HomeAssistantConfig {
 struct HttpConfig {
     bool enabled = false;
     std::string listen = "127.0.0.1:8080";
-    std::string host;          // from listen
+    std::string host; // from listen
     int port = 8080;
-    std::string tokenFile;     // empty: the page is read-only
-    std::string token;         // read from token-file; never printed
-    int historyMinutes = 10;   // kept per numeric value for the trends
+    std::string tokenFile;   // empty: the page is read-only
+    std::string token;       // read from token-file; never printed
+    int historyMinutes = 10; // kept per numeric value for the trends
 };
 
 // log: { csv, rotate, max-size } writes a row per value change.
 struct LogConfig {
-    std::string csvDir;        // empty: no CSV log
+    std::string csvDir; // empty: no CSV log
     enum class Rotate { Daily, Never };
     Rotate rotate = Rotate::Daily;
     uint64_t maxBytes = 100ull * 1024 * 1024; // all files together; the oldest go first
 };
 
 struct ItemConfig {
-    std::string text;      // the item in rtuplc-poll's notation, e.g. "D_W:100..109@2"
+    std::string text; // the item in rtuplc-poll's notation, e.g. "D_W:100..109@2"
     bool writable = false;
-    int line = 0;          // where the file gives it, for messages
+    int line = 0; // where the file gives it, for messages
     // Passed to Home Assistant's discovery and shown on the page.
     std::string name, unit, deviceClass;
     long long everyMs = 0; // how often it is read; 0: as fast as the line goes
 };
 
 struct Config {
-    std::string file;      // as given on the command line
-    std::string name;      // default: the file's name without .yaml / .yml
+    std::string file; // as given on the command line
+    std::string name; // default: the file's name without .yaml / .yml
     LineConfig line;
     MqttConfig mqtt;
     std::vector<ItemConfig> items;

@@ -15,8 +15,7 @@ rtuhost::CsvLogSettings settingsOf(const Config &c)
 
 } // namespace
 
-CsvSink::CsvSink(const Model &model)
-    : model_(model), log_(settingsOf(model.config())), logged_(model.points().size())
+CsvSink::CsvSink(const Model &model) : model_(model), log_(settingsOf(model.config())), logged_(model.points().size())
 {
 }
 

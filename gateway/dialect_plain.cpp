@@ -77,8 +77,8 @@ void PlainTopics::pointChanged(size_t index)
 void PlainTopics::publishStation(int station)
 {
     const bool online = model_.stations().at(station).online;
-    mqtt_->publish(Message{prefix_ + '/' + std::to_string(station) + "/status", online ? "online" : "offline", qos_,
-                           true, {}, {}});
+    mqtt_->publish(Message{
+        prefix_ + '/' + std::to_string(station) + "/status", online ? "online" : "offline", qos_, true, {}, {}});
 }
 
 void PlainTopics::stationChanged(int station)
@@ -120,10 +120,13 @@ void PlainTopics::handleSet(const Message &m)
 void PlainTopics::publishStats()
 {
     lastStats_ = std::chrono::steady_clock::now();
-    mqtt_->publish(Message{prefix_ + "/stats",
-                           statsJson(model_.hostStats(), mqtt_->stats(), model_.writes(), model_.pollsPerSecond(),
-                                     model_.uptimeSeconds()),
-                           qos_, true, {}, {}});
+    mqtt_->publish(Message{
+        prefix_ + "/stats",
+        statsJson(model_.hostStats(), mqtt_->stats(), model_.writes(), model_.pollsPerSecond(), model_.uptimeSeconds()),
+        qos_,
+        true,
+        {},
+        {}});
 }
 
 void PlainTopics::connected(bool sessionPresent)

@@ -219,8 +219,7 @@ void SparkplugNode::keepNextBdSeq(unsigned next)
         storeFailed_ = false;
     } else if (!storeFailed_) {
         storeFailed_ = true;
-        rtuhost::logWarning("%s: after a crash, the next start may repeat a bdSeq the broker still holds",
-                            why.c_str());
+        rtuhost::logWarning("%s: after a crash, the next start may repeat a bdSeq the broker still holds", why.c_str());
     }
 }
 
@@ -398,9 +397,8 @@ std::vector<std::pair<std::string, uint64_t>> SparkplugNode::stats() const
 {
     const rtuhost::Stats &h = model_.hostStats();
     const WriteCounters &w = model_.writes();
-    return {{"Stats/Polls", h.polls},         {"Stats/Retries", h.retries},
-            {"Stats/Failures", h.failures},   {"Stats/Writes ok", w.ok},
-            {"Stats/Writes failed", w.failed}, {"Stats/Writes refused", w.refused}};
+    return {{"Stats/Polls", h.polls},  {"Stats/Retries", h.retries},      {"Stats/Failures", h.failures},
+            {"Stats/Writes ok", w.ok}, {"Stats/Writes failed", w.failed}, {"Stats/Writes refused", w.refused}};
 }
 
 // The line's figures as node metrics, by name: those that changed since they were last
@@ -529,8 +527,7 @@ void SparkplugNode::connected(bool)
     connected_ = true;
     // The sequence after this connection's birth follows the bdSeq of its will.
     nextBdSeq_ = (willBdSeq_.load() + 1) % kSeqModulo;
-    rtuhost::logInfo("connected as Sparkplug node %s/%s (bdSeq %u)", group_.c_str(), node_.c_str(),
-                     willBdSeq_.load());
+    rtuhost::logInfo("connected as Sparkplug node %s/%s (bdSeq %u)", group_.c_str(), node_.c_str(), willBdSeq_.load());
     if (birthAllowed()) {
         birthNode();
     } else {
@@ -556,8 +553,8 @@ void SparkplugNode::onHostState(const std::string &payload)
 {
     // {"online":true,"timestamp":...}; older hosts say ONLINE or OFFLINE.
     const QJsonDocument doc = QJsonDocument::fromJson(QByteArray::fromStdString(payload));
-    const bool online =
-        doc.isObject() ? doc.object().value(QLatin1String("online")).toBool(false) : payload == "ONLINE";
+    const bool online = doc.isObject() ? doc.object().value(QLatin1String("online")).toBool(false)
+                                       : payload == "ONLINE";
     // A state older than one already seen (a retained message overtaken by a live one)
     // says nothing about the host now.
     const double stamp = doc.isObject() ? doc.object().value(QLatin1String("timestamp")).toDouble(0) : 0;

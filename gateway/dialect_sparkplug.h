@@ -67,14 +67,14 @@ private:
     struct Device {
         int station = 0;
         std::string name;
-        std::vector<size_t> points;   // model indexes
+        std::vector<size_t> points; // model indexes
         bool born = false;
-        std::vector<size_t> changed;  // since the last DDATA
+        std::vector<size_t> changed; // since the last DDATA
         // Back online and not yet born: waiting for a read of every block since.
         bool waiting = false;
-        SystemTime backAt{};          // when the station last came back
+        SystemTime backAt{}; // when the station last came back
         std::chrono::steady_clock::time_point waitSince{};
-        size_t readUpTo = 0;          // d.points before it are read since backAt
+        size_t readUpTo = 0; // d.points before it are read since backAt
     };
 
     void onHostState(const std::string &payload);
@@ -99,10 +99,10 @@ private:
     Broker *broker_ = nullptr;
     MqttClient *mqtt_ = nullptr;
     std::string group_, node_, primaryHost_;
-    std::map<int, Device> devices_;        // by station
-    std::map<std::string, int> byName_;    // device name to station
-    std::vector<uint64_t> aliasOf_;        // model index to alias
-    std::vector<bool> sentGood_;           // the quality hosts were last told, by model index
+    std::map<int, Device> devices_;     // by station
+    std::map<std::string, int> byName_; // device name to station
+    std::vector<uint64_t> aliasOf_;     // model index to alias
+    std::vector<bool> sentGood_;        // the quality hosts were last told, by model index
     // The bdSeq in the will of the connection being made, and of the next one.
     std::atomic<unsigned> willBdSeq_{0};
     std::atomic<unsigned> nextBdSeq_{0};
@@ -113,8 +113,8 @@ private:
     bool storeFailed_ = false;
     unsigned seq_ = 0;
     bool connected_ = false;
-    bool hostOnline_ = true;               // no primary host: always
-    double hostStateStamp_ = 0;            // of the newest host state seen, ms
+    bool hostOnline_ = true;    // no primary host: always
+    double hostStateStamp_ = 0; // of the newest host state seen, ms
     bool nodeBorn_ = false;
     std::map<std::string, uint64_t> sentStats_; // node metrics as hosts last saw them
     std::chrono::steady_clock::time_point lastStats_{};

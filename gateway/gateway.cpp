@@ -35,9 +35,9 @@ Gateway::Gateway(const Config &config, const rtuhost::DriverApi &api, const rtuh
                  const LinePlan &plan, bool verbose)
     : config_(config)
 {
-    link_ = config.line.kind == LineConfig::Kind::Tcp ? rtuhost::makeTcpLink(config.line.host, config.line.port)
-                                                      : rtuhost::makeSerialLink(config.line.device, plan.line,
-                                                                                config.line.rs485);
+    link_ = config.line.kind == LineConfig::Kind::Tcp
+                ? rtuhost::makeTcpLink(config.line.host, config.line.port)
+                : rtuhost::makeSerialLink(config.line.device, plan.line, config.line.rs485);
     model_ = std::make_unique<Model>(config, api, catalogue);
     model_->verbose = verbose;
     host_ = std::make_unique<rtuhost::Host>(api, *link_, *model_, hostSettings(config, plan));
@@ -84,8 +84,8 @@ bool Gateway::start(std::string *error)
     }
     host_->start();
     rtuhost::logNotice("%s: polling %zu values in %d blocks on %s; broker %s, %s", config_.name.c_str(),
-                       host_->points().size(), host_->blockCount(), link_->describe().c_str(),
-                       config_.mqtt.url.c_str(), dialect_->where().c_str());
+                       host_->points().size(), host_->blockCount(), link_->describe().c_str(), config_.mqtt.url.c_str(),
+                       dialect_->where().c_str());
     return true;
 }
 

@@ -94,15 +94,15 @@ std::string HomeAssistant::configJson(size_t index) const
     const Config &c = model_.config();
     const int station = s.point.station;
     const std::string stateTopic = topics_ + '/' + s.path;
-    const std::string label = s.point.area->name.toStdString() + ' ' + s.point.area->format(s.point.address).toStdString();
+    const std::string label =
+        s.point.area->name.toStdString() + ' ' + s.point.area->format(s.point.address).toStdString();
     std::string name = label;
     if (s.item != nullptr && !s.item->name.empty())
         // One name for a range of values: each is told apart by its address.
         name = s.item->text.find("..") == std::string::npos ? s.item->name : s.item->name + ' ' + label;
     const auto stationName = c.stationNames.find(station);
-    const std::string deviceName = stationName != c.stationNames.end()
-                                       ? stationName->second
-                                       : c.name + " station " + std::to_string(station);
+    const std::string deviceName = stationName != c.stationNames.end() ? stationName->second
+                                                                       : c.name + " station " + std::to_string(station);
 
     QJsonObject o{
         {"name", q(name)},
@@ -112,13 +112,12 @@ std::string HomeAssistant::configJson(size_t index) const
         // The gateway, the station and the value itself must all be well for a number
         // to mean anything; any of them failing shows the entity unavailable.
         {"availability_mode", "all"},
-        {"availability",
-         QJsonArray{availabilityOf(topics_ + "/status"), availabilityOf(topics_ + '/' + std::to_string(station) + "/status"),
-                    QJsonObject{{"topic", q(stateTopic)}, {"value_template", kQualityTemplate}}}},
-        {"device",
-         QJsonObject{{"identifiers", QJsonArray{q(nodeId_ + "_" + std::to_string(station))}},
-                     {"name", q(deviceName)},
-                     {"via_device", q(nodeId_)}}},
+        {"availability", QJsonArray{availabilityOf(topics_ + "/status"),
+                                    availabilityOf(topics_ + '/' + std::to_string(station) + "/status"),
+                                    QJsonObject{{"topic", q(stateTopic)}, {"value_template", kQualityTemplate}}}},
+        {"device", QJsonObject{{"identifiers", QJsonArray{q(nodeId_ + "_" + std::to_string(station))}},
+                               {"name", q(deviceName)},
+                               {"via_device", q(nodeId_)}}},
     };
     const std::string kind = component(index);
     if (s.point.area->isBit()) {
@@ -162,7 +161,10 @@ void HomeAssistant::announce()
         {"device", QJsonObject{{"identifiers", QJsonArray{q(nodeId_)}}, {"name", q(c.name)}}},
     };
     mqtt_.publish(Message{prefix_ + "/binary_sensor/" + nodeId_ + '/' + kGatewayObject + kConfig,
-                          QJsonDocument(gateway).toJson(QJsonDocument::Compact).toStdString(), kConfigQos, true, {},
+                          QJsonDocument(gateway).toJson(QJsonDocument::Compact).toStdString(),
+                          kConfigQos,
+                          true,
+                          {},
                           {}});
     for (size_t i = 0; i < model_.points().size(); ++i)
         mqtt_.publish(Message{configTopic(i), configJson(i), kConfigQos, true, {}, {}});

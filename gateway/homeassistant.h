@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "broker.h"
 #include "model.h"
 #include "mqtt_client.h"
-#include "broker.h"
 
 namespace rtugw {
 
@@ -37,8 +37,8 @@ private:
 
     Model &model_;
     MqttClient &mqtt_;
-    std::string prefix_;     // Home Assistant's discovery prefix
-    std::string topics_;     // the plain topics' prefix
+    std::string prefix_; // Home Assistant's discovery prefix
+    std::string topics_; // the plain topics' prefix
     std::string nodeId_;
     std::set<std::string> announced_; // config topics of the configured items
 };

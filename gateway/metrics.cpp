@@ -16,7 +16,8 @@ class Writer {
 public:
     void family(const char *name, const char *type, const char *help)
     {
-        text_ += std::string("# HELP ") + kPrefix + name + ' ' + help + "\n# TYPE " + kPrefix + name + ' ' + type + '\n';
+        text_ +=
+            std::string("# HELP ") + kPrefix + name + ' ' + help + "\n# TYPE " + kPrefix + name + ' ' + type + '\n';
     }
     void sample(const std::string &name, const std::string &labels, double value)
     {
@@ -55,8 +56,7 @@ std::string metricsText(const WebFigures &f, const std::map<int, bool> &stations
     w.one("silent_seconds_total", "counter", "Line time spent on requests that no station answered.",
           double(h.silentTime.count()) / 1e6);
 
-    w.family("replies_dropped_total", "counter",
-             "Bytes on the line that answered no request in flight, by reason.");
+    w.family("replies_dropped_total", "counter", "Bytes on the line that answered no request in flight, by reason.");
     static const char *const reasons[] = {"late", "doubled", "foreign", "malformed"};
     for (int r = 0; r < 4; ++r)
         w.sample("replies_dropped_total", label("reason", reasons[r]), double(h.line.dropped[r]));
@@ -66,19 +66,19 @@ std::string metricsText(const WebFigures &f, const std::map<int, bool> &stations
     w.sample("writes_total", label("result", "failed"), double(f.writes.failed));
     w.sample("writes_total", label("result", "refused"), double(f.writes.refused));
 
-    w.one("published_total", "counter", "Messages the broker acknowledged (QoS 1) or was sent (QoS 0).", double(f.mqtt.published));
+    w.one("published_total", "counter", "Messages the broker acknowledged (QoS 1) or was sent (QoS 0).",
+          double(f.mqtt.published));
     w.one("held_messages", "gauge", "Messages held while the broker is away.", double(f.mqtt.held));
-    w.one("buffer_dropped_total", "counter", "Intermediate values dropped from a full outbox.",
-          double(f.mqtt.dropped));
+    w.one("buffer_dropped_total", "counter", "Intermediate values dropped from a full outbox.", double(f.mqtt.dropped));
 
     w.family("station_up", "gauge", "1 when the station answered its last request.");
     for (const auto &[station, online] : stations)
         w.sample("station_up", label("station", std::to_string(station)), online ? 1 : 0);
     w.family("station_next_probe_seconds", "gauge",
              "Seconds until an offline station, polled no more, is tried again.");
-    const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(
-                         std::chrono::system_clock::now().time_since_epoch())
-                         .count();
+    const auto now =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
+            .count();
     for (const auto &[station, at] : f.nextProbe)
         w.sample("station_next_probe_seconds", label("station", std::to_string(station)),
                  double(std::max<int64_t>(0, at - now)) / 1000.0);

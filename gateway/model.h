@@ -28,36 +28,36 @@ using SystemTime = std::chrono::system_clock::time_point;
 
 struct PointState {
     Point point;
-    std::string path;        // STATION/AREA/ADDR, ADDR in the area's notation: "1/X/17"
+    std::string path; // STATION/AREA/ADDR, ADDR in the area's notation: "1/X/17"
     bool writable = false;
-    bool known = false;      // read at least once
-    uint32_t value = 0;      // unsigned; a 32-bit value whole
-    bool good = false;       // read since the last failure
-    std::string error;       // why it is bad
-    SystemTime ts{};         // when it was read, or found bad
-    int block = -1;          // the block it is polled in, once polled: into Model::blockReads()
+    bool known = false;               // read at least once
+    uint32_t value = 0;               // unsigned; a 32-bit value whole
+    bool good = false;                // read since the last failure
+    std::string error;                // why it is bad
+    SystemTime ts{};                  // when it was read, or found bad
+    int block = -1;                   // the block it is polled in, once polled: into Model::blockReads()
     const ItemConfig *item = nullptr; // where the configuration names it
 };
 
 struct StationState {
-    bool online = false;     // a read succeeded since the last silence
-    bool saidOffline = false; // "station N offline" was logged: its failures are counted, not logged
+    bool online = false;        // a read succeeded since the last silence
+    bool saidOffline = false;   // "station N offline" was logged: its failures are counted, not logged
     uint64_t quietFailures = 0; // failures since, not logged
 };
 
 // What a write request gets: once, whatever happens.
 struct WriteAnswer {
     bool ok = false;
-    bool refused = false;    // refused before anything was sent
-    uint32_t value = 0;      // written, when ok
+    bool refused = false; // refused before anything was sent
+    uint32_t value = 0;   // written, when ok
     std::string error;
 };
 using WriteDone = std::function<void(const WriteAnswer &)>;
 
 struct WriteCounters {
     uint64_t ok = 0;
-    uint64_t failed = 0;     // sent and not acknowledged, replaced, or dropped
-    uint64_t refused = 0;    // refused before anything was sent
+    uint64_t failed = 0;  // sent and not acknowledged, replaced, or dropped
+    uint64_t refused = 0; // refused before anything was sent
 };
 
 class Sink {

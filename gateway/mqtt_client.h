@@ -23,28 +23,28 @@ struct MqttSettings {
     std::string ca, cert, key; // files; cert and key only when the broker asks for one
     std::string clientId;
     std::string username, password;
-    int keepalive = 30;         // s
-    size_t buffer = 100000;     // messages held while the broker is away
-    Message will;               // published by the broker if the connection dies
-    Message birth;              // its counterpart: sent first on every connection, before anything held
+    int keepalive = 30;                     // s
+    size_t buffer = 100000;                 // messages held while the broker is away
+    Message will;                           // published by the broker if the connection dies
+    Message birth;                          // its counterpart: sent first on every connection, before anything held
     uint32_t sessionExpiry = 7 * 24 * 3600; // s the broker keeps the session (subscriptions, queued QoS 1)
 };
 
 struct MqttEvent {
     enum class Type {
-        Connected,    // sessionPresent says whether the broker kept our session
-        Lost,         // an established connection dropped
-        Failed,       // a connection attempt failed: text says why, once per change of reason
+        Connected, // sessionPresent says whether the broker kept our session
+        Lost,      // an established connection dropped
+        Failed,    // a connection attempt failed: text says why, once per change of reason
     };
     Type type;
     bool sessionPresent = false;
-    std::string text;           // for people: never contains the password
+    std::string text; // for people: never contains the password
 };
 
 struct MqttStats {
-    uint64_t published = 0;     // acknowledged by the broker (QoS 1) or written to it (QoS 0)
-    uint64_t held = 0;          // in the outbox now
-    uint64_t dropped = 0;       // intermediate values dropped from a full outbox
+    uint64_t published = 0; // acknowledged by the broker (QoS 1) or written to it (QoS 0)
+    uint64_t held = 0;      // in the outbox now
+    uint64_t dropped = 0;   // intermediate values dropped from a full outbox
 };
 
 // The broker as the gateway's logic sees it: the dialects, Home Assistant and the page

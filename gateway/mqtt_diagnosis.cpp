@@ -54,7 +54,8 @@ std::string connectFailureText(const ConnectFailure &f, const std::function<std:
         return refusalText(f.reason, f.username, f.clientId);
     const std::string where = f.host + ":" + std::to_string(f.port);
     if (f.tls && f.tlsDetail == "certificate verify failed")
-        return "TLS handshake with " + where + " failed: " + f.tlsDetail + " (the broker's certificate is not signed by " +
+        return "TLS handshake with " + where + " failed: " + f.tlsDetail +
+               " (the broker's certificate is not signed by " +
                (f.ca.empty() ? std::string("an authority the system trusts") : f.ca) + ")";
     if (f.tls && !f.tlsDetail.empty())
         return "TLS handshake with " + where + " failed: " + f.tlsDetail;

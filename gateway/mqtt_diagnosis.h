@@ -28,10 +28,10 @@ struct ConnectFailure {
     std::string host;
     int port = 0;
     bool tls = false;
-    std::string ca, cert;       // files as configured; empty when not given
+    std::string ca, cert; // files as configured; empty when not given
     std::string username, clientId;
-    int reason = 0;             // the broker's reason code (0x80 and up) when it refused the CONNECT
-    std::string tlsDetail;      // OpenSSL's first complaint, its reason alone
+    int reason = 0;        // the broker's reason code (0x80 and up) when it refused the CONNECT
+    std::string tlsDetail; // OpenSSL's first complaint, its reason alone
     Handshake handshake;
 };
 

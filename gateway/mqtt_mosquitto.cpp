@@ -90,7 +90,8 @@ bool chainTrusted(const std::string &host, int port, const std::string &ca)
     SSL_CTX *ctx = SSL_CTX_new(TLS_client_method());
     if (fd >= 0 && ctx && setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) == 0 &&
         setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0 &&
-        (ca.empty() ? SSL_CTX_set_default_verify_paths(ctx) : SSL_CTX_load_verify_locations(ctx, ca.c_str(), nullptr)) == 1 &&
+        (ca.empty() ? SSL_CTX_set_default_verify_paths(ctx)
+                    : SSL_CTX_load_verify_locations(ctx, ca.c_str(), nullptr)) == 1 &&
         connect(fd, found->ai_addr, found->ai_addrlen) == 0) {
         SSL *ssl = SSL_new(ctx);
         SSL_set_fd(ssl, fd);
@@ -138,7 +139,8 @@ struct Library {
 struct MosquittoMqttClient::Impl {
     explicit Impl(const MqttSettings &settings)
         : s(settings), where(settings.host + ":" + std::to_string(settings.port)),
-          sender(settings.buffer, up, [this](const Message &m) { return send(m); }, [this] { return handed.load(); })
+          sender(
+              settings.buffer, up, [this](const Message &m) { return send(m); }, [this] { return handed.load(); })
     {
     }
 
@@ -160,10 +162,10 @@ struct MosquittoMqttClient::Impl {
     std::vector<Message> incoming;
     std::vector<MqttEvent> events;
     bool attempting = false;
-    bool wasUp = false;      // the current connection got its CONNACK
-    int refusal = 0;         // the broker's CONNACK reason, when it refused
+    bool wasUp = false; // the current connection got its CONNACK
+    int refusal = 0;    // the broker's CONNACK reason, when it refused
     Clock::time_point attemptStarted{};
-    bool endAsked = false;   // the current attempt was told to end, taking too long
+    bool endAsked = false; // the current attempt was told to end, taking too long
     Clock::time_point nextAttempt{};
     Clock::duration backoff = kFirstRetry;
     std::string lastFailure; // reported already; a repeat of it is not news
@@ -213,16 +215,16 @@ bool MosquittoMqttClient::Impl::create(std::string *error)
     mosquitto_publish_v5_callback_set(mosq, onPublish);
     mosquitto_message_v5_callback_set(mosq, onMessage);
     mosquitto_log_callback_set(mosq, onLog);
-    if (!s.username.empty() && mosquitto_username_pw_set(mosq, s.username.c_str(),
-                                                         s.password.empty() ? nullptr : s.password.c_str()) != MOSQ_ERR_SUCCESS) {
+    if (!s.username.empty() &&
+        mosquitto_username_pw_set(mosq, s.username.c_str(), s.password.empty() ? nullptr : s.password.c_str()) !=
+            MOSQ_ERR_SUCCESS) {
         *error = "the broker client refuses the user name";
         return false;
     }
     if (s.tls) {
-        const int rc = mosquitto_tls_set(mosq, s.ca.empty() ? nullptr : s.ca.c_str(),
-                                         s.ca.empty() ? kSystemAuthorities : nullptr,
-                                         s.cert.empty() ? nullptr : s.cert.c_str(),
-                                         s.key.empty() ? nullptr : s.key.c_str(), nullptr);
+        const int rc = mosquitto_tls_set(
+            mosq, s.ca.empty() ? nullptr : s.ca.c_str(), s.ca.empty() ? kSystemAuthorities : nullptr,
+            s.cert.empty() ? nullptr : s.cert.c_str(), s.key.empty() ? nullptr : s.key.c_str(), nullptr);
         if (rc != MOSQ_ERR_SUCCESS) {
             *error = std::string("the TLS settings are refused: ") + mosquitto_strerror(rc);
             return false;
@@ -367,7 +369,8 @@ bool MosquittoMqttClient::Impl::send(const Message &m)
     return taken;
 }
 
-void MosquittoMqttClient::Impl::onConnect(mosquitto *, void *context, int rc, int flags, const mosquitto_property *props)
+void MosquittoMqttClient::Impl::onConnect(mosquitto *, void *context, int rc, int flags,
+                                          const mosquitto_property *props)
 {
     Impl *self = static_cast<Impl *>(context);
     if (rc != 0) {
@@ -421,8 +424,9 @@ void MosquittoMqttClient::Impl::onDisconnect(mosquitto *mosq, void *context, int
         return;
     }
     // A reason code from the broker's DISCONNECT, or the library's own error.
-    const std::string why = rc >= 0x80 ? disconnectText(rc)
-                                       : "the connection to " + self->where + " dropped (" + mosquitto_strerror(rc) + ")";
+    const std::string why = rc >= 0x80
+                                ? disconnectText(rc)
+                                : "the connection to " + self->where + " dropped (" + mosquitto_strerror(rc) + ")";
     std::lock_guard<std::mutex> lock(self->mu);
     self->backoff = kFirstRetry;
     self->nextAttempt = Clock::now() + self->backoff;
@@ -581,7 +585,10 @@ std::vector<MqttEvent> MosquittoMqttClient::takeEvents()
     return out;
 }
 
-bool MosquittoMqttClient::connected() const { return impl_->up; }
+bool MosquittoMqttClient::connected() const
+{
+    return impl_->up;
+}
 
 MqttStats MosquittoMqttClient::stats() const
 {

@@ -38,9 +38,9 @@ struct ValueUpdate {
     uint32_t key = 0;
     uint32_t value = 0;
     int64_t ms = 0;
-    bool known = false;      // read at least once
+    bool known = false; // read at least once
     bool good = false;
-    std::string error;       // why it is bad
+    std::string error; // why it is bad
 };
 // Makes a value's message; called on whatever thread sends, so it reads nothing that changes.
 using ValueFormatter = std::function<Message(const ValueUpdate &)>;
@@ -99,8 +99,8 @@ private:
         bool retain = false;
         bool known = false;
         bool good = false;
-        bool live = true;                    // false once dropped
-        bool replaceable = false;            // a newer reading may take its place
+        bool live = true;         // false once dropped
+        bool replaceable = false; // a newer reading may take its place
         Kind kind = Kind::Value;
     };
     Entry &at(uint64_t seq) { return entries_[size_t(seq - first_)]; }

@@ -39,7 +39,10 @@ MqttSender::MqttSender(size_t capacity, const std::atomic<bool> &brokerUp, Send 
 {
 }
 
-MqttSender::~MqttSender() { stop(); }
+MqttSender::~MqttSender()
+{
+    stop();
+}
 
 void MqttSender::start()
 {

@@ -90,8 +90,7 @@ std::string valueJson(const ValueUpdate &v)
 
 ValueUpdate valueUpdate(size_t index, const PointState &s)
 {
-    return ValueUpdate{uint32_t(index), s.value, msSinceEpoch(s.ts), s.known, s.good,
-                       s.good ? std::string() : s.error};
+    return ValueUpdate{uint32_t(index), s.value, msSinceEpoch(s.ts), s.known, s.good, s.good ? std::string() : s.error};
 }
 
 WriteRequestPayload parseWriteRequest(const std::string &payload)
@@ -133,8 +132,8 @@ std::string answerJson(const std::string &idJson, const WriteAnswer &a)
     return "{\"id\":" + idJson + ",\"ok\":false,\"error\":" + jsonString(a.error) + '}';
 }
 
-std::string statsJson(const rtuhost::Stats &h, const MqttStats &m, const WriteCounters &w,
-                      double pollsPerSecond, long long uptimeSeconds)
+std::string statsJson(const rtuhost::Stats &h, const MqttStats &m, const WriteCounters &w, double pollsPerSecond,
+                      long long uptimeSeconds)
 {
     const uint64_t *d = h.line.dropped;
     char text[768];

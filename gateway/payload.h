@@ -24,8 +24,8 @@ std::string valueJson(const ValueUpdate &v);
 // A write request's payload: a bare number, or {"value":1234,"id":...}.
 struct WriteRequestPayload {
     std::string idJson = "null";
-    std::string value;      // empty: not a number
-    std::string error;      // why the payload is unusable
+    std::string value; // empty: not a number
+    std::string error; // why the payload is unusable
 };
 WriteRequestPayload parseWriteRequest(const std::string &payload);
 // {"id":...,"ok":true,"value":1234} or {"id":...,"ok":false,"error":"..."}

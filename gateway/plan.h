@@ -24,8 +24,8 @@ struct LinePlan {
 };
 
 // False with a message naming the file, the line and the key.
-bool makePlan(const Config &config, const rtuhost::DriverApi &api, const rtuhost::Catalogue &catalogue,
-              LinePlan *plan, std::string *error);
+bool makePlan(const Config &config, const rtuhost::DriverApi &api, const rtuhost::Catalogue &catalogue, LinePlan *plan,
+              std::string *error);
 
 // The blocks the driver plans, in polling order, and where each value goes on the broker.
 void printPlan(const Config &config, const rtuhost::DriverApi &api, const rtuhost::Catalogue &catalogue,

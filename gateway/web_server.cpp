@@ -25,8 +25,8 @@ constexpr std::chrono::milliseconds kFiguresInterval{250};
 // request is answered with a time-out (the write may still land).
 constexpr std::chrono::seconds kWriteTimeout{10};
 
-constexpr int kOk = 200, kBadRequest = 400, kUnauthorized = 401, kForbidden = 403, kNotFound = 404,
-              kBadGateway = 502, kGatewayTimeout = 504;
+constexpr int kOk = 200, kBadRequest = 400, kUnauthorized = 401, kForbidden = 403, kNotFound = 404, kBadGateway = 502,
+              kGatewayTimeout = 504;
 
 constexpr const char kJson[] = "application/json";
 constexpr const char kItemPath[] = R"(/api/items/(\d+)/([^/]+)/([^/]+))";
@@ -70,8 +70,7 @@ bool WebPage::checkConfig(const Config &c, std::string *error)
 }
 
 WebPage::WebPage(Model &model, const Broker &broker)
-    : model_(model), broker_(broker),
-      state_(model, std::chrono::minutes(model.config().http.historyMinutes)),
+    : model_(model), broker_(broker), state_(model, std::chrono::minutes(model.config().http.historyMinutes)),
       server_(std::make_unique<httplib::Server>())
 {
     routes();
@@ -97,18 +96,16 @@ void WebPage::routes()
                             ",\"history_minutes\":" + std::to_string(c.http.historyMinutes) + '}',
                         kJson);
     });
-    s.Get("/api/items", [this](const httplib::Request &, httplib::Response &res) {
-        res.set_content(state_.itemsJson(), kJson);
-    });
+    s.Get("/api/items",
+          [this](const httplib::Request &, httplib::Response &res) { res.set_content(state_.itemsJson(), kJson); });
     s.Get(std::string(kItemPath) + "/history", [this](const httplib::Request &req, httplib::Response &res) {
         std::string json;
         if (!state_.historyJson(pathFrom(req), &json))
             return refuse(res, kNotFound, "no value " + pathFrom(req) + " is polled");
         res.set_content(json, kJson);
     });
-    s.Get("/api/stats", [this](const httplib::Request &, httplib::Response &res) {
-        res.set_content(state_.statsJson(), kJson);
-    });
+    s.Get("/api/stats",
+          [this](const httplib::Request &, httplib::Response &res) { res.set_content(state_.statsJson(), kJson); });
     s.Get("/metrics", [this](const httplib::Request &, httplib::Response &res) {
         res.set_content(metricsText(state_.figures(), state_.stations()), kMetricsContentType);
     });
@@ -146,9 +143,11 @@ void WebPage::routes()
         std::unique_lock<std::mutex> g(write->lock);
         if (!write->settled.wait_for(g, kWriteTimeout, [&] { return write->done || stopping_; })) {
             res.status = kGatewayTimeout;
-            res.set_content(answerJson(
-                                write->idJson, WriteAnswer{false, false, 0, "no answer within " + std::to_string(kWriteTimeout.count()) + " s; it may still land"}),
-                            kJson);
+            res.set_content(
+                answerJson(write->idJson, WriteAnswer{false, false, 0,
+                                                      "no answer within " + std::to_string(kWriteTimeout.count()) +
+                                                          " s; it may still land"}),
+                kJson);
             return;
         }
         const WriteAnswer &a = write->answer;

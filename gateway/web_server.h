@@ -10,8 +10,8 @@
 #include <string>
 #include <thread>
 
-#include "model.h"
 #include "broker.h"
+#include "model.h"
 #include "web_state.h"
 
 namespace httplib {

@@ -45,8 +45,7 @@ void CycleHistogram::add(double seconds)
 }
 
 WebState::WebState(const Model &model, std::chrono::minutes history)
-    : model_(model),
-      historyMs_(std::chrono::duration_cast<std::chrono::milliseconds>(history).count()),
+    : model_(model), historyMs_(std::chrono::duration_cast<std::chrono::milliseconds>(history).count()),
       resolutionMs_(historyMs_ / kSamplesPerValue)
 {
     const std::vector<PointState> &points = model.points();
@@ -132,7 +131,7 @@ void WebState::setReads(const std::vector<SystemTime> &reads)
         ms[b] = msSinceEpoch(reads[b]);
     std::lock_guard<std::mutex> g(lock_);
     if (ms == reads_)
-        return; // nothing polled since: the page has it
+        return;                       // nothing polled since: the page has it
     if (ms.size() != reads_.size()) { // a block polled for the first time
         blockOf_.resize(items_.size());
         for (size_t i = 0; i < items_.size(); ++i)
@@ -228,8 +227,8 @@ std::string WebState::stationsJsonLocked() const
 std::string WebState::figuresJsonLocked() const
 {
     const WebFigures &f = figures_;
-    const double meanCycleMs =
-        f.host.finished ? double(f.host.cycleTotal.count()) / 1000.0 / double(f.host.finished) : 0.0;
+    const double meanCycleMs = f.host.finished ? double(f.host.cycleTotal.count()) / 1000.0 / double(f.host.finished)
+                                               : 0.0;
     char extra[160];
     std::snprintf(extra, sizeof extra, ",\"mean_cycle_ms\":%.2f,\"broker_up\":%s,\"broker\":", meanCycleMs,
                   f.brokerUp ? "true" : "false");
@@ -238,8 +237,8 @@ std::string WebState::figuresJsonLocked() const
     for (const auto &[station, at] : f.nextProbe)
         probes += (probes.back() == '{' ? "\"" : ",\"") + std::to_string(station) + "\":" + std::to_string(at);
     // The stats topic's object, with what only the page shows added at its end.
-    return stats.substr(0, stats.size() - 1) + (stats.size() > 2 ? "" : "\"_\":0") + extra +
-           jsonString(f.brokerState) + probes + "}}";
+    return stats.substr(0, stats.size() - 1) + (stats.size() > 2 ? "" : "\"_\":0") + extra + jsonString(f.brokerState) +
+           probes + "}}";
 }
 
 std::string WebState::updatesSince(uint64_t *seen, std::chrono::milliseconds wait)

@@ -23,7 +23,7 @@ namespace rtugw {
 
 // One reading of a value for the trend; bad readings break the line.
 struct Sample {
-    int64_t ms = 0;          // since the epoch
+    int64_t ms = 0; // since the epoch
     uint32_t value = 0;
     bool good = true;
 };
@@ -35,7 +35,7 @@ constexpr std::array<double, 10> kCycleBuckets{0.005, 0.01, 0.025, 0.05, 0.1, 0.
 struct CycleHistogram {
     std::array<uint64_t, kCycleBuckets.size()> counts{}; // not cumulative
     uint64_t count = 0;
-    double sum = 0;          // s
+    double sum = 0; // s
     void add(double seconds);
 };
 
@@ -46,18 +46,18 @@ struct WebFigures {
     WriteCounters writes;
     bool brokerUp = false;
     std::string brokerState;
-    bool lineUp = false;     // some station answers
+    bool lineUp = false; // some station answers
     double pollsPerSecond = 0;
-    int64_t uptime = 0;      // s
+    int64_t uptime = 0; // s
     CycleHistogram cycle;
-    std::string statsJson;   // as the stats topic carries it
+    std::string statsJson;            // as the stats topic carries it
     std::map<int, int64_t> nextProbe; // offline station -> when it is tried next, ms since the epoch
 };
 
 // A write asked for over HTTP, answered by the loop.
 struct PendingWrite {
     std::string path;
-    std::string value;       // empty: refused with `refusal`
+    std::string value; // empty: refused with `refusal`
     std::string refusal;
     std::string idJson = "null";
     std::mutex lock;
@@ -98,9 +98,9 @@ public:
 
 private:
     struct Item {
-        std::string meta;        // "station":..,"area":.. fields, fixed
-        ValueUpdate value;       // made into its topic's payload when asked for
-        uint64_t seq = 0;        // when it last changed
+        std::string meta;  // "station":..,"area":.. fields, fixed
+        ValueUpdate value; // made into its topic's payload when asked for
+        uint64_t seq = 0;  // when it last changed
         std::deque<Sample> history;
     };
     std::string stationsJsonLocked() const;
@@ -113,15 +113,15 @@ private:
     mutable std::mutex lock_;
     std::condition_variable changed_;
     std::vector<Item> items_;
-    std::vector<size_t> marked_;  // the loop's own: changed since the last flush()
+    std::vector<size_t> marked_; // the loop's own: changed since the last flush()
     std::vector<bool> isMarked_;
     std::map<int, bool> stations_;
     uint64_t stationsSeq_ = 0;
     WebFigures figures_;
     uint64_t figuresSeq_ = 0;
     // The page works out each value's last read from its block's.
-    std::vector<int64_t> reads_;  // ms since the epoch, by block
-    std::vector<int> blockOf_;    // by value; -1 until polled
+    std::vector<int64_t> reads_; // ms since the epoch, by block
+    std::vector<int> blockOf_;   // by value; -1 until polled
     uint64_t readsSeq_ = 0;
     uint64_t blocksSeq_ = 0;
     uint64_t seq_ = 0;

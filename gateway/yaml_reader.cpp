@@ -19,8 +19,8 @@ namespace fs = std::filesystem;
 
 constexpr size_t kKiB = 1024;
 constexpr size_t kMaxNamedFileBytes = 4 * kKiB * kKiB; // a CA bundle, with room to spare
-constexpr size_t kMaxEchoed = 40;   // a value quoted back in a message is cut here
-constexpr size_t kMaxDigits = 18;   // fits a long long, far beyond every range here
+constexpr size_t kMaxEchoed = 40;                      // a value quoted back in a message is cut here
+constexpr size_t kMaxDigits = 18;                      // fits a long long, far beyond every range here
 
 // The first line, up to `last` (0: any), indented with a tab; 0 when none. YAML takes
 // only spaces there, and its parser's complaint about it does not say "tab".
@@ -57,9 +57,10 @@ bool loadYaml(const std::string &path, size_t limit, YAML::Node *root, std::stri
         const int tab = tabIndentedLine(text, e.mark.is_null() ? 0 : e.mark.line + 1);
         if (tab > 0)
             return r.fail(tab, "", "a tab: indent with spaces");
-        *error = path + (e.mark.is_null() ? "" : ":" + std::to_string(e.mark.line + 1) + ":" +
-                                                     std::to_string(e.mark.column + 1)) +
-                 ": not valid YAML: " + e.msg;
+        *error =
+            path +
+            (e.mark.is_null() ? "" : ":" + std::to_string(e.mark.line + 1) + ":" + std::to_string(e.mark.column + 1)) +
+            ": not valid YAML: " + e.msg;
     } catch (const std::exception &e) {
         *error = path + ": cannot be read as a configuration: " + e.what();
     }

@@ -39,8 +39,7 @@ std::string systemError(const std::string &what, const std::string &file)
 std::string isoUtc(WallTime t)
 {
     const std::tm tm = utc(t);
-    const auto ms =
-        std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count() % 1000;
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count() % 1000;
     char text[64];
     std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", tm.tm_year + 1900, tm.tm_mon + 1,
                   tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, int(ms < 0 ? ms + 1000 : ms));
@@ -134,7 +133,7 @@ bool CsvLog::openFile(const std::string &file, std::string *error)
         *error = systemError("cannot open", file);
         return false;
     }
-    struct stat st{};
+    struct stat st {};
     fstat(fd_, &st);
     if (settings_.daily)
         enforceCap(); // counts the files, with this one
@@ -175,7 +174,8 @@ void CsvLog::enforceCap()
     std::error_code ec;
     for (const fs::directory_entry &e : fs::directory_iterator(dir, ec)) {
         const std::string name = e.path().filename().string();
-        if (name.size() == prefix.size() + kDateLength + sizeof kSuffix - 1 && name.compare(0, prefix.size(), prefix) == 0 &&
+        if (name.size() == prefix.size() + kDateLength + sizeof kSuffix - 1 &&
+            name.compare(0, prefix.size(), prefix) == 0 &&
             name.compare(name.size() - (sizeof kSuffix - 1), sizeof kSuffix - 1, kSuffix) == 0 && e.is_regular_file(ec))
             files.emplace_back(e.path().string(), e.file_size(ec));
     }

@@ -85,7 +85,8 @@ QString HostSettings::propertyText() const
 QString Stats::summary() const
 {
     const double seconds = std::max(1e-6, elapsed.count() / 1e6);
-    const double loss = framesSent ? 100.0 * double(framesSent - std::min(accepted, framesSent)) / double(framesSent) : 0.0;
+    const double loss = framesSent ? 100.0 * double(framesSent - std::min(accepted, framesSent)) / double(framesSent)
+                                   : 0.0;
     const double cycleMs = finished ? cycleTotal.count() / 1000.0 / double(finished) : 0.0;
     const uint64_t *d = line.dropped;
     return QStringLiteral("--- %1 frames sent, %2 replies accepted, %3 retries, %4 failures, %5% loss, "
@@ -625,8 +626,7 @@ void Host::serveOne(const std::atomic<bool> &stop)
             events_.requestFailed(f, failure);
         }
         if (failure.kind == Failure::Kind::NoReply || failure.kind == Failure::Kind::BadReply) {
-            stats_.silentTime +=
-                std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - requestStarted_);
+            stats_.silentTime += std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - requestStarted_);
             if (!once || probing_)
                 goOffline(f, Clock::now(), failure.why);
         }
@@ -722,8 +722,7 @@ void Host::afterRead(const FRAME_PRO &f)
     for (const auto &[id, same] : seen) {
         const PendingWrite *w = pending(id);
         const Point &p = w->request.target.points.front();
-        settle(id, same ? WriteOutcome::Confirmed : WriteOutcome::NotConfirmed,
-               QString::number(readValue(api_, p)));
+        settle(id, same ? WriteOutcome::Confirmed : WriteOutcome::NotConfirmed, QString::number(readValue(api_, p)));
     }
 }
 

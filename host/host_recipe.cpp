@@ -37,8 +37,8 @@ void Host::advanceRecipe()
         if (job_.download) {
             putRecipeValues(*job_.recipe, job_.values, recipeBuffer_);
             events_.note(QStringLiteral("recipe download: %1 values in %2 variables")
-                          .arg(job_.recipe->units().size())
-                          .arg(job_.recipe->variables().size()));
+                             .arg(job_.recipe->units().size())
+                             .arg(job_.recipe->variables().size()));
             recipeStage_ = RecipeStage::Downloading;
             setCommand(RTUPLC_RCP_DOWNLOAD_BYTE);
         } else {

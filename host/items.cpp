@@ -19,13 +19,13 @@ QString notationName(int base)
 
 QString rangeText(const Area &a)
 {
-    return QStringLiteral("%1 has addresses %2..%3 (%4)").arg(a.name, a.lowestText, a.highestText, notationName(a.base));
+    return QStringLiteral("%1 has addresses %2..%3 (%4)")
+        .arg(a.name, a.lowestText, a.highestText, notationName(a.base));
 }
 
 // Checks one address text for `count` units with the driver; on success *address
 // holds it.
-bool checkAddress(const DriverApi &api, const Area &area, const QString &text, int count, int *address,
-                  QString *error)
+bool checkAddress(const DriverApi &api, const Area &area, const QString &text, int count, int *address, QString *error)
 {
     int addr = 0;
     const int r = api.checkAddrValidity(area.name, text, &addr, count, area.isBit() ? 0 : 1);
@@ -42,8 +42,8 @@ bool checkAddress(const DriverApi &api, const Area &area, const QString &text, i
         else if (count <= area.countPerValue())
             *error = QStringLiteral("%1:%2 is refused for a whole value: %3").arg(area.name, text, rangeText(area));
         else
-            *error = QStringLiteral("%1 from %2 runs past the highest address %3").arg(area.name, text,
-                                                                                       area.highestText);
+            *error =
+                QStringLiteral("%1 from %2 runs past the highest address %3").arg(area.name, text, area.highestText);
         return false;
     case RTUPLC_ADDR_UNKNOWN_AREA:
         *error = QStringLiteral("the driver does not know the area %1").arg(area.name);
@@ -134,8 +134,8 @@ KEY_ADDRESS Item::key() const
     return k;
 }
 
-bool parseItem(const QString &text, int defaultStation, const Catalogue &catalogue, const DriverApi &api,
-               Item *item, QString *error, bool broadcast)
+bool parseItem(const QString &text, int defaultStation, const Catalogue &catalogue, const DriverApi &api, Item *item,
+               QString *error, bool broadcast)
 {
     static const QRegularExpression form(
         QStringLiteral("^([A-Za-z0-9_]+):([0-9A-Za-z]+)(?:\\.\\.([0-9A-Za-z]+))?(?:@([0-9]+))?$"));
@@ -161,8 +161,8 @@ bool parseItem(const QString &text, int defaultStation, const Catalogue &catalog
         if ((it.station < kLowestStation && !(broadcast && it.station == kBroadcastStation)) ||
             it.station > kHighestStation) {
             const QString stations = QStringLiteral("%1..%2").arg(kLowestStation).arg(kHighestStation);
-            const QString orBroadcast =
-                broadcast ? QStringLiteral(" (or %1, the broadcast)").arg(kBroadcastStation) : QString();
+            const QString orBroadcast = broadcast ? QStringLiteral(" (or %1, the broadcast)").arg(kBroadcastStation)
+                                                  : QString();
             *error = QStringLiteral("\"%1\": station %2 is not %3%4").arg(text, m.captured(4), stations, orBroadcast);
             return false;
         }

@@ -1,11 +1,11 @@
 #include "rtuplc_host/link.h"
 
 #include <fcntl.h>
+#include <linux/serial.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <linux/serial.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <termios.h>
@@ -333,7 +333,7 @@ bool Link::keepQuiet(const FRAME_PRO &frame, Exchange &x, const std::atomic<bool
                 took(bytes, at, false);
                 x.reply = matcher_.reply();
                 x.outcome = matcher_.verdict() == rtuplc::MatchVerdict::Reply ? Exchange::Outcome::Reply
-                                                                               : Exchange::Outcome::Exception;
+                                                                              : Exchange::Outcome::Exception;
                 stats_.guardTotal += std::chrono::duration_cast<std::chrono::microseconds>(at - started);
                 return true;
             }
@@ -423,7 +423,7 @@ Exchange Link::exchange(const FRAME_PRO &frame, std::chrono::microseconds timeou
         took(bytes, Clock::now(), true);
         x.reply = matcher_.reply();
         x.outcome = matcher_.verdict() == rtuplc::MatchVerdict::Reply ? Exchange::Outcome::Reply
-                                                                       : Exchange::Outcome::Exception;
+                                                                      : Exchange::Outcome::Exception;
     } else {
         matcher_.finish(false);
         x.outcome = Exchange::Outcome::NoReply; // the driver takes nothing as a time-out

@@ -33,7 +33,10 @@ void logv(LogPriority priority, const char *format, va_list args)
 
 } // namespace
 
-void setLogProgram(const char *name) { program = name; }
+void setLogProgram(const char *name)
+{
+    program = name;
+}
 
 bool logToJournal()
 {
@@ -53,13 +56,13 @@ void logMessage(LogPriority priority, const std::string &text)
     std::fflush(stderr);
 }
 
-#define RTUPLC_LOG_FUNCTION(name, priority)                                                                           \
-    void name(const char *format, ...)                                                                                \
-    {                                                                                                                 \
-        va_list args;                                                                                                 \
-        va_start(args, format);                                                                                       \
-        logv(priority, format, args);                                                                                 \
-        va_end(args);                                                                                                 \
+#define RTUPLC_LOG_FUNCTION(name, priority)                                                                            \
+    void name(const char *format, ...)                                                                                 \
+    {                                                                                                                  \
+        va_list args;                                                                                                  \
+        va_start(args, format);                                                                                        \
+        logv(priority, format, args);                                                                                  \
+        va_end(args);                                                                                                  \
     }
 RTUPLC_LOG_FUNCTION(logError, LogPriority::Error)
 RTUPLC_LOG_FUNCTION(logWarning, LogPriority::Warning)

@@ -90,7 +90,9 @@ bool Recipe::load(const QString &path, int defaultStation, const Catalogue &cata
             return false;
         }
         if (v.units() > kMaxRecipeVariableUnits) {
-            *error = at + QStringLiteral(": a recipe variable holds at most %1 units; split it").arg(kMaxRecipeVariableUnits);
+            *error =
+                at +
+                QStringLiteral(": a recipe variable holds at most %1 units; split it").arg(kMaxRecipeVariableUnits);
             return false;
         }
         if (v.offset < 0 || v.offset + v.words() > kRecipeBufferWords) {
@@ -126,7 +128,8 @@ bool Recipe::load(const QString &path, int defaultStation, const Catalogue &cata
     for (const RecipeVariable &v : variables_)
         sorted.push_back(&v);
     std::stable_sort(sorted.begin(), sorted.end(), [](const RecipeVariable *a, const RecipeVariable *b) {
-        return std::make_tuple(a->station, a->area->name, a->start) < std::make_tuple(b->station, b->area->name, b->start);
+        return std::make_tuple(a->station, a->area->name, a->start) <
+               std::make_tuple(b->station, b->area->name, b->start);
     });
     for (size_t i = 1; i < sorted.size(); ++i) {
         const RecipeVariable &a = *sorted[i - 1], &b = *sorted[i];

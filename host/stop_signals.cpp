@@ -17,7 +17,7 @@ void onSignal(int)
 
 const std::atomic<bool> &stopOnSignals()
 {
-    struct sigaction sa{};
+    struct sigaction sa {};
     sa.sa_handler = onSignal;
     sigemptyset(&sa.sa_mask);
     sigaction(SIGINT, &sa, nullptr);

@@ -57,8 +57,8 @@
 // Kinds of request, as the driver numbers them in FRAME_PRO::reqKind and in the kind
 // passed to intf_setData (writes) and intf_addConditionRead (one-shot reads).
 enum RtuplcRequestKind {
-    RTUPLC_KIND_IDLE = 0,            // nothing in flight
-    RTUPLC_KIND_HANDSHAKE = 1,       // a record with no bytes to send, no reply expected
+    RTUPLC_KIND_IDLE = 0,      // nothing in flight
+    RTUPLC_KIND_HANDSHAKE = 1, // a record with no bytes to send, no reply expected
     RTUPLC_KIND_WRITE = 2,
     RTUPLC_KIND_CONDITION_READ = 3,
     RTUPLC_KIND_MONITOR_READ = 4,
@@ -83,12 +83,12 @@ enum RtuplcReplyResult {
 // intf_checkAddrValidity and intf_checkAddr.
 enum RtuplcAddressCheck {
     RTUPLC_ADDR_VALID = 0,
-    RTUPLC_ADDR_WRONG_USE = 1,      // bit use of a word area, or word use of a bit area
-    RTUPLC_ADDR_OUT_OF_RANGE = 2,   // below the lowest address, or running past the highest
+    RTUPLC_ADDR_WRONG_USE = 1,    // bit use of a word area, or word use of a bit area
+    RTUPLC_ADDR_OUT_OF_RANGE = 2, // below the lowest address, or running past the highest
     RTUPLC_ADDR_UNKNOWN_AREA = 3,
-    RTUPLC_ADDR_UNREADABLE = 4,     // the text is not a number in the area's notation
-    RTUPLC_ADDR_BAD_DATA_TYPE = 5,  // intf_checkAddr: a 32-bit area and a data type not 1, 3, 5, 6 or 9
-    RTUPLC_ADDR_READ_ONLY = 6,      // intf_checkAddr: a read-only area to be written
+    RTUPLC_ADDR_UNREADABLE = 4,    // the text is not a number in the area's notation
+    RTUPLC_ADDR_BAD_DATA_TYPE = 5, // intf_checkAddr: a 32-bit area and a data type not 1, 3, 5, 6 or 9
+    RTUPLC_ADDR_READ_ONLY = 6,     // intf_checkAddr: a read-only area to be written
 };
 
 // Data-type code of intf_checkAddr that means a single bit.
@@ -98,7 +98,7 @@ constexpr int RTUPLC_DATA_TYPE_BIT = -1;
 enum RtuplcCopyResult {
     RTUPLC_COPY_UNKNOWN_AREA = 0, // or a null list, or too many copies: nothing appended
     RTUPLC_COPY_IN_RANGE = 1,
-    RTUPLC_COPY_CLIPPED = 2,      // some addresses were replaced by the area's highest
+    RTUPLC_COPY_CLIPPED = 2, // some addresses were replaced by the area's highest
 };
 // Steps of intf_multiCopy that count in words rather than addresses.
 constexpr int RTUPLC_STEP_WORD = -1;
@@ -133,14 +133,14 @@ constexpr int RTUPLC_BATCH_FAILED = -1;
 constexpr const char *RTUPLC_NOTICE_RECIPE_TEXT = "RWI";
 
 // Limits.
-constexpr int RTUPLC_MAX_READ_UNITS = 128;       // units one read block covers at most
-constexpr int RTUPLC_RECORD_DATA_BYTES = 1024;   // the data bytes of a record
-constexpr int RTUPLC_FRAME_BYTES = 1024;         // the frame bytes of a FRAME_PRO
+constexpr int RTUPLC_MAX_READ_UNITS = 128;                           // units one read block covers at most
+constexpr int RTUPLC_RECORD_DATA_BYTES = 1024;                       // the data bytes of a record
+constexpr int RTUPLC_FRAME_BYTES = 1024;                             // the frame bytes of a FRAME_PRO
 constexpr int RTUPLC_MAX_WRITE_WORDS = RTUPLC_RECORD_DATA_BYTES / 2; // intf_setData, word areas
 constexpr int RTUPLC_MAX_WRITE_BITS = RTUPLC_RECORD_DATA_BYTES;      // intf_setData, bit areas
-constexpr int RTUPLC_MAX_HOST_UNITS = 65536;     // one Modbus address space: the largest call
-constexpr int RTUPLC_QUEUE_LAST = 512;           // write and condition queues hold indices 0..512
-constexpr int RTUPLC_DEFAULT_SPLIT_WORDS = 64;   // split size while maxBlockLen is 0 or less
+constexpr int RTUPLC_MAX_HOST_UNITS = 65536;                         // one Modbus address space: the largest call
+constexpr int RTUPLC_QUEUE_LAST = 512;                               // write and condition queues hold indices 0..512
+constexpr int RTUPLC_DEFAULT_SPLIT_WORDS = 64;                       // split size while maxBlockLen is 0 or less
 
 // ---------------------------------------------------------------------------------
 // Records. Field order and widths are part of the interface; every record starts
@@ -149,16 +149,16 @@ constexpr int RTUPLC_DEFAULT_SPLIT_WORDS = 64;   // split size while maxBlockLen
 // One address block: what a screen monitors (intf_addrMerge) or reads once
 // (intf_addConditionRead). Word-area lengths are given in 16-bit registers.
 struct KEY_ADDRESS {
-    QString keyName;          // host's own, copied, never interpreted
-    int32_t keyField1 = 0;    // host's own
-    int32_t keyField2 = 0;    // host's own
-    int32_t station = 0;      // Modbus station (slave address)
-    QString regName;          // register area name, e.g. "D_W", "X", "32C"
-    QString keyText;          // host's own
-    int32_t startAddr = 0;    // first address, in the area's units
-    int32_t bitPos = 0;       // -1: one byte per unit (bits); otherwise two (words)
-    int32_t len = 0;          // number of units
-    uint8_t data[RTUPLC_RECORD_DATA_BYTES] = {};  // value bytes
+    QString keyName;                             // host's own, copied, never interpreted
+    int32_t keyField1 = 0;                       // host's own
+    int32_t keyField2 = 0;                       // host's own
+    int32_t station = 0;                         // Modbus station (slave address)
+    QString regName;                             // register area name, e.g. "D_W", "X", "32C"
+    QString keyText;                             // host's own
+    int32_t startAddr = 0;                       // first address, in the area's units
+    int32_t bitPos = 0;                          // -1: one byte per unit (bits); otherwise two (words)
+    int32_t len = 0;                             // number of units
+    uint8_t data[RTUPLC_RECORD_DATA_BYTES] = {}; // value bytes
 
     KEY_ADDRESS() = default;
     KEY_ADDRESS(const KEY_ADDRESS &) = default;
@@ -169,12 +169,12 @@ struct KEY_ADDRESS {
 // One request frame and the exact shape of its reply.
 struct FRAME_PRO {
     uint8_t frame[RTUPLC_FRAME_BYTES] = {}; // request bytes to transmit
-    int32_t frameLen = 0;     // bytes of `frame` to transmit (0: nothing)
-    int32_t replyLen = 0;     // exact reply length expected (0: no reply)
-    int32_t dataPos = 0;      // first data byte in the reply (3 for reads)
-    int32_t dataLen = 0;      // units a read reply carries; 0 for writes
-    int32_t hostWord = 0;     // the host's; the driver leaves it 0
-    int32_t reqKind = 0;      // an RtuplcRequestKind, as queued
+    int32_t frameLen = 0;                   // bytes of `frame` to transmit (0: nothing)
+    int32_t replyLen = 0;                   // exact reply length expected (0: no reply)
+    int32_t dataPos = 0;                    // first data byte in the reply (3 for reads)
+    int32_t dataLen = 0;                    // units a read reply carries; 0 for writes
+    int32_t hostWord = 0;                   // the host's; the driver leaves it 0
+    int32_t reqKind = 0;                    // an RtuplcRequestKind, as queued
     int32_t station = 0;
     QString regName;
     int32_t startAddr = 0;
@@ -184,13 +184,13 @@ struct FRAME_PRO {
 
 // One recipe variable. rcpOffset is counted in 16-bit words of the recipe buffer.
 struct _RCP_VAR_PRO {
-    int32_t driverId = 0;     // only variables of this driver's id are taken
+    int32_t driverId = 0; // only variables of this driver's id are taken
     int32_t station = 0;
     QString regName;
     int32_t startAddr = 0;
-    int32_t len = 0;          // in 16-bit registers for word areas, bits for bit areas
+    int32_t len = 0; // in 16-bit registers for word areas, bits for bit areas
     int32_t rcpOffset = 0;
-    int32_t rcpAux = 0;       // host's own
+    int32_t rcpAux = 0; // host's own
 };
 
 // Value-change notification: (driverId, station, item text, address). The text lives
@@ -259,8 +259,8 @@ RTUPLC_EXPORT void intf_setAddrValueChangeCallBack(AddrValueChangeCallBack fn);
 // gap and cuts long reads and writes at RTUPLC_DEFAULT_SPLIT_WORDS words (8 times as
 // many bits).
 // Example: intf_initProperty(memory, 0, recipe, &err, "1#0#0#3#64", &memoryLock);
-RTUPLC_EXPORT int intf_initProperty(unsigned char *hostMem, intptr_t ignored, unsigned short *rcpBuf,
-                                    int *errorCode, const char *propertyText, QMutex *hostLock);
+RTUPLC_EXPORT int intf_initProperty(unsigned char *hostMem, intptr_t ignored, unsigned short *rcpBuf, int *errorCode,
+                                    const char *propertyText, QMutex *hostLock);
 
 // ---------------------------------------------------------------------------------
 // Register catalogue (editor). These read constant tables only.
@@ -290,16 +290,16 @@ RTUPLC_EXPORT int intf_getRegDiscription(const QString &regName, QStringList *in
 // unreadable); a null addr gives RTUPLC_ADDR_UNREADABLE where one of those would be; a
 // count of 0 or below puts no end on the range.
 // Example: intf_checkAddrValidity("X", "17", &addr, 1, 0); // RTUPLC_ADDR_VALID, addr 15
-RTUPLC_EXPORT int intf_checkAddrValidity(const QString &regName, const QString &addrText, int *addr,
-                                         int count, int wordUse);
+RTUPLC_EXPORT int intf_checkAddrValidity(const QString &regName, const QString &addrText, int *addr, int count,
+                                         int wordUse);
 
 // intf_checkAddr: as intf_checkAddrValidity, with the use given by a data-type code
 // (RTUPLC_DATA_TYPE_BIT: a single bit) and a read/write flag (1 or 2: will be written).
 // Returns: as intf_checkAddrValidity, plus RTUPLC_ADDR_BAD_DATA_TYPE and
 // RTUPLC_ADDR_READ_ONLY.
 // Example: intf_checkAddr("D_D", "100", &addr, 3, 2, 1); // RTUPLC_ADDR_VALID
-RTUPLC_EXPORT int intf_checkAddr(const QString &regName, const QString &addrText, int *addr,
-                                 int dataType, int count, int rw);
+RTUPLC_EXPORT int intf_checkAddr(const QString &regName, const QString &addrText, int *addr, int dataType, int count,
+                                 int rw);
 
 // intf_multiCopy: appends `count` addresses start, start+step, ... to *values and
 // their texts, in the area's notation, to *texts. A step of RTUPLC_STEP_WORD or
@@ -312,8 +312,8 @@ RTUPLC_EXPORT int intf_checkAddr(const QString &regName, const QString &addrText
 // RTUPLC_COPY_UNKNOWN_AREA with nothing appended; a negative address is written as its
 // unsigned 32-bit value.
 // Example: intf_multiCopy("X", 8, 3, 8, &texts, &values); // 8 16 24, "10" "20" "30"
-RTUPLC_EXPORT int intf_multiCopy(const QString &regName, int start, int count, int step,
-                                 QVector<QString> *texts, QVector<int> *values);
+RTUPLC_EXPORT int intf_multiCopy(const QString &regName, int start, int count, int step, QVector<QString> *texts,
+                                 QVector<int> *values);
 
 // ---------------------------------------------------------------------------------
 // Communication cycle.
@@ -408,8 +408,7 @@ RTUPLC_EXPORT int intf_getData(int station, QString regName, int addr, int count
 // RTUPLC_MAX_HOST_UNITS or an address range past the largest int. A queue holding
 // RTUPLC_QUEUE_LAST + 1 writes recycles its last entry.
 // Example: unsigned char v[2] = {0xD2, 0x04}; intf_setData(1, "D_W", 100, 1, v, RTUPLC_KIND_WRITE);
-RTUPLC_EXPORT int intf_setData(int station, QString regName, int addr, int count, unsigned char *data,
-                               int reqKind);
+RTUPLC_EXPORT int intf_setData(int station, QString regName, int addr, int count, unsigned char *data, int reqKind);
 
 } // extern "C"
 

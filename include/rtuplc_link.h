@@ -62,13 +62,13 @@ constexpr uint8_t kWriteSingleCoil = 0x05;
 constexpr uint8_t kWriteSingleRegister = 0x06;
 constexpr uint8_t kWriteMultipleCoils = 0x0F;
 constexpr uint8_t kWriteMultipleRegisters = 0x10;
-constexpr uint8_t kExceptionFlag = 0x80;         // set in the function byte of an exception reply
+constexpr uint8_t kExceptionFlag = 0x80; // set in the function byte of an exception reply
 
 constexpr size_t kCrcBytes = 2;
-constexpr size_t kExceptionReplyBytes = 5;       // station, function | 0x80, code, CRC
-constexpr size_t kWriteEchoBytes = 8;            // station, function, address, quantity, CRC
-constexpr size_t kReadReplyFramingBytes = 5;     // station, function, byte count, CRC
-constexpr size_t kMaxFrameBytes = 256;           // the RTU frame limit
+constexpr size_t kExceptionReplyBytes = 5;   // station, function | 0x80, code, CRC
+constexpr size_t kWriteEchoBytes = 8;        // station, function, address, quantity, CRC
+constexpr size_t kReadReplyFramingBytes = 5; // station, function, byte count, CRC
+constexpr size_t kMaxFrameBytes = 256;       // the RTU frame limit
 
 namespace detail {
 struct CrcTable {

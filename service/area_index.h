@@ -25,9 +25,9 @@ struct _DATA_ {
 
 // Monitor flag bits of a data area.
 enum MonitorFlag {
-    MON_UNIT = 1 << 0,      // the unit itself is watched
-    MON_DWORD_LO = 1 << 1,  // first register of a watched 32-bit value
-    MON_DWORD_HI = 1 << 2,  // second register of a watched 32-bit value
+    MON_UNIT = 1 << 0,     // the unit itself is watched
+    MON_DWORD_LO = 1 << 1, // first register of a watched 32-bit value
+    MON_DWORD_HI = 1 << 2, // second register of a watched 32-bit value
 };
 
 // Texts of the items a change report names for one area name P: P, P_W, P_D, where
@@ -91,10 +91,10 @@ private:
     static constexpr int kNearPrefixes = 32;
     std::vector<int32_t> nearTables_;
     std::unordered_map<uint64_t, int> tableIds_;
-    int lastTable_ = -1;                         // a block or a screen stays on one table
-    std::vector<int32_t> cells_;                 // area positions, -1 where none
-    std::unordered_map<uint64_t, int32_t> far_;  // (table, address) outside the pages
-    int indexed_ = 0;                            // number of areas the index describes
+    int lastTable_ = -1;                        // a block or a screen stays on one table
+    std::vector<int32_t> cells_;                // area positions, -1 where none
+    std::unordered_map<uint64_t, int32_t> far_; // (table, address) outside the pages
+    int indexed_ = 0;                           // number of areas the index describes
     struct Prefix {
         QString name;
         ItemTexts texts;

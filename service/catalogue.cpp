@@ -41,7 +41,6 @@ bool isLongDataType(int dataType)
     }
 }
 
-
 } // namespace
 
 int validateAddress(const QString *row, const QString &regName, const QString &addrText, int *addr, int count,
@@ -162,8 +161,8 @@ RTUPLC_EXPORT int intf_checkAddrValidity(const QString &regName, const QString &
     });
 }
 
-RTUPLC_EXPORT int intf_checkAddr(const QString &regName, const QString &addrText, int *addr, int dataType,
-                                 int count, int rw)
+RTUPLC_EXPORT int intf_checkAddr(const QString &regName, const QString &addrText, int *addr, int dataType, int count,
+                                 int rw)
 {
     return guarded(3, [&] {
         const int reg = getIndexFromRegName(regName);
@@ -178,8 +177,8 @@ RTUPLC_EXPORT int intf_checkAddr(const QString &regName, const QString &addrText
     });
 }
 
-RTUPLC_EXPORT int intf_multiCopy(const QString &regName, int start, int count, int step,
-                                 QVector<QString> *texts, QVector<int> *values)
+RTUPLC_EXPORT int intf_multiCopy(const QString &regName, int start, int count, int step, QVector<QString> *texts,
+                                 QVector<int> *values)
 {
     if (texts == nullptr || values == nullptr || count > RTUPLC_MAX_HOST_UNITS)
         return RTUPLC_COPY_UNKNOWN_AREA;
@@ -190,8 +189,7 @@ RTUPLC_EXPORT int intf_multiCopy(const QString &regName, int start, int count, i
         const QString *row = ADDRESS_RANGE_PRO[reg];
         int highest = 0;
         a2i(row[COL_HIGHEST], highest, row[COL_NOTATION], regName);
-        return multiCp(regName, row[COL_NOTATION], start, count, step, *texts, *values, highest,
-                       row[COL_HIGHEST]);
+        return multiCp(regName, row[COL_NOTATION], start, count, step, *texts, *values, highest, row[COL_HIGHEST]);
     });
 }
 

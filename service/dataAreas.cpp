@@ -45,7 +45,6 @@ int getIndexOfDataArea(int station, const QString &name, int addr, QList<_DATA_>
 // ---------------------------------------------------------------------------------
 // Change reports.
 
-
 namespace {
 // What a report needs of an area, copied out before the first callback: a callback
 // may call back into the driver and grow the list of areas.

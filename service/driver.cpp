@@ -94,8 +94,8 @@ RTUPLC_EXPORT void intf_setAddrValueChangeCallBack(AddrValueChangeCallBack fn)
     driver.addrValueChangeCallBack = fn;
 }
 
-RTUPLC_EXPORT int intf_initProperty(unsigned char *hostMem, intptr_t ignored, unsigned short *rcpBuf,
-                                    int *errorCode, const char *propertyText, QMutex *hostLock)
+RTUPLC_EXPORT int intf_initProperty(unsigned char *hostMem, intptr_t ignored, unsigned short *rcpBuf, int *errorCode,
+                                    const char *propertyText, QMutex *hostLock)
 {
     Q_UNUSED(ignored); // one machine word of the documented signature that this driver has no use for
     if (errorCode)
@@ -146,7 +146,7 @@ void notifyHost(int driverId, int station, const QString &item, int addr)
 {
     AddrValueChangeCallBack cb = driver.addrValueChangeCallBack;
     if (cb == nullptr)
-        return; // no callback installed: the host polls with intf_getData instead
+        return;          // no callback installed: the host polls with intf_getData instead
     QString text = item; // the host may change its copy; ours stays intact
     cb(driverId, station, text, addr);
 }

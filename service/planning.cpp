@@ -197,7 +197,8 @@ std::vector<MergeItem> addrMerge(std::vector<MergeItem> items, int mode, QList<i
             const uint32_t n = static_cast<uint32_t>(driver.regList.size());
             weight = (uint32_t(it.station) * n + uint32_t(p)) * kWeightStep + uint32_t(int(it.startAddr));
         } else { // unknown areas merge only with their very own name
-            weight = getRegAddressWeight(it.station, it.regName, static_cast<int>(it.startAddr), static_cast<int>(it.len));
+            weight =
+                getRegAddressWeight(it.station, it.regName, static_cast<int>(it.startAddr), static_cast<int>(it.len));
         }
         order.push_back((uint64_t(weight) << 32) | uint64_t(i));
     }
@@ -228,7 +229,8 @@ void addrMerge(QList<KEY_ADDRESS> &keys, int mode)
         const KEY_ADDRESS &k = keys.at(i);
         items.push_back(MergeItem{k.station, k.regName, k.startAddr, k.len, i, k.keyField2});
     }
-    const std::vector<MergeItem> blocks = addrMerge(std::move(items), mode, mode == MERGE_RECIPE ? &driver.rcpReqStart : nullptr);
+    const std::vector<MergeItem> blocks =
+        addrMerge(std::move(items), mode, mode == MERGE_RECIPE ? &driver.rcpReqStart : nullptr);
     QList<KEY_ADDRESS> result;
     result.reserve(static_cast<int>(blocks.size()));
     for (const MergeItem &b : blocks) {

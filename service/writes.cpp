@@ -7,7 +7,6 @@
 
 namespace {
 
-
 int wordAt(const uint8_t *bytes)
 {
     return bytes[0] + 256 * bytes[1];
@@ -169,7 +168,8 @@ extern "C" RTUPLC_EXPORT int intf_setData(int station, QString regName, int addr
             if (count > 0)
                 std::memcpy(key.data, data, static_cast<size_t>(count * bytesPerUnit));
             // Each piece must fit one Modbus write and its byte-count byte.
-            const int split = bits ? std::min(splitBits(), FRAME_MAX_WRITE_COILS) : std::min(splitWords(), FRAME_MAX_WRITE_REGISTERS);
+            const int split = bits ? std::min(splitBits(), FRAME_MAX_WRITE_COILS)
+                                   : std::min(splitWords(), FRAME_MAX_WRITE_REGISTERS);
             QList<KEY_ADDRESS> pieces;
             groupingKey(key, split, pieces, 1);
 

@@ -5,9 +5,9 @@
 namespace rtusupport {
 
 namespace {
-constexpr int kFixedRequestBytes = 8;          // station, function, 2 x 16 bits, CRC
-constexpr size_t kByteCountIndex = 6;          // of the multiple writes
-constexpr int kMultipleWriteOverhead = 9;      // header, byte count and CRC around the data
+constexpr int kFixedRequestBytes = 8;     // station, function, 2 x 16 bits, CRC
+constexpr size_t kByteCountIndex = 6;     // of the multiple writes
+constexpr int kMultipleWriteOverhead = 9; // header, byte count and CRC around the data
 } // namespace
 
 int requestLength(const uint8_t *bytes, size_t n)

@@ -48,8 +48,7 @@ std::vector<uint8_t> readCoils(const StationMemory &m, uint8_t f, uint16_t first
     return out;
 }
 
-std::vector<uint8_t> readRegisters(const StationMemory &m, uint8_t f, uint16_t first, uint16_t count,
-                                   const Limits &l)
+std::vector<uint8_t> readRegisters(const StationMemory &m, uint8_t f, uint16_t first, uint16_t count, const Limits &l)
 {
     if (count < 1 || count > l.maxReadRegisters)
         return exception(f, ex::kIllegalDataValue);

@@ -1,7 +1,7 @@
 #include "rtuplc_support/simulator.h"
 
-#include <unistd.h>
 #include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -16,10 +16,10 @@ namespace rtusupport {
 namespace {
 
 constexpr std::chrono::milliseconds kAnimationTick{250};
-constexpr uint32_t kCounterRegister = 0;  // D 0
-constexpr uint32_t kToggleCoil = 2000;    // M 0
+constexpr uint32_t kCounterRegister = 0; // D 0
+constexpr uint32_t kToggleCoil = 2000;   // M 0
 constexpr int kToggleTicks = 4;
-constexpr uint32_t kRampRegister = 9700;  // 32-bit counter 200, high register first
+constexpr uint32_t kRampRegister = 9700; // 32-bit counter 200, high register first
 constexpr uint32_t kRampStep = 1000;
 constexpr uint32_t kRampTop = 100000;
 
@@ -279,7 +279,8 @@ std::optional<Simulator::Impl::Answer> Simulator::Impl::serve(const std::vector<
     size_t from = 0;
     for (size_t i = 0; i <= at.size(); ++i) {
         const size_t to = i < at.size() ? at[i] : reply.size();
-        answer.pieces.push_back(Piece{{reply.begin() + long(from), reply.begin() + long(to)}, i == 0 ? delay : gaps[i]});
+        answer.pieces.push_back(
+            Piece{{reply.begin() + long(from), reply.begin() + long(to)}, i == 0 ? delay : gaps[i]});
         from = to;
     }
     if (doubled) {
@@ -550,8 +551,8 @@ std::string Simulator::dump() const
         for (uint32_t a = 0; a < kAddressSpace; ++a) {
             const uint16_t fillRegister = pattern ? patternRegister(s, a) : 0;
             if (m.registers[a] != fillRegister)
-                out << s << " register " << a << ' ' << describeAddress(Space::Registers, a) << " = "
-                    << m.registers[a] << '\n';
+                out << s << " register " << a << ' ' << describeAddress(Space::Registers, a) << " = " << m.registers[a]
+                    << '\n';
         }
     }
     return out.str();

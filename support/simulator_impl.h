@@ -17,8 +17,7 @@ namespace rtusupport {
 // Counters updated by several endpoint threads.
 struct AtomicCounters {
     std::atomic<uint64_t> requests{0}, replies{0}, exceptions{0}, writes{0}, broadcasts{0}, otherStations{0},
-        dropped{0}, corrupted{0}, discarded{0}, late{0}, doubled{0}, foreign{0}, noise{0}, split{0},
-        wrongFunction{0};
+        dropped{0}, corrupted{0}, discarded{0}, late{0}, doubled{0}, foreign{0}, noise{0}, split{0}, wrongFunction{0};
 };
 
 // A pipe that becomes readable, for good, when the simulator stops: every endpoint

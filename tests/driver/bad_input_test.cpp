@@ -34,6 +34,7 @@ TEST_F(BadInput, RefusedCallsChangeNothing)
         std::function<int()> call;
         int result;
     } rows[] = {
+        // clang-format off
         {"getData unknown area", [] { return intf_getData(1, "D", 0, 1, bytes); }, -1},
         {"getData lower case", [] { return intf_getData(1, "d_w", 0, 1, bytes); }, -1},
         {"getData empty name", [] { return intf_getData(1, "", 0, 1, bytes); }, -1},
@@ -60,6 +61,7 @@ TEST_F(BadInput, RefusedCallsChangeNothing)
         {"validity text beyond int", [] { int a = 5; return intf_checkAddrValidity("D_W", "99999999999", &a, 1, 1) * 10 + a; }, 40},
         {"typed check null addr unknown area", [] { return intf_checkAddr("Q", "7", nullptr, 0, 1, 0); }, 3},
         {"deal with nothing in flight", [] { QString t = "x"; return intf_dealRcvFrame(QByteArray(5000, '\x01'), t) + t.size(); }, 0},
+        // clang-format on
     };
     for (const Row &r : rows) {
         restart("1#0#0#3#64");
@@ -71,9 +73,8 @@ TEST_F(BadInput, RefusedCallsChangeNothing)
 
 TEST_F(BadInput, OddRegistrationsStayHarmless)
 {
-    QList<KEY_ADDRESS> keys = {key(1, "D_W", 0, -5),           key(1, "D_W", INT_MAX - 1, 10),
-                               key(1, "D_W", 0, INT_MAX),      key(1, "d_w", 0, 2),
-                               key(-7, "CV", -3, 4),           key(1, "D_W", INT_MIN, 3)};
+    QList<KEY_ADDRESS> keys = {key(1, "D_W", 0, -5), key(1, "D_W", INT_MAX - 1, 10), key(1, "D_W", 0, INT_MAX),
+                               key(1, "d_w", 0, 2),  key(-7, "CV", -3, 4),           key(1, "D_W", INT_MIN, 3)};
     EXPECT_EQ(intf_addrMerge(keys), 4) << "the oversized and overflowing items are skipped";
     FakeController plc;
     for (int i = 0; i < 10; ++i)

@@ -25,6 +25,7 @@ TEST_F(Cache, ChangeReportTable)
         Kind kind;
         QStringList expected;
     } rows[] = {
+        // clang-format off
         {"D", 10, 1, 0, Word, {"1/1/D_W/10"}},
         {"D", 0, 6, 0, Word, {"1/1/D_D/0"}},
         {"D", 5, 6, 0, Word, {"1/1/D_D/5", "1/1/D_D/4"}},
@@ -37,6 +38,7 @@ TEST_F(Cache, ChangeReportTable)
         {"Y", 9, 0, 1, Bit, {}},
         {"32C", 200, 1, 1, Dword, {"1/1/32C/200"}},
         {"D", 8, 7, 0, Dword, {"1/1/D_D/8"}},
+        // clang-format on
     };
     for (const Row &r : rows) {
         restart("1#0#0#3#64");
@@ -65,6 +67,7 @@ TEST_F(Cache, RepliesDecodeIntoAreasAndReportChanges)
         int count, bytes;
         const char *read;
     } rows[] = {
+        // clang-format off
         {"words, low byte first", key(1, "D_W", 10, 2), variable(1, "D_W", 10, 2), registersReply(1, {0x1234, 5}),
          {"1/1/D_W/10", "1/1/D_W/11"}, "D_W", 2, 4, "34120500"},
         {"counters", key(1, "32C", 200, 2), variable(1, "32C", 200, 1), withCrc(hex("01030400010002")),
@@ -75,6 +78,7 @@ TEST_F(Cache, RepliesDecodeIntoAreasAndReportChanges)
         {"bits, least significant first", key(1, "X", 0, 10, -1), variable(1, "X", 0, 10),
          withCrc(hex("0101020502")), {"1/1/X/0", "1/1/X/2", "1/1/X/9"}, "X", 10, 10, "01000100000000000001"},
         {"unknown area", key(1, "D_W", 0, 1), variable(1, "Q", 0, 1), registersReply(1, {7}), {}, nullptr, 0, 0, ""},
+        // clang-format on
     };
     for (const Row &r : rows) {
         restart("1#0#0#3#64");
@@ -108,6 +112,7 @@ TEST_F(Cache, HostReadsTable)
         const char *expected;
         int result;
     } const rows[] = {
+        // clang-format off
         {"D_W", 100, 1, 3, "01005a", 1},
         {"D_D", 100, 2, 5, "020001005a", 1},    // higher register first: low half of the value
         {"D_D", 100, 3, 5, "020001005a", 1},    // an odd last word is ignored
@@ -115,8 +120,12 @@ TEST_F(Cache, HostReadsTable)
         {"X", 8, 3, 4, "0100015a", 1},
         {"D", 100, 1, 2, "5a5a", -1},
         {"D_W", 100, 0, 2, "5a5a", 1},
+        // clang-format on
     };
-    const struct { const char *prefix; int addr, byte, value; } held[] = {
+    const struct {
+        const char *prefix;
+        int addr, byte, value;
+    } held[] = {// clang-format off
         {"D", 100, 0, 0x01},   {"D", 101, 0, 0x02},   {"32C", 200, 0, 0x78}, {"32C", 200, 1, 0x56}, {"32C", 200, 2, 0x34},
         {"32C", 200, 3, 0x12}, {"32C", 201, 3, 0x80}, {"X", 8, 0, 1},        {"X", 10, 0, 1}};
     for (const auto &h : held)
@@ -180,6 +189,7 @@ TEST_F(Cache, PolledBlockFindsItsAreasAfterTheCacheChanged)
                 return i;
         }
         return -1;
+        // clang-format on
     };
     const QStringList all = {"1/1/D_W/10", "1/1/D_W/11", "1/1/D_W/12", "1/1/D_W/13"};
     struct Row {
@@ -187,6 +197,7 @@ TEST_F(Cache, PolledBlockFindsItsAreasAfterTheCacheChanged)
         std::function<void()> change;
         QStringList expected; // reports of the second poll
     } rows[] = {
+        // clang-format off
         {"nothing", [] {}, all},
         {"screen reads new addresses", [] { read(1, "D_W", 100, 3, 6); }, all},
         {"local writes, old and new", [] {
@@ -207,6 +218,7 @@ TEST_F(Cache, PolledBlockFindsItsAreasAfterTheCacheChanged)
         {"host rekeys an area", [&] { driver.dataAreas[unit(11)].addr = 99; },
          {"1/1/D_W/10", "1/1/D_W/12", "1/1/D_W/13"}},
         {"callback grows the list", [] { intf_setAddrValueChangeCallBack(reportAndReadNewAddress); }, all},
+        // clang-format on
     };
     for (const Row &r : rows) {
         restart("1#1#0#3#64"); // local writes: nothing but the block goes out

@@ -31,9 +31,10 @@ TEST(Identity, ParameterTextAndPages)
     intf_getDriverParameter(param);
     intf_SetDriverPropertyPage("something else");
     intf_getDriverPropertyPage(page);
-    EXPECT_EQ(QStringList({QString::number(type), intf_getVersion(), param, driver.propertyPage, page}),
-              QStringList({"0", "2.0.0.0", "0,9600,8,EVEN,1,0,1,127.0.0.1,8000,rtu_plc,X,Y,M,SM,S,T,C,32C,CV,TV,Z,SD,D_D,D_W",
-                           "something else", "0_0"}));
+    EXPECT_EQ(
+        QStringList({QString::number(type), intf_getVersion(), param, driver.propertyPage, page}),
+        QStringList({"0", "2.0.0.0", "0,9600,8,EVEN,1,0,1,127.0.0.1,8000,rtu_plc,X,Y,M,SM,S,T,C,32C,CV,TV,Z,SD,D_D,D_W",
+                     "something else", "0_0"}));
 }
 
 // Each text is applied after a reset to 7#7#7#7#7; fields are driverId, localWriteMode,
@@ -44,6 +45,7 @@ TEST(Properties, ParsingTable)
         QByteArray text;
         const char *fields; // driverId localWriteMode retryTimes maxBlockLen maxWordLen maxBitLen
     } rows[] = {
+        // clang-format off
         {"5#1#9#3#40", "5 1 3 40 40 320"},      {"5#1#9#3", "7 7 7 7 7 56"},
         {"5##9#3#40", "5 0 3 40 40 320"},       {"a#b#c#d#e", "0 0 0 0 0 0"},
         {"", "7 7 7 7 7 56"},                   {"1#0#0#3#64#extra#x", "1 0 3 64 64 512"},
@@ -52,11 +54,13 @@ TEST(Properties, ParsingTable)
         {"1#0#0#3#99999999999", "1 0 3 0 0 0"}, {"1#0#0#3#\xE9\xFF", "1 0 3 0 0 0"},
         {"1#0#0#3#+12", "1 0 3 12 12 96"},      {QByteArray(100000, '#'), "0 0 0 0 0 0"},
         {"1#0#0#3#-2147483648", "1 0 3 -2147483648 -2147483648 0"},
+        // clang-format on
     };
     for (const Row &r : rows) {
         int err = 5;
         intf_initProperty(nullptr, 0, nullptr, &err, "7#7#7#7#7", nullptr);
-        EXPECT_EQ(intf_initProperty(nullptr, 0, nullptr, &err, r.text.constData(), nullptr), 1) << r.text.left(30).constData();
+        EXPECT_EQ(intf_initProperty(nullptr, 0, nullptr, &err, r.text.constData(), nullptr), 1)
+            << r.text.left(30).constData();
         EXPECT_EQ(err, 0);
         EXPECT_EQ(QStringLiteral("%1 %2 %3 %4 %5 %6")
                       .arg(driver.driverId)
@@ -86,8 +90,12 @@ TEST(Properties, ReinitEmptiesTrafficKeepsRecipeAndCallback)
     driver.handshakeFlag = 1;
     intf_initProperty(nullptr, 0, nullptr, nullptr, "1#0#0#3#64", nullptr);
     EXPECT_EQ(QStringLiteral("w%1 a%2 f%3 h%4 v%5 r%6")
-                  .arg(driver.writeList.size()).arg(driver.dataAreas.size()).arg(driver.frameList.size())
-                  .arg(driver.handshakeFlag).arg(driver.rcpVars.size()).arg(driver.rcpReqs.size()),
+                  .arg(driver.writeList.size())
+                  .arg(driver.dataAreas.size())
+                  .arg(driver.frameList.size())
+                  .arg(driver.handshakeFlag)
+                  .arg(driver.rcpVars.size())
+                  .arg(driver.rcpReqs.size()),
               "w0 a0 f0 h0 v1 r1");
     EXPECT_EQ(driver.addrValueChangeCallBack, &recordReport);
     intf_setAddrValueChangeCallBack(nullptr);
@@ -99,9 +107,11 @@ TEST(Catalogue, ListsByType)
         int type, result;
         QStringList names;
     } rows[] = {
+        // clang-format off
         {0, 1, {"X", "Y", "M", "SM", "S", "T", "C"}},
         {1, 1, {"32C", "CV", "TV", "Z", "SD", "D_D", "D_W"}},
         {2, 0, {"32C", "CV", "TV", "Z", "SD", "D_D", "D_W"}}, // any other type lists the word areas
+        // clang-format on
     };
     for (const Row &r : rows) {
         QStringList names = {"kept"};
@@ -116,10 +126,12 @@ TEST(Catalogue, Descriptions)
         const char *name;
         QStringList texts;
     } rows[] = {
+        // clang-format off
         {"X", {"OOO", "0", "377", "0", "1"}},     {"M", {"DDDD", "0", "1999", "0", "1"}},
         {"32C", {"DDD", "200", "255", "2", "1"}}, {"Z", {"DD", "0", "15", "1", "1"}},
         {"D_D", {"DDDD", "0", "7998", "2", "1"}}, {"D_W", {"DDDD", "0", "7999", "1", "1"}},
         {"D", {}},                                {"", {}},
+        // clang-format on
     };
     for (const Row &r : rows) {
         QStringList info = {"kept"};
@@ -134,6 +146,7 @@ TEST(Validation, CheckAddrValidityTable)
         const char *name, *text;
         int count, wordUse, result, addr; // addr -7 means "left as the caller's"
     } rows[] = {
+        // clang-format off
         {"X", "377", 1, 0, 0, 255},     {"X", "400", 1, 0, 2, 256},     {"X", "8", 1, 0, 4, 0},
         {"X", "0", 1, 1, 1, -7},        {"32C", "199", 2, 1, 2, 199},   {"32C", "200", 2, 1, 0, 200},
         {"32C", "255", 2, 1, 0, 255},   {"32C", "255", 4, 1, 2, 255},   {"32C", "255", 3, 1, 2, 255},
@@ -143,6 +156,7 @@ TEST(Validation, CheckAddrValidityTable)
         {"Y", "17", 16, 0, 0, 15},      {"D_W", "0", 8000, 1, 0, 0},    {"D_W", "-1", 1, 1, 2, -1},
         {"CV", "0", 1, 0, 1, -7},       {"D_D", "7998", 2, 1, 2, 7998}, {"D_D", "7997", 2, 1, 0, 7997},
         {"Z", "15", 1, 1, 0, 15},
+        // clang-format on
     };
     for (const Row &r : rows) {
         int addr = -7;
@@ -158,10 +172,12 @@ TEST(Validation, CheckAddrTypedTable)
         const char *name, *text;
         int dataType, count, rw, result;
     } rows[] = {
+        // clang-format off
         {"X", "7", -1, 1, 1, 0},    {"X", "7", 0, 1, 0, 1},      {"D_D", "0", 2, 2, 0, 5},
         {"D_D", "0", 3, 2, 0, 0},   {"D_D", "0", -1, 2, 0, 1},   {"32C", "200", 0, 2, 0, 5},
         {"32C", "200", 9, 2, 1, 0}, {"32C", "200", 1, 2, 2, 0},  {"D_W", "0", 2, 1, 2, 0},
         {"D", "0", 3, 1, 0, 3},     {"32C", "x", 5, 2, 0, 4},    {"32C", "199", 6, 2, 0, 2},
+        // clang-format on
     };
     for (const Row &r : rows) {
         int addr = -7;
@@ -195,6 +211,7 @@ TEST(MultiCopy, SequencesAndClipping)
         QVector<int> values;
         QVector<QString> texts;
     } rows[] = {
+        // clang-format off
         {"X", 8, 3, 8, 1, {8, 16, 24}, {"10", "20", "30"}},
         {"X", 250, 3, -1, 2, {250, 255, 255}, {"372", "377", "377"}},
         {"X", 0, 2, -2, 1, {0, 32}, {"0", "40"}},
@@ -205,6 +222,7 @@ TEST(MultiCopy, SequencesAndClipping)
         {"D_W", -1, 1, 1, 1, {-1}, {"4294967295"}},
         {"D_W", 7990, 2, 2147483647, 2, {7990, 7999}, {"7990", "7999"}},
         {"D", 0, 3, 1, 0, {}, {}},
+        // clang-format on
     };
     for (const Row &r : rows) {
         QVector<QString> texts = {"kept"};

@@ -117,8 +117,8 @@ TEST_F(Cycle, BroadcastWriteAndHandshakeNeedNoReply)
 TEST_F(Cycle, RecipeDownload)
 {
     withHost();
-    setRecipe({rcp("D_W", 0, 2, 10), rcp("D_W", 2, 2, 20), rcp("D_W", 10, 1, 2), rcp("32C", 200, 2, 4),
-               rcp("M", 5, 3, 30)});
+    setRecipe(
+        {rcp("D_W", 0, 2, 10), rcp("D_W", 2, 2, 20), rcp("D_W", 10, 1, 2), rcp("32C", 200, 2, 4), rcp("M", 5, 3, 30)});
     ASSERT_EQ(driver.rcpReqs.size(), 4);
     for (int i = 0; i < 40; ++i)
         recipe[size_t(i)] = uint16_t(0x100 + i);
@@ -132,7 +132,8 @@ TEST_F(Cycle, RecipeDownload)
     EXPECT_EQ(plc.registers[10], 0x102);
     EXPECT_EQ(plc.registers[9700], 0x105) << "a 32C value travels most significant word first";
     EXPECT_EQ(plc.registers[9701], 0x104);
-    EXPECT_EQ(std::vector<uint8_t>(plc.coils.begin() + 2005, plc.coils.begin() + 2008), (std::vector<uint8_t>{1, 0, 1}));
+    EXPECT_EQ(std::vector<uint8_t>(plc.coils.begin() + 2005, plc.coils.begin() + 2008),
+              (std::vector<uint8_t>{1, 0, 1}));
 }
 
 TEST_F(Cycle, RecipeUploadFillsTheBufferAndReportsEachWord)

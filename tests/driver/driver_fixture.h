@@ -167,7 +167,10 @@ protected:
 // talking to a FakeController.
 class HostMemoryTest : public DriverTest {
 protected:
-    void withHost(const char *properties = "1#0#0#3#64") { restart(properties, memory.data(), recipe.data(), &hostLock); }
+    void withHost(const char *properties = "1#0#0#3#64")
+    {
+        restart(properties, memory.data(), recipe.data(), &hostLock);
+    }
     static int setRecipe(const std::vector<_RCP_VAR_PRO> &vars)
     {
         QVector<_RCP_VAR_PRO> v(vars.begin(), vars.end());

@@ -14,7 +14,8 @@ TEST(Crc, KnownAnswers)
     EXPECT_EQ(computate_check(request, 6), 0x0A84); // sent as 84 0A
     EXPECT_EQ(computate_check(request, 0), 0xFFFF);
     const QByteArray ascii("123456789");
-    EXPECT_EQ(computate_check(reinterpret_cast<const unsigned char *>(ascii.constData()), 9), 0x4B37); // CRC-16/MODBUS check
+    EXPECT_EQ(computate_check(reinterpret_cast<const unsigned char *>(ascii.constData()), 9),
+              0x4B37); // CRC-16/MODBUS check
 }
 
 // One row per request: reads of every area, writes packing bits and ordering words.
@@ -29,6 +30,7 @@ TEST_F(Frames, RequestFrames)
         const char *frame; // empty: no frame is built
         int replyLen;
     } rows[] = {
+        // clang-format off
         {R, 1, "X", 8, 16, {}, "010104b80010bcd3", 7},      {R, 1, "Y", 5, 9, {}, "010100050009ec0d", 7},
         {R, 1, "M", 0, 1, {}, "010107d00001fd47", 6},       {R, 1, "SM", 3, 8, {}, "010111330008c8ff", 6},
         {R, 1, "S", 991, 1, {}, "01011b4f0001caf9", 6},     {R, 1, "T", 255, 9, {}, "0101203f0009c7c0", 7},
@@ -50,6 +52,7 @@ TEST_F(Frames, RequestFrames)
         // The controller answers a broadcast with silence.
         {W, 0, "D_W", 10, 1, {0x12, 0x34}, "0010000a00010234123da7", 0},
         {W, 1, "D", 0, 1, {1, 0}, "", 0},
+        // clang-format on
     };
     for (const Row &r : rows) {
         SCOPED_TRACE(r.reg);
@@ -71,10 +74,24 @@ TEST_F(Frames, RequestFrames)
         EXPECT_EQ(f.replyLen, r.replyLen);
         // The request travels with the frame: a read's reply is decoded from it (its data
         // at byte 3), a finished write settles from it.
-        EXPECT_EQ(QStringLiteral("%1 %2 %3 %4 %5 %6 %7 %8 %9").arg(f.reqKind).arg(f.station).arg(f.regName).arg(f.startAddr)
-                      .arg(f.len).arg(f.dataPos).arg(f.dataLen).arg(f.hostWord).arg(f.data[20]),
-                  QStringLiteral("%1 %2 %3 %4 %5 %6 %7 0 66").arg(r.kind).arg(r.station).arg(r.reg).arg(r.start).arg(r.len)
-                      .arg(r.kind == R ? 3 : 0).arg(r.kind == R ? r.len : 0));
+        EXPECT_EQ(QStringLiteral("%1 %2 %3 %4 %5 %6 %7 %8 %9")
+                      .arg(f.reqKind)
+                      .arg(f.station)
+                      .arg(f.regName)
+                      .arg(f.startAddr)
+                      .arg(f.len)
+                      .arg(f.dataPos)
+                      .arg(f.dataLen)
+                      .arg(f.hostWord)
+                      .arg(f.data[20]),
+                  QStringLiteral("%1 %2 %3 %4 %5 %6 %7 0 66")
+                      .arg(r.kind)
+                      .arg(r.station)
+                      .arg(r.reg)
+                      .arg(r.start)
+                      .arg(r.len)
+                      .arg(r.kind == R ? 3 : 0)
+                      .arg(r.kind == R ? r.len : 0));
     }
 }
 
@@ -84,7 +101,8 @@ TEST_F(Frames, ReplyCheckVerdicts)
     getReadFrame(QList<VARIABLE>{variable(1, "D_W", 100, 2)}, driver.frameList);
     const QByteArray good = registersReply(1, {0x1234, 0x0005});
     const auto check = [](const QByteArray &b) {
-        return check_rcv_data(reinterpret_cast<const unsigned char *>(b.constData()), {}, b.size(), driver.frameList.first());
+        return check_rcv_data(reinterpret_cast<const unsigned char *>(b.constData()), {}, b.size(),
+                              driver.frameList.first());
     };
     EXPECT_EQ(check(good), 1);
     for (int n = 0; n < good.size(); ++n)
@@ -121,6 +139,7 @@ TEST_F(Frames, ErrorTexts)
         QByteArray reply;
         const char *text;
     } rows[] = {
+        // clang-format off
         {variable(1, "D_W", 100, 10), QByteArray(), "1#D_W100(10)"},
         {variable(1, "D_W", 100, 10), hex("01030402020200000000"), "1#D_W100(10),error code:2"},
         {variable(1, "D_W", 100, 10), hex("0103040202ff00000000"), "1#D_W100(10),error code:255"},
@@ -128,6 +147,7 @@ TEST_F(Frames, ErrorTexts)
         {variable(1, "D_W", 100, 10), hex("010304020202000000"), "1#D_W100(10)"},
         {variable(12, "32C", 200, 3), QByteArray(), "12#32C200(3)"},
         {variable(3, "X", -1, 0), QByteArray(), "3#X-1(0)"},
+        // clang-format on
     };
     for (const Row &r : rows) {
         driver.frameList.clear();

@@ -27,6 +27,7 @@ TEST_F(Planning, MergeTable)
         QList<KEY_ADDRESS> items;
         const char *blocks;
     } rows[] = {
+        // clang-format off
         {"long item cut at 128", 10, {key(1, "D_W", 5, 300)}, "1:D_W:5+128 1:D_W:133+128 1:D_W:261+44"},
         {"touching", 10, {key(1, "D_W", 0, 10), key(1, "D_W", 10, 5)}, "1:D_W:0+15"},
         {"overlapping", 0, {key(1, "D_W", 0, 10), key(1, "D_W", 5, 10)}, "1:D_W:0+15"},
@@ -49,6 +50,7 @@ TEST_F(Planning, MergeTable)
          "1:D_W:200+128 1:D_W:328+128 1:D_W:456+44"},
         {"item reaching past pieces", 0, {key(1, "D_W", 200, 300), key(1, "D_W", 400, 200)},
          "1:D_W:200+128 1:D_W:328+128 1:D_W:456+44 1:D_W:400+128 1:D_W:528+72"},
+        // clang-format on
     };
     for (const Row &r : rows) {
         driver.maxBlockLen = r.gap;
@@ -95,8 +97,9 @@ TEST_F(Planning, RandomItemsAreCoveredWithinTheLimit)
                 for (const KEY_ADDRESS &b : blocks)
                     covered |= b.station == it.station && b.regName == it.regName && a >= b.startAddr &&
                                a < b.startAddr + b.len;
-                ASSERT_TRUE(covered) << "round " << round << " address " << a << " of " << blocksOf(QList<KEY_ADDRESS>{it}).toStdString()
-                                     << " in " << blocksOf(blocks).toStdString();
+                ASSERT_TRUE(covered) << "round " << round << " address " << a << " of "
+                                     << blocksOf(QList<KEY_ADDRESS>{it}).toStdString() << " in "
+                                     << blocksOf(blocks).toStdString();
             }
         }
     }
@@ -109,6 +112,7 @@ TEST_F(Planning, MonitorFlagsTable)
         int start, len;
         QStringList areas; // "prefix/addr=flags"
     } rows[] = {
+        // clang-format off
         {"X", 0, 3, {"X/0=1", "X/1=1", "X/2=1"}},
         {"D_W", 100, 2, {"D/100=1", "D/101=1"}},
         {"D_D", 10, 4, {"D/10=2", "D/11=4", "D/12=2", "D/13=4"}},
@@ -117,6 +121,7 @@ TEST_F(Planning, MonitorFlagsTable)
         {"32C", 200, 4, {"32C/200=1", "32C/201=1"}},
         {"32C", 200, 1, {}},
         {"CV", 5, 0, {}},
+        // clang-format on
     };
     for (const Row &r : rows) {
         restart("1#0#0#3#64");
@@ -155,12 +160,14 @@ TEST_F(Planning, ConditionReadsCutAndReplace)
         KEY_ADDRESS k;
         const char *reads;
     } rows[] = {
+        // clang-format off
         {"1#0#0#3#20", key(1, "D_W", 100, 50), "100+20 120+20 140+10"},
         {"1#0#0#3#0", key(1, "D_W", 0, 100), "0+64 64+36"}, // no split size yet: the default
         {"1#0#0#3#20", key(1, "M", 0, 300, -1), "0+160 160+140"}, // bits cut at 8 x maxBlockLen
         {"1#0#0#3#20", key(1, "M", 0, 160, -1), "0+160"},
         {"1#0#0#3#20", key(1, "D_W", 0, 20), "0+20"},
         {"1#0#0#3#20", key(1, "32C", 200, 6), "200+3"}, // registers become 32-bit values
+        // clang-format on
     };
     for (const Row &r : rows) {
         restart(r.properties);
@@ -204,6 +211,7 @@ TEST_F(Planning, RecipeRequestsTable)
         const char *requests; // "reg:start+len@offset"
         QList<int> starts;
     } rows[] = {
+        // clang-format off
         {"touching words join", {rcp("D_W", 0, 2, 10), rcp("D_W", 2, 2, 12)}, 2, "D_W:0+4@10", {0}},
         {"no gap bridged", {rcp("D_W", 0, 2, 0), rcp("D_W", 3, 1, 2)}, 2, "D_W:0+2@0 D_W:3+1@2", {0, 1}},
         {"D_D apart from D_W", {rcp("D_D", 0, 2, 0), rcp("D_W", 2, 2, 2)}, 2, "D_D:0+2@0 D_W:2+2@2", {0, 1}},
@@ -213,6 +221,7 @@ TEST_F(Planning, RecipeRequestsTable)
          "D_W:0+1@0 D_W:10+1@1 D_W:20+1@2", {0, 1, 2}},
         {"long variable: one entry per piece, offsets follow", {rcp("D_W", 0, 300, 0), rcp("D_W", 300, 1, 300)}, 2,
          "D_W:0+128@0 D_W:128+128@128 D_W:256+45@256", {0, 0, 0}},
+        // clang-format on
     };
     for (const Row &r : rows) {
         QVector<_RCP_VAR_PRO> vars(r.vars.begin(), r.vars.end());

@@ -63,6 +63,7 @@ TEST(ReplyMatcher, EveryRequestKindAgainstEveryReplyShape)
         const char *name;
         Bytes head;
     } kinds[] = {
+        // clang-format off
         {"coils 8", {1, 0x01, 0x04, 0xB0, 0x00, 0x08}},
         {"coils 9", {1, 0x01, 0x04, 0xB0, 0x00, 0x09}},
         {"register 1", {2, 0x03, 0x00, 0x64, 0x00, 0x01}},
@@ -73,9 +74,10 @@ TEST(ReplyMatcher, EveryRequestKindAgainstEveryReplyShape)
         {"write registers", {1, 0x10, 0x00, 0x0A, 0x00, 0x02, 0x04, 0x12, 0x34, 0x56, 0x78}},
         {"broadcast write", {0, 0x10, 0x00, 0x1E, 0x00, 0x01, 0x02, 0x00, 0x4D}},
         {"handshake record", {}},
+        // clang-format on
     };
-    constexpr auto Reply = MatchVerdict::Reply, Exception = MatchVerdict::Exception,
-                   NeedMore = MatchVerdict::NeedMore, NotAnswer = MatchVerdict::NotAnswer;
+    constexpr auto Reply = MatchVerdict::Reply, Exception = MatchVerdict::Exception, NeedMore = MatchVerdict::NeedMore,
+                   NotAnswer = MatchVerdict::NotAnswer;
     // Splitting is covered too: every shape is also fed to the matcher a byte at a time.
     const struct Shape {
         const char *name;
@@ -83,6 +85,7 @@ TEST(ReplyMatcher, EveryRequestKindAgainstEveryReplyShape)
         MatchVerdict expect;
         size_t offset; // of the answer in the bytes
     } shapes[] = {
+        // clang-format off
         {"exact", [](const FRAME_PRO &, const Bytes &g) { return g; }, Reply, 0},
         {"exception",
          [](const FRAME_PRO &f, const Bytes &) { return withCrc({f.frame[0], uint8_t(f.frame[1] | 0x80), 0x02}); },
@@ -99,6 +102,7 @@ TEST(ReplyMatcher, EveryRequestKindAgainstEveryReplyShape)
          NotAnswer, 0},
         {"short", [](const FRAME_PRO &, const Bytes &g) { return Bytes(g.begin(), g.end() - 1); }, NeedMore, 0},
         {"long", [](const FRAME_PRO &, const Bytes &g) { return join(g, {0x42}); }, Reply, 0},
+        // clang-format on
     };
     for (const Kind &k : kinds) {
         const FRAME_PRO f = request(k.head);

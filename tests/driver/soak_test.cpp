@@ -139,9 +139,8 @@ TEST_F(Soak, FaultyLineLosesNothing)
         int station;
         const char *reg;
         int start, len; // host units
-    } watched[] = {{1, "X", 0, 16},   {1, "M", 0, 64},   {1, "D_W", 0, 100}, {1, "D_D", 200, 10},
-                   {1, "CV", 0, 20},  {1, "32C", 200, 16}, {1, "TV", 0, 10}, {2, "D_W", 0, 20},
-                   {2, "SD", 0, 8}};
+    } watched[] = {{1, "X", 0, 16},     {1, "M", 0, 64},  {1, "D_W", 0, 100}, {1, "D_D", 200, 10}, {1, "CV", 0, 20},
+                   {1, "32C", 200, 16}, {1, "TV", 0, 10}, {2, "D_W", 0, 20},  {2, "SD", 0, 8}};
     QList<KEY_ADDRESS> keys;
     for (const Watched &w : watched)
         keys << key(w.station, w.reg, w.start, w.len, registerArea(getIndexFromRegName(w.reg)).isBit() ? -1 : 0);
@@ -255,7 +254,9 @@ TEST_F(Soak, FaultyLineLosesNothing)
     for (const Watched &w : watched) {
         const RegisterArea &area = registerArea(getIndexFromRegName(w.reg));
         const int base = ADDRESS_FUNC[getIndexFromRegName(w.reg)][1];
-        const int size = area.isBit() ? 1 : area.kind == AreaKind::DWordUnit || area.kind == AreaKind::DWordOverWords ? 4 : 2;
+        const int size = area.isBit()                                                                ? 1
+                         : area.kind == AreaKind::DWordUnit || area.kind == AreaKind::DWordOverWords ? 4
+                                                                                                     : 2;
         const int values = size == 4 ? w.len / 2 : w.len;
         const QByteArray got = read(w.station, w.reg, w.start, w.len, size * values);
         for (int i = 0; i < values; ++i) {
@@ -263,15 +264,15 @@ TEST_F(Soak, FaultyLineLosesNothing)
             for (int b = size - 1; b >= 0; --b)
                 value = value << 8 | uint8_t(got[size * i + b]);
             const uint32_t a = uint32_t(base + w.start + (size == 4 ? 2 * i : i));
-            const uint32_t expected =
-                size == 1 ? sim.coil(w.station, a) : size == 2 ? sim.reg(w.station, a) : sim.reg32(w.station, a);
+            const uint32_t expected = size == 1   ? sim.coil(w.station, a)
+                                      : size == 2 ? sim.reg(w.station, a)
+                                                  : sim.reg32(w.station, a);
             EXPECT_EQ(value, expected) << w.station << " " << w.reg << " " << w.start + i;
         }
     }
     std::printf("soak: %d faulty cycles, %d frames; accepted %d, retried %d, failed %d; writes %d landed, %d "
                 "failed; resident %ld kB at a quarter, %ld kB at the end\n",
-                cycles, frames, results[1], results[8], results[2], landed, failed, rssQuarter / 1024,
-                rssEnd / 1024);
+                cycles, frames, results[1], results[8], results[2], landed, failed, rssQuarter / 1024, rssEnd / 1024);
     // The cache holds one area per unit written, a few hundred kB in all; anything
     // beyond that would be a leak of the cycle.
     // Short runs (under valgrind, say) end before the process has settled.

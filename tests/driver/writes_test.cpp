@@ -52,6 +52,7 @@ TEST_F(Writes, SplittingTable)
         const char *queue;
         int lastFirstByte;
     } rows[] = {
+        // clang-format off
         {"1#0#0#3#64", "32C", 200, 4, "32C:200+2", 0},
         {"1#0#0#3#4", "32C", 200, 10, "32C:200+2 32C:202+2 32C:204+1", 16},
         {"1#0#0#3#4", "D_W", 0, 10, "D_W:0+4 D_W:4+4 D_W:8+2", 16},
@@ -62,6 +63,7 @@ TEST_F(Writes, SplittingTable)
         {"1#0#0#3#500", "D_W", 0, 512, "D_W:0+122 D_W:122+122 D_W:244+122 D_W:366+122 D_W:488+24", 208},
         {"1#0#0#3#500", "X", 0, 1024, "X:0+1024", 0},
         {"1#0#0#3#64", "D_W", 0, 0, "D_W:0+0", 0},
+        // clang-format on
     };
     for (const Row &r : rows) {
         restart(r.properties);
@@ -102,6 +104,7 @@ TEST_F(Writes, NoticesGoOutBeforeTheCacheChanges)
         std::vector<uint8_t> data;
         QStringList reports;
     } rows[] = {
+        // clang-format off
         {"D_W", 10, 1, {0x34, 0x12}, {"1/1/D_W/10"}},
         {"D_W", 10, 1, {0x34, 0x12}, {}}, // the same value again is no change
         // The register at the higher address takes the low half and is handled first.
@@ -110,6 +113,7 @@ TEST_F(Writes, NoticesGoOutBeforeTheCacheChanges)
         {"CV", 3, 1, {9, 0}, {"1/1/CV/3"}},
         // Bits are reported directly, under the name the host gave, monitored or not.
         {"Y", 4, 3, {1, 0, 1}, {"1/1/Y/4", "1/1/Y/6"}},
+        // clang-format on
     };
     for (const Row &r : rows) {
         reports().clear();
@@ -132,12 +136,14 @@ TEST_F(Writes, SettlingTable)
         QList<KEY_ADDRESS> monitored;
         QStringList reports;
     } rows[] = {
+        // clang-format off
         {"word succeeds", true, "D_W", 10, 1, {0x78, 0x56}, {key(1, "D_W", 10, 1)}, {}},
         {"word fails", false, "D_W", 10, 1, {0x78, 0x56}, {key(1, "D_W", 10, 1)}, {"1/1/D_W/10"}},
         {"bits fail", false, "Y", 4, 3, {1, 1, 1}, {}, {"1/1/Y/4", "1/1/Y/5", "1/1/Y/6"}},
         {"counter fails", false, "32C", 200, 2, {1, 2, 3, 4}, {key(1, "32C", 200, 2)}, {"1/1/32C/200"}},
         {"double word fails", false, "D_D", 100, 2, {1, 2, 3, 4}, {key(1, "D_D", 100, 2)}, {"1/1/D_D/100", "1/1/D_D/100"}},
         {"unmonitored word fails", false, "TV", 1, 1, {1, 2}, {}, {}},
+        // clang-format on
     };
     for (const Row &r : rows) {
         restart(r.ok ? "1#0#0#3#64" : "1#0#0#1#64");

@@ -67,6 +67,7 @@ TEST_F(GatewayConfig, RefusesEveryKindOfMistakeWithPlaceKeyAndReason)
     const std::string tls = "mqtt:\n  url: mqtts://broker\n";
     const std::string pw = std::string("  password: ") + kSecret + "\n";
     const std::vector<BadFile> rows = {
+        // clang-format off
         // Folder none/ is not there: nothing is written, the file is missing.
         {"missing file", "none/gw.yaml", "", {"/none/gw.yaml: cannot read: No such file or directory"}},
         {"empty file", "", "", {"gw.yaml: empty"}},
@@ -190,6 +191,7 @@ TEST_F(GatewayConfig, RefusesEveryKindOfMistakeWithPlaceKeyAndReason)
         {"password file's secret as another key's value", "",
          kBase + "mqtt:\n  username: u\n  password-file: pw.secret\n  keepalive: " + kSecret + "\n",
          {"gw.yaml:8: mqtt.keepalive:", "(secret)"}},
+        // clang-format on
     };
     for (const BadFile &row : rows) {
         Config c;
@@ -216,6 +218,7 @@ TEST_F(GatewayConfig, GoodFilesGetTheirDefaults)
     using std::make_tuple;
     using std::tie;
     const std::vector<GoodFile> rows = {
+        // clang-format off
         {"defaults", "line7.yaml", kBase,
          [](const Config &c, const std::string &) {
              EXPECT_EQ(tie(c.name, c.mqtt.clientId, c.mqtt.topic), make_tuple("line7", "rtuplc-line7", "rtuplc/line7"));
@@ -276,6 +279,7 @@ TEST_F(GatewayConfig, GoodFilesGetTheirDefaults)
              EXPECT_EQ(tie(c.homeassistant.enabled, c.homeassistant.prefix), make_tuple(true, "homeassistant"));
              EXPECT_EQ(c.stationNames.at(2), "a/b");
          }},
+        // clang-format on
     };
     for (const GoodFile &row : rows) {
         Config c;

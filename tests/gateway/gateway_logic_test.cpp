@@ -98,13 +98,14 @@ TEST(GatewayLogic, EachDialectShapesItsSessionIsBornAndSaysGoodbye)
         const char *name;
         bool sparkplug;
         std::vector<std::string> subscribed;
-        std::string will, birth;            // "TOPIC PAYLOAD", in the settings; empty: none
+        std::string will, birth; // "TOPIC PAYLOAD", in the settings; empty: none
         uint32_t sessionExpiry;
         std::vector<std::string> atStart;   // published before any connection; "TOPIC PAYLOAD"
         std::vector<std::string> connected; // published by the first connection, topics only
         std::vector<std::string> farewell;  // topics, after the first connection
     };
     const Case cases[] = {
+        // clang-format off
         // Plain topics say the stations at once, and the birth on every connection.
         {"plain", false, {"rtuplc/line1/+/+/+/set"}, "rtuplc/line1/status offline",
          "rtuplc/line1/status online", 7 * 24 * 3600, {"rtuplc/line1/1/status offline"}, {}, {"rtuplc/line1/status"}},
@@ -113,6 +114,7 @@ TEST(GatewayLogic, EachDialectShapesItsSessionIsBornAndSaysGoodbye)
         // No station has answered yet: the node alone is born, its devices when they answer.
         {"sparkplug", true, {"spBv1.0/plant/NCMD/line1", "spBv1.0/plant/DCMD/line1/+", "spBv1.0/plant/NDEATH/line1"},
          "", "", 0, {}, {"spBv1.0/plant/NBIRTH/line1"}, {"spBv1.0/plant/NDEATH/line1"}},
+        // clang-format on
     };
     const auto said = [](const Message &m) { return m.topic.empty() ? std::string() : m.topic + ' ' + m.payload; };
     const auto topics = [&](const std::vector<Message> &messages, bool payload) {
@@ -185,12 +187,14 @@ TEST(GatewayLogic, SparkplugDeviceIsBornAgainOnlyWithValuesReadSinceItsSilence)
         rig.model->blockRead(f);
     };
     const Step steps[] = {
+        // clang-format off
         {"the words answer", [&] { firstRead(words); }, 0, false},
         {"the bit answers: every block read", [&] { firstRead(bit); }, 1, true},
         {"the words fail: the station is silent", [&] { rig.model->requestFailed(words, rtuhost::Failure{}); }, 1,
          false},
         {"the words answer again, the bit not yet", [&] { rig.model->blockRead(words); }, 1, false},
         {"the bit answers again", [&] { rig.model->blockRead(bit); }, 2, true},
+        // clang-format on
     };
     for (const Step &step : steps) {
         SCOPED_TRACE(step.what);
@@ -209,12 +213,14 @@ TEST(GatewayLogic, AWriteRequestGetsOneAnswer)
         std::string error; // empty: the write goes to the line, acknowledged below
     };
     const Case cases[] = {
+        // clang-format off
         {"bare number", "1/D_W/500", "1234", ""},
         {"object with an id", "1/D_W/501", R"({"value":7,"id":"a"})", ""},
         {"not a number", "1/D_W/500", "abc", R"(\"abc\" is not a number: send a whole number (1234, -5, 0x1F))"},
         {"out of range", "1/D_W/500", "70000", R"(\"70000\" is not a value here: a 16-bit value takes -32768..65535)"},
         {"empty", "1/D_W/500", "", R"(the payload is empty: send a number, or {\"value\":1234,\"id\":\"...\"})"},
         {"read only", "1/M/3", "1", "M:3@1 is not configured writable (writable: true in the gateway's configuration)"},
+        // clang-format on
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);

@@ -16,11 +16,11 @@ using rtugw::ConnectFailure;
 struct Row {
     const char *what;
     bool tls;
-    int reason;                      // the broker's refusal; 0: none came
-    std::string openssl;             // OpenSSL's first error line; empty: none
-    rtugw::Handshake handshake;      // how far it got
-    std::string ca, cert, probe;     // as configured; why TCP fails ("": it works)
-    std::string text;                // what the log says
+    int reason;                  // the broker's refusal; 0: none came
+    std::string openssl;         // OpenSSL's first error line; empty: none
+    rtugw::Handshake handshake;  // how far it got
+    std::string ca, cert, probe; // as configured; why TCP fails ("": it works)
+    std::string text;            // what the log says
 };
 
 const std::string kVerifyFailed = "error:0A000086:SSL routines:tls_post_process_server_certificate:"
@@ -33,6 +33,7 @@ const std::string kTls = "TLS handshake with broker:8883 failed: ";
 TEST(MqttDiagnosis, EachFailureGetsItsReason)
 {
     const std::vector<Row> rows = {
+        // clang-format off
         {"bad password", false, 0x86, "", {}, "", "", "",
          "the broker refused the login: bad user name or password (user \"gw\")"},
         {"not authorized", false, 0x87, "", {}, "", "", "",
@@ -66,6 +67,7 @@ TEST(MqttDiagnosis, EachFailureGetsItsReason)
          kTls + "no TLS answer from the port (a plain MQTT port? then mqtt://)"},
         {"a TLS port where plain was asked", false, 0, "", {}, "", "", "",
          "the broker at broker:1883 closed the connection before answering; if it is a TLS port, use mqtts://"},
+        // clang-format on
     };
     for (const Row &row : rows) {
         ConnectFailure f;

@@ -9,12 +9,12 @@
 #include <chrono>
 #include <map>
 #include <netinet/in.h>
-#include <sys/socket.h>
-#include <thread>
-#include <unistd.h>
 #include <random>
 #include <sstream>
 #include <string>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
 #include <vector>
 
 using rtugw::Message;
@@ -28,8 +28,8 @@ namespace {
 
 // A scenario in a few characters: "a=1" holds value 1 on topic a, "!r=1" holds event 1 on
 // topic r, "#3=1" holds the compact reading 1 of value 3 (topic "#3"), "~#3=1" the same
-// with the broker there (a waiting reading gives way), "<" takes the oldest message out. What comes out, in order, is every "<" and
-// then whatever is still held.
+// with the broker there (a waiting reading gives way), "<" takes the oldest message out. What comes out, in order, is
+// every "<" and then whatever is still held.
 struct Scenario {
     const char *name;
     size_t capacity;
@@ -39,6 +39,7 @@ struct Scenario {
 };
 
 const Scenario kScenarios[] = {
+    // clang-format off
     {"order kept while there is room, replaced values included", 10, "a=1 b=1 a=2 c=1 b=2", "a=1 b=1 a=2 c=1 b=2", 0},
     {"when full the replaced value goes, not the newest", 3, "a=1 b=1 a=2 c=1", "b=1 a=2 c=1", 1},
     {"the value replaced longest ago goes first", 4, "a=1 a=2 b=1 b=2 a=3", "a=2 b=1 b=2 a=3", 1},
@@ -58,6 +59,7 @@ const Scenario kScenarios[] = {
     {"with the broker there a waiting reading gives way", 10, "~#1=1 ~#2=1 ~#1=2", "#2=1 #1=2", 1},
     {"readings held while it was away are not given way", 10, "#1=1 ~#1=2 ~#1=3", "#1=1 #1=3", 1},
     {"a reading already sent is not given way", 10, "~#1=1 < ~#1=2", "#1=1 #1=2", 0},
+    // clang-format on
 };
 
 // What the tests' readings become: topic "#KEY", the value as the payload.
@@ -65,9 +67,13 @@ const rtugw::ValueFormatter kFormatter = [](const rtugw::ValueUpdate &v) {
     return Message{"#" + std::to_string(v.key), std::to_string(v.value), 1, true, {}, {}};
 };
 
-std::string describe(const Message &m) { return m.topic + "=" + m.payload; }
+std::string describe(const Message &m)
+{
+    return m.topic + "=" + m.payload;
+}
 
-TEST(Outbox, Scenarios) {
+TEST(Outbox, Scenarios)
+{
     for (const Scenario &s : kScenarios) {
         SCOPED_TRACE(s.name);
         Outbox box(s.capacity, kFormatter);
@@ -104,7 +110,8 @@ TEST(Outbox, Scenarios) {
 // A long outage with values changing on many topics, answers mixed in, and the line
 // sending now and then: whatever is dropped, the broker must end up with each topic's
 // latest value, every answer, and everything in the order it was published.
-TEST(Outbox, LongOutageKeepsLatestOrderAndAnswers) {
+TEST(Outbox, LongOutageKeepsLatestOrderAndAnswers)
+{
     const size_t kCapacity = 500;
     const int kTopics = 200, kPushes = 20000;
     std::mt19937 random(7);
@@ -165,7 +172,8 @@ int closedPort()
 // The broker may be away when the gateway starts, for hours: the line must be polled
 // all the same, the values held, one clear complaint made rather than one per retry,
 // and the gateway must still stop at once.
-TEST(MqttClientWithoutBroker, StartsHoldsComplainsOnceAndStops) {
+TEST(MqttClientWithoutBroker, StartsHoldsComplainsOnceAndStops)
+{
     MqttSettings s;
     s.host = "127.0.0.1";
     s.port = closedPort();
@@ -201,14 +209,16 @@ TEST(MqttClientWithoutBroker, StartsHoldsComplainsOnceAndStops) {
     }
     ASSERT_EQ(events.size(), 1u) << "a failure that does not change is told once";
     EXPECT_EQ(events[0].type, MqttEvent::Type::Failed);
-    EXPECT_EQ(events[0].text, "cannot reach the broker at 127.0.0.1:" + std::to_string(s.port) + ": connection refused");
+    EXPECT_EQ(events[0].text,
+              "cannot reach the broker at 127.0.0.1:" + std::to_string(s.port) + ": connection refused");
 
     const Clock::time_point stopping = Clock::now();
     client.stop({Message{"p/status", "offline", 1, true, {}, {}}}, std::chrono::seconds(5));
     EXPECT_LT(Clock::now() - stopping, std::chrono::seconds(1)) << "stop() waited for a broker that is not there";
 }
 
-TEST(MqttClientWithoutBroker, RefusesUnreadableTlsFiles) {
+TEST(MqttClientWithoutBroker, RefusesUnreadableTlsFiles)
+{
     MqttSettings s;
     s.host = "127.0.0.1";
     s.port = closedPort();

@@ -50,12 +50,14 @@ TEST(CsvLog, LinesReadBackAsWritten)
     };
     const WallTime t = kLateEvening;
     const Case cases[] = {
+        // clang-format off
         {"a good value", row(t, 1234), "2,D_W:100..109@2,D_W:100,1234,good\n"},
         {"a bad value keeps its last reading", CsvRow{t, 1, "pump", "X:17", true, 1, false}, "1,pump,X:17,1,bad\n"},
         {"never read: empty value", CsvRow{t, 1, "t", "D_W:0", false, 0, false}, "1,t,D_W:0,,bad\n"},
         {"a name with a comma and quotes is quoted", CsvRow{t, 1, "tank \"A\", level", "D_W:0", true, 7, true},
          "1,\"tank \"\"A\"\", level\",D_W:0,7,good\n"},
         {"all 32 bits", CsvRow{t, 3, "c", "32C:201", true, 4294967295u, true}, "3,c,32C:201,4294967295,good\n"},
+        // clang-format on
     };
     for (const Case &c : cases)
         EXPECT_EQ(csvLine(c.row), std::string("2026-11-24T23:59:59.250Z,") + c.line) << c.what;
@@ -106,9 +108,11 @@ TEST(CsvLog, SizeCapRemovesOldestDaysNeverToday)
     };
     // Five days of ten rows each; a day's file is about 600 bytes.
     const Case cases[] = {
+        // clang-format off
         {"no limit keeps all", 0, {"2026-11-20", "2026-11-21", "2026-11-22", "2026-11-23", "2026-11-24"}},
         {"room for three days", 2000, {"2026-11-22", "2026-11-23", "2026-11-24"}},
         {"a limit under one day keeps today", 10, {"2026-11-24"}},
+        // clang-format on
     };
     for (const Case &c : cases) {
         TempDir dir;

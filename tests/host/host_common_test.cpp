@@ -19,6 +19,7 @@ TEST(HostCommon, AddressesReadAlikeInBothHosts)
         const char *host;
         int port;
     } rows[] = {
+        // clang-format off
         {"127.0.0.1:502", kPortRequired, true, "127.0.0.1", 502},
         {"gateway", 8000, true, "gateway", 8000},
         {"gateway", kFromDriver, true, "gateway", kFromDriver},
@@ -36,6 +37,7 @@ TEST(HostCommon, AddressesReadAlikeInBothHosts)
         {"gateway:+80", kPortRequired, false, "", 0},
         {"gate way:80", kPortRequired, false, "", 0},
         {"http://gateway:80", kPortRequired, false, "", 0},
+        // clang-format on
     };
     for (const auto &row : rows) {
         std::string host = "unchanged";
@@ -63,12 +65,14 @@ TEST(HostCommon, FailedBlocksAreNamedAsItemsAreWritten)
         int base, station, start, units;
         const char *text;
     } rows[] = {
+        // clang-format off
         {"D_W", Kind::Word, 10, 9, 0, 4, "D_W:0..3@9"},
         {"D_W", Kind::Word, 10, 2, 5, 1, "D_W:5@2"},
         {"X", Kind::Bit, 8, 1, 8, 16, "X:10..27@1"},                 // octal addresses
         {"D_D", Kind::DWordOverWords, 10, 1, 200, 4, "D_D:200..202@1"}, // a value every two
         {"D_D", Kind::DWordOverWords, 10, 1, 200, 2, "D_D:200@1"},
         {"32C", Kind::DWord, 10, 1, 200, 8, "32C:200..203@1"},       // two registers each
+        // clang-format on
     };
     for (const auto &row : rows) {
         const Area area{row.area, row.kind, row.base, 0, 0, {}, {}};

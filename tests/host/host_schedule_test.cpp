@@ -20,10 +20,10 @@ using namespace std::chrono_literals;
 namespace {
 
 struct Recorder : HostEvents {
-    std::map<int, int> reads, failures, sent; // by station: fresh block reads, failed requests, frames on the line
+    std::map<int, int> reads, failures, sent;  // by station: fresh block reads, failed requests, frames on the line
     std::map<int, Clock::time_point> lastRead; // by station
     std::map<std::string, std::vector<Clock::time_point>> blockReads; // by block text
-    std::map<std::string, int> values;          // by point: values reported
+    std::map<std::string, int> values;                                // by point: values reported
     std::vector<std::pair<WriteOutcome, std::string>> writes;
     Clock::time_point writeSettledAt{};
     long turns = 0;
@@ -78,7 +78,8 @@ protected:
         return out;
     }
 
-    template <class Done> void serve(Host &host, std::chrono::milliseconds most, Done done)
+    template <class Done>
+    void serve(Host &host, std::chrono::milliseconds most, Done done)
     {
         const auto until = Clock::now() + most;
         while (!done() && Clock::now() < until)
@@ -97,11 +98,11 @@ TEST_F(HostSchedule, OnlyASilentStationIsTakenOfflineAndItCostsTheLineOneTryNowA
 {
     struct Row {
         const char *name;
-        std::vector<int> answering;       // the simulator's stations during the run
-        rtusupport::Faults faults;        // on every station
+        std::vector<int> answering; // the simulator's stations during the run
+        rtusupport::Faults faults;  // on every station
         int retries;
         std::vector<int> offlineAtEnd;
-        int most2;                        // frames to station 2 on the line at most
+        int most2; // frames to station 2 on the line at most
     };
     rtusupport::Faults none, garbage, lossy;
     garbage.corrupt = 1;
@@ -109,10 +110,12 @@ TEST_F(HostSchedule, OnlyASilentStationIsTakenOfflineAndItCostsTheLineOneTryNowA
     // In 1.2 s station 2 gets its retries, then a try at 0.3 s and at 0.9 s (the pause
     // doubled): 3 + 2, and a retry or two at most for a try under way.
     const std::vector<Row> rows = {
+        // clang-format off
         {"a station switched off goes offline and is only tried now and then", {1}, none, 3, {2}, 7},
         {"a station that refuses with an exception is alive", {1, 2}, none, 3, {}, 100000},
         {"replies that fail the check take stations offline", {1, 2}, garbage, 3, {1, 2}, 7},
         {"one reply in three lost: the retries suffice, nobody is taken offline", {1, 2}, lossy, 6, {}, 100000},
+        // clang-format on
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);

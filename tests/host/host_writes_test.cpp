@@ -20,7 +20,7 @@ using namespace rtuhost;
 namespace {
 
 struct Recorder : HostEvents {
-    std::vector<std::string> log; // "value D_W:500=9", "write 2 Replaced"
+    std::vector<std::string> log;              // "value D_W:500=9", "write 2 Replaced"
     std::map<uint64_t, WriteOutcome> outcomes; // by id
     void valueRead(const Point &p, uint32_t v) override
     {
@@ -58,7 +58,8 @@ protected:
     }
 
     // Serves the loop until `done` or a few seconds have passed.
-    template <class Done> void serve(Host &host, Done done)
+    template <class Done>
+    void serve(Host &host, Done done)
     {
         const auto until = Clock::now() + std::chrono::seconds(5);
         while (!done() && Clock::now() < until)
@@ -78,18 +79,20 @@ TEST_F(HostLayer, EachWriteIsSettledOnceByTheFrameThatCarriesIt)
 {
     struct Row {
         const char *name;
-        std::vector<const char *> writes; // issued together, before the first exchange
-        std::vector<int> stations;        // the simulator answers these
+        std::vector<const char *> writes;   // issued together, before the first exchange
+        std::vector<int> stations;          // the simulator answers these
         std::vector<WriteOutcome> expected; // by id
-        uint16_t register500;             // what the controller holds afterwards
+        uint16_t register500;               // what the controller holds afterwards
     };
     using O = WriteOutcome;
     const std::vector<Row> rows = {
+        // clang-format off
         {"a write waiting behind the head is replaced by a later one to the same address",
          {"D_W:500=1", "D_W:500=2", "D_W:500=3"}, {1}, {O::Acknowledged, O::Replaced, O::Acknowledged}, 3},
         {"writes to neighbouring addresses are each acknowledged", {"D_W:500=7", "D_W:501=8"}, {1},
          {O::Acknowledged, O::Acknowledged}, 7},
         {"a write to a silent station fails after its retries", {"D_W:500@2=5"}, {1}, {O::Failed}, 500},
+        // clang-format on
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);

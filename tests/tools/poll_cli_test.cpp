@@ -26,6 +26,7 @@ TEST(PollCli, ExitCodesAndMessages)
         int exitCode;
         const char *message;
     } rows[] = {
+        // clang-format off
         {{"Q:1"}, 2, "unknown area Q (the areas are X Y M SM S T C 32C CV TV Z SD D_D D_W)"},
         {{"X:18"}, 2, "\"18\" is not an address of X: X has addresses 0..377 (octal)"},
         {{"32C:199"}, 2, "32C:199 is out of range: 32C has addresses 200..255"},
@@ -56,6 +57,7 @@ TEST(PollCli, ExitCodesAndMessages)
          "is not a complete driver: it does not export intf_getVersion, intf_getDriverPropertyPage,"},
         {{"--driver", "/nonexistent/librtuplc.so", "D_W:1"}, 3, "cannot load the driver"},
         {{"--once", "D_W:100"}, 4, "cannot connect to 127.0.0.1:1: Connection refused"},
+        // clang-format on
     };
     for (const auto &row : rows) {
         std::vector<std::string> args;

@@ -55,7 +55,7 @@ std::string readFile(const std::string &path);
 // Modbus base of each area, as the controller maps them.
 inline const std::map<std::string, int> kCoilBase = {{"X", 1200}, {"Y", 0},    {"M", 2000}, {"SM", 4400},
                                                      {"S", 6000}, {"T", 8000}, {"C", 9200}};
-inline const std::map<std::string, int> kRegisterBase = {{"D_W", 0}, {"D_D", 0},  {"CV", 9500}, {"TV", 9000},
+inline const std::map<std::string, int> kRegisterBase = {{"D_W", 0},  {"D_D", 0},   {"CV", 9500}, {"TV", 9000},
                                                          {"Z", 8500}, {"SD", 8000}, {"32C", 9500}};
 
 // What the controller holds, read through coil(a) and reg(a), for a value rtuplc-poll

@@ -58,8 +58,8 @@ TEST_P(PollOnce, RecipeRoundTripThroughTheController)
                                                                  "D_W:304,40000\nD_W:305,6\nD_D:310,-100000\n"
                                                                  "32C:210,123456789\nM:10,1\nM:12,1\n");
     const std::string out = tooltest::writeFile("out.csv", "");
-    const tooltest::Run r = poll({"D_W:0", "--recipe", recipe, "--recipe-download", values, "--recipe-upload", out,
-                                  "--once"});
+    const tooltest::Run r =
+        poll({"D_W:0", "--recipe", recipe, "--recipe-download", values, "--recipe-upload", out, "--once"});
     ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
     // The upload reads the controller back; a value missing from VALUES.csv is sent as 0.
     EXPECT_EQ(sim.reg32(kStation, 9710), 123456789u);
@@ -95,8 +95,7 @@ TEST(PollStations, LinesAndBroadcastWrites)
     EXPECT_NE(r.out.find("  station 1  X:7 = 1\n"), std::string::npos) << r.out;
     EXPECT_EQ(r.out.find("D_W:10 = ", r.out.find("D_W:10 = ") + 1), std::string::npos) << "shown once";
     EXPECT_NE(r.out.find("station 2, property text 1#0#0#3#64\n"), std::string::npos);
-    EXPECT_NE(r.out.find("--- 9 frames sent, 9 replies accepted, 0 retries, 0 failures, 0.0% loss"),
-              std::string::npos)
+    EXPECT_NE(r.out.find("--- 9 frames sent, 9 replies accepted, 0 retries, 0 failures, 0.0% loss"), std::string::npos)
         << "three blocks, three rounds: " << r.out;
 
     // Replies byte-for-byte alike (a coil that is off, at one station) are each an
@@ -123,6 +122,7 @@ struct LineFault {
     void (*set)(rtusupport::Faults &);
 };
 const LineFault kLineFaults[] = {
+    // clang-format off
     {"Late", [](rtusupport::Faults &f) { f.late = 0.3, f.lateByMs = 250; }},
     {"EveryReplyLate", [](rtusupport::Faults &f) { f.delayMs = 300; }},
     {"Doubled", [](rtusupport::Faults &f) { f.doubled = 0.4; }},
@@ -131,6 +131,7 @@ const LineFault kLineFaults[] = {
     {"Split", [](rtusupport::Faults &f) { f.split = 0.5; }},
     {"WrongFunction", [](rtusupport::Faults &f) { f.wrongFunction = 0.3; }},
     {"MissingOrCorrupt", [](rtusupport::Faults &f) { f.drop = 0.2, f.corrupt = 0.1; }},
+    // clang-format on
 };
 
 void PrintTo(const LineFault &f, std::ostream *os)
@@ -168,7 +169,8 @@ TEST_P(PollLineFaults, NoValueIsAnotherItemsAndEveryItemArrives)
     EXPECT_NE(r.err.find("replies dropped: "), std::string::npos) << r.err;
 }
 
-INSTANTIATE_TEST_SUITE_P(Faults, PollLineFaults, ::testing::Combine(::testing::ValuesIn(kLineFaults), ::testing::Bool()),
+INSTANTIATE_TEST_SUITE_P(Faults, PollLineFaults,
+                         ::testing::Combine(::testing::ValuesIn(kLineFaults), ::testing::Bool()),
                          [](const ::testing::TestParamInfo<std::tuple<LineFault, bool>> &i) {
                              return std::string(std::get<0>(i.param).name) + (std::get<1>(i.param) ? "Pty" : "Tcp");
                          });

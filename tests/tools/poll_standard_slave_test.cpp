@@ -105,9 +105,9 @@ TEST_F(StandardSlave, ValuesWritesAndTheReadLimit)
     // Writes change what the driver's write frame names, and nothing else.
     std::vector<uint16_t> registers(map->tab_registers, map->tab_registers + kUnits);
     std::vector<uint8_t> bits(map->tab_bits, map->tab_bits + kUnits);
-    const tooltest::Run w = poll({"--write", "D_W:100=1234", "--write", "X:7=1", "--write", "D_D:200=-5", "--write",
-                                  "32C:201=70000", "--write", "SD:9=-1", "--write", "D_W:101=-1", "--write", "Y:2=0",
-                                  "--write", "M:1999=1"});
+    const tooltest::Run w =
+        poll({"--write", "D_W:100=1234", "--write", "X:7=1", "--write", "D_D:200=-5", "--write", "32C:201=70000",
+              "--write", "SD:9=-1", "--write", "D_W:101=-1", "--write", "Y:2=0", "--write", "M:1999=1"});
     ASSERT_EQ(w.exitCode, 0) << w.err;
     const tooltest::JsonOutput k = tooltest::parseJson(w.out);
     EXPECT_EQ(k.values.at({kStation, "D_W", 100}), 1234u);

@@ -45,7 +45,7 @@ TEST(SimFramer, DiscardsABadCrcAndAStaleFragment)
     EXPECT_EQ(f.next(t), std::nullopt);
     EXPECT_EQ(f.discardedFrames(), 1u);
 
-    f.feed(kRead.data(), 3, t);                // a fragment, then nothing for too long
+    f.feed(kRead.data(), 3, t); // a fragment, then nothing for too long
     const auto later = t + 2 * kSilence;
     f.feed(kRead.data(), kRead.size(), later); // the master's next try
     EXPECT_EQ(f.next(later), kRead);

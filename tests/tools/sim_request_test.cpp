@@ -28,6 +28,7 @@ TEST(SimRequest, AnswersAsTheControllerDoesAndChangesExactlyWhatItWrites)
         std::vector<Unit> changes = {};
         int maxReadRegisters = rtusupport::Limits().maxReadRegisters;
     } cases[] = {
+        // clang-format off
         {"read registers", {0x03, 0x00, 0x64, 0x00, 0x02}, {0x03, 0x04, 0x00, 0x64, 0x00, 0x65}},
         {"read registers across touching areas", {0x03, 0x1F, 0x3F, 0x00, 0x02}, {0x03, 0x04, 0x1F, 0x3F, 0x1F, 0x40}},
         {"read coils of X", {0x01, 0x04, 0xB0, 0x00, 0x0A}, {0x01, 0x02, 0x96, 0x01}},
@@ -53,6 +54,7 @@ TEST(SimRequest, AnswersAsTheControllerDoesAndChangesExactlyWhatItWrites)
         {"write coils count mismatch", {0x0F, 0x00, 0x00, 0x00, 0x09, 0x01, 0xFF}, {0x8F, 0x03}},
         {"write registers unmapped", {0x10, 0x21, 0x43, 0x00, 0x02, 0x04, 0, 1, 0, 2}, {0x90, 0x02}},
         {"write registers over SD 255 and unmapped 8256", {0x10, 0x20, 0x3F, 0x00, 0x02, 0x04, 0, 7, 0, 7}, {0x90, 0x02}},
+        // clang-format on
     };
     rtusupport::StationMemory pattern;
     rtusupport::fillMemory(pattern, 1, rtusupport::Fill::Pattern);

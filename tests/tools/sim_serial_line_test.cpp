@@ -16,6 +16,7 @@ TEST(SerialLine, TimingFollowsTheCharacterFrameAndNoLineCarriesTheRest)
         microseconds character, silence;
         const char *refusal;
     } cases[] = {
+        // clang-format off
         {"9600,8,EVEN,1", 11, microseconds(1145), microseconds(4010), nullptr}, // the controller's default
         {"9600,8,NONE,1", 10, microseconds(1041), microseconds(3645), nullptr},
         {"9600,8,NONE,2", 11, microseconds(1145), microseconds(4010), nullptr},
@@ -29,6 +30,7 @@ TEST(SerialLine, TimingFollowsTheCharacterFrameAndNoLineCarriesTheRest)
         {"9600,8,MARK,1", 0, {}, {}, "parity"},
         {"9600,8,EVEN,3", 0, {}, {}, "stop bits"},
         {"fast,8,EVEN,1", 0, {}, {}, "unsupported baud rate"},
+        // clang-format on
     };
     for (const auto &c : cases) {
         rtusupport::SerialLine line;

@@ -84,8 +84,7 @@ int main(int argc, char **argv)
         job.recipe = &recipe;
         job.uploadPath = o.recipeUpload;
         job.download = !o.recipeDownload.isEmpty();
-        if (job.download &&
-            !loadRecipeValues(o.recipeDownload, recipe, o.station, catalogue, api, &job.values, &error))
+        if (job.download && !loadRecipeValues(o.recipeDownload, recipe, o.station, catalogue, api, &job.values, &error))
             return fail(kExitUsage, error);
     }
 

@@ -231,7 +231,9 @@ bool parseOptions(int argc, char **argv, Options *o, std::string *error)
         } else if (a == "--recipe" || a == "--recipe-download" || a == "--recipe-upload") {
             if (!value())
                 return fail(a + " needs a file");
-            QString &target = a == "--recipe" ? o->recipe : a == "--recipe-download" ? o->recipeDownload : o->recipeUpload;
+            QString &target = a == "--recipe"            ? o->recipe
+                              : a == "--recipe-download" ? o->recipeDownload
+                                                         : o->recipeUpload;
             target = QString::fromStdString(v);
         } else if (a.size() > 1 && a[0] == '-' && a[1] == '-') {
             return fail("unknown option " + a);

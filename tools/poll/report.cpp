@@ -44,8 +44,13 @@ void Report::logRow(const Point &point, const Logged &now)
     if (last.known == now.known && last.value == now.value && last.good == now.good)
         return;
     last = now;
-    const rtuhost::CsvRow row{std::chrono::system_clock::now(), point.station, point.area->name.toStdString(),
-                              point.area->format(point.address).toStdString(), now.known, now.value, now.good};
+    const rtuhost::CsvRow row{std::chrono::system_clock::now(),
+                              point.station,
+                              point.area->name.toStdString(),
+                              point.area->format(point.address).toStdString(),
+                              now.known,
+                              now.value,
+                              now.good};
     std::string error;
     const bool ok = csv_->append(row, &error);
     // Said once when the log fails, and once when it works again: the polling goes on.

@@ -241,8 +241,12 @@ int parse(int argc, char **argv, Options &o)
         } else if (a == "--late" || a == "--double" || a == "--foreign" || a == "--noise" || a == "--split" ||
                    a == "--wrong-function") {
             rtusupport::Faults &f = o.faults;
-            double *p = a == "--late" ? &f.late : a == "--double" ? &f.doubled : a == "--foreign" ? &f.foreign
-                      : a == "--noise" ? &f.noise : a == "--split" ? &f.split : &f.wrongFunction;
+            double *p = a == "--late"      ? &f.late
+                        : a == "--double"  ? &f.doubled
+                        : a == "--foreign" ? &f.foreign
+                        : a == "--noise"   ? &f.noise
+                        : a == "--split"   ? &f.split
+                                           : &f.wrongFunction;
             if (!value(&v) || !parseProbability(v, p))
                 return usageError(a + " takes a probability from 0 to 1");
         } else if (a == "--late-by") {
@@ -352,8 +356,8 @@ std::string control(rtusupport::Simulator &sim, const std::string &line)
             sim.accept(int(n[0]));
         } else if (c == "counters") {
             const rtusupport::Counters k = sim.counters();
-            return "requests " + std::to_string(k.requests) + " replies " + std::to_string(k.replies) +
-                   " exceptions " + std::to_string(k.exceptions) + " writes " + std::to_string(k.writes);
+            return "requests " + std::to_string(k.requests) + " replies " + std::to_string(k.replies) + " exceptions " +
+                   std::to_string(k.exceptions) + " writes " + std::to_string(k.writes);
         } else {
             return "error: unknown command \"" + c + "\"";
         }

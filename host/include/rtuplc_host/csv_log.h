@@ -22,9 +22,9 @@ using WallClock = std::function<WallTime()>;
 struct CsvRow {
     WallTime time;
     int station = 1;
-    std::string item;     // as the user named it
-    std::string address;  // in the area's notation, "D_W:100"
-    bool known = true;    // false: no value was ever read (empty value column)
+    std::string item;    // as the user named it
+    std::string address; // in the area's notation, "D_W:100"
+    bool known = true;   // false: no value was ever read (empty value column)
     uint32_t value = 0;
     bool good = true;
 };
@@ -64,7 +64,7 @@ private:
     WallClock clock_;
     int fd_ = -1;
     std::string current_;
-    uint64_t total_ = 0;  // bytes of all the log's files, as last counted plus written
+    uint64_t total_ = 0; // bytes of all the log's files, as last counted plus written
     bool onlyCurrentLeft_ = false;
 };
 

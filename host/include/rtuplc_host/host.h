@@ -47,12 +47,12 @@ struct HostSettings {
     int localWriteMode = 0;
     int retries = kDefaultRetries;
     int gap = kDefaultGap;
-    rtusupport::SerialLine line;         // for the timing of every exchange
-    bool serial = false;             // keeps the silent interval
+    rtusupport::SerialLine line; // for the timing of every exchange
+    bool serial = false;         // keeps the silent interval
     std::chrono::milliseconds margin{kDefaultTimeoutMs};
     std::chrono::milliseconds pause{kDefaultPauseMs}; // between the end of one exchange and the next frame
     bool once = false;
-    long count = 0;                  // passes over every block; 0: no bound
+    long count = 0; // passes over every block; 0: no bound
     std::chrono::milliseconds duration{0};
     // A write is done when the controller acknowledged it, or only once a later read
     // shows the value (rtuplc-poll's confirmation).
@@ -63,7 +63,7 @@ struct HostSettings {
     std::chrono::milliseconds probeInterval{5000};
     std::chrono::milliseconds probeMax{60000};
 
-    QString propertyText() const;    // driverId#localWriteMode#0#retries#gap
+    QString propertyText() const; // driverId#localWriteMode#0#retries#gap
 };
 
 struct Stats {
@@ -71,13 +71,13 @@ struct Stats {
     uint64_t accepted = 0;
     uint64_t retries = 0;
     uint64_t failures = 0;
-    uint64_t finished = 0;           // requests done, accepted or failed
-    uint64_t polls = 0;              // poll reads done, accepted or failed
+    uint64_t finished = 0; // requests done, accepted or failed
+    uint64_t polls = 0;    // poll reads done, accepted or failed
     std::chrono::microseconds cycleTotal{0};
     std::chrono::microseconds elapsed{0};
-    uint64_t probes = 0;             // single attempts sent to offline stations
+    uint64_t probes = 0;                     // single attempts sent to offline stations
     std::chrono::microseconds silentTime{0}; // line time spent on requests nobody answered
-    LineStats line;                  // what the link dropped
+    LineStats line;                          // what the link dropped
 
     QString summary() const;
     // How late replies came and the time-out that would have taken them; empty if none.
@@ -108,10 +108,10 @@ struct Failure {
         LinkDown,  // the frame could not be sent
     };
     Kind kind = Kind::NoReply;
-    uint8_t exception = 0;           // the exception code, for Exception
-    QString driverText;              // the driver's description of the request: "9#D_W0(4)"
-    QString block;                   // the block as the user writes items: "D_W:0..3@9"
-    QString why;                     // for people: what happened, after how many attempts
+    uint8_t exception = 0; // the exception code, for Exception
+    QString driverText;    // the driver's description of the request: "9#D_W0(4)"
+    QString block;         // the block as the user writes items: "D_W:0..3@9"
+    QString why;           // for people: what happened, after how many attempts
 };
 
 enum class WriteOutcome {
@@ -132,8 +132,8 @@ bool isFinal(WriteOutcome o, bool confirmWrites);
 struct RecipeJob {
     const Recipe *recipe = nullptr;
     bool download = false;
-    RecipeValues values;             // to download
-    QString uploadPath;              // empty: no upload
+    RecipeValues values; // to download
+    QString uploadPath;  // empty: no upload
 };
 
 // What the loop reports. Every call comes from the thread that runs the loop.
@@ -187,8 +187,8 @@ public:
     struct Silence {
         Clock::time_point nextProbe;
         std::chrono::milliseconds interval;
-        QString why;                 // the failure that took it offline
-        bool probing = false;        // a try is queued or on the line
+        QString why;          // the failure that took it offline
+        bool probing = false; // a try is queued or on the line
     };
     const std::map<int, Silence> &offline() const { return offline_; }
     int blockCount() const { return plannedBlocks_; }
@@ -223,11 +223,11 @@ private:
         QString area;
         int address;
         int count;
-        uint64_t id;                 // the write it carries now
+        uint64_t id; // the write it carries now
     };
     enum class RecipeStage { None, Waiting, Downloading, Uploading, Done };
-    using UnitKey = std::tuple<int, QString, int>; // station, cache prefix, unit
-    using PointKey = std::tuple<int, QString, int>; // station, item text, address
+    using UnitKey = std::tuple<int, QString, int>;       // station, cache prefix, unit
+    using PointKey = std::tuple<int, QString, int>;      // station, item text, address
     using BlockKey = std::tuple<int, QString, int, int>; // station, area, start, length
 
     static void onChange(int driverId, int station, QString &item, int addr);
@@ -254,7 +254,7 @@ private:
     void finishUpload();
 
     const DriverApi &api_;
-    const Catalogue catalogue_;      // to name a failed block in the areas' notation
+    const Catalogue catalogue_; // to name a failed block in the areas' notation
     Link &link_;
     HostEvents &events_;
     HostSettings settings_;
@@ -267,11 +267,11 @@ private:
     std::vector<Point> points_;
     std::map<PointKey, size_t> pointIndex_;
     std::set<size_t> dirty_;
-    std::set<size_t> written_;       // changed by our own writes: shown once a read has them
-    std::vector<uint32_t> shown_;    // by point: the value reported last
-    std::vector<bool> reported_;     // by point: reported at least once
-    std::vector<bool> complete_;     // by point: every unit of it was read
-    std::set<UnitKey> read_;         // units of the blocks read so far
+    std::set<size_t> written_;    // changed by our own writes: shown once a read has them
+    std::vector<uint32_t> shown_; // by point: the value reported last
+    std::vector<bool> reported_;  // by point: reported at least once
+    std::vector<bool> complete_;  // by point: every unit of it was read
+    std::set<UnitKey> read_;      // units of the blocks read so far
     struct Block {
         std::vector<size_t> in;       // points it covers whole
         std::vector<size_t> touching; // points with a unit in it
@@ -280,12 +280,12 @@ private:
     // An item read at a pace of its own: not in the driver's rotation, but read once
     // (a one-shot read) each time it is due.
     struct SlowItem {
-        size_t item;                  // into items_
-        QString prefix;               // of its area's cache
-        int first = 0, end = 0;       // the units it covers
-        Clock::time_point due{};      // the next read; never read: at once
-        bool queued = false;          // with the driver, not yet settled
-        bool seen = false;            // read or failed at least once
+        size_t item;             // into items_
+        QString prefix;          // of its area's cache
+        int first = 0, end = 0;  // the units it covers
+        Clock::time_point due{}; // the next read; never read: at once
+        bool queued = false;     // with the driver, not yet settled
+        bool seen = false;       // read or failed at least once
     };
     // How the request in progress is served: on the line with its retries; or once on
     // the line, its retries answered at once (a probe, or any request to an offline
@@ -300,8 +300,8 @@ private:
     void settleSlowReads(const FRAME_PRO &f, bool allOfStation);
     std::map<BlockKey, Block> blockIndex_;
     Block &block(const FRAME_PRO &f);
-    int blocks_ = 0;                 // monitored now: the stations online
-    int plannedBlocks_ = 0;          // monitored with every station
+    int blocks_ = 0;        // monitored now: the stations online
+    int plannedBlocks_ = 0; // monitored with every station
 
     std::deque<PendingWrite> writes_;
     std::deque<QueuedWrite> driverQueue_;
@@ -327,9 +327,9 @@ private:
     std::vector<SlowItem> slow_;
     std::map<int, Silence> offline_;
     Way way_ = Way::Line;
-    bool probing_ = false;           // the request in progress is an offline station's probe
-    int attempt_ = 0;                // of the request in progress
-    Exchange first_;                 // what its one attempt on the line got (Way::Once)
+    bool probing_ = false; // the request in progress is an offline station's probe
+    int attempt_ = 0;      // of the request in progress
+    Exchange first_;       // what its one attempt on the line got (Way::Once)
 };
 
 // Text for people.

@@ -84,8 +84,8 @@ QString blockText(const Area &area, int station, int start, int units);
 
 // Reads "AREA:FIRST[..LAST][@STATION]". False with a message naming the problem.
 // Station 0, the broadcast, only when `broadcast` allows it: nobody answers a read.
-bool parseItem(const QString &text, int defaultStation, const Catalogue &catalogue, const DriverApi &api,
-               Item *item, QString *error, bool broadcast = false);
+bool parseItem(const QString &text, int defaultStation, const Catalogue &catalogue, const DriverApi &api, Item *item,
+               QString *error, bool broadcast = false);
 
 // Reads a time: a number with its unit, "250ms", "10s", "2m"; a bare number is seconds.
 // Zero or less is refused.

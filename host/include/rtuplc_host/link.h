@@ -32,10 +32,10 @@ struct Exchange {
         LinkDown,  // the frame could not be sent
     };
     Outcome outcome = Outcome::NoReply;
-    std::vector<uint8_t> reply; // what goes to the driver: empty unless Reply or Exception
-    size_t bytesSeen = 0;       // bytes received while waiting, answer or not
-    bool sent = false;          // false: a late answer to the same frame sent before was taken
-    std::string detail;         // why the link is down
+    std::vector<uint8_t> reply;   // what goes to the driver: empty unless Reply or Exception
+    size_t bytesSeen = 0;         // bytes received while waiting, answer or not
+    bool sent = false;            // false: a late answer to the same frame sent before was taken
+    std::string detail;           // why the link is down
     std::vector<Dropped> dropped; // bytes dropped before and during the exchange
 };
 
@@ -104,7 +104,7 @@ private:
     std::chrono::microseconds maxAmbiguous_{0}; // the same, had an answer taken by a re-send
                                                 // been the late one to the send before
     Clock::time_point lastEnd_{};
-    Clock::time_point lastTaken_{}; // when the last answer was taken
+    Clock::time_point lastTaken_{};       // when the last answer was taken
     std::vector<uint8_t> lastTakenFrame_; // the request it answered
     LineStats stats_;
     Clock::time_point nextAttempt_{};
@@ -116,8 +116,7 @@ private:
 std::unique_ptr<Link> makeTcpLink(const std::string &host, int port);
 // A serial device (or pseudo-terminal); keeps the silent interval between frames.
 // With rs485 the kernel's RS-485 mode keys the transmitter. Reopened when lost.
-std::unique_ptr<Link> makeSerialLink(const std::string &device, const rtusupport::SerialLine &line,
-                                     bool rs485 = false);
+std::unique_ptr<Link> makeSerialLink(const std::string &device, const rtusupport::SerialLine &line, bool rs485 = false);
 
 } // namespace rtuhost
 

@@ -40,7 +40,6 @@ struct DriverApi {
 // false a bare file name is taken from the current directory.
 bool loadDriver(const std::string &path, DriverApi *api, std::string *error, bool search = false);
 
-
 } // namespace rtusupport
 
 #endif

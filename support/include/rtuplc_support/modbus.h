@@ -22,7 +22,7 @@ constexpr uint8_t kDeviceBusy = 0x06;
 
 constexpr int kBroadcastStation = 0;
 constexpr int kHighestStation = 247;
-constexpr size_t kMinFrameBytes = 4;       // station, function, CRC
+constexpr size_t kMinFrameBytes = 4; // station, function, CRC
 
 // Quantities a standard slave accepts in one request; the controller reads more
 // registers than that (kControllerMaxReadRegisters).

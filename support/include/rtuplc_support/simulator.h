@@ -40,7 +40,7 @@ struct Faults {
     double exception = 0; // refused with "slave device busy" instead of executed
     int delayMs = 0;      // added before every reply
     // Faults of a line whose replies do not answer the request in flight:
-    double late = 0;          // the reply sent lateByMs later (past the master's time-out)
+    double late = 0; // the reply sent lateByMs later (past the master's time-out)
     int lateByMs = 0;
     double doubled = 0;       // the reply sent twice, the copy 0..5 ms after it
     double foreign = 0;       // another station's reply to the same request (that station's
@@ -59,7 +59,7 @@ struct Counters {
     uint64_t otherStations = 0; // requests for stations not simulated (not answered)
     uint64_t dropped = 0;
     uint64_t corrupted = 0;
-    uint64_t discarded = 0;     // received bytes that formed no valid frame
+    uint64_t discarded = 0; // received bytes that formed no valid frame
     uint64_t late = 0, doubled = 0, foreign = 0, noise = 0, split = 0, wrongFunction = 0;
 };
 
