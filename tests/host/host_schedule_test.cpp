@@ -11,8 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "rtuplc_host/host.h"
-#include "rtuplc_support/simulator.h"
+#include "host_fixture.h"
 
 using namespace rtuhost;
 using namespace std::chrono_literals;
@@ -49,16 +48,11 @@ struct Recorder : HostEvents {
     void progress(const Stats &) override { ++turns; }
 };
 
-class HostSchedule : public ::testing::Test {
+class HostSchedule : public HostAgainstSimulator {
 protected:
     void SetUp() override
     {
-        std::string why;
-        ASSERT_TRUE(loadDriver(RTUPLC_LIBRARY, &api, &why)) << why;
-        catalogue = std::make_unique<Catalogue>(api);
-        sim.fill(rtusupport::Fill::Pattern);
-        ASSERT_TRUE(sim.startTcp("127.0.0.1", 0, &why)) << why;
-        link = makeTcpLink("127.0.0.1", sim.tcpPort());
+        HostAgainstSimulator::SetUp();
         settings.margin = 40ms;
         settings.retries = 3;
         settings.probeInterval = 300ms;
@@ -78,20 +72,15 @@ protected:
         return out;
     }
 
-    template <class Done>
-    void serve(Host &host, std::chrono::milliseconds most, Done done)
+    // Polls stations 1 and 2 with 2 switched off, until the host takes it for offline.
+    void startWithStation2Off(Host &host)
     {
-        const auto until = Clock::now() + most;
-        while (!done() && Clock::now() < until)
-            host.step(stop);
+        sim.setStations({1});
+        host.monitor(items({"D_W:0..9@1", "D_W:0..9@2"}));
+        host.start();
+        serve(host, 2s, [&] { return host.offline().count(2) == 1; });
+        ASSERT_EQ(host.offline().count(2), 1u);
     }
-
-    DriverApi api;
-    std::unique_ptr<Catalogue> catalogue;
-    rtusupport::Simulator sim;
-    std::unique_ptr<Link> link;
-    HostSettings settings;
-    std::atomic<bool> stop{false};
 };
 
 TEST_F(HostSchedule, OnlyASilentStationIsTakenOfflineAndItCostsTheLineOneTryNowAndThen)
@@ -165,13 +154,9 @@ TEST_F(HostSchedule, AStationGoneCostsItsTimeOutsNotTheWholeMarginOfQuietAfterEa
 
 TEST_F(HostSchedule, AStationBackIsPolledAgainWithinItsProbeInterval)
 {
-    sim.setStations({1});
     Recorder events;
     Host host(api, *link, events, settings);
-    host.monitor(items({"D_W:0..9@1", "D_W:0..9@2"}));
-    host.start();
-    serve(host, 2s, [&] { return host.offline().count(2) == 1; });
-    ASSERT_EQ(host.offline().count(2), 1u);
+    ASSERT_NO_FATAL_FAILURE(startWithStation2Off(host));
     const int failedBefore = events.failures[2];
     sim.setStations({1, 2});
     const auto on = Clock::now();
@@ -186,13 +171,9 @@ TEST_F(HostSchedule, AStationBackIsPolledAgainWithinItsProbeInterval)
 TEST_F(HostSchedule, AWriteToAnOfflineStationIsTriedAtOnceAndSaysSo)
 {
     settings.probeInterval = 5s; // far off: a write waiting for it would show
-    sim.setStations({1});
     Recorder events;
     Host host(api, *link, events, settings);
-    host.monitor(items({"D_W:0..9@1", "D_W:0..9@2"}));
-    host.start();
-    serve(host, 2s, [&] { return host.offline().count(2) == 1; });
-    ASSERT_EQ(host.offline().count(2), 1u);
+    ASSERT_NO_FATAL_FAILURE(startWithStation2Off(host));
     WriteRequest w;
     QString error;
     ASSERT_TRUE(parseWrite("D_W:500@2=5", 1, *catalogue, api, &w, &error)) << error.toStdString();

@@ -11,9 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "rtuplc_host/host.h"
-#include "rtuplc_host/link.h"
-#include "rtuplc_support/simulator.h"
+#include "host_fixture.h"
 
 using namespace rtuhost;
 
@@ -34,16 +32,11 @@ struct Recorder : HostEvents {
     }
 };
 
-class HostLayer : public ::testing::Test {
+class HostLayer : public HostAgainstSimulator {
 protected:
     void SetUp() override
     {
-        std::string why;
-        ASSERT_TRUE(loadDriver(RTUPLC_LIBRARY, &api, &why)) << why;
-        catalogue = std::make_unique<Catalogue>(api); // items point into it
-        sim.fill(rtusupport::Fill::Pattern);
-        ASSERT_TRUE(sim.startTcp("127.0.0.1", 0, &why)) << why;
-        link = makeTcpLink("127.0.0.1", sim.tcpPort());
+        HostAgainstSimulator::SetUp();
         settings.margin = std::chrono::milliseconds(50);
         settings.retries = 2;
         settings.confirmWrites = false;
@@ -61,17 +54,9 @@ protected:
     template <class Done>
     void serve(Host &host, Done done)
     {
-        const auto until = Clock::now() + std::chrono::seconds(5);
-        while (!done() && Clock::now() < until)
-            host.step(stop);
+        HostAgainstSimulator::serve(host, std::chrono::seconds(5), done);
     }
 
-    DriverApi api;
-    std::unique_ptr<Catalogue> catalogue;
-    rtusupport::Simulator sim;
-    std::unique_ptr<Link> link;
-    HostSettings settings;
-    std::atomic<bool> stop{false};
     Recorder events;
 };
 
