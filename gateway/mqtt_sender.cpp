@@ -103,7 +103,11 @@ void MqttSender::flush()
 
 void MqttSender::connected(long receiveMaximum, const Message &birth)
 {
-    window_ = std::min(receiveMaximum > 0 ? receiveMaximum : kNoReceiveMaximum, kMaxInflight);
+    // One slot of the broker's window is kept free: after a reconnect the library sends
+    // again what was in flight when the connection dropped, and the birth published on
+    // connecting must find a slot to go ahead of them rather than queue behind them.
+    const long allowed = std::min(receiveMaximum > 0 ? receiveMaximum : kNoReceiveMaximum, kMaxInflight);
+    window_ = std::max(1L, allowed - 1);
     // The birth goes ahead of what was held meanwhile, before the sender can start on it:
     // the will's "offline" must not stand while current values arrive.
     if (!birth.topic.empty()) {
