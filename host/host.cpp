@@ -3,7 +3,9 @@
 #include <QByteArray>
 #include <QList>
 
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <thread>
 
 #include "rtuplc_support/modbus.h"
@@ -124,6 +126,7 @@ bool isFinal(WriteOutcome o, bool confirmWrites)
 }
 
 HostEvents::~HostEvents() = default;
+LineShare::~LineShare() = default;
 void HostEvents::valueRead(const Point &, uint32_t) {}
 void HostEvents::blockRead(const FRAME_PRO &) {}
 void HostEvents::requestFailed(const FRAME_PRO &, const Failure &) {}
@@ -384,8 +387,76 @@ void Host::step(const std::atomic<bool> &stop)
         queueSlowReads();
     if (finished())
         return;
+    // Another master's request goes between two of ours, never into the middle of a
+    // request of ours that is being retried.
+    if (share_ && !requestOpen_ && serveShared(stop)) {
+        events_.progress(stats_);
+        return;
+    }
     serveOne(stop);
     events_.progress(stats_);
+}
+
+void Host::share(LineShare *share, double pollShare)
+{
+    share_ = share;
+    pollShare_ = std::clamp(pollShare, 0.0, 1.0);
+}
+
+bool Host::serveShared(const std::atomic<bool> &stop)
+{
+    // Their turn comes while their line time is within their share of the time both
+    // took lately; whenever this host has nothing due, the line is theirs.
+    const double theirs = double(sharedTime_.count()) * pollShare_;
+    const double ours = double(ownTime_.count()) * (1.0 - pollShare_);
+    if (!ownIdle_ && theirs > ours)
+        return false;
+    SharedRequest r;
+    if (!share_->take(&r))
+        return false;
+    FRAME_PRO f;
+    Exchange x;
+    const auto began = Clock::now();
+    if (r.frame.size() >= 4 && r.frame.size() <= sizeof f.frame) {
+        std::memcpy(f.frame, r.frame.data(), r.frame.size());
+        f.frameLen = int32_t(r.frame.size());
+        f.station = r.frame[0];
+        // A broadcast gets no answer: it goes out and the line is free again.
+        const size_t answer = f.station == rtusupport::kBroadcastStation
+                                  ? 0
+                                  : rtuplc::answerLength(r.frame.data(), r.frame.size());
+        f.replyLen = int32_t(answer);
+        // One attempt: the master that asked retries as it sees fit.
+        x = link_.exchange(f, timeoutFor(r.frame.size(), answer), stop);
+        if (x.sent)
+            ++stats_.framesSent;
+        stats_.line = link_.stats();
+        events_.exchanged(f, x);
+    }
+    const auto took = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - began);
+    sharedTime_ += took;
+    ageLineTimes();
+    if (x.outcome == Exchange::Outcome::Reply)
+        share_->heard(r.frame.data(), r.frame.size(), x.reply.data(), x.reply.size(), Clock::now());
+    // Any answer, a refusal too, shows a station held offline is there again.
+    if ((x.outcome == Exchange::Outcome::Reply || x.outcome == Exchange::Outcome::Exception) &&
+        offline_.count(f.station))
+        comeBack(f.station);
+    share_->answered(r, x, took);
+    if (x.outcome == Exchange::Outcome::LinkDown)
+        std::this_thread::sleep_for(kLinkDownWait); // do not spin on a dead link
+    return true;
+}
+
+void Host::ageLineTimes()
+{
+    // Only the last few seconds count: a burst of others' requests after a quiet minute
+    // does not get the whole line, nor a quiet minute of theirs forbid the next burst.
+    constexpr std::chrono::microseconds kWindow{2000000};
+    if (ownTime_ + sharedTime_ > kWindow) {
+        ownTime_ /= 2;
+        sharedTime_ /= 2;
+    }
 }
 
 bool Host::finish()
@@ -554,9 +625,12 @@ void Host::serveOne(const std::atomic<bool> &stop)
                              (recipeStage_ == RecipeStage::Uploading && commandPending(RTUPLC_RCP_UPLOAD_BYTE));
     FRAME_PRO f;
     if (api_.getSendFrame(f) != 1) {
-        std::this_thread::sleep_for(kIdleWait); // nothing due: no blocks, no writes
+        ownIdle_ = true;
+        if (!share_ || !serveShared(stop))
+            std::this_thread::sleep_for(kIdleWait); // nothing due: no blocks, no writes
         return;
     }
+    ownIdle_ = false;
     const bool write = isWriteFrame(f) && !recipeFrame;
     const bool oneShot = f.reqKind == RTUPLC_KIND_CONDITION_READ && !recipeFrame;
     if (!requestOpen_) {
@@ -575,7 +649,10 @@ void Host::serveOne(const std::atomic<bool> &stop)
     // After a single try the retries are answered at once, with nothing: a failure
     // the driver already counts.
     if (onLine && f.frameLen > 0) { // a handshake record carries nothing to send
+        const auto began = Clock::now();
         x = link_.exchange(f, timeout, stop);
+        ownTime_ += std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - began);
+        ageLineTimes();
         if (x.sent)
             ++stats_.framesSent;
         stats_.line = link_.stats();
@@ -599,6 +676,8 @@ void Host::serveOne(const std::atomic<bool> &stop)
             probing_ = false;
         }
     }
+    if (share_ && result == RTUPLC_REPLY_ACCEPTED && !x.reply.empty())
+        share_->heard(f.frame, size_t(f.frameLen), x.reply.data(), x.reply.size(), Clock::now());
     switch (result) {
     case RTUPLC_REPLY_ACCEPTED:
         ++stats_.accepted;

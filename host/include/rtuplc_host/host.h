@@ -32,6 +32,7 @@
 #include "driver_location.h"
 #include "items.h"
 #include "line_limits.h"
+#include "line_share.h"
 #include "link.h"
 #include "recipe.h"
 
@@ -170,6 +171,10 @@ public:
     uint64_t write(const WriteRequest &write);
     // The id the next write() will return.
     uint64_t nextWriteId() const { return nextWriteId_; }
+    // Other masters' requests, put on the line between this host's own: with requests
+    // always waiting, this host's own polling keeps at least `pollShare` (0 to 1) of the
+    // line's time. Before start(); null: the line is this host's alone.
+    void share(LineShare *share, double pollShare = 0.5);
 
     // Serves the loop until the run is over or `stop` is set. Returns false when a
     // request failed, a write was not confirmed or a recipe transfer failed.
@@ -330,6 +335,17 @@ private:
     bool probing_ = false; // the request in progress is an offline station's probe
     int attempt_ = 0;      // of the request in progress
     Exchange first_;       // what its one attempt on the line got (Way::Once)
+
+    // Serves one of the other masters' requests when one waits and their turn has come;
+    // false when the line went to this host's own.
+    bool serveShared(const std::atomic<bool> &stop);
+    void ageLineTimes();
+    LineShare *share_ = nullptr;
+    double pollShare_ = 0.5;
+    // Line time spent lately on this host's own requests and on the others': the
+    // others wait while theirs is above their share of the sum.
+    std::chrono::microseconds ownTime_{0}, sharedTime_{0};
+    bool ownIdle_ = false; // nothing of this host's own was due at the last turn
 };
 
 // Text for people.
