@@ -110,6 +110,7 @@ public:
     void writeSettled(uint64_t id, const rtuhost::WriteRequest &write, rtuhost::WriteOutcome outcome,
                       const QString &detail) override;
     void exchanged(const FRAME_PRO &frame, const rtuhost::Exchange &exchange) override;
+    void progress(const rtuhost::Stats &stats) override;
 
 private:
     void changed(size_t index);
@@ -132,6 +133,8 @@ private:
     const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
     rtuhost::PollRate pace_{started_};
     double pollsPerSecond_ = 0;
+    SystemTime stamp_{}; // when the values reported since the last turn were read
+    bool stampTaken_ = false;
 };
 
 // "1/X/17" for a point.
