@@ -39,7 +39,12 @@ constexpr auto kStopPoll = std::chrono::milliseconds(1);
 // The connection's thread waits this long at most between its turns: the keepalive is
 // checked each turn, and a window that stays full is looked at again.
 constexpr int kIdleWaitMs = 1000;
-constexpr int kWindowFullWaitMs = 100;
+constexpr int kWindowFullWaitMs = 10;
+// With the window full the thread waits for a quarter of it to be acknowledged (a
+// PUBACK takes 4 bytes) rather than waking for each: a write request coming meanwhile
+// waits at most kWindowFullWaitMs.
+constexpr int kAckBytes = 4;
+constexpr int kAcksAtOnce = int(MqttSender::kMaxInflight / 4);
 // After the library refused a message (full, or closing), before it is tried again.
 constexpr int kRefusedWaitMs = 1;
 // Before the CONNACK the library carries the connection itself (the TLS handshake, the
@@ -322,6 +327,11 @@ void MosquittoMqttClient::Impl::run()
 void MosquittoMqttClient::Impl::carry()
 {
     const int sock = mosquitto_socket(mosq);
+    int lowWater = 1; // bytes that make the socket readable
+    const auto setLowWater = [&](int bytes) {
+        if (bytes != lowWater && setsockopt(sock, SOL_SOCKET, SO_RCVLOWAT, &bytes, sizeof bytes) == 0)
+            lowWater = bytes;
+    };
     while (mosquitto_socket(mosq) == sock) {
         const MqttSender::Round round = sender.handOver();
         if (mosquitto_want_write(mosq)) {
@@ -343,8 +353,9 @@ void MosquittoMqttClient::Impl::carry()
             waitMs = kRefusedWaitMs;
         else if (round.full)
             waitMs = kWindowFullWaitMs;
-        else if (!sender.waitForWork())
-            waitMs = 0; // more came meanwhile
+        else if (round.more || !sender.waitForWork())
+            waitMs = 0; // the next batch, or more came meanwhile
+        setLowWater(round.full ? kAcksAtOnce * kAckBytes : 1);
         pollfd p[2] = {{sock, short(POLLIN | (mosquitto_want_write(mosq) ? POLLOUT : 0)), 0}, {wakeFd, POLLIN, 0}};
         if (poll(p, 2, waitMs) > 0) {
             if (p[1].revents & POLLIN) {

@@ -18,9 +18,10 @@ constexpr long kNoReceiveMaximum = 65535; // the broker did not say: MQTT's defa
 // A completion the library never reports must not stop the flow for ever: after this
 // long with the window full, the connection's own count is taken instead.
 constexpr auto kWindowResync = std::chrono::seconds(1);
-// Held messages taken out of the outbox at once: the poll loop waits for the outbox's
-// lock no longer than this many take a moment.
-constexpr long kSendBatch = 64;
+// Messages handed to the library at a time, then written: the poll loop waits for the
+// outbox's lock no longer than this many take a moment, and the broker starts on the
+// first of a reply's values while the next are made.
+constexpr long kSendBatch = 32;
 // Messages waiting, with the broker there, before a waiting reading gives way to the
 // same value's next one: eight full replies' values go out whole, a tenth of a second
 // of what a broker on the same machine takes. Behind by more, every value's latest
@@ -119,7 +120,7 @@ MqttSender::Round MqttSender::handOver()
 {
     Round r;
     waiting_.store(false);
-    while (up_.load()) {
+    if (up_.load()) {
         const long room = roomInLibrary() ? std::min(window_.load() - inFlight_.load(), kSendBatch) : 0;
         if (room <= 0) {
             r.full = true;
@@ -160,6 +161,7 @@ MqttSender::Round MqttSender::handOver()
             r.refused = true;
             return r;
         }
+        r.more = long(sent) == room;
         batch_.clear();
     }
     return r;

@@ -48,9 +48,11 @@ public:
     // grants (0: it did not say), `birth` goes ahead of everything held (none when its
     // topic is empty).
     void connected(long receiveMaximum, const Message &birth);
-    // Hands the library what waits, in order, as far as the window lets; what it handed.
+    // Hands the library the next batch of what waits, in order, as far as the window
+    // lets; what it handed.
     struct Round {
         size_t sent = 0;
+        bool more = false;    // a whole batch went: more may wait
         bool full = false;    // the window is full: wait for acknowledgements
         bool refused = false; // the library took no more: try again shortly
     };
