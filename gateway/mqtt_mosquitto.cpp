@@ -41,8 +41,8 @@ constexpr auto kStopPoll = std::chrono::milliseconds(1);
 constexpr int kIdleWaitMs = 1000;
 constexpr int kWindowFullWaitMs = 10;
 // With the window full the thread waits for a quarter of it to be acknowledged (a
-// PUBACK takes 4 bytes) rather than waking for each: a write request coming meanwhile
-// waits at most kWindowFullWaitMs.
+// PUBACK takes 4 or 5 bytes) rather than waking for each: a write request coming
+// meanwhile waits at most kWindowFullWaitMs.
 constexpr int kAckBytes = 4;
 constexpr int kAcksAtOnce = int(MqttSender::kMaxInflight / 4);
 // After the library refused a message (full, or closing), before it is tried again.
@@ -246,7 +246,6 @@ bool MosquittoMqttClient::Impl::create(std::string *error)
     mosquitto_disconnect_v5_callback_set(mosq, onDisconnect);
     mosquitto_publish_v5_callback_set(mosq, onPublish);
     mosquitto_message_v5_callback_set(mosq, onMessage);
-    mosquitto_log_callback_set(mosq, onLog);
     if (!s.username.empty() &&
         mosquitto_username_pw_set(mosq, s.username.c_str(), s.password.empty() ? nullptr : s.password.c_str()) !=
             MOSQ_ERR_SUCCESS) {
@@ -270,6 +269,9 @@ bool MosquittoMqttClient::Impl::create(std::string *error)
 void MosquittoMqttClient::Impl::connect()
 {
     joinNetwork();
+    // The library's log tells why a TLS handshake failed; it is listened to until the
+    // broker accepts us, and no longer: it makes a line of every message sent.
+    mosquitto_log_callback_set(mosq, onLog);
     const Message will = willProvider ? willProvider() : s.will;
     if (will.topic.empty())
         mosquitto_will_clear(mosq);
@@ -471,6 +473,7 @@ void MosquittoMqttClient::Impl::onConnect(mosquitto *, void *context, int rc, in
         self->refusal = rc;
         return;
     }
+    mosquitto_log_callback_set(self->mosq, nullptr);
     uint16_t receiveMaximum = 0;
     mosquitto_property_read_int16(props, MQTT_PROP_RECEIVE_MAXIMUM, &receiveMaximum, false);
     // The birth goes ahead of everything: of what was held meanwhile, and of what the
