@@ -163,10 +163,11 @@ def reply_times(offset):
 
 
 def read_capture(path, start, end, offset):
-    """The registers' value messages received in [start, end]: how many, and the latency
-    of each from the reply that carried it, in ms."""
+    """The registers' value messages received in [start, end]: how many, the latency of
+    each from the reply that carried it, and that of each reply's first value to arrive
+    (the gateway's own share, with one message's way through the broker), in ms."""
     block_of, times = reply_times(offset)
-    latencies, received_count = [], 0
+    latencies, received_count, first = [], 0, {}
     with open(path, errors="replace") as f:
         for line in f:
             parts = line.split(" ", 2)
@@ -182,11 +183,13 @@ def read_capture(path, start, end, offset):
             address = int(topic[2])
             at = parts[2].find('"value":') + 8
             value = int(parts[2][at:parts[2].index(",", at)])
-            sent = times.get((block_of.get(address), (value - address) & 0xFFFF))
+            reply = (block_of.get(address), (value - address) & 0xFFFF)
+            sent = times.get(reply)
             i = bisect.bisect_right(sent, received) - 1 if sent else -1
             if i >= 0:
                 latencies.append((received - sent[i]) * 1000.0)
-    return received_count, latencies
+                first[reply + (i,)] = min(first.get(reply + (i,), latencies[-1]), latencies[-1])
+    return received_count, latencies, list(first.values())
 
 
 def fresh_stats(port, timeout=3.0):
@@ -239,13 +242,14 @@ def gateway_round(broker, sim, items, seconds, pause, name, memory=False, binary
         gw.stop()
         gw.cleanup()
         capture.finish()
-    received, latencies = read_capture(capture.path, start, end, replies_from)
+    received, latencies, firsts = read_capture(capture.path, start, end, replies_from)
     published = rate(first, last, "published")
     dropped = rate(first, last, "buffer_dropped")
     polls = rate(first, last, "polls")
     span = end - start
     out.update({"dropped_s": dropped, "polls_s": polls, "published_s": published, "received_s": received / span,
                 "p50": percentile(latencies, 50), "p99": percentile(latencies, 99), "timed": len(latencies),
+                "first_p50": percentile(firsts, 50), "first_p99": percentile(firsts, 99),
                 "cpu_us": (cpu1 - cpu0) / span / published * 1e6 if published > 0 else float("nan"),
                 # The poll loop's thread: the line, the driver, the model, the staging of messages.
                 "loop_poll_us": (loop1 - loop0) / span / polls * 1e6 if polls > 0 else float("nan"),
@@ -284,6 +288,7 @@ def main():
             sys.exit("missing %s: build rtuplc-gateway rtuplc-sim rtuplc-poll rtuplc_bare_publisher in %s" % (path, BUILD))
     items = items_for(a.items, a.shape)
     count = a.items if a.shape == "big" else 22
+    load_before = os.getloadavg()
     seconds = int(a.seconds)
     broker = h.Broker(log_every_message=False).start()
     sim = h.Simulator(extra_args=["--churn", "--reply-times", REPLY_TIMES])
@@ -336,6 +341,8 @@ def main():
     print()
     print("Gateway benchmark: %d items (%s), %d rounds of %d s each, rtuplc-sim --churn over TCP, QoS 1"
           % (count, " ".join(items), a.rounds, seconds))
+    print("Load average (1, 5, 15 min) before: %.1f %.1f %.1f, after: %.1f %.1f %.1f"
+          % (load_before + os.getloadavg()))
     print("rtuplc-poll, polls/s (median): %.1f; bare publisher, messages/s (median): %.0f" % (poll_med, bare_med))
     print("bare publisher in bursts of %d as at the light load: %.0f messages/s, latency p50 / p99 %.2f / %.2f ms"
           % (burst, bare_light[0], bare_light[1], bare_light[2]))
@@ -356,11 +363,14 @@ def main():
         lambda n: "%.2f / %.2f us" % (med(n, "loop_poll_us"), med(n, "client_us")))
     row("light load (pause %d ms): published/s" % a.light_pause, lambda n: "%.0f" % light[n]["published_s"])
     row("light load: latency p50 / p99", lambda n: "%.2f / %.2f ms" % (light[n]["p50"], light[n]["p99"]))
+    row("light load: a reply's first value, p50 / p99", lambda n: "%.2f / %.2f ms" % (light[n]["first_p50"], light[n]["first_p99"]))
     row("light load: CPU per published change (the other threads)",
         lambda n: "%.2f us (%.2f us)" % (light[n]["cpu_us"], light[n]["client_us"]))
     row("moderate load (pause %d ms): published/s" % a.moderate_pause, lambda n: "%.0f" % moderate[n]["published_s"])
     row("moderate load: readings given way/s", lambda n: "%.0f" % moderate[n]["dropped_s"])
     row("moderate load: latency p50 / p99", lambda n: "%.2f / %.2f ms" % (moderate[n]["p50"], moderate[n]["p99"]))
+    row("moderate load: a reply's first value, p50 / p99",
+        lambda n: "%.2f / %.2f ms" % (moderate[n]["first_p50"], moderate[n]["first_p99"]))
     row("moderate load: CPU per published change (the other threads)",
         lambda n: "%.2f us (%.2f us)" % (moderate[n]["cpu_us"], moderate[n]["client_us"]))
     row("resident memory, values polled", lambda n: "%.1f MB" % moderate[n]["rss_mb"])

@@ -31,7 +31,7 @@ void PlainTopics::shapeSession(MqttSettings *s) const
 void PlainTopics::bind(Broker &broker)
 {
     mqtt_ = &broker.client();
-    // The sender thread makes the messages: it gets its own copy of the topics.
+    // The connection's thread makes the messages: it gets its own copy of the topics.
     std::vector<std::string> topics;
     topics.reserve(model_.points().size());
     for (const PointState &s : model_.points())

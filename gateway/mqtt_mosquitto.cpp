@@ -443,7 +443,7 @@ void MosquittoMqttClient::Impl::subscribeAll()
     mosquitto_subscribe_multiple(mosq, nullptr, int(topics.size()), topics.data(), kSubscribeQos, 0, nullptr);
 }
 
-// Called by the sender thread, which counts the message in flight before.
+// Called by the connection's thread, which counts the message in flight before.
 bool MosquittoMqttClient::Impl::send(const Message &m)
 {
     mosquitto_property *props = nullptr;
