@@ -891,16 +891,26 @@ void Host::showDirty()
         std::sort(reporting_.begin(), reporting_.end());
     if (settings_.once)
         reporting_.clear(); // everything is reported once at the end
-    for (size_t i : reporting_) {
-        const Point &p = points_[i];
+    // A run of points side by side (a reply's, mostly) is read from the driver at once.
+    values_.resize(reporting_.size());
+    for (size_t run = 0; run < reporting_.size();) {
+        size_t end = run + 1;
+        while (end < reporting_.size() && reporting_[end] == reporting_[end - 1] + 1 &&
+               sideBySide(points_[reporting_[end - 1]], points_[reporting_[end]]))
+            ++end;
+        readValues(api_, &points_[reporting_[run]], end - run, &values_[run]);
+        run = end;
+    }
+    for (size_t k = 0; k < reporting_.size(); ++k) {
+        const size_t i = reporting_[k];
         if (!complete_[i] || written_.count(i))
             continue; // reported when its first read arrives
-        const uint32_t v = readValue(api_, p);
+        const uint32_t v = values_[k];
         if (reported_[i] && shown_[i] == v)
             continue;
         reported_[i] = true;
         shown_[i] = v;
-        events_.valueRead(p, v);
+        events_.valueRead(points_[i], v);
     }
     reporting_.clear();
 }

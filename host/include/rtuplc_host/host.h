@@ -280,6 +280,7 @@ private:
     bool areaPointsStale_ = true;
     // Points to report after the exchange, each once: dirtyMark_ says which are listed.
     std::vector<size_t> dirty_, reporting_;
+    std::vector<uint32_t> values_; // of reporting_
     std::vector<bool> dirtyMark_;
     void markDirty(size_t point);
     std::set<size_t> written_;    // changed by our own writes: shown once a read has them
