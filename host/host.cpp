@@ -796,7 +796,7 @@ void Host::afterRead(const FRAME_PRO &f)
     for (PendingWrite &w : writes_) {
         const Point &p = w.request.target.points.front();
         if (w.state == PendingWrite::State::Acknowledged && covers(f, p))
-            seen.emplace_back(w.id, readValue(api_, p) == w.request.value);
+            seen.emplace_back(w.id, w.request.landed(api_));
     }
     for (const auto &[id, same] : seen) {
         const PendingWrite *w = pending(id);

@@ -139,7 +139,7 @@ class Values(h.GatewayTestCase):
                       m.json()["quality"]) for m in self.sub.since() if m.topic.count("/") == 4}
         header, rows = csvlog.read_rows(csvlog.today_file(self.csv_dir))
         logged = {(t, "%s/%s/%s" % (station, item, address), value, quality)
-                  for t, station, item, address, value, quality in rows}
+                  for t, station, item, address, value, raw, quality in rows}
         self.assertEqual((header, len(logged)), (csvlog.HEADER, len(rows)), "a header, then no row twice")
         self.assertEqual(logged, published)
         self.assertEqual({q for _, _, _, q in logged}, {"good", "bad"})
