@@ -190,7 +190,8 @@ void Model::refresh(size_t index, bool reported, bool force)
         const bool hasError = !good || (known && !valid);
         const bool quality = known != s.known || (good && valid) != s.good || hasError == s.error.empty();
         bool moved = false;
-        if (known && r.form == rtuhost::Reading::Form::Text) {
+        if (known && (r.form == rtuhost::Reading::Form::Text || !valid)) {
+            // A string, or words that hold no number (NaN, an infinity): any word changed.
             uint16_t before[rtuhost::kMaxStringRegisters];
             s.registers(before);
             moved = !std::equal(words, words + n, before);

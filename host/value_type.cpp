@@ -25,7 +25,7 @@ const KindRow kKinds[] = {
     {ValueKind::Int16, "int16", -32768, 32767},
     {ValueKind::UInt32, "uint32", 0, 4294967295.0},
     {ValueKind::Int32, "int32", -2147483648.0, 2147483647},
-    {ValueKind::Float32, "float32", -3.4028234663852886e38, 3.4028234663852886e38},
+    {ValueKind::Float32, "float32", -3.4028235e38, 3.4028235e38},
     {ValueKind::Bool, "bool", 0, 1},
     {ValueKind::String, "string", 0, 0},
 };
@@ -395,10 +395,12 @@ bool encode(const ValueType &t, const std::string &text, bool isText, uint16_t c
     const std::string range = std::string(row.name) + " takes " + shown(row.lowest) + ".." + shown(row.highest);
     if (integer) {
         if (!t.scaled() && std::floor(raw) != raw)
-            return fail(shown(x) + " is not a whole number, which a " + range.substr(0, range.find(' ')) + " is");
+            return fail(shown(x) + " is not a whole number, which " + row.name + " takes only");
         raw = std::round(raw);
     }
-    if (!(raw >= row.lowest && raw <= row.highest))
+    // A float's range is where a number rounds to a float rather than to an infinity.
+    const bool fits = integer ? raw >= row.lowest && raw <= row.highest : std::isfinite(float(raw));
+    if (!fits)
         return fail(t.scaled() ? shown(x) + " is " + shown(raw) + " unscaled, out of range: " + range
                                : shown(x) + " is out of range: " + range);
     uint32_t bits = 0;

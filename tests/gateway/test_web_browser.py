@@ -142,8 +142,8 @@ class Page(h.GatewayTestCase):
                 self.assertTrue(b.wait_js("%s.textContent == '%d'" % (cell(path, "v"), value)),
                                 b.js(cell(path, "v") + ".textContent"))
                 under = self.under_headings(path)
-                self.assertEqual({k: under.get(k) for k in ("item", "decimal", "hex", "quality")},
-                                 {"item": item, "decimal": str(value), "hex": hexed, "quality": "good"})
+                self.assertEqual({k: under.get(k) for k in ("item", "value", "hex", "quality")},
+                                 {"item": item, "value": str(value), "hex": hexed, "quality": "good"})
         cut = b.js("[...document.querySelectorAll('.row.head > div, #items .path, #items .v, #items .hex')]"
                    ".filter((c) => c.scrollWidth > c.clientWidth).map((c) => c.textContent)")
         self.assertEqual(cut, [])
