@@ -43,10 +43,9 @@ const Keys kLineKeys = {"tcp",   "serial",  "settings", "rs485",          "timeo
                         "pause", "retries", "station",  "probe-interval", "probe-max"};
 const Keys kMqttKeys = {"url",   "client-id", "username",  "password-file", "password",       "ca",  "cert", "key",
                         "topic", "qos",       "keepalive", "buffer",        "stats-interval", "mode"};
-const Keys kItemKeys = {"item",       "writable", "name",     "unit",  "device-class", "every",
-                        "type",       "word-order", "byte-order", "scale", "offset",   "decimals",
-                        "min",        "max",      "write",    "deadband", "publish-every", "metrics",
-                        "state-class"};
+const Keys kItemKeys = {"item",       "writable",   "name",          "unit",    "device-class", "every", "type",
+                        "word-order", "byte-order", "scale",         "offset",  "decimals",     "min",   "max",
+                        "write",      "deadband",   "publish-every", "metrics", "state-class"};
 const Keys kTypes = {"uint16", "int16", "uint32", "int32", "float32", "bool", "string"};
 const Keys kOrders = {"high-first", "low-first"};
 constexpr long long kMaxDecimals = 15;
@@ -255,11 +254,13 @@ bool parseItem(Reader &r, const YAML::Node &node, ItemConfig *item)
         !readChoice(r, s, "state-class", {"measurement", "total", "total_increasing", "none"}, &item->stateClass))
         return false;
     if (item->deadband < 0)
-        return r.fail(s.line("deadband"), "items.deadband", "must be 0 or more, not " + inQuotes(s.find("deadband")->value.Scalar()));
+        return r.fail(s.line("deadband"), "items.deadband",
+                      "must be 0 or more, not " + inQuotes(s.find("deadband")->value.Scalar()));
     // A write that reads the word first overwrites what changed in it meanwhile: said, not assumed.
     if (!write.empty()) {
         if (s.find("writable") && !item->writable)
-            return r.fail(s.line("write"), "items.write", "writes, and writable: false says the item may not be written");
+            return r.fail(s.line("write"), "items.write",
+                          "writes, and writable: false says the item may not be written");
         item->writable = item->readModifyWrite = true;
     }
     return true;

@@ -137,8 +137,8 @@ std::string serialized(const Payload &p)
 // the metric's, or as the birth declared it.
 std::string commandValue(const Payload::Metric &m, SparkplugType type, bool *isText)
 {
-    const bool isSigned = type == SparkplugType::Int8 || type == SparkplugType::Int16 ||
-                          type == SparkplugType::Int32 || type == SparkplugType::Int64;
+    const bool isSigned = type == SparkplugType::Int8 || type == SparkplugType::Int16 || type == SparkplugType::Int32 ||
+                          type == SparkplugType::Int64;
     char text[40];
     switch (m.value_case()) {
     case Payload::Metric::kBooleanValue:
@@ -356,8 +356,8 @@ std::string SparkplugNode::where() const
 std::string SparkplugNode::planLine(const PlannedValue &v) const
 {
     const std::string type = v.type.plain ? "" : std::string("  ") + v.type.name();
-    return "device " + deviceName(v.points.front().station) + ", metric " + v.path.substr(v.path.find('/') + 1) +
-           type + (v.writable ? "  (writable: DCMD)" : "");
+    return "device " + deviceName(v.points.front().station) + ", metric " + v.path.substr(v.path.find('/') + 1) + type +
+           (v.writable ? "  (writable: DCMD)" : "");
 }
 
 void SparkplugNode::bind(Broker &broker)

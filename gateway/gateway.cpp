@@ -84,8 +84,8 @@ bool Gateway::start(std::string *error)
     }
     host_->start();
     rtuhost::logNotice("%s: polling %zu values in %d blocks on %s; broker %s, %s", config_.name.c_str(),
-                       model_->values().size(), host_->blockCount(), link_->describe().c_str(), config_.mqtt.url.c_str(),
-                       dialect_->where().c_str());
+                       model_->values().size(), host_->blockCount(), link_->describe().c_str(),
+                       config_.mqtt.url.c_str(), dialect_->where().c_str());
     return true;
 }
 

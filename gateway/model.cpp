@@ -426,7 +426,7 @@ double plainNumber(const std::string &text)
 {
     const QString t = QString::fromStdString(text).trimmed();
     return t.startsWith(QLatin1String("0x"), Qt::CaseInsensitive) ? double(t.mid(2).toULongLong(nullptr, 16))
-                                                                   : double(t.toLongLong());
+                                                                  : double(t.toLongLong());
 }
 
 } // namespace

@@ -93,8 +93,7 @@ std::string rawText(const uint16_t *words, const ValueType &t, bool json)
     return json && t.kind == rtuhost::ValueKind::String ? '[' + raw + ']' : raw;
 }
 
-} // namespace
-
+// Why a value is bad: a string's error comes after its registers.
 std::string errorOf(const ValueUpdate &v, const ValueType &t)
 {
     if (t.kind != rtuhost::ValueKind::String)
@@ -102,6 +101,8 @@ std::string errorOf(const ValueUpdate &v, const ValueType &t)
     const size_t bytes = size_t(2 * t.registers);
     return v.error.size() > bytes ? v.error.substr(bytes) : std::string();
 }
+
+} // namespace
 
 std::string readingJson(const rtuhost::Reading &r, const ValueType &t)
 {
@@ -148,17 +149,15 @@ std::string valueJson(const ValueUpdate &v, const ValueType &t)
     return p;
 }
 
-bool valueTexts(const ValueUpdate &v, const ValueType &t, std::string *value, std::string *raw, double *number)
+void valueTexts(const ValueUpdate &v, const ValueType &t, std::string *value, std::string *raw)
 {
     value->clear();
     raw->clear();
     if (!v.known)
-        return false;
+        return;
     if (t.plain) {
         *value = std::to_string(v.value);
-        if (number != nullptr)
-            *number = v.value;
-        return true;
+        return;
     }
     uint16_t words[rtuhost::kMaxStringRegisters];
     wordsOf(v, t, words);
@@ -168,15 +167,28 @@ bool valueTexts(const ValueUpdate &v, const ValueType &t, std::string *value, st
         *value = rtuhost::readingText(r, t);
     if (*raw == *value)
         raw->clear();
-    if (number != nullptr)
-        *number = r.number;
-    return r.invalid == nullptr && r.form != rtuhost::Reading::Form::Text;
+}
+
+bool valueNumber(const ValueUpdate &v, const ValueType &t, double *number)
+{
+    if (!v.known || t.kind == rtuhost::ValueKind::String)
+        return false;
+    if (t.plain) {
+        *number = v.value;
+        return true;
+    }
+    uint16_t words[2];
+    wordsOf(v, t, words);
+    const rtuhost::Reading r = rtuhost::decode(t, words);
+    *number = r.number;
+    return r.invalid == nullptr;
 }
 
 ValueUpdate valueUpdate(size_t index, const ValueState &s)
 {
     if (s.type.kind == rtuhost::ValueKind::String)
-        return ValueUpdate{uint32_t(index), 0, msSinceEpoch(s.ts), s.known, s.good, s.good ? s.words : s.words + s.error};
+        return ValueUpdate{uint32_t(index), 0,      msSinceEpoch(s.ts),
+                           s.known,         s.good, s.good ? s.words : s.words + s.error};
     return ValueUpdate{uint32_t(index), s.raw, msSinceEpoch(s.ts), s.known, s.good, s.good ? std::string() : s.error};
 }
 

@@ -27,13 +27,11 @@ ValueUpdate valueUpdate(size_t index, const ValueState &s);
 std::string valueJson(const ValueUpdate &v, const ValueType &type);
 // A reading as its topic shows it: a number, true or false, text quoted, null for none.
 std::string readingJson(const rtuhost::Reading &r, const ValueType &type);
-// The same for the CSV log and the metrics: the value as text (empty when never read or
-// no number) and the raw registers (empty where they say the same; a string's words
-// separated by spaces). `number`, when asked for, the value as a number; false when none.
-bool valueTexts(const ValueUpdate &v, const ValueType &type, std::string *value, std::string *raw,
-                double *number = nullptr);
-// Why a value is bad, as an update carries it.
-std::string errorOf(const ValueUpdate &v, const ValueType &type);
+// The same for the CSV log: the value as text (empty when never read or no number) and
+// the raw registers (empty where they say the same; a string's words separated by spaces).
+void valueTexts(const ValueUpdate &v, const ValueType &type, std::string *value, std::string *raw);
+// The value as a number, for a trend or a gauge (a bool 0 or 1); false when it has none.
+bool valueNumber(const ValueUpdate &v, const ValueType &type, double *number);
 
 // A write request's payload: a bare value, or {"value":1234,"id":...}.
 struct WriteRequestPayload {

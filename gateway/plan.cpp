@@ -20,8 +20,9 @@ std::pair<const char *, std::string> typeProblem(const ItemConfig &ic, const Val
     if (ic.readModifyWrite && !bitOfWord)
         return {"write", "only a bit of a register is written by reading its word; this item is written whole"};
     if (ic.writable && bitOfWord && !ic.readModifyWrite)
-        return {"writable", "a bit of a register is written by reading the word and writing it back, which undoes "
-                            "whatever the controller changed in its other bits meanwhile: say write: read-modify-write"};
+        return {"writable",
+                "a bit of a register is written by reading the word and writing it back, which undoes "
+                "whatever the controller changed in its other bits meanwhile: say write: read-modify-write"};
     if (ic.keyLines.count("deadband") && !t.number())
         return {"deadband", std::string("only a number moves by a deadband, and a ") + t.name() + " is not one"};
     if (ic.metrics && t.kind == rtuhost::ValueKind::String)
@@ -64,7 +65,8 @@ bool makePlan(const Config &config, const DriverApi &api, const Catalogue &catal
         item.every = std::chrono::milliseconds(ic.everyMs);
         for (const ValueSpan &span : item.values()) {
             PlannedValue v;
-            v.points.assign(item.points.begin() + long(span.first), item.points.begin() + long(span.first) + span.count);
+            v.points.assign(item.points.begin() + long(span.first),
+                            item.points.begin() + long(span.first) + span.count);
             v.path = valuePath(v.points.front(), item.type);
             v.type = item.type;
             v.item = &ic;

@@ -145,7 +145,9 @@ void WebPage::routes()
         if (!write->settled.wait_for(g, kWriteTimeout, [&] { return write->done || stopping_; })) {
             res.status = kGatewayTimeout;
             res.set_content(
-                answerJson(write->idJson, WriteAnswer{false, false, {},
+                answerJson(write->idJson, WriteAnswer{false,
+                                                      false,
+                                                      {},
                                                       "no answer within " + std::to_string(kWriteTimeout.count()) +
                                                           " s; it may still land"}),
                 kJson);

@@ -109,9 +109,8 @@ void WebState::flush()
             Item &item = items_[index];
             item.value = valueUpdate(index, s);
             item.seq = ++seq_;
-            std::string value, raw;
             double number = 0;
-            const bool isNumber = valueTexts(item.value, s.type, &value, &raw, &number);
+            const bool isNumber = valueNumber(item.value, s.type, &number);
             if (item.gauge >= 0)
                 gauges_[size_t(item.gauge)] = Gauge{gauges_[size_t(item.gauge)].labels, number, isNumber && s.good};
             // A trend draws numbers; a string, or a value never read, has none.
@@ -214,7 +213,8 @@ bool WebState::historyJson(const std::string &path, std::string *json) const
             continue;
         j += first ? "[" : ",[";
         first = false;
-        j += std::to_string(s.ms) + ',' + (s.good ? rtuhost::formatNumber(s.value, items_[size_t(index)].type) : "null") + ']';
+        j += std::to_string(s.ms) + ',' +
+             (s.good ? rtuhost::formatNumber(s.value, items_[size_t(index)].type) : "null") + ']';
     }
     *json = j + "]}";
     return true;

@@ -11,7 +11,7 @@ namespace rtuhost {
 
 namespace {
 
-constexpr int kMaxDecimals = 15; // a double holds no more
+constexpr int kMaxDecimals = 15;       // a double holds no more
 constexpr double kLargestWhole = 1e15; // printed whole below this; a scaled value has at most 15 digits
 constexpr int kFloatDigitsFrom = 6, kFloatDigitsTo = 9; // 9 always read back as the same float
 
@@ -112,14 +112,16 @@ bool resolveType(const TypeOptions &o, Kind kind, const std::string &area, int r
         for (const KindRow &r : kKinds)
             found = o.type == r.name ? &r : found;
         if (found == nullptr)
-            return fail("type", quoted(o.type) + " is not a type: uint16, int16, uint32, int32, float32, bool or string");
+            return fail("type",
+                        quoted(o.type) + " is not a type: uint16, int16, uint32, int32, float32, bool or string");
         t.kind = found->kind;
     }
     const std::string typeName = kindName(t.kind);
     const bool wide = isWide(t.kind);
     if (o.bit >= 0) {
         if (kind == Kind::Bit)
-            return fail("item", area + " holds bits already: name one by its address, without ." + std::to_string(o.bit));
+            return fail("item",
+                        area + " holds bits already: name one by its address, without ." + std::to_string(o.bit));
         if (kind != Kind::Word)
             return fail("item", "a bit is named on a 16-bit register, and " + area + " holds 32-bit values");
         if (o.bit > 15)
@@ -165,8 +167,11 @@ bool resolveType(const TypeOptions &o, Kind kind, const std::string &area, int r
     const struct {
         const char *key;
         bool given;
-    } numeric[] = {{"scale", !std::isnan(o.scale)}, {"offset", !std::isnan(o.offset)}, {"decimals", o.decimals >= 0},
-                   {"min", !std::isnan(o.min)},     {"max", !std::isnan(o.max)}};
+    } numeric[] = {{"scale", !std::isnan(o.scale)},
+                   {"offset", !std::isnan(o.offset)},
+                   {"decimals", o.decimals >= 0},
+                   {"min", !std::isnan(o.min)},
+                   {"max", !std::isnan(o.max)}};
     for (const auto &n : numeric) {
         if (n.given && !t.number())
             return fail(n.key, std::string("only numbers have one, and a ") + typeName + " is not a number");

@@ -106,8 +106,8 @@ class NodeLife(spb.SparkplugTestCase):
                     ("D_W/410", "int_value", (1 << 32) - 9, 410, [0xFFFF, 0xFFF7])]
         for name, field, value, first, words in commands:
             with self.subTest(command=name):
-                self.sub.publish(spb.NS + "DCMD/" + spb.NODE + "/station1", spb.encode_command([(name, None, field, value)]),
-                                 qos=0)
+                command = spb.encode_command([(name, None, field, value)])
+                self.sub.publish(spb.NS + "DCMD/" + spb.NODE + "/station1", command, qos=0)
                 self.assertTrue(h.wait_until(lambda: [self.sim.get(1, first + i) for i in range(len(words))] == words,
                                              h.ANSWER_TIMEOUT), gw.log())
 

@@ -198,7 +198,8 @@ class Values(h.GatewayTestCase):
             ("negative tenths", {412: [0xFFCE]}, "1/D_W/412", -15, 65486, None),
             ("bit 3 clear, the others set", {413: [0xFFF7]}, "1/D_W/413.3", False, 65527, None),
             ("bit 3 set", {413: [0x0008]}, "1/D_W/413.3", True, 8, None),
-            ("a string ends at its NUL", {414: [0x4142, 0x4300, 0x5859]}, "1/D_W/414", "ABC", [16706, 17152, 22617], None),
+            ("a string ends at its NUL", {414: [0x4142, 0x4300, 0x5859]}, "1/D_W/414", "ABC",
+             [0x4142, 0x4300, 0x5859], None),
         ]
         for what, registers, topic, value, raw, error in rows:
             with self.subTest(what):

@@ -126,9 +126,9 @@ TEST(ValueType, WritesThatDoNotFitAreRefusedWithWhy)
         int registers;
         const char *text;
         bool isText;
-        uint16_t current;             // the word a bit is set in
-        std::vector<uint16_t> words;  // written; empty: refused
-        const char *why;              // part of the refusal
+        uint16_t current;            // the word a bit is set in
+        std::vector<uint16_t> words; // written; empty: refused
+        const char *why;             // part of the refusal
     };
     const Row rows[] = {
         // clang-format off

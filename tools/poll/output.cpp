@@ -83,7 +83,8 @@ void Output::value(size_t row, const Shown &v)
 {
     switch (mode_) {
     case Mode::Lines:
-        put(stdout, QStringLiteral("%1  station %2  %3 = %4").arg(timeStamp()).arg(v.point.station).arg(v.label, v.text));
+        put(stdout,
+            QStringLiteral("%1  station %2  %3 = %4").arg(timeStamp()).arg(v.point.station).arg(v.label, v.text));
         break;
     case Mode::Json: {
         // A plain value as it always was; a typed one says its type, its bit, its registers.

@@ -17,13 +17,13 @@ using rtuhost::Point;
 
 // One value as rtuplc-poll shows it: a point's, or a typed one's over several.
 struct Shown {
-    Point point;         // where it starts
-    QString label;       // "D_W:100", "D_W:100.3", "D_D:200:float32"
-    QString type;        // empty for a plain value
-    int bit = -1;        // of a word
-    QString text;        // for people
-    QString json;        // the value in JSON
-    QString raw;         // the registers, in JSON, where they differ; else empty
+    Point point;   // where it starts
+    QString label; // "D_W:100", "D_W:100.3", "D_D:200:float32"
+    QString type;  // empty for a plain value
+    int bit = -1;  // of a word
+    QString text;  // for people
+    QString json;  // the value in JSON
+    QString raw;   // the registers, in JSON, where they differ; else empty
 };
 
 class Output {

@@ -153,8 +153,8 @@ void Report::logRow(Value &v, const Logged &now)
     if (last.known == now.known && last.value == now.value && last.raw == now.raw && last.good == now.good)
         return;
     last = now;
-    const QString address = v.point.area->format(v.point.address) +
-                            (v.type.bit >= 0 ? '.' + QString::number(v.type.bit) : QString());
+    const QString address =
+        v.point.area->format(v.point.address) + (v.type.bit >= 0 ? '.' + QString::number(v.type.bit) : QString());
     const rtuhost::CsvRow row{std::chrono::system_clock::now(),
                               v.point.station,
                               v.point.area->name.toStdString(),

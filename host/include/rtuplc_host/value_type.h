@@ -57,7 +57,10 @@ struct ValueType {
     bool scaled() const { return scale != 1 || offset != 0; }
     // A fraction can come out: a float, or a scaled integer.
     bool fractional() const { return kind == ValueKind::Float32 || (number() && scaled()); }
-    bool limited() const { return min > -std::numeric_limits<double>::infinity() || max < std::numeric_limits<double>::infinity(); }
+    bool limited() const
+    {
+        return min > -std::numeric_limits<double>::infinity() || max < std::numeric_limits<double>::infinity();
+    }
     // Points of the area one value is made of: a register each on a 16-bit area.
     int points(Kind area) const { return area == Kind::Word ? registers : 1; }
     const char *name() const;
