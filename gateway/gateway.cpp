@@ -2,7 +2,6 @@
 
 #include <bitset>
 #include <cstdio>
-#include <set>
 
 #include "csv_sink.h"
 #include "homeassistant.h"
@@ -32,17 +31,6 @@ rtuhost::HostSettings hostSettings(const Config &config, const LinePlan &plan)
     return s;
 }
 
-// The stations other masters may reach: those the gateway polls or is told of.
-std::vector<int> knownStations(const Config &config, const LinePlan &plan)
-{
-    std::set<int> known{config.line.station};
-    for (const rtuhost::Item &item : plan.items)
-        known.insert(item.station);
-    for (const auto &[station, name] : config.stationNames)
-        known.insert(station);
-    return {known.begin(), known.end()};
-}
-
 // How often the server's default max-age is brought in line with the polling's pace.
 constexpr std::chrono::seconds kAgeInterval{1};
 
@@ -61,10 +49,8 @@ Gateway::Gateway(const Config &config, const rtuhost::DriverApi &api, const rtuh
     host_->monitor(plan.items);
     model_->attach(*host_, plan.configured);
     if (config.modbusServer.enabled) {
-        rtusupport::SerialLine serial = plan.line;
-        if (!config.modbusServer.settings.empty())
-            rtusupport::parseSerialLine(config.modbusServer.settings, &serial, nullptr);
-        server_ = std::make_unique<ModbusServer>(config.modbusServer, knownStations(config, plan), serial);
+        server_ = std::make_unique<ModbusServer>(config.modbusServer, knownStations(config, plan),
+                                                 serverSerialLine(config.modbusServer, plan.line));
         host_->share(server_.get(), config.modbusServer.pollShare);
     }
 

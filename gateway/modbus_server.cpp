@@ -121,18 +121,26 @@ ModbusServer::~ModbusServer()
         freeTlsContext(context_.tls);
 }
 
-std::vector<std::string> ModbusServer::listeners() const
+rtusupport::SerialLine serverSerialLine(const ModbusServerConfig &config, const rtusupport::SerialLine &line)
+{
+    rtusupport::SerialLine own = line;
+    if (!config.settings.empty())
+        rtusupport::parseSerialLine(config.settings, &own, nullptr); // checked when the file was read
+    return own;
+}
+
+std::vector<std::string> listenerNames(const ModbusServerConfig &config, const rtusupport::SerialLine &serialLine)
 {
     std::vector<std::string> out;
     const std::pair<const char *, const ModbusServerConfig::Listen *> tcp[] = {
-        {kTcpTransport.name, &config_.tcp}, {kRtuOverTcpTransport.name, &config_.rtuOverTcp},
-        {kTlsTransport.name, &config_.tls}};
+        {kTcpTransport.name, &config.tcp}, {kRtuOverTcpTransport.name, &config.rtuOverTcp},
+        {kTlsTransport.name, &config.tls}};
     for (const auto &[name, l] : tcp)
         if (l->on)
             out.push_back(std::string(name) + " " + l->text);
-    if (!config_.serial.empty())
-        out.push_back(std::string(kSerialTransport.name) + " " + config_.serial + " " +
-                      rtusupport::formatSerialLine(serialLine_));
+    if (!config.serial.empty())
+        out.push_back(std::string(kSerialTransport.name) + " " + config.serial + " " +
+                      rtusupport::formatSerialLine(serialLine));
     return out;
 }
 

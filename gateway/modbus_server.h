@@ -54,6 +54,11 @@ struct ModbusServerStats {
     static const char *functionLabel(size_t index); // "01".."10", "other"
 };
 
+// The serial listener's line: its own settings, else the line's.
+rtusupport::SerialLine serverSerialLine(const ModbusServerConfig &config, const rtusupport::SerialLine &line);
+// "tcp 127.0.0.1:1502" for each listener the configuration asks for.
+std::vector<std::string> listenerNames(const ModbusServerConfig &config, const rtusupport::SerialLine &serialLine);
+
 class ModbusServer : public rtuhost::LineShare {
 public:
     // `stations`: those the gateway knows (its items', line.station, stations:); `serialLine`
@@ -74,8 +79,7 @@ public:
     void setMaxAge(std::chrono::milliseconds age);
     std::chrono::milliseconds maxAge() const { return std::chrono::milliseconds(maxAgeMs_.load()); }
 
-    // "tcp 127.0.0.1:1502" for each listener, as configured.
-    std::vector<std::string> listeners() const;
+    std::vector<std::string> listeners() const { return listenerNames(config_, serialLine_); }
     const ModbusServerStats &stats() const { return stats_; }
     ModbusCache &cache() { return cache_; }
     // The port a TCP listener got (tests listen on port 0), 0 when none.
