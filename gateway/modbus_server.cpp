@@ -477,6 +477,7 @@ void ModbusServer::readFrom(Connection &c, Clock::time_point now)
 {
     uint8_t buffer[kReadChunk];
     size_t budget = kReadBudget;
+    bool drained = false;
     c.held = false;
     for (;;) {
         Incoming in;
@@ -504,9 +505,10 @@ void ModbusServer::readFrom(Connection &c, Clock::time_point now)
                 break;
             }
         }
-        if (budget == 0)
+        if (budget == 0 || drained)
             break;
-        const long got = c.stream->read(buffer, std::min(sizeof buffer, budget));
+        const size_t asked = std::min(sizeof buffer, budget);
+        const long got = c.stream->read(buffer, asked);
         if (got == Stream::kClosed) {
             close(c);
             return;
@@ -515,6 +517,9 @@ void ModbusServer::readFrom(Connection &c, Clock::time_point now)
             break;
         budget -= size_t(got);
         c.framing->feed(buffer, size_t(got), now);
+        // Less than asked: nothing more waits now (epoll tells when it does), and a
+        // master sending one request at a time costs one read, not two.
+        drained = size_t(got) < asked;
     }
     if (!flush(c))
         return;
