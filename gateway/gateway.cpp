@@ -52,6 +52,7 @@ Gateway::Gateway(const Config &config, const rtuhost::DriverApi &api, const rtuh
         server_ = std::make_unique<ModbusServer>(config.modbusServer, knownStations(config, plan),
                                                  serverSerialLine(config.modbusServer, plan.line));
         host_->share(server_.get(), config.modbusServer.pollShare);
+        model_->modbusStats = &server_->stats();
     }
 
     dialect_ = makeDialect(*model_);
@@ -161,9 +162,9 @@ std::string Gateway::status() const
                                 online, model_->stations().size(), model_->pollsPerSecond(), broker_->state().c_str(),
                                 (unsigned long long)broker_->client().stats().held);
     if (server_ && n > 0 && size_t(n) < sizeof text) {
-        const ModbusServerStats &s = server_->stats();
-        std::snprintf(text + n, sizeof text - size_t(n), ", %lld masters, %.0f%% from cache",
-                      (long long)s.masters.load(), 100.0 * s.hitRatio());
+        const ModbusFigures f = server_->stats().figures();
+        std::snprintf(text + n, sizeof text - size_t(n), ", %lld masters, %.0f%% from cache", (long long)f.masters,
+                      100.0 * f.hitRatio());
     }
     return text;
 }

@@ -82,26 +82,6 @@ struct ModbusServer::Connection {
     bool held = false;      // holds bytes a timer or a later turn must judge
 };
 
-double ModbusServerStats::hitRatio() const
-{
-    const double hits = double(fromCache.load()), asked = hits + double(forwardedReads.load());
-    return asked > 0 ? hits / asked : 0.0;
-}
-
-size_t ModbusServerStats::functionIndex(uint8_t function)
-{
-    static constexpr uint8_t kCodes[] = {0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x0F, 0x10};
-    const auto *end = std::end(kCodes);
-    const auto *at = std::find(std::begin(kCodes), end, function);
-    return at == end ? kFunctions - 1 : size_t(at - std::begin(kCodes));
-}
-
-const char *ModbusServerStats::functionLabel(size_t index)
-{
-    static const char *const kLabels[kFunctions] = {"01", "02", "03", "04", "05", "06", "0F", "10", "other"};
-    return index < kFunctions ? kLabels[index] : "other";
-}
-
 ModbusServer::ModbusServer(const ModbusServerConfig &config, const std::vector<int> &stations,
                            const rtusupport::SerialLine &serialLine)
     : config_(config), serialLine_(serialLine),
@@ -532,7 +512,7 @@ void ModbusServer::handle(Connection &c, const Incoming &in, Clock::time_point n
 {
     const uint8_t station = in.head.station;
     const uint8_t function = in.pduBytes > 0 ? in.pdu[0] : 0;
-    ++stats_.requests[ModbusServerStats::functionIndex(function)];
+    ++stats_.requests[ModbusFigures::functionIndex(function)];
     if (!known_[station]) {
         if (c.framing->answersForAbsentStations())
             exception(c, in.head, function, mb::ex::kPathUnavailable);
@@ -663,8 +643,6 @@ void ModbusServer::takeAnswers()
         const bool spoke = a.outcome == Outcome::Reply || a.outcome == Outcome::Exception;
         if (spoke && a.reply.size() >= rtuplc::kExceptionReplyBytes) {
             ++stats_.lineAnswers;
-            if (a.outcome == Outcome::Exception)
-                ++stats_.exceptions[std::min<size_t>(a.reply[2], ModbusServerStats::kExceptionCodes - 1)];
             // The controller's answer as it came, in the master's framing.
             settle(a.id, a.reply.data() + 1, a.reply.size() - 1 - rtuplc::kCrcBytes, 0);
         } else {
