@@ -372,9 +372,12 @@ void ModbusServer::serve()
             if (it == connections_.end())
                 continue;
             Connection &c = *it->second;
+            // A master that hung up while its replies piled up will never read them; a
+            // serial device that hangs up (a pseudo-terminal's other side closed) is
+            // opened again later.
             const bool gone = events[i].events & (EPOLLHUP | EPOLLERR);
-            if (gone && c.paused && !c.permanent) { // it will never read what it is owed
-                ++stats_.dropped;
+            if (gone && (c.paused || c.permanent)) {
+                stats_.dropped += c.permanent ? 0 : 1;
                 close(c);
                 continue;
             }
