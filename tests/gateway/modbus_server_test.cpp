@@ -7,6 +7,8 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <pty.h>
+#include <termios.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -233,6 +235,51 @@ TEST(ModbusServer, EachReplyGoesToItsOwnMasterAndTransactionOnce)
     EXPECT_EQ(a.receive(), expectA);
     EXPECT_EQ(b.receive(), mbapReply(21, 1, {3, 2, 0, 21}));
     EXPECT_EQ(a.receive(100ms), Bytes{}) << "answered once";
+}
+
+} // namespace
+
+namespace {
+
+// The serial listener on a pseudo-terminal, as a panel wired to the gateway sees it:
+// frames ended by their length, or by silence for a function it does not know, and a
+// quiet line between them is no reason to let go of the port.
+TEST(ModbusServer, ServesAPanelOnTheSerialPort)
+{
+    int panel = -1, port = -1;
+    ASSERT_EQ(openpty(&panel, &port, nullptr, nullptr, nullptr), 0);
+    termios raw{};
+    tcgetattr(panel, &raw);
+    cfmakeraw(&raw);
+    tcsetattr(panel, TCSANOW, &raw);
+    ModbusServerConfig config;
+    config.enabled = true;
+    config.serial = ttyname(port);
+    ModbusServer server(config, {1}, rtusupport::SerialLine{});
+    std::string error;
+    ASSERT_TRUE(server.start(&error)) << error;
+    const Bytes polled = withCrc({1, 3, 0, 0, 0, 1}), values = withCrc({1, 3, 2, 0x12, 0x34});
+    server.heard(polled.data(), polled.size(), values.data(), values.size(), Clock::now());
+    const auto ask = [&](const Bytes &frame) {
+        EXPECT_EQ(::write(panel, frame.data(), frame.size()), ssize_t(frame.size()));
+        Bytes got;
+        pollfd p{panel, POLLIN, 0};
+        for (int wait = 500; ::poll(&p, 1, wait) > 0; wait = 50) {
+            uint8_t buf[256];
+            const ssize_t n = ::read(panel, buf, sizeof buf);
+            if (n <= 0)
+                break;
+            got.insert(got.end(), buf, buf + n);
+        }
+        return got;
+    };
+    EXPECT_EQ(ask(withCrc({1, 0x2B, 0x0E, 1, 0})), withCrc({1, 0xAB, 0x01})) << "an unknown function, after silence";
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(ask(withCrc({1, 3, 0, 0, 0, 1})), values) << "the port still served after a quiet moment";
+    EXPECT_EQ(ask(withCrc({7, 3, 0, 0, 0, 1})), Bytes{}) << "a station not served says nothing";
+    server.stop();
+    ::close(panel);
+    ::close(port);
 }
 
 } // namespace
