@@ -143,8 +143,9 @@ void Gateway::run(const std::atomic<bool> &stop)
 void Gateway::finish()
 {
     rtuhost::logNotice("stopping");
+    // Other masters' requests still waiting get no answer.
     if (server_)
-        server_->stop(); // other masters' requests still waiting get no answer
+        server_->stop();
     host_->finish(); // writes still open are answered
     turn();
     if (web_)
@@ -158,8 +159,8 @@ std::string Gateway::status() const
     for (const auto &[station, state] : model_->stations())
         online += state.online ? 1 : 0;
     char text[256];
-    const int n = std::snprintf(text, sizeof text, "%d/%zu stations online, %.1f polls/s, broker %s, %llu held",
-                                online, model_->stations().size(), model_->pollsPerSecond(), broker_->state().c_str(),
+    const int n = std::snprintf(text, sizeof text, "%d/%zu stations online, %.1f polls/s, broker %s, %llu held", online,
+                                model_->stations().size(), model_->pollsPerSecond(), broker_->state().c_str(),
                                 (unsigned long long)broker_->client().stats().held);
     if (server_ && n > 0 && size_t(n) < sizeof text) {
         const ModbusFigures f = server_->stats().figures();

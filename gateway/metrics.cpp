@@ -65,8 +65,8 @@ void modbusMetrics(Writer &w, const ModbusFigures &m)
     w.one("modbus_masters", "gauge", "Other masters connected.", double(m.masters));
     w.one("modbus_line_seconds_total", "counter", "Line time taken by other masters' requests.",
           double(m.lineMicros) / 1e6);
-    w.one("modbus_connections_refused_total", "counter", "Connections refused: too many, or from a network not allowed.",
-          double(m.refused));
+    w.one("modbus_connections_refused_total", "counter",
+          "Connections refused: too many, or from a network not allowed.", double(m.refused));
     w.one("modbus_connections_dropped_total", "counter", "Connections closed: idle, not reading, or not Modbus.",
           double(m.dropped));
 }

@@ -113,7 +113,8 @@ std::vector<std::string> listenerNames(const ModbusServerConfig &config, const r
 {
     std::vector<std::string> out;
     const std::pair<const char *, const ModbusServerConfig::Listen *> tcp[] = {
-        {kTcpTransport.name, &config.tcp}, {kRtuOverTcpTransport.name, &config.rtuOverTcp},
+        {kTcpTransport.name, &config.tcp},
+        {kRtuOverTcpTransport.name, &config.rtuOverTcp},
         {kTlsTransport.name, &config.tls}};
     for (const auto &[name, l] : tcp)
         if (l->on)
@@ -735,8 +736,8 @@ void ModbusServer::close(Connection &c)
             pending_.erase(s.id);
     if (c.open > 0) {
         const std::lock_guard<std::mutex> hold(lineLock_);
-        const auto gone = std::remove_if(waiting_.begin(), waiting_.end(),
-                                         [key](const Waiting &w) { return w.connection == key; });
+        const auto gone =
+            std::remove_if(waiting_.begin(), waiting_.end(), [key](const Waiting &w) { return w.connection == key; });
         stats_.queued -= int64_t(waiting_.end() - gone);
         waiting_.erase(gone, waiting_.end());
     }

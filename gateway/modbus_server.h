@@ -115,8 +115,8 @@ private:
 
     // Shared with the loop thread.
     std::mutex lineLock_;
-    std::deque<Waiting> waiting_;   // in arrival order, and so in order of deadline
-    std::vector<Answer> answers_;   // from the line, for the server's thread
+    std::deque<Waiting> waiting_; // in arrival order, and so in order of deadline
+    std::vector<Answer> answers_; // from the line, for the server's thread
     std::atomic<size_t> waitingCount_{0};
 
     // The server's thread's own.

@@ -30,17 +30,17 @@ struct ModbusServerStats {
     static constexpr size_t kFunctions = ModbusFigures::kFunctions;
     static constexpr size_t kExceptionCodes = ModbusFigures::kExceptionCodes;
     std::atomic<uint64_t> requests[kFunctions] = {};
-    std::atomic<uint64_t> fromCache{0};      // reads answered from what the line carried
-    std::atomic<uint64_t> forwarded{0};      // requests put on the line
-    std::atomic<uint64_t> forwardedReads{0}; // of which reads: the cache's misses
-    std::atomic<uint64_t> lineAnswers{0};    // forwarded requests the controller answered, refusals too
+    std::atomic<uint64_t> fromCache{0};                     // reads answered from what the line carried
+    std::atomic<uint64_t> forwarded{0};                     // requests put on the line
+    std::atomic<uint64_t> forwardedReads{0};                // of which reads: the cache's misses
+    std::atomic<uint64_t> lineAnswers{0};                   // forwarded requests the controller answered, refusals too
     std::atomic<uint64_t> exceptions[kExceptionCodes] = {}; // the gateway's own, by code
-    std::atomic<uint64_t> unanswered{0};     // RTU requests to absent stations: silence
-    std::atomic<uint64_t> lineMicros{0};     // line time forwarded requests took
-    std::atomic<int64_t> queued{0};          // waiting for the line now
-    std::atomic<int64_t> masters{0};         // connected now
-    std::atomic<uint64_t> refused{0};        // connections refused: too many, or not allowed
-    std::atomic<uint64_t> dropped{0};        // connections closed: idle, not reading, garbage
+    std::atomic<uint64_t> unanswered{0};                    // RTU requests to absent stations: silence
+    std::atomic<uint64_t> lineMicros{0};                    // line time forwarded requests took
+    std::atomic<int64_t> queued{0};                         // waiting for the line now
+    std::atomic<int64_t> masters{0};                        // connected now
+    std::atomic<uint64_t> refused{0};                       // connections refused: too many, or not allowed
+    std::atomic<uint64_t> dropped{0};                       // connections closed: idle, not reading, garbage
 
     ModbusFigures figures() const;
 };

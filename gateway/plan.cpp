@@ -5,9 +5,9 @@
 #include <string>
 
 #include "dialect.h"
-#include "model.h"
 #include "modbus_pdu.h"
 #include "modbus_server.h"
+#include "model.h"
 
 namespace rtugw {
 

@@ -8,8 +8,8 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <pty.h>
-#include <termios.h>
 #include <sys/socket.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <bitset>
@@ -134,12 +134,12 @@ rtuhost::Exchange says(Outcome outcome, Bytes reply = {}, std::chrono::milliseco
 
 struct Row {
     const char *what;
-    bool rtu;       // over the rtu-over-tcp listener, else Modbus TCP
+    bool rtu; // over the rtu-over-tcp listener, else Modbus TCP
     uint8_t station;
-    Bytes pdu;      // the master's request
-    Bytes onLine;   // the RTU frame expected on the line (without CRC); empty: nothing goes there
+    Bytes pdu;    // the master's request
+    Bytes onLine; // the RTU frame expected on the line (without CRC); empty: nothing goes there
     std::function<rtuhost::Exchange()> line; // what the controller does with it
-    Bytes answer;   // the PDU the master gets; empty: silence
+    Bytes answer;                            // the PDU the master gets; empty: silence
 };
 
 TEST(ModbusServer, AnswersAtTheGatewayOrWithTheControllersOwnWords)
