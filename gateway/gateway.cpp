@@ -89,10 +89,6 @@ bool Gateway::start(std::string *error)
         if (!web_->start(error))
             return false;
     }
-    if (!broker_->client().start(&why)) {
-        *error = where(config_, 0) + "mqtt: " + why;
-        return false;
-    }
     if (server_) {
         if (!server_->start(&why)) {
             *error = where(config_, 0) + why;
@@ -100,6 +96,10 @@ bool Gateway::start(std::string *error)
         }
         for (const std::string &l : server_->listeners())
             rtuhost::logNotice("modbus server: %s", l.c_str());
+    }
+    if (!broker_->client().start(&why)) {
+        *error = where(config_, 0) + "mqtt: " + why;
+        return false;
     }
     host_->start();
     rtuhost::logNotice("%s: polling %zu values in %d blocks on %s; broker %s, %s", config_.name.c_str(),
