@@ -345,7 +345,8 @@ void ModbusServer::answered(const rtuhost::SharedRequest &request, const rtuhost
 void ModbusServer::heard(const uint8_t *request, size_t requestBytes, const uint8_t *reply, size_t replyBytes,
                          rtuhost::Clock::time_point at)
 {
-    cache_.heard(request, requestBytes, reply, replyBytes, at);
+    if (config_.cache) // with the cache off, what the line carried is never asked for
+        cache_.heard(request, requestBytes, reply, replyBytes, at);
 }
 
 // ---------------------------------------------------------------------------------
