@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "config.h"
+#include "modbus_stats.h"
 #include "plan.h"
 #include "rtuplc_host/host.h"
 
@@ -130,6 +131,9 @@ public:
 
     void tick();
     bool verbose = false;
+    // The Modbus server's counters, when the gateway serves other masters; for the sinks
+    // that show them.
+    const ModbusServerStats *modbusStats = nullptr;
 
     // HostEvents
     void valueRead(const Point &point, uint32_t value) override;
