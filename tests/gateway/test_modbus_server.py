@@ -58,6 +58,15 @@ class ModbusServer(h.GatewayTestCase):
         sim.set(1, 105, 777)
         self.assertIsNotNone(self.sub.wait_for(P + "/1/D_W/105", lambda m: m.json()["value"] == 777, since=mark))
 
+    def test_stats_and_page_count_the_masters_requests(self):
+        self.assertEqual(len(self.client.read_holding_registers(100, 10, slave=1).registers), 10)
+        stats = self.sub.wait_for(P + "/stats", lambda m: m.json().get("modbus_server", {}).get("from_cache", 0) > 0)
+        self.assertIsNotNone(stats, "the stats topic carries the server's figures")
+        figures = stats.json()["modbus_server"]
+        self.assertEqual(figures["masters"], 1)
+        self.assertGreater(figures["requests"]["03"], 0)
+        self.assertGreater(figures["hit_ratio"], 0)
+
     def test_stations_not_served(self):
         answer = self.client.read_holding_registers(100, 1, slave=9)
         self.assertTrue(answer.isError())
