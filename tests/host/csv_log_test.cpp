@@ -100,6 +100,19 @@ TEST(CsvLog, ReopenedFileAppendsWithoutASecondHeaderAndEndsACutRow)
                                csvLine(row(kLateEvening, 2)));
 }
 
+TEST(CsvLog, AFileBegunWithOtherColumnsIsSetAsideNotAppendedTo)
+{
+    TempDir dir;
+    const fs::path file = dir.path / "poll.csv";
+    const std::string older = "time,station,item,address,value,quality\n2026-11-24T23:00:00.000Z,2,D_W:100,D_W:100,7,good\n";
+    std::ofstream(file) << older;
+    std::string error;
+    CsvLog log(CsvLogSettings{file.string(), false, 0}, [] { return kLateEvening; });
+    ASSERT_TRUE(log.append(row(kLateEvening, 1), &error)) << error;
+    EXPECT_EQ(slurp(file.string() + ".1"), older);
+    EXPECT_EQ(slurp(file), std::string(kCsvHeader) + csvLine(row(kLateEvening, 1)));
+}
+
 TEST(CsvLog, SizeCapRemovesOldestDaysNeverToday)
 {
     struct Case {

@@ -56,6 +56,7 @@ public:
     std::string currentFile() const { return current_; }
 
 private:
+    void setAsideOtherColumns(const std::string &file);
     bool openFile(const std::string &file, std::string *error);
     bool writeAll(const std::string &text, std::string *error);
     std::string fileFor(WallTime t) const;
