@@ -935,7 +935,7 @@ bool Host::finished() const
     if (!writesSettled() || !recipeIdle)
         return false;
     if (plannedBlocks_ == 0 && slow_.empty())
-        return true; // nothing to poll once writes and recipe are through
+        return !share_; // nothing to poll once writes and recipe are through, unless others ask
     if (!settings_.once && settings_.count <= 0)
         return false;
     for (const SlowItem &s : slow_) {
