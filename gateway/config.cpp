@@ -3,6 +3,7 @@
 // file, the line and the key, instead of leaving a setting silently at its default.
 #include "config.h"
 
+#include "config_server.h"
 #include "yaml_reader.h"
 
 #include "rtuplc_host/address.h"
@@ -38,7 +39,8 @@ const char *const kMqttScheme = "mqtt://";
 const char *const kMqttsScheme = "mqtts://";
 const char *const kLineHint = "say tcp: HOST:PORT or serial: DEVICE";
 
-const Keys kTopKeys = {"name", "line", "mqtt", "items", "stations", "sparkplug", "homeassistant", "http", "log"};
+const Keys kTopKeys = {"name", "line", "mqtt", "items", "stations", "sparkplug", "homeassistant", "http", "log",
+                        "modbus-server"};
 const Keys kLineKeys = {"tcp",   "serial",  "settings", "rs485",          "timeout",
                         "pause", "retries", "station",  "probe-interval", "probe-max"};
 const Keys kMqttKeys = {"url",   "client-id", "username",  "password-file", "password",       "ca",  "cert", "key",
@@ -414,7 +416,7 @@ bool parseAll(Reader &r, const YAML::Node &root, const std::string &path, Config
            parseItems(r, top, &c->items) &&
            parseStations(r, top, c->mqtt.mode == MqttConfig::Mode::Sparkplug, &c->stationNames) &&
            parseSparkplug(r, top, *c, &c->sparkplug) && parseHomeAssistant(r, top, *c, &c->homeassistant) &&
-           parseHttp(r, top, &c->http) && parseLog(r, top, &c->log);
+           parseHttp(r, top, &c->http) && parseLog(r, top, &c->log) && parseModbusServer(r, top, &c->modbusServer);
 }
 
 // A secret typed by mistake into another key would be quoted back with that key's value.
@@ -444,6 +446,8 @@ const std::vector<std::pair<std::string, std::vector<std::string>>> &configKeys(
         {"homeassistant", kHomeAssistantKeys},
         {"http", kHttpKeys},
         {"log", kLogKeys},
+        {"modbus-server", kModbusServerKeys},
+        {"modbus-server.tls", kModbusServerTlsKeys},
     };
     return sections;
 }

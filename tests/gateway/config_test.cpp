@@ -322,7 +322,7 @@ TEST(GatewayConfigKeys, ManualPageDescribesEveryKeyAndNoOther)
             configuration = line == ".SH CONFIGURATION";
         } else if (configuration && line.rfind(".SS ", 0) == 0) {
             section = line == ".SS Top level" ? "" : line.substr(4);
-            if (!section.empty())
+            if (!section.empty() && section.find('.') == std::string::npos)
                 documented[""].insert(section); // a section is a key of the top level
         } else if (configuration && tagLine && std::regex_search(line, m, tag)) {
             documented[section].insert(std::regex_replace(m[1].str(), std::regex(R"(\\)"), ""));
