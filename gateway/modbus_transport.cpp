@@ -93,6 +93,8 @@ public:
         const ssize_t r = ::read(fd_, bytes, n);
         if (r > 0)
             return long(r);
+        if (r == 0 && ::isatty(fd_)) // a serial port set to VMIN 0 reads nothing when nothing waits
+            return 0;
         return r < 0 && (errno == EAGAIN || errno == EINTR) ? 0 : kClosed;
     }
     long write(const uint8_t *bytes, size_t n) override
