@@ -39,8 +39,8 @@ const char *const kMqttScheme = "mqtt://";
 const char *const kMqttsScheme = "mqtts://";
 const char *const kLineHint = "say tcp: HOST:PORT or serial: DEVICE";
 
-const Keys kTopKeys = {"name", "line", "mqtt", "items", "stations", "sparkplug", "homeassistant", "http", "log",
-                        "modbus-server"};
+const Keys kTopKeys = {"name",      "line",          "mqtt", "items", "stations",
+                       "sparkplug", "homeassistant", "http", "log",   "modbus-server"};
 const Keys kLineKeys = {"tcp",   "serial",  "settings", "rs485",          "timeout",
                         "pause", "retries", "station",  "probe-interval", "probe-max"};
 const Keys kMqttKeys = {"url",   "client-id", "username",  "password-file", "password",       "ca",  "cert", "key",

@@ -14,9 +14,9 @@
 
 namespace rtugw {
 
-const Keys kModbusServerKeys = {"tcp",      "rtu-over-tcp", "serial",     "settings",        "rs485",
-                                "tls",      "allow",        "writable",   "max-age",         "poll-share",
-                                "queue",    "request-timeout", "max-connections", "idle-timeout", "cache"};
+const Keys kModbusServerKeys = {"tcp",   "rtu-over-tcp",    "serial",          "settings",     "rs485",
+                                "tls",   "allow",           "writable",        "max-age",      "poll-share",
+                                "queue", "request-timeout", "max-connections", "idle-timeout", "cache"};
 const Keys kModbusServerTlsKeys = {"listen", "cert", "key", "ca"};
 
 namespace {
@@ -73,8 +73,8 @@ bool readList(Reader &r, const Section &s, const char *key, const char *example,
         T item;
         std::string why;
         if (!node.IsScalar() || !parse(node.Scalar(), &item, &why))
-            return r.fail(lineOf(node), s.path(key), (why.empty() ? "" : why + ": ") + "must be like " + example +
-                                                         ", not " + describe(node));
+            return r.fail(lineOf(node), s.path(key),
+                          (why.empty() ? "" : why + ": ") + "must be like " + example + ", not " + describe(node));
         out->push_back(item);
     }
     return true;

@@ -2,7 +2,6 @@
 
 #include <bitset>
 #include <cstdio>
-#include <set>
 
 #include "csv_sink.h"
 #include "homeassistant.h"
@@ -32,17 +31,6 @@ rtuhost::HostSettings hostSettings(const Config &config, const LinePlan &plan)
     return s;
 }
 
-// The stations other masters may reach: those the gateway polls or is told of.
-std::vector<int> knownStations(const Config &config, const LinePlan &plan)
-{
-    std::set<int> known{config.line.station};
-    for (const rtuhost::Item &item : plan.items)
-        known.insert(item.station);
-    for (const auto &[station, name] : config.stationNames)
-        known.insert(station);
-    return {known.begin(), known.end()};
-}
-
 // How often the server's default max-age is brought in line with the polling's pace.
 constexpr std::chrono::seconds kAgeInterval{1};
 
@@ -61,11 +49,10 @@ Gateway::Gateway(const Config &config, const rtuhost::DriverApi &api, const rtuh
     host_->monitor(plan.items);
     model_->attach(*host_, plan.configured);
     if (config.modbusServer.enabled) {
-        rtusupport::SerialLine serial = plan.line;
-        if (!config.modbusServer.settings.empty())
-            rtusupport::parseSerialLine(config.modbusServer.settings, &serial, nullptr);
-        server_ = std::make_unique<ModbusServer>(config.modbusServer, knownStations(config, plan), serial);
+        server_ = std::make_unique<ModbusServer>(config.modbusServer, knownStations(config, plan),
+                                                 serverSerialLine(config.modbusServer, plan.line));
         host_->share(server_.get(), config.modbusServer.pollShare);
+        model_->modbusStats = &server_->stats();
     }
 
     dialect_ = makeDialect(*model_);
@@ -102,10 +89,6 @@ bool Gateway::start(std::string *error)
         if (!web_->start(error))
             return false;
     }
-    if (!broker_->client().start(&why)) {
-        *error = where(config_, 0) + "mqtt: " + why;
-        return false;
-    }
     if (server_) {
         if (!server_->start(&why)) {
             *error = where(config_, 0) + why;
@@ -113,6 +96,10 @@ bool Gateway::start(std::string *error)
         }
         for (const std::string &l : server_->listeners())
             rtuhost::logNotice("modbus server: %s", l.c_str());
+    }
+    if (!broker_->client().start(&why)) {
+        *error = where(config_, 0) + "mqtt: " + why;
+        return false;
     }
     host_->start();
     rtuhost::logNotice("%s: polling %zu values in %d blocks on %s; broker %s, %s", config_.name.c_str(),
@@ -156,8 +143,9 @@ void Gateway::run(const std::atomic<bool> &stop)
 void Gateway::finish()
 {
     rtuhost::logNotice("stopping");
+    // Other masters' requests still waiting get no answer.
     if (server_)
-        server_->stop(); // other masters' requests still waiting get no answer
+        server_->stop();
     host_->finish(); // writes still open are answered
     turn();
     if (web_)
@@ -171,13 +159,13 @@ std::string Gateway::status() const
     for (const auto &[station, state] : model_->stations())
         online += state.online ? 1 : 0;
     char text[256];
-    const int n = std::snprintf(text, sizeof text, "%d/%zu stations online, %.1f polls/s, broker %s, %llu held",
-                                online, model_->stations().size(), model_->pollsPerSecond(), broker_->state().c_str(),
+    const int n = std::snprintf(text, sizeof text, "%d/%zu stations online, %.1f polls/s, broker %s, %llu held", online,
+                                model_->stations().size(), model_->pollsPerSecond(), broker_->state().c_str(),
                                 (unsigned long long)broker_->client().stats().held);
     if (server_ && n > 0 && size_t(n) < sizeof text) {
-        const ModbusServerStats &s = server_->stats();
-        std::snprintf(text + n, sizeof text - size_t(n), ", %lld masters, %.0f%% from cache",
-                      (long long)s.masters.load(), 100.0 * s.hitRatio());
+        const ModbusFigures f = server_->stats().figures();
+        std::snprintf(text + n, sizeof text - size_t(n), ", %lld masters, %.0f%% from cache", (long long)f.masters,
+                      100.0 * f.hitRatio());
     }
     return text;
 }

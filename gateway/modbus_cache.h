@@ -53,8 +53,7 @@ private:
 
     Page *page(int station, mb::Table table, size_t address) const;
     Page &pageFor(int station, mb::Table table, size_t address);
-    void store(int station, mb::Table table, uint16_t address, uint16_t quantity, const uint8_t *data,
-               Clock::rep at);
+    void store(int station, mb::Table table, uint16_t address, uint16_t quantity, const uint8_t *data, Clock::rep at);
     void unknown(int station, mb::Table table, uint16_t address, uint16_t quantity);
 
     mutable std::mutex lock_;

@@ -4,7 +4,7 @@ namespace rtugw::mb {
 
 namespace {
 
-constexpr size_t kFixedPduBytes = 5;    // function, address, quantity or value
+constexpr size_t kFixedPduBytes = 5;       // function, address, quantity or value
 constexpr size_t kMultipleHeaderBytes = 6; // function, address, quantity, byte count
 constexpr uint16_t kProtocolModbus = 0;
 

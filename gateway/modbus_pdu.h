@@ -18,11 +18,11 @@
 namespace rtugw::mb {
 
 // The most a standard slave moves in one request.
-constexpr int kMaxReadRegisters = rtusupport::kStandardMaxReadRegisters; // 125
-constexpr int kMaxReadBits = rtusupport::kStandardMaxReadCoils;          // 2000
+constexpr int kMaxReadRegisters = rtusupport::kStandardMaxReadRegisters;   // 125
+constexpr int kMaxReadBits = rtusupport::kStandardMaxReadCoils;            // 2000
 constexpr int kMaxWriteRegisters = rtusupport::kStandardMaxWriteRegisters; // 123
 constexpr int kMaxWriteBits = rtusupport::kStandardMaxWriteCoils;          // 1968
-constexpr long kAddressSpace = 65536; // a block may end at 65535, not past it
+constexpr long kAddressSpace = 65536;                                      // a block may end at 65535, not past it
 
 constexpr size_t kMbapHeaderBytes = 7; // transaction, protocol, length, unit
 constexpr size_t kMaxMbapLength = 254; // the length field counts the unit and the PDU
@@ -31,12 +31,12 @@ constexpr size_t kMaxMbapFrameBytes = kMbapHeaderBytes - 1 + kMaxMbapLength;
 
 // The exception codes the server answers with, besides the controller's own.
 namespace ex {
-constexpr uint8_t kIllegalFunction = rtusupport::ex::kIllegalFunction; // 01
+constexpr uint8_t kIllegalFunction = rtusupport::ex::kIllegalFunction;   // 01
 constexpr uint8_t kIllegalAddress = rtusupport::ex::kIllegalDataAddress; // 02
 constexpr uint8_t kIllegalValue = rtusupport::ex::kIllegalDataValue;     // 03
 constexpr uint8_t kBusy = rtusupport::ex::kDeviceBusy;                   // 06
-constexpr uint8_t kPathUnavailable = 0x0A; // the gateway serves no such station
-constexpr uint8_t kTargetFailed = 0x0B;    // the station did not answer in time
+constexpr uint8_t kPathUnavailable = 0x0A;                               // the gateway serves no such station
+constexpr uint8_t kTargetFailed = 0x0B;                                  // the station did not answer in time
 } // namespace ex
 
 // The four tables of a station, by the functions that reach them.

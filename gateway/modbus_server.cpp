@@ -82,26 +82,6 @@ struct ModbusServer::Connection {
     bool held = false;      // holds bytes a timer or a later turn must judge
 };
 
-double ModbusServerStats::hitRatio() const
-{
-    const double hits = double(fromCache.load()), asked = hits + double(forwardedReads.load());
-    return asked > 0 ? hits / asked : 0.0;
-}
-
-size_t ModbusServerStats::functionIndex(uint8_t function)
-{
-    static constexpr uint8_t kCodes[] = {0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x0F, 0x10};
-    const auto *end = std::end(kCodes);
-    const auto *at = std::find(std::begin(kCodes), end, function);
-    return at == end ? kFunctions - 1 : size_t(at - std::begin(kCodes));
-}
-
-const char *ModbusServerStats::functionLabel(size_t index)
-{
-    static const char *const kLabels[kFunctions] = {"01", "02", "03", "04", "05", "06", "0F", "10", "other"};
-    return index < kFunctions ? kLabels[index] : "other";
-}
-
 ModbusServer::ModbusServer(const ModbusServerConfig &config, const std::vector<int> &stations,
                            const rtusupport::SerialLine &serialLine)
     : config_(config), serialLine_(serialLine),
@@ -121,18 +101,27 @@ ModbusServer::~ModbusServer()
         freeTlsContext(context_.tls);
 }
 
-std::vector<std::string> ModbusServer::listeners() const
+rtusupport::SerialLine serverSerialLine(const ModbusServerConfig &config, const rtusupport::SerialLine &line)
+{
+    rtusupport::SerialLine own = line;
+    if (!config.settings.empty())
+        rtusupport::parseSerialLine(config.settings, &own, nullptr); // checked when the file was read
+    return own;
+}
+
+std::vector<std::string> listenerNames(const ModbusServerConfig &config, const rtusupport::SerialLine &serialLine)
 {
     std::vector<std::string> out;
     const std::pair<const char *, const ModbusServerConfig::Listen *> tcp[] = {
-        {kTcpTransport.name, &config_.tcp}, {kRtuOverTcpTransport.name, &config_.rtuOverTcp},
-        {kTlsTransport.name, &config_.tls}};
+        {kTcpTransport.name, &config.tcp},
+        {kRtuOverTcpTransport.name, &config.rtuOverTcp},
+        {kTlsTransport.name, &config.tls}};
     for (const auto &[name, l] : tcp)
         if (l->on)
             out.push_back(std::string(name) + " " + l->text);
-    if (!config_.serial.empty())
-        out.push_back(std::string(kSerialTransport.name) + " " + config_.serial + " " +
-                      rtusupport::formatSerialLine(serialLine_));
+    if (!config.serial.empty())
+        out.push_back(std::string(kSerialTransport.name) + " " + config.serial + " " +
+                      rtusupport::formatSerialLine(serialLine));
     return out;
 }
 
@@ -356,7 +345,8 @@ void ModbusServer::answered(const rtuhost::SharedRequest &request, const rtuhost
 void ModbusServer::heard(const uint8_t *request, size_t requestBytes, const uint8_t *reply, size_t replyBytes,
                          rtuhost::Clock::time_point at)
 {
-    cache_.heard(request, requestBytes, reply, replyBytes, at);
+    if (config_.cache) // with the cache off, what the line carried is never asked for
+        cache_.heard(request, requestBytes, reply, replyBytes, at);
 }
 
 // ---------------------------------------------------------------------------------
@@ -384,9 +374,12 @@ void ModbusServer::serve()
             if (it == connections_.end())
                 continue;
             Connection &c = *it->second;
+            // A master that hung up while its replies piled up will never read them; a
+            // serial device that hangs up (a pseudo-terminal's other side closed) is
+            // opened again later.
             const bool gone = events[i].events & (EPOLLHUP | EPOLLERR);
-            if (gone && c.paused && !c.permanent) { // it will never read what it is owed
-                ++stats_.dropped;
+            if (gone && (c.paused || c.permanent)) {
+                stats_.dropped += c.permanent ? 0 : 1;
                 close(c);
                 continue;
             }
@@ -469,6 +462,7 @@ void ModbusServer::readFrom(Connection &c, Clock::time_point now)
 {
     uint8_t buffer[kReadChunk];
     size_t budget = kReadBudget;
+    bool drained = false;
     c.held = false;
     for (;;) {
         Incoming in;
@@ -496,9 +490,10 @@ void ModbusServer::readFrom(Connection &c, Clock::time_point now)
                 break;
             }
         }
-        if (budget == 0)
+        if (budget == 0 || drained)
             break;
-        const long got = c.stream->read(buffer, std::min(sizeof buffer, budget));
+        const size_t asked = std::min(sizeof buffer, budget);
+        const long got = c.stream->read(buffer, asked);
         if (got == Stream::kClosed) {
             close(c);
             return;
@@ -507,6 +502,9 @@ void ModbusServer::readFrom(Connection &c, Clock::time_point now)
             break;
         budget -= size_t(got);
         c.framing->feed(buffer, size_t(got), now);
+        // Less than asked: nothing more waits now (epoll tells when it does), and a
+        // master sending one request at a time costs one read, not two.
+        drained = size_t(got) < asked;
     }
     if (!flush(c))
         return;
@@ -519,7 +517,7 @@ void ModbusServer::handle(Connection &c, const Incoming &in, Clock::time_point n
 {
     const uint8_t station = in.head.station;
     const uint8_t function = in.pduBytes > 0 ? in.pdu[0] : 0;
-    ++stats_.requests[ModbusServerStats::functionIndex(function)];
+    ++stats_.requests[ModbusFigures::functionIndex(function)];
     if (!known_[station]) {
         if (c.framing->answersForAbsentStations())
             exception(c, in.head, function, mb::ex::kPathUnavailable);
@@ -650,8 +648,6 @@ void ModbusServer::takeAnswers()
         const bool spoke = a.outcome == Outcome::Reply || a.outcome == Outcome::Exception;
         if (spoke && a.reply.size() >= rtuplc::kExceptionReplyBytes) {
             ++stats_.lineAnswers;
-            if (a.outcome == Outcome::Exception)
-                ++stats_.exceptions[std::min<size_t>(a.reply[2], ModbusServerStats::kExceptionCodes - 1)];
             // The controller's answer as it came, in the master's framing.
             settle(a.id, a.reply.data() + 1, a.reply.size() - 1 - rtuplc::kCrcBytes, 0);
         } else {
@@ -741,8 +737,8 @@ void ModbusServer::close(Connection &c)
             pending_.erase(s.id);
     if (c.open > 0) {
         const std::lock_guard<std::mutex> hold(lineLock_);
-        const auto gone = std::remove_if(waiting_.begin(), waiting_.end(),
-                                         [key](const Waiting &w) { return w.connection == key; });
+        const auto gone =
+            std::remove_if(waiting_.begin(), waiting_.end(), [key](const Waiting &w) { return w.connection == key; });
         stats_.queued -= int64_t(waiting_.end() - gone);
         waiting_.erase(gone, waiting_.end());
     }

@@ -24,35 +24,17 @@
 
 #include "config.h"
 #include "modbus_cache.h"
+#include "modbus_stats.h"
 #include "modbus_transport.h"
 #include "rtuplc_host/line_share.h"
 #include "rtuplc_support/serial_line.h"
 
 namespace rtugw {
 
-// What the server did, for the status line, P/stats, /metrics and the page. Counters
-// only grow; read them from any thread.
-struct ModbusServerStats {
-    static constexpr size_t kFunctions = 9; // 01 02 03 04 05 06 0F 10, then any other
-    static constexpr size_t kExceptionCodes = 12;
-    std::atomic<uint64_t> requests[kFunctions] = {};
-    std::atomic<uint64_t> fromCache{0};       // reads answered from what the line carried
-    std::atomic<uint64_t> forwarded{0};       // requests put on the line
-    std::atomic<uint64_t> forwardedReads{0};  // of which reads: the cache's misses
-    std::atomic<uint64_t> lineAnswers{0};     // forwarded requests the controller answered
-    std::atomic<uint64_t> exceptions[kExceptionCodes] = {}; // by code, the controller's and ours
-    std::atomic<uint64_t> unanswered{0};      // RTU requests to absent stations: silence
-    std::atomic<uint64_t> lineMicros{0};      // line time forwarded requests took
-    std::atomic<int64_t> queued{0};           // waiting for the line now
-    std::atomic<int64_t> masters{0};          // connected now
-    std::atomic<uint64_t> refused{0};         // connections refused: too many, or not allowed
-    std::atomic<uint64_t> dropped{0};         // connections closed: idle, not reading, garbage
-
-    // Of the reads the cache was asked for, the share it answered; 0 when none.
-    double hitRatio() const;
-    static size_t functionIndex(uint8_t function);
-    static const char *functionLabel(size_t index); // "01".."10", "other"
-};
+// The serial listener's line: its own settings, else the line's.
+rtusupport::SerialLine serverSerialLine(const ModbusServerConfig &config, const rtusupport::SerialLine &line);
+// "tcp 127.0.0.1:1502" for each listener the configuration asks for.
+std::vector<std::string> listenerNames(const ModbusServerConfig &config, const rtusupport::SerialLine &serialLine);
 
 class ModbusServer : public rtuhost::LineShare {
 public:
@@ -74,8 +56,7 @@ public:
     void setMaxAge(std::chrono::milliseconds age);
     std::chrono::milliseconds maxAge() const { return std::chrono::milliseconds(maxAgeMs_.load()); }
 
-    // "tcp 127.0.0.1:1502" for each listener, as configured.
-    std::vector<std::string> listeners() const;
+    std::vector<std::string> listeners() const { return listenerNames(config_, serialLine_); }
     const ModbusServerStats &stats() const { return stats_; }
     ModbusCache &cache() { return cache_; }
     // The port a TCP listener got (tests listen on port 0), 0 when none.
@@ -134,8 +115,8 @@ private:
 
     // Shared with the loop thread.
     std::mutex lineLock_;
-    std::deque<Waiting> waiting_;   // in arrival order, and so in order of deadline
-    std::vector<Answer> answers_;   // from the line, for the server's thread
+    std::deque<Waiting> waiting_; // in arrival order, and so in order of deadline
+    std::vector<Answer> answers_; // from the line, for the server's thread
     std::atomic<size_t> waitingCount_{0};
 
     // The server's thread's own.

@@ -87,15 +87,16 @@ private:
 
 class PlainStream : public Stream {
 public:
-    explicit PlainStream(int fd) : fd_(fd) {}
+    // `device`: a terminal in raw mode reads 0 bytes when none wait, not at the end.
+    PlainStream(int fd, bool device) : fd_(fd), device_(device) {}
     long read(uint8_t *bytes, size_t n) override
     {
         const ssize_t r = ::read(fd_, bytes, n);
         if (r > 0)
             return long(r);
-        if (r == 0 && ::isatty(fd_)) // a serial port set to VMIN 0 reads nothing when nothing waits
-            return 0;
-        return r < 0 && (errno == EAGAIN || errno == EINTR) ? 0 : kClosed;
+        if (r == 0)
+            return device_ ? 0 : kClosed;
+        return errno == EAGAIN || errno == EINTR ? 0 : kClosed;
     }
     long write(const uint8_t *bytes, size_t n) override
     {
@@ -109,6 +110,7 @@ public:
 
 private:
     int fd_;
+    bool device_;
 };
 
 class TlsStream : public Stream {
@@ -194,9 +196,13 @@ std::unique_ptr<Framing> serialRtuFraming(const TransportContext &c)
 {
     return std::make_unique<RtuFraming>(std::max<std::chrono::microseconds>(c.silence, kSerialMinSilence), false);
 }
-std::unique_ptr<Stream> plainStream(int fd, const TransportContext &)
+std::unique_ptr<Stream> socketStream(int fd, const TransportContext &)
 {
-    return std::make_unique<PlainStream>(fd);
+    return std::make_unique<PlainStream>(fd, false);
+}
+std::unique_ptr<Stream> deviceStream(int fd, const TransportContext &)
+{
+    return std::make_unique<PlainStream>(fd, true);
 }
 std::unique_ptr<Stream> tlsStream(int fd, const TransportContext &c)
 {
@@ -218,10 +224,10 @@ std::string tlsError(const std::string &what)
 Framing::~Framing() = default;
 Stream::~Stream() = default;
 
-const Transport kTcpTransport = {"tcp", true, mbapFraming, plainStream};
-const Transport kRtuOverTcpTransport = {"rtu-over-tcp", true, streamRtuFraming, plainStream};
+const Transport kTcpTransport = {"tcp", true, mbapFraming, socketStream};
+const Transport kRtuOverTcpTransport = {"rtu-over-tcp", true, streamRtuFraming, socketStream};
 const Transport kTlsTransport = {"tls", true, mbapFraming, tlsStream};
-const Transport kSerialTransport = {"serial", false, serialRtuFraming, plainStream};
+const Transport kSerialTransport = {"serial", false, serialRtuFraming, deviceStream};
 
 SSL_CTX *makeTlsContext(const std::string &cert, const std::string &key, const std::string &ca, std::string *error)
 {

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "config.h"
+#include "modbus_stats.h"
 #include "rtuplc_host/host.h"
 
 namespace rtugw {
@@ -102,6 +103,9 @@ public:
 
     void tick();
     bool verbose = false;
+    // The Modbus server's counters, when the gateway serves other masters; for the sinks
+    // that show them.
+    const ModbusServerStats *modbusStats = nullptr;
 
     // HostEvents
     void valueRead(const Point &point, uint32_t value) override;

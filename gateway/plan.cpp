@@ -1,8 +1,12 @@
 #include "plan.h"
 
+#include <array>
 #include <cstdio>
+#include <string>
 
 #include "dialect.h"
+#include "modbus_pdu.h"
+#include "modbus_server.h"
 #include "model.h"
 
 namespace rtugw {
@@ -45,6 +49,48 @@ bool makePlan(const Config &config, const DriverApi &api, const Catalogue &catal
     return true;
 }
 
+std::vector<int> knownStations(const Config &config, const LinePlan &plan)
+{
+    std::set<int> known{config.line.station};
+    for (const Item &item : plan.items)
+        known.insert(item.station);
+    for (const auto &[station, name] : config.stationNames)
+        known.insert(station);
+    return {known.begin(), known.end()};
+}
+
+namespace {
+
+// What other masters reach, and the reads answered from what the polling carries: the
+// blocks polled in turn, by the frames the driver builds for them.
+void printServer(const Config &c, const LinePlan &plan, const std::vector<std::array<int, 4>> &blocks)
+{
+    const ModbusServerConfig &m = c.modbusServer;
+    std::string text;
+    for (const std::string &l : listenerNames(m, serverSerialLine(m, plan.line)))
+        text += (text.empty() ? "" : ", ") + l;
+    std::printf("modbus server: %s\n", text.c_str());
+    text.clear();
+    for (int station : knownStations(c, plan))
+        text += (text.empty() ? "" : ", ") + std::to_string(station);
+    std::printf("  stations %s; max-age %s; %s\n", text.c_str(),
+                m.maxAgeMs > 0 ? (std::to_string(m.maxAgeMs) + " ms").c_str() : "two poll cycles, at most 1 s",
+                m.writable.empty() ? "read only" : "writes to the writable ranges");
+    if (!m.cache) {
+        std::printf("  every read goes to the line (cache: false)\n");
+        return;
+    }
+    for (const auto &[station, function, address, quantity] : blocks) {
+        mb::Table table;
+        bool write = false;
+        if (mb::tableOf(uint8_t(function), &table, &write) && !write)
+            std::printf("  from the cache: station %d %s %d..%d (function %02X)\n", station, mb::tableName(table),
+                        address, address + quantity - 1, function);
+    }
+}
+
+} // namespace
+
 // The blocks are found by letting the driver walk its rotation with every request
 // failing at once: nothing is sent.
 void printPlan(const Config &c, const DriverApi &api, const Catalogue &catalogue, const LinePlan &plan)
@@ -68,10 +114,13 @@ void printPlan(const Config &c, const DriverApi &api, const Catalogue &catalogue
     std::printf("gateway %s: %s, broker %s, %s\n", c.name.c_str(), line.c_str(), c.mqtt.url.c_str(),
                 dialect->where().c_str());
     std::printf("%d block%s polled in turn:\n", blocks, blocks == 1 ? "" : "s");
+    std::vector<std::array<int, 4>> frames; // station, function, address, quantity
     for (int b = 0; b < blocks; ++b) {
         FRAME_PRO f;
         if (api.getSendFrame(f) != 1)
             break;
+        if (f.frameLen >= 6)
+            frames.push_back({f.frame[0], f.frame[1], f.frame[2] << 8 | f.frame[3], f.frame[4] << 8 | f.frame[5]});
         const Area *area = catalogue.find(f.regName);
         const QString block = area ? blockText(*area, f.station, f.startAddr, f.len) : f.regName;
         std::printf("  %s, %d unit%s (function %02X)\n", qPrintable(block), f.len, f.len == 1 ? "" : "s",
@@ -96,6 +145,8 @@ void printPlan(const Config &c, const DriverApi &api, const Catalogue &catalogue
         const bool w = plan.writable.count({p.station, p.area->name, p.address}) != 0;
         std::printf("  %s\n", dialect->planLine(p, w).c_str());
     }
+    if (c.modbusServer.enabled)
+        printServer(c, plan, frames);
     api.setAddrValueChangeCallBack(nullptr);
 }
 

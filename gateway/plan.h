@@ -27,6 +27,10 @@ struct LinePlan {
 bool makePlan(const Config &config, const rtuhost::DriverApi &api, const rtuhost::Catalogue &catalogue, LinePlan *plan,
               std::string *error);
 
+// The stations other masters may reach through the Modbus server: those the gateway
+// polls or is told of (line.station, stations:).
+std::vector<int> knownStations(const Config &config, const LinePlan &plan);
+
 // The blocks the driver plans, in polling order, and where each value goes on the broker.
 void printPlan(const Config &config, const rtuhost::DriverApi &api, const rtuhost::Catalogue &catalogue,
                const LinePlan &plan);

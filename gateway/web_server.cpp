@@ -239,6 +239,10 @@ void WebPage::copyFigures()
             systemNow + std::chrono::duration_cast<std::chrono::system_clock::duration>(silence.nextProbe - steadyNow));
     f.uptime = model_.uptimeSeconds();
     f.cycle = cycle_;
+    if (model_.modbusStats) {
+        f.modbusServer = true;
+        f.modbus = model_.modbusStats->figures();
+    }
     f.statsJson = statsJson(f.host, f.mqtt, f.writes, f.pollsPerSecond, f.uptime);
     state_.setFigures(std::move(f));
     state_.setReads(model_.blockReads());

@@ -52,6 +52,8 @@ struct WebFigures {
     CycleHistogram cycle;
     std::string statsJson;            // as the stats topic carries it
     std::map<int, int64_t> nextProbe; // offline station -> when it is tried next, ms since the epoch
+    bool modbusServer = false;        // the gateway serves other masters:
+    ModbusFigures modbus;             // what its Modbus server did
 };
 
 // A write asked for over HTTP, answered by the loop.
