@@ -1,5 +1,6 @@
 #include "dialect_plain.h"
 
+#include "modbus_stats.h"
 #include "payload.h"
 
 namespace rtugw {
@@ -122,7 +123,9 @@ void PlainTopics::publishStats()
     lastStats_ = std::chrono::steady_clock::now();
     mqtt_->publish(Message{
         prefix_ + "/stats",
-        statsJson(model_.hostStats(), mqtt_->stats(), model_.writes(), model_.pollsPerSecond(), model_.uptimeSeconds()),
+        withServerFigures(statsJson(model_.hostStats(), mqtt_->stats(), model_.writes(), model_.pollsPerSecond(),
+                                    model_.uptimeSeconds()),
+                          model_.modbusStats),
         qos_,
         true,
         {},

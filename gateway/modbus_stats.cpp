@@ -1,6 +1,7 @@
 #include "modbus_stats.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <iterator>
 
 namespace rtugw {
@@ -43,6 +44,46 @@ ModbusFigures ModbusServerStats::figures() const
     f.queued = queued.load();
     f.masters = masters.load();
     return f;
+}
+
+std::string figuresJson(const ModbusFigures &f)
+{
+    // Only what happened is listed, so that a line of masters reading 03 does not carry
+    // eight zeros and twelve exception codes in every stats message.
+    const auto counts = [](const uint64_t *n, size_t size, auto label) {
+        std::string out = "{";
+        for (size_t i = 0; i < size; ++i) {
+            if (n[i] == 0)
+                continue;
+            out += (out.size() > 1 ? ",\"" : "\"") + label(i) + "\":" + std::to_string(n[i]);
+        }
+        return out + '}';
+    };
+    const std::string requests =
+        counts(f.requests, ModbusFigures::kFunctions, [](size_t i) { return std::string(ModbusFigures::functionLabel(i)); });
+    const std::string exceptions = counts(f.exceptions, ModbusFigures::kExceptionCodes, [](size_t i) {
+        char code[4];
+        std::snprintf(code, sizeof code, "%02zX", i);
+        return std::string(code);
+    });
+    char text[512];
+    std::snprintf(text, sizeof text,
+                  "{\"masters\":%lld,\"requests\":%s,\"from_cache\":%llu,\"forwarded\":%llu,\"hit_ratio\":%.3f,"
+                  "\"exceptions\":%s,\"unanswered\":%llu,\"queued\":%lld,\"line_ms\":%llu,\"refused\":%llu,"
+                  "\"dropped\":%llu}",
+                  (long long)f.masters, requests.c_str(), (unsigned long long)f.fromCache,
+                  (unsigned long long)f.forwarded, f.hitRatio(), exceptions.c_str(), (unsigned long long)f.unanswered,
+                  (long long)f.queued, (unsigned long long)(f.lineMicros / 1000), (unsigned long long)f.refused,
+                  (unsigned long long)f.dropped);
+    return text;
+}
+
+std::string withServerFigures(std::string stats, const ModbusServerStats *server)
+{
+    if (!server || stats.size() < 2 || stats.back() != '}')
+        return stats;
+    stats.pop_back();
+    return stats + ",\"modbus_server\":" + figuresJson(server->figures()) + '}';
 }
 
 } // namespace rtugw

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 namespace rtugw {
 
@@ -44,6 +45,13 @@ struct ModbusServerStats {
 
     ModbusFigures figures() const;
 };
+
+// The figures as the stats topic and the page's API carry them:
+// {"masters":2,"requests":{"03":10},"from_cache":9,"forwarded":1,"hit_ratio":0.9,...}
+std::string figuresJson(const ModbusFigures &f);
+// `stats` (a JSON object) with the server's figures added as "modbus_server" when the
+// gateway runs one (`server` not null); as it was otherwise.
+std::string withServerFigures(std::string stats, const ModbusServerStats *server);
 
 } // namespace rtugw
 

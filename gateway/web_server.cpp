@@ -3,6 +3,7 @@
 #include <httplib.h>
 
 #include "metrics.h"
+#include "modbus_stats.h"
 #include "payload.h"
 #include "rtuplc_host/log.h"
 
@@ -243,7 +244,7 @@ void WebPage::copyFigures()
         f.modbusServer = true;
         f.modbus = model_.modbusStats->figures();
     }
-    f.statsJson = statsJson(f.host, f.mqtt, f.writes, f.pollsPerSecond, f.uptime);
+    f.statsJson = withServerFigures(statsJson(f.host, f.mqtt, f.writes, f.pollsPerSecond, f.uptime), model_.modbusStats);
     state_.setFigures(std::move(f));
     state_.setReads(model_.blockReads());
 }

@@ -405,6 +405,18 @@ class ModbusServer(h.GatewayTestCase):
             time.sleep(0.2)
         self.assertEqual(answers & {"ok", "exception"}, {"ok", "exception"}, "served from the cache, then refused")
 
+    def test_the_stats_topic_counts_the_masters_requests(self):
+        with socket.create_connection((h.LOOPBACK, self.tcp), timeout=5):  # a master connected meanwhile
+            self.assert_serving()
+            mark = self.sub.mark()
+            stats = self.sub.wait_for(P + "/stats", lambda m: m.json().get("modbus_server", {}).get("masters", 0) >= 1,
+                                      since=mark)
+        self.assertIsNotNone(stats, "the stats topic carries the server's figures")
+        figures = stats.json()["modbus_server"]
+        self.assertGreater(figures["requests"]["03"], 0)
+        self.assertGreater(figures["from_cache"], 0)
+        self.assertGreater(figures["hit_ratio"], 0)
+
     def test_writes_outside_writable_are_refused_without_line_traffic(self):
         # (what, master, function, station, address, values)
         rows = [
