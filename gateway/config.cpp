@@ -45,7 +45,12 @@ const Keys kLineKeys = {"tcp",   "serial",  "settings", "rs485",          "timeo
                         "pause", "retries", "station",  "probe-interval", "probe-max"};
 const Keys kMqttKeys = {"url",   "client-id", "username",  "password-file", "password",       "ca",  "cert", "key",
                         "topic", "qos",       "keepalive", "buffer",        "stats-interval", "mode"};
-const Keys kItemKeys = {"item", "writable", "name", "unit", "device-class", "every"};
+const Keys kItemKeys = {"item",       "writable",   "name",          "unit",    "device-class", "every", "type",
+                        "word-order", "byte-order", "scale",         "offset",  "decimals",     "min",   "max",
+                        "write",      "deadband",   "publish-every", "metrics", "state-class"};
+const Keys kTypes = {"uint16", "int16", "uint32", "int32", "float32", "bool", "string"};
+const Keys kOrders = {"high-first", "low-first"};
+constexpr long long kMaxDecimals = 15;
 const Keys kStationKeys = {"name"};
 const Keys kSparkplugKeys = {"group", "node", "primary-host", "state-dir"};
 const Keys kHomeAssistantKeys = {"prefix"};
@@ -233,9 +238,34 @@ bool parseItem(Reader &r, const YAML::Node &node, ItemConfig *item)
         return false;
     if (!s.find("item"))
         return r.fail(item->line, "items.item", "missing (the item itself, e.g. item: D_W:500..504)");
-    return readText(r, s, "item", &item->text) && readBool(r, s, "writable", &item->writable) &&
-           readText(r, s, "name", &item->name) && readText(r, s, "unit", &item->unit) &&
-           readText(r, s, "device-class", &item->deviceClass) && readInterval(r, s, "every", &item->everyMs);
+    for (const std::string &key : kItemKeys) {
+        if (s.find(key))
+            item->keyLines[key] = s.line(key);
+    }
+    rtuhost::TypeOptions &t = item->type;
+    std::string write;
+    if (!readText(r, s, "item", &item->text) || !readBool(r, s, "writable", &item->writable) ||
+        !readText(r, s, "name", &item->name) || !readText(r, s, "unit", &item->unit) ||
+        !readText(r, s, "device-class", &item->deviceClass) || !readInterval(r, s, "every", &item->everyMs) ||
+        !readChoice(r, s, "type", kTypes, &t.type) || !readChoice(r, s, "word-order", kOrders, &t.wordOrder) ||
+        !readChoice(r, s, "byte-order", kOrders, &t.byteOrder) || !readReal(r, s, "scale", &t.scale) ||
+        !readReal(r, s, "offset", &t.offset) || !readNumber(r, s, "decimals", 0, kMaxDecimals, "", &t.decimals) ||
+        !readReal(r, s, "min", &t.min) || !readReal(r, s, "max", &t.max) ||
+        !readChoice(r, s, "write", {"read-modify-write"}, &write) || !readReal(r, s, "deadband", &item->deadband) ||
+        !readInterval(r, s, "publish-every", &item->publishEveryMs) || !readBool(r, s, "metrics", &item->metrics) ||
+        !readChoice(r, s, "state-class", {"measurement", "total", "total_increasing", "none"}, &item->stateClass))
+        return false;
+    if (item->deadband < 0)
+        return r.fail(s.line("deadband"), "items.deadband",
+                      "must be 0 or more, not " + inQuotes(s.find("deadband")->value.Scalar()));
+    // A write that reads the word first overwrites what changed in it meanwhile: said, not assumed.
+    if (!write.empty()) {
+        if (s.find("writable") && !item->writable)
+            return r.fail(s.line("write"), "items.write",
+                          "writes, and writable: false says the item may not be written");
+        item->writable = item->readModifyWrite = true;
+    }
+    return true;
 }
 
 bool parseItems(Reader &r, const Section &top, std::vector<ItemConfig> *items)
@@ -428,6 +458,12 @@ void redact(const Config &c, std::string *error)
 }
 
 } // namespace
+
+int ItemConfig::lineOf(const std::string &key) const
+{
+    const auto found = keyLines.find(key);
+    return found != keyLines.end() ? found->second : line;
+}
 
 std::string where(const Config &config, int line)
 {

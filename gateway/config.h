@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "rtuplc_host/value_type.h"
+
 namespace rtugw {
 
 struct LineConfig {
@@ -127,6 +129,17 @@ struct ItemConfig {
     // Passed to Home Assistant's discovery and shown on the page.
     std::string name, unit, deviceClass;
     long long everyMs = 0; // how often it is read; 0: as fast as the line goes
+    // What its words mean: type, word-order, byte-order, scale, offset, decimals, min, max.
+    rtuhost::TypeOptions type;
+    bool readModifyWrite = false;        // write: read-modify-write, for a bit of a register
+    double deadband = 0;                 // a change smaller than this is not published
+    long long publishEveryMs = 0;        // an unchanged value is published again this often; 0: never
+    bool metrics = false;                // a gauge of its own on /metrics
+    std::string stateClass;              // Home Assistant's; empty: measurement for a number with a unit
+    std::map<std::string, int> keyLines; // where each of its keys is given
+
+    // The line of `key`, or the item's when it is not given.
+    int lineOf(const std::string &key) const;
 };
 
 struct Config {

@@ -47,7 +47,7 @@ Gateway::Gateway(const Config &config, const rtuhost::DriverApi &api, const rtuh
     model_->verbose = verbose;
     host_ = std::make_unique<rtuhost::Host>(api, *link_, *model_, hostSettings(config, plan));
     host_->monitor(plan.items);
-    model_->attach(*host_, plan.configured);
+    model_->attach(*host_, plan.values);
     if (config.modbusServer.enabled) {
         server_ = std::make_unique<ModbusServer>(config.modbusServer, knownStations(config, plan),
                                                  serverSerialLine(config.modbusServer, plan.line));
@@ -103,8 +103,8 @@ bool Gateway::start(std::string *error)
     }
     host_->start();
     rtuhost::logNotice("%s: polling %zu values in %d blocks on %s; broker %s, %s", config_.name.c_str(),
-                       host_->points().size(), host_->blockCount(), link_->describe().c_str(), config_.mqtt.url.c_str(),
-                       dialect_->where().c_str());
+                       model_->values().size(), host_->blockCount(), link_->describe().c_str(),
+                       config_.mqtt.url.c_str(), dialect_->where().c_str());
     return true;
 }
 

@@ -73,7 +73,7 @@ void modbusMetrics(Writer &w, const ModbusFigures &m)
 
 } // namespace
 
-std::string metricsText(const WebFigures &f, const std::map<int, bool> &stations)
+std::string metricsText(const WebFigures &f, const std::map<int, bool> &stations, const std::vector<Gauge> &gauges)
 {
     Writer w;
     const rtuhost::Stats &h = f.host;
@@ -115,6 +115,15 @@ std::string metricsText(const WebFigures &f, const std::map<int, bool> &stations
     w.one("line_up", "gauge", "1 when some station on the line answers.", f.lineUp ? 1 : 0);
     w.one("broker_connected", "gauge", "1 when connected to the MQTT broker.", f.brokerUp ? 1 : 0);
     w.one("uptime_seconds", "gauge", "Seconds since the gateway started.", double(f.uptime));
+
+    if (!gauges.empty()) {
+        // A value not read, or bad, is left out: a gap says more than a stale number.
+        w.family("value", "gauge", "Items asked for with metrics: true, as published: the engineering value.");
+        for (const Gauge &g : gauges) {
+            if (g.good)
+                w.sample("value", g.labels, g.value);
+        }
+    }
 
     w.family("poll_cycle_seconds", "histogram",
              "Time of a request on the line, from its first frame to its answer or failure, retries included.");

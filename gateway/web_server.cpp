@@ -40,7 +40,7 @@ std::string pathFrom(const httplib::Request &req)
 void refuse(httplib::Response &res, int status, const std::string &why)
 {
     res.status = status;
-    res.set_content(answerJson("null", WriteAnswer{false, true, 0, why}), kJson);
+    res.set_content(answerJson("null", WriteAnswer{false, true, {}, why}), kJson);
 }
 
 } // namespace
@@ -108,7 +108,7 @@ void WebPage::routes()
     s.Get("/api/stats",
           [this](const httplib::Request &, httplib::Response &res) { res.set_content(state_.statsJson(), kJson); });
     s.Get("/metrics", [this](const httplib::Request &, httplib::Response &res) {
-        res.set_content(metricsText(state_.figures(), state_.stations()), kMetricsContentType);
+        res.set_content(metricsText(state_.figures(), state_.stations(), state_.gauges()), kMetricsContentType);
     });
     s.Get("/api/events", [this](const httplib::Request &, httplib::Response &res) {
         res.set_header("Cache-Control", "no-store");
@@ -138,6 +138,7 @@ void WebPage::routes()
         auto write = std::make_shared<PendingWrite>();
         write->path = pathFrom(req);
         write->value = request.value;
+        write->isText = request.isText;
         write->refusal = request.error;
         write->idJson = request.idJson;
         state_.queueWrite(write);
@@ -145,7 +146,9 @@ void WebPage::routes()
         if (!write->settled.wait_for(g, kWriteTimeout, [&] { return write->done || stopping_; })) {
             res.status = kGatewayTimeout;
             res.set_content(
-                answerJson(write->idJson, WriteAnswer{false, false, 0,
+                answerJson(write->idJson, WriteAnswer{false,
+                                                      false,
+                                                      {},
                                                       "no answer within " + std::to_string(kWriteTimeout.count()) +
                                                           " s; it may still land"}),
                 kJson);
@@ -181,9 +184,9 @@ void WebPage::stop()
         thread_.join();
 }
 
-void WebPage::pointChanged(size_t index)
+void WebPage::valueChanged(size_t index)
 {
-    state_.pointChanged(index);
+    state_.valueChanged(index);
 }
 
 void WebPage::stationChanged(int)
@@ -203,7 +206,7 @@ void WebPage::takeWrites()
         if (!w->refusal.empty())
             model_.refuse(w->path, w->refusal, done);
         else
-            model_.write(w->path, w->value, done);
+            model_.write(w->path, w->value, done, w->isText);
     }
 }
 

@@ -13,7 +13,7 @@
 
 namespace rtuhost {
 
-const char kCsvHeader[] = "time,station,item,address,value,quality\n";
+const char kCsvHeader[] = "time,station,item,address,value,raw,quality\n";
 
 namespace {
 
@@ -69,8 +69,9 @@ std::string csvLine(const CsvRow &row)
     line += ',';
     line += csvField(row.address);
     line += ',';
-    if (row.known)
-        line += std::to_string(row.value);
+    line += csvField(row.value);
+    line += ',';
+    line += csvField(row.raw);
     line += row.good ? ",good\n" : ",bad\n";
     return line;
 }
