@@ -456,6 +456,7 @@ class ModbusServer(h.GatewayTestCase):
             return ("exception", function, code)
 
         mega = random.Random(27).randbytes(4 << 20)
+        # One of each kind; every function's limits are the request checks' unit tests.
         # (what, listener, bytes sent, what comes back: an exception, "closed" or "nothing")
         rows = [
             ("protocol id other than 0", "tcp", struct.pack(">HHHB", 1, 1, 6, 1) + read_pdu(110, 1), "closed"),
@@ -463,16 +464,10 @@ class ModbusServer(h.GatewayTestCase):
             ("length field longer than the request", "tcp", struct.pack(">HHHB", 1, 0, 9, 1) + read_pdu(110, 1) +
              b"\0\0\0", exception(3, 3)),
             ("an unknown function", "tcp", mbap(1, 1, b"\x41\x00\x00"), exception(0x41, 1)),
-            ("reading 0 registers", "tcp", mbap(1, 1, read_pdu(110, 0)), exception(3, 3)),
             ("reading 126 registers", "tcp", mbap(1, 1, read_pdu(0, 126)), exception(3, 3)),
-            ("reading 2001 coils", "tcp", mbap(1, 1, read_pdu(0, 2001, 1)), exception(1, 3)),
-            ("writing 124 registers", "tcp", mbap(1, 1, struct.pack(">BHHB", 0x10, 100, 124, 248) + bytes(200)),
-             exception(0x10, 3)),
             ("writing 1969 coils", "tcp", mbap(1, 1, struct.pack(">BHHB", 0x0F, 0, 1969, 247) + bytes(247)),
              exception(0x0F, 3)),
             ("a block past 65535", "tcp", mbap(1, 1, read_pdu(65530, 10)), exception(3, 2)),
-            ("a coil switched with neither FF00 nor 0000", "tcp", mbap(1, 1, struct.pack(">BHH", 5, 2000, 1)),
-             exception(5, 3)),
             ("an HTTP request", "tcp", b"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n", "closed"),
             ("megabytes of noise", "tcp", mega, "closed"),
             ("RTU: reading 126 registers", "rtu", crc(bytes([1]) + read_pdu(0, 126)), exception(3, 3)),
