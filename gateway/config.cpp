@@ -3,6 +3,7 @@
 // file, the line and the key, instead of leaving a setting silently at its default.
 #include "config.h"
 
+#include "config_server.h"
 #include "yaml_reader.h"
 
 #include "rtuplc_host/address.h"
@@ -38,12 +39,18 @@ const char *const kMqttScheme = "mqtt://";
 const char *const kMqttsScheme = "mqtts://";
 const char *const kLineHint = "say tcp: HOST:PORT or serial: DEVICE";
 
-const Keys kTopKeys = {"name", "line", "mqtt", "items", "stations", "sparkplug", "homeassistant", "http", "log"};
+const Keys kTopKeys = {"name",      "line",          "mqtt", "items", "stations",
+                       "sparkplug", "homeassistant", "http", "log",   "modbus-server"};
 const Keys kLineKeys = {"tcp",   "serial",  "settings", "rs485",          "timeout",
                         "pause", "retries", "station",  "probe-interval", "probe-max"};
 const Keys kMqttKeys = {"url",   "client-id", "username",  "password-file", "password",       "ca",  "cert", "key",
                         "topic", "qos",       "keepalive", "buffer",        "stats-interval", "mode"};
-const Keys kItemKeys = {"item", "writable", "name", "unit", "device-class", "every"};
+const Keys kItemKeys = {"item",       "writable",   "name",          "unit",    "device-class", "every", "type",
+                        "word-order", "byte-order", "scale",         "offset",  "decimals",     "min",   "max",
+                        "write",      "deadband",   "publish-every", "metrics", "state-class"};
+const Keys kTypes = {"uint16", "int16", "uint32", "int32", "float32", "bool", "string"};
+const Keys kOrders = {"high-first", "low-first"};
+constexpr long long kMaxDecimals = 15;
 const Keys kStationKeys = {"name"};
 const Keys kSparkplugKeys = {"group", "node", "primary-host", "state-dir"};
 const Keys kHomeAssistantKeys = {"prefix"};
@@ -231,9 +238,34 @@ bool parseItem(Reader &r, const YAML::Node &node, ItemConfig *item)
         return false;
     if (!s.find("item"))
         return r.fail(item->line, "items.item", "missing (the item itself, e.g. item: D_W:500..504)");
-    return readText(r, s, "item", &item->text) && readBool(r, s, "writable", &item->writable) &&
-           readText(r, s, "name", &item->name) && readText(r, s, "unit", &item->unit) &&
-           readText(r, s, "device-class", &item->deviceClass) && readInterval(r, s, "every", &item->everyMs);
+    for (const std::string &key : kItemKeys) {
+        if (s.find(key))
+            item->keyLines[key] = s.line(key);
+    }
+    rtuhost::TypeOptions &t = item->type;
+    std::string write;
+    if (!readText(r, s, "item", &item->text) || !readBool(r, s, "writable", &item->writable) ||
+        !readText(r, s, "name", &item->name) || !readText(r, s, "unit", &item->unit) ||
+        !readText(r, s, "device-class", &item->deviceClass) || !readInterval(r, s, "every", &item->everyMs) ||
+        !readChoice(r, s, "type", kTypes, &t.type) || !readChoice(r, s, "word-order", kOrders, &t.wordOrder) ||
+        !readChoice(r, s, "byte-order", kOrders, &t.byteOrder) || !readReal(r, s, "scale", &t.scale) ||
+        !readReal(r, s, "offset", &t.offset) || !readNumber(r, s, "decimals", 0, kMaxDecimals, "", &t.decimals) ||
+        !readReal(r, s, "min", &t.min) || !readReal(r, s, "max", &t.max) ||
+        !readChoice(r, s, "write", {"read-modify-write"}, &write) || !readReal(r, s, "deadband", &item->deadband) ||
+        !readInterval(r, s, "publish-every", &item->publishEveryMs) || !readBool(r, s, "metrics", &item->metrics) ||
+        !readChoice(r, s, "state-class", {"measurement", "total", "total_increasing", "none"}, &item->stateClass))
+        return false;
+    if (item->deadband < 0)
+        return r.fail(s.line("deadband"), "items.deadband",
+                      "must be 0 or more, not " + inQuotes(s.find("deadband")->value.Scalar()));
+    // A write that reads the word first overwrites what changed in it meanwhile: said, not assumed.
+    if (!write.empty()) {
+        if (s.find("writable") && !item->writable)
+            return r.fail(s.line("write"), "items.write",
+                          "writes, and writable: false says the item may not be written");
+        item->writable = item->readModifyWrite = true;
+    }
+    return true;
 }
 
 bool parseItems(Reader &r, const Section &top, std::vector<ItemConfig> *items)
@@ -414,7 +446,7 @@ bool parseAll(Reader &r, const YAML::Node &root, const std::string &path, Config
            parseItems(r, top, &c->items) &&
            parseStations(r, top, c->mqtt.mode == MqttConfig::Mode::Sparkplug, &c->stationNames) &&
            parseSparkplug(r, top, *c, &c->sparkplug) && parseHomeAssistant(r, top, *c, &c->homeassistant) &&
-           parseHttp(r, top, &c->http) && parseLog(r, top, &c->log);
+           parseHttp(r, top, &c->http) && parseLog(r, top, &c->log) && parseModbusServer(r, top, &c->modbusServer);
 }
 
 // A secret typed by mistake into another key would be quoted back with that key's value.
@@ -426,6 +458,12 @@ void redact(const Config &c, std::string *error)
 }
 
 } // namespace
+
+int ItemConfig::lineOf(const std::string &key) const
+{
+    const auto found = keyLines.find(key);
+    return found != keyLines.end() ? found->second : line;
+}
 
 std::string where(const Config &config, int line)
 {
@@ -444,6 +482,8 @@ const std::vector<std::pair<std::string, std::vector<std::string>>> &configKeys(
         {"homeassistant", kHomeAssistantKeys},
         {"http", kHttpKeys},
         {"log", kLogKeys},
+        {"modbus-server", kModbusServerKeys},
+        {"modbus-server.tls", kModbusServerTlsKeys},
     };
     return sections;
 }

@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "rtuplc_host/value_type.h"
+
 namespace rtugw {
 
 struct LineConfig {
@@ -81,6 +83,45 @@ struct LogConfig {
     uint64_t maxBytes = 100ull * 1024 * 1024; // all files together; the oldest go first
 };
 
+// modbus-server: other Modbus masters served from what the line carries; off unless the
+// section is there.
+struct ModbusServerConfig {
+    struct Listen {
+        bool on = false;
+        std::string text; // as given: HOST:PORT
+        std::string host;
+        int port = 0;
+        int line = 0; // where the file gives it, for messages
+    };
+    // A client network: an IPv4 or IPv6 address and how many of its leading bits count.
+    struct Network {
+        bool v6 = false;
+        uint8_t address[16] = {};
+        int prefix = 0;
+    };
+    // Addresses of one table a master may write, at one station or (0) every station.
+    struct Writable {
+        bool coils = false; // else holding registers
+        int first = 0, last = 0;
+        int station = 0;
+    };
+    bool enabled = false;
+    Listen tcp, rtuOverTcp, tls;
+    std::string serial;   // device of the RTU slave port; empty: none
+    std::string settings; // its line, as line.settings
+    bool rs485 = false;
+    std::string cert, key, ca; // tls: the server's certificate and key, the clients' authority
+    std::vector<Network> allow;
+    std::vector<Writable> writable;
+    long long maxAgeMs = 0; // 0: two of the line's poll cycles, at most 1 s
+    double pollShare = 0.5;
+    int queue = 16;
+    long long requestTimeoutMs = 1000;
+    int maxConnections = 64;
+    long long idleTimeoutMs = 60000;
+    bool cache = true;
+};
+
 struct ItemConfig {
     std::string text; // the item in rtuplc-poll's notation, e.g. "D_W:100..109@2"
     bool writable = false;
@@ -88,6 +129,17 @@ struct ItemConfig {
     // Passed to Home Assistant's discovery and shown on the page.
     std::string name, unit, deviceClass;
     long long everyMs = 0; // how often it is read; 0: as fast as the line goes
+    // What its words mean: type, word-order, byte-order, scale, offset, decimals, min, max.
+    rtuhost::TypeOptions type;
+    bool readModifyWrite = false;        // write: read-modify-write, for a bit of a register
+    double deadband = 0;                 // a change smaller than this is not published
+    long long publishEveryMs = 0;        // an unchanged value is published again this often; 0: never
+    bool metrics = false;                // a gauge of its own on /metrics
+    std::string stateClass;              // Home Assistant's; empty: measurement for a number with a unit
+    std::map<std::string, int> keyLines; // where each of its keys is given
+
+    // The line of `key`, or the item's when it is not given.
+    int lineOf(const std::string &key) const;
 };
 
 struct Config {
@@ -101,6 +153,7 @@ struct Config {
     HomeAssistantConfig homeassistant;
     HttpConfig http;
     LogConfig log;
+    ModbusServerConfig modbusServer;
 };
 
 // Reads and checks `path`. False with `error` naming the file, the line and key, and

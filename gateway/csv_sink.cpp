@@ -1,5 +1,6 @@
 #include "csv_sink.h"
 
+#include "payload.h"
 #include "rtuplc_host/log.h"
 
 namespace rtugw {
@@ -15,7 +16,7 @@ rtuhost::CsvLogSettings settingsOf(const Config &c)
 
 } // namespace
 
-CsvSink::CsvSink(const Model &model) : model_(model), log_(settingsOf(model.config())), logged_(model.points().size())
+CsvSink::CsvSink(const Model &model) : model_(model), log_(settingsOf(model.config())), logged_(model.values().size())
 {
 }
 
@@ -27,17 +28,18 @@ bool CsvSink::open(std::string *error)
     return false;
 }
 
-void CsvSink::pointChanged(size_t index)
+void CsvSink::valueChanged(size_t index)
 {
-    const PointState &s = model_.points()[index];
+    const ValueState &s = model_.values()[index];
     Logged &last = logged_[index];
-    // A new error text on a value already bad is no change a spreadsheet needs.
-    if (last.known == s.known && last.value == s.value && last.good == s.good)
+    // A new error text on a value already bad, or a heartbeat, is no change a spreadsheet needs.
+    if (last.known == s.known && last.raw == s.raw && last.words == s.words && last.good == s.good)
         return;
-    last = Logged{s.known, s.value, s.good};
+    last = Logged{s.known, s.raw, s.words, s.good};
     const Point &p = s.point;
     const std::string item = s.item != nullptr && !s.item->name.empty() ? s.item->name : p.area->name.toStdString();
-    const rtuhost::CsvRow row{s.ts, p.station, item, p.area->format(p.address).toStdString(), s.known, s.value, s.good};
+    rtuhost::CsvRow row{s.ts, p.station, item, s.path.substr(s.path.rfind('/') + 1), {}, {}, s.good};
+    valueTexts(valueUpdate(index, s), s.type, &row.value, &row.raw);
     std::string error;
     const bool ok = log_.append(row, &error);
     // Said when the log stops working and when it works again; the gateway goes on.

@@ -14,12 +14,13 @@ class CsvSink : public Sink {
 public:
     explicit CsvSink(const Model &model);
     bool open(std::string *error);
-    void pointChanged(size_t index) override;
+    void valueChanged(size_t index) override;
 
 private:
     struct Logged {
         bool known = false;
-        uint32_t value = 0;
+        uint32_t raw = 0;
+        std::string words; // a string's
         bool good = false;
     };
     const Model &model_;

@@ -28,7 +28,7 @@ public:
     // Where the values go, for people: "topics under rtuplc/line1/".
     virtual std::string where() const = 0;
     // Where one value goes, a line of --check's plan.
-    virtual std::string planLine(const Point &p, bool writable) const = 0;
+    virtual std::string planLine(const PlannedValue &value) const = 0;
 };
 
 std::unique_ptr<Dialect> makeDialect(Model &model);

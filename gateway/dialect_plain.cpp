@@ -1,5 +1,6 @@
 #include "dialect_plain.h"
 
+#include "modbus_stats.h"
 #include "payload.h"
 
 namespace rtugw {
@@ -31,16 +32,17 @@ void PlainTopics::shapeSession(MqttSettings *s) const
 void PlainTopics::bind(Broker &broker)
 {
     mqtt_ = &broker.client();
-    // The connection's thread makes the messages: it gets its own copy of the topics.
-    std::vector<std::string> topics;
-    topics.reserve(model_.points().size());
-    for (const PointState &s : model_.points())
-        topics.push_back(prefix_ + '/' + s.path);
-    mqtt_->setFormatter([topics = std::move(topics), qos = qos_](const ValueUpdate &v) {
-        return Message{topics[v.key], valueJson(v), qos, true, {}, {}};
+    // The connection's thread makes the messages: it gets its own copy of the topics and types.
+    std::vector<std::pair<std::string, ValueType>> values;
+    values.reserve(model_.values().size());
+    for (const ValueState &s : model_.values())
+        values.emplace_back(prefix_ + '/' + s.path, s.type);
+    mqtt_->setFormatter([values = std::move(values), qos = qos_](const ValueUpdate &v) {
+        const auto &[topic, type] = values[v.key];
+        return Message{topic, valueJson(v, type), qos, true, {}, {}};
     });
     mqtt_->subscribe(prefix_ + "/+/+/+/set");
-    published_.assign(model_.points().size(), false);
+    published_.assign(model_.values().size(), false);
     for (const auto &[station, state] : model_.stations())
         publishStation(station);
 }
@@ -50,9 +52,10 @@ std::string PlainTopics::where() const
     return "topics under " + prefix_ + "/";
 }
 
-std::string PlainTopics::planLine(const Point &p, bool writable) const
+std::string PlainTopics::planLine(const PlannedValue &v) const
 {
-    return prefix_ + '/' + pathOf(p) + (writable ? "  (writable: .../set)" : "");
+    const std::string type = v.type.plain ? "" : std::string("  ") + v.type.name();
+    return prefix_ + '/' + v.path + type + (v.writable ? "  (writable: .../set)" : "");
 }
 
 std::vector<Message> PlainTopics::farewell() const
@@ -66,12 +69,12 @@ std::vector<Message> PlainTopics::farewell() const
     return last;
 }
 
-void PlainTopics::pointChanged(size_t index)
+void PlainTopics::valueChanged(size_t index)
 {
     published_[index] = true;
     // Only the value's figures: its message is made when it is sent, and not at all when
     // a newer reading replaces it first.
-    mqtt_->publishValue(valueUpdate(index, model_.points()[index]));
+    mqtt_->publishValue(valueUpdate(index, model_.values()[index]));
 }
 
 void PlainTopics::publishStation(int station)
@@ -92,7 +95,7 @@ void PlainTopics::republishAll()
         publishStation(station);
     for (size_t i = 0; i < published_.size(); ++i) {
         if (published_[i])
-            pointChanged(i);
+            valueChanged(i);
     }
 }
 
@@ -114,7 +117,7 @@ void PlainTopics::handleSet(const Message &m)
     if (!request.error.empty())
         model_.refuse(path, request.error, answer);
     else
-        model_.write(path, request.value, answer);
+        model_.write(path, request.value, answer, request.isText);
 }
 
 void PlainTopics::publishStats()
@@ -122,7 +125,9 @@ void PlainTopics::publishStats()
     lastStats_ = std::chrono::steady_clock::now();
     mqtt_->publish(Message{
         prefix_ + "/stats",
-        statsJson(model_.hostStats(), mqtt_->stats(), model_.writes(), model_.pollsPerSecond(), model_.uptimeSeconds()),
+        withServerFigures(statsJson(model_.hostStats(), mqtt_->stats(), model_.writes(), model_.pollsPerSecond(),
+                                    model_.uptimeSeconds()),
+                          model_.modbusStats),
         qos_,
         true,
         {},

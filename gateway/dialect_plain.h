@@ -23,9 +23,9 @@ public:
     void bind(Broker &broker) override;
     std::vector<Message> farewell() const override;
     std::string where() const override;
-    std::string planLine(const Point &p, bool writable) const override;
+    std::string planLine(const PlannedValue &v) const override;
 
-    void pointChanged(size_t index) override;
+    void valueChanged(size_t index) override;
     void stationChanged(int station) override;
     void tick() override;
 

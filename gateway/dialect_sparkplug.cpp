@@ -5,6 +5,7 @@
 
 #include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -27,6 +28,7 @@ constexpr const char kNamespace[] = "spBv1.0";
 constexpr const char kRebirth[] = "Node Control/Rebirth";
 constexpr const char kBdSeq[] = "bdSeq";
 constexpr const char kQuality[] = "Quality";
+constexpr const char kEngUnit[] = "engUnit";
 constexpr unsigned kSeqModulo = 256; // seq and bdSeq run 0..255 and wrap
 // Births and data go at QoS 0 and unretained: a host that missed one asks for a rebirth.
 constexpr int kDataQos = 0;
@@ -48,41 +50,60 @@ uint64_t nowMillis()
     return millis(std::chrono::system_clock::now());
 }
 
-SparkplugType typeOf(const Point &p)
-{
-    switch (p.area->kind) {
-    case rtuhost::Kind::Bit:
-        return SparkplugType::Boolean;
-    case rtuhost::Kind::Word:
-        return SparkplugType::UInt16;
-    default:
-        return SparkplugType::UInt32;
-    }
-}
-
-// AREA/ADDR: the plain topic's path without the station, which the device names.
-std::string metricName(const PointState &s)
+// AREA/ADDR[.BIT]: the plain topic's path without the station, which the device names.
+std::string metricName(const ValueState &s)
 {
     return s.path.substr(s.path.find('/') + 1);
 }
 
-void setValue(Payload::Metric *m, const PointState &s)
+void setValue(Payload::Metric *m, const ValueState &s)
 {
     if (!s.known) {
         m->set_is_null(true);
         return;
     }
-    switch (typeOf(s.point)) {
+    const SparkplugType type = sparkplugType(s.type);
+    if (s.type.plain) {
+        if (type == SparkplugType::Boolean)
+            m->set_boolean_value(s.raw != 0);
+        else if (type == SparkplugType::UInt16)
+            m->set_int_value(s.raw);
+        else
+            m->set_long_value(s.raw); // hosts read an unsigned 32-bit metric from long_value
+        return;
+    }
+    uint16_t words[rtuhost::kMaxStringRegisters];
+    s.registers(words);
+    const rtuhost::Reading r = rtuhost::decode(s.type, words);
+    switch (type) {
     case SparkplugType::Boolean:
-        m->set_boolean_value(s.value != 0);
+        m->set_boolean_value(r.number != 0);
         break;
-    case SparkplugType::UInt16:
-        m->set_int_value(s.value);
+    case SparkplugType::String:
+        m->set_string_value(r.text);
         break;
-    default:
-        m->set_long_value(s.value); // hosts read an unsigned 32-bit metric from long_value
+    case SparkplugType::Float: // NaN and the infinities as they are: a float carries them
+        m->set_float_value(float(r.number));
+        break;
+    case SparkplugType::Double:
+        m->set_double_value(r.number);
+        break;
+    case SparkplugType::UInt32:
+        m->set_long_value(uint64_t(r.number));
+        break;
+    default: // the 16-bit types and Int32, a signed one as its two's complement
+        m->set_int_value(uint32_t(int64_t(r.number)));
         break;
     }
+}
+
+void setEngUnit(Payload::Metric *m, const std::string &unit)
+{
+    Payload::PropertySet *props = m->mutable_properties();
+    props->add_keys(kEngUnit);
+    Payload::PropertyValue *v = props->add_values();
+    v->set_type(uint32_t(SparkplugType::String));
+    v->set_string_value(unit);
 }
 
 void setQuality(Payload::Metric *m, bool good)
@@ -111,16 +132,30 @@ std::string serialized(const Payload &p)
     return bytes;
 }
 
-// The text Model::write takes, from whichever value field the command carries.
-std::string commandValue(const Payload::Metric &m)
+// The text Model::write takes, from whichever value field the command carries; a
+// signed datatype's two's complement read back as the negative number it is. `type`:
+// the metric's, or as the birth declared it.
+std::string commandValue(const Payload::Metric &m, SparkplugType type, bool *isText)
 {
+    const bool isSigned = type == SparkplugType::Int8 || type == SparkplugType::Int16 || type == SparkplugType::Int32 ||
+                          type == SparkplugType::Int64;
+    char text[40];
     switch (m.value_case()) {
     case Payload::Metric::kBooleanValue:
         return m.boolean_value() ? "1" : "0";
     case Payload::Metric::kIntValue:
-        return std::to_string(m.int_value());
+        return isSigned ? std::to_string(int32_t(m.int_value())) : std::to_string(m.int_value());
     case Payload::Metric::kLongValue:
-        return std::to_string(m.long_value());
+        return isSigned ? std::to_string(int64_t(m.long_value())) : std::to_string(m.long_value());
+    case Payload::Metric::kFloatValue:
+        std::snprintf(text, sizeof text, "%.9g", double(m.float_value()));
+        return text;
+    case Payload::Metric::kDoubleValue:
+        std::snprintf(text, sizeof text, "%.17g", m.double_value());
+        return text;
+    case Payload::Metric::kStringValue:
+        *isText = true;
+        return m.string_value();
     default:
         return {};
     }
@@ -132,6 +167,32 @@ std::string systemError(const std::string &what, const std::string &file)
 }
 
 } // namespace
+
+SparkplugType sparkplugType(const rtuhost::ValueType &t)
+{
+    switch (t.kind) {
+    case rtuhost::ValueKind::Bool:
+        return SparkplugType::Boolean;
+    case rtuhost::ValueKind::String:
+        return SparkplugType::String;
+    case rtuhost::ValueKind::Float32:
+        return SparkplugType::Float;
+    default:
+        break;
+    }
+    if (t.scaled())
+        return SparkplugType::Double;
+    switch (t.kind) {
+    case rtuhost::ValueKind::UInt16:
+        return SparkplugType::UInt16;
+    case rtuhost::ValueKind::Int16:
+        return SparkplugType::Int16;
+    case rtuhost::ValueKind::Int32:
+        return SparkplugType::Int32;
+    default:
+        return SparkplugType::UInt32;
+    }
+}
 
 std::string sparkplugBdSeqFile(const Config &config)
 {
@@ -229,17 +290,17 @@ SparkplugNode::SparkplugNode(Model &model)
       primaryHost_(model.config().sparkplug.primaryHost), bdSeqFile_(sparkplugBdSeqFile(model.config())),
       hostOnline_(primaryHost_.empty())
 {
-    const std::vector<PointState> &points = model_.points();
-    aliasOf_.assign(points.size(), 0);
-    sentGood_.assign(points.size(), true);
-    for (size_t i = 0; i < points.size(); ++i) {
-        Device &d = devices_[points[i].point.station];
+    const std::vector<ValueState> &values = model_.values();
+    aliasOf_.assign(values.size(), 0);
+    sentGood_.assign(values.size(), true);
+    for (size_t i = 0; i < values.size(); ++i) {
+        Device &d = devices_[values[i].point.station];
         if (d.name.empty()) {
-            d.station = points[i].point.station;
+            d.station = values[i].point.station;
             d.name = deviceName(d.station);
             byName_[d.name] = d.station;
         }
-        d.points.push_back(i);
+        d.values.push_back(i);
         // Unique across the node, as hosts require, and the same at every start with the
         // same configuration; from 1, since 0 is what a missing alias reads as.
         aliasOf_[i] = i + 1;
@@ -292,11 +353,11 @@ std::string SparkplugNode::where() const
     return "Sparkplug B node " + sparkplugNodeTopics(model_.config());
 }
 
-std::string SparkplugNode::planLine(const Point &p, bool writable) const
+std::string SparkplugNode::planLine(const PlannedValue &v) const
 {
-    const std::string path = pathOf(p);
-    return "device " + deviceName(p.station) + ", metric " + path.substr(path.find('/') + 1) +
-           (writable ? "  (writable: DCMD)" : "");
+    const std::string type = v.type.plain ? "" : std::string("  ") + v.type.name();
+    return "device " + deviceName(v.points.front().station) + ", metric " + v.path.substr(v.path.find('/') + 1) + type +
+           (v.writable ? "  (writable: DCMD)" : "");
 }
 
 void SparkplugNode::bind(Broker &broker)
@@ -374,11 +435,13 @@ bool SparkplugNode::readSinceBack(Device &d) const
     const std::vector<PointState> &points = model_.points();
     const std::vector<SystemTime> &reads = model_.blockReads();
     // Once read since, a value stays so: each call goes on from where the last stopped.
-    for (; d.readUpTo < d.points.size(); ++d.readUpTo) {
-        const PointState &s = points[d.points[d.readUpTo]];
-        const bool polled = s.block >= 0 && size_t(s.block) < reads.size() && reads[size_t(s.block)] >= d.backAt;
-        if (!s.good && !polled)
-            return false;
+    for (; d.readUpTo < d.values.size(); ++d.readUpTo) {
+        for (const uint32_t p : model_.values()[d.values[d.readUpTo]].points) {
+            const PointState &s = points[p];
+            const bool polled = s.block >= 0 && size_t(s.block) < reads.size() && reads[size_t(s.block)] >= d.backAt;
+            if (!s.good && !polled)
+                return false;
+        }
     }
     return true;
 }
@@ -437,14 +500,16 @@ void SparkplugNode::birthDevice(Device &d)
     Payload p;
     p.set_timestamp(nowMillis());
     p.set_seq(nextSeq());
-    for (size_t index : d.points) {
-        const PointState &s = model_.points()[index];
+    for (size_t index : d.values) {
+        const ValueState &s = model_.values()[index];
         Payload::Metric *m = p.add_metrics();
         m->set_name(metricName(s));
         m->set_alias(aliasOf_[index]);
-        m->set_datatype(uint32_t(typeOf(s.point)));
+        m->set_datatype(uint32_t(sparkplugType(s.type)));
         m->set_timestamp(s.known ? millis(s.ts) : p.timestamp());
         setValue(m, s);
+        if (s.item != nullptr && !s.item->unit.empty())
+            setEngUnit(m, s.item->unit);
         // A value the station has not given since its last failure is said bad; a good
         // one needs no word, good is what hosts assume.
         if (s.known && !s.good)
@@ -467,9 +532,9 @@ void SparkplugNode::deathDevice(Device &d)
     d.changed.clear();
 }
 
-void SparkplugNode::pointChanged(size_t index)
+void SparkplugNode::valueChanged(size_t index)
 {
-    Device &d = devices_[model_.points()[index].point.station];
+    Device &d = devices_[model_.values()[index].point.station];
     if (d.born && nodeBorn_)
         d.changed.push_back(index);
 }
@@ -506,10 +571,10 @@ void SparkplugNode::flushData()
         p.set_timestamp(nowMillis());
         p.set_seq(nextSeq());
         for (size_t index : d.changed) {
-            const PointState &s = model_.points()[index];
+            const ValueState &s = model_.values()[index];
             Payload::Metric *m = p.add_metrics();
             m->set_alias(aliasOf_[index]);
-            m->set_datatype(uint32_t(typeOf(s.point)));
+            m->set_datatype(uint32_t(sparkplugType(s.type)));
             m->set_timestamp(millis(s.ts));
             setValue(m, s);
             if (sentGood_[index] != s.good) {
@@ -611,10 +676,10 @@ void SparkplugNode::handleDeviceCommand(Device &d, const std::string &bytes)
         std::string label = m.name();
         if (m.has_name()) {
             index = model_.find(std::to_string(d.station) + '/' + m.name());
-        } else if (m.has_alias() && m.alias() >= 1 && m.alias() <= model_.points().size() &&
-                   model_.points()[m.alias() - 1].point.station == d.station) {
+        } else if (m.has_alias() && m.alias() >= 1 && m.alias() <= model_.values().size() &&
+                   model_.values()[m.alias() - 1].point.station == d.station) {
             index = long(m.alias() - 1);
-            label = metricName(model_.points()[size_t(index)]);
+            label = metricName(model_.values()[size_t(index)]);
         } else {
             label = "alias " + std::to_string(m.alias());
         }
@@ -622,12 +687,18 @@ void SparkplugNode::handleDeviceCommand(Device &d, const std::string &bytes)
         // The write's outcome shows in the next DDATA; a refusal is logged and counted
         // by the model, since Sparkplug has no answer to a command.
         const WriteDone done = [](const WriteAnswer &) {};
-        if (index < 0)
+        if (index < 0) {
             model_.refuse(path, "no metric " + label + " on " + d.name, done);
-        else if (const std::string value = commandValue(m); value.empty())
-            model_.refuse(path, "the command carries no whole number or boolean", done);
+            continue;
+        }
+        const ValueState &target = model_.values()[size_t(index)];
+        bool isText = false;
+        const SparkplugType type = m.datatype() != 0 ? SparkplugType(m.datatype()) : sparkplugType(target.type);
+        const std::string value = commandValue(m, type, &isText);
+        if (value.empty() && !isText)
+            model_.refuse(path, "the command carries no value", done);
         else
-            model_.write(model_.points()[size_t(index)].path, value, done);
+            model_.write(target.path, value, done, isText);
     }
 }
 

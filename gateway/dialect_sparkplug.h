@@ -26,7 +26,22 @@ class Payload;
 namespace rtugw {
 
 // Sparkplug's datatypes as the payload numbers them.
-enum class SparkplugType : uint32_t { Int32 = 3, UInt16 = 6, UInt32 = 7, UInt64 = 8, Boolean = 11 };
+enum class SparkplugType : uint32_t {
+    Int8 = 1,
+    Int16 = 2,
+    Int32 = 3,
+    Int64 = 4,
+    UInt16 = 6,
+    UInt32 = 7,
+    UInt64 = 8,
+    Float = 9,
+    Double = 10,
+    Boolean = 11,
+    String = 12,
+};
+// A metric's datatype: a plain value's by its area (bits Boolean, 16-bit UInt16, 32-bit
+// UInt32), a typed one's by its type, Double once scaled.
+SparkplugType sparkplugType(const rtuhost::ValueType &type);
 
 // What a host reads from a metric's Quality property.
 constexpr int32_t kQualityBad = 0;
@@ -49,9 +64,9 @@ public:
     // A clean stop: the death certificate, since the broker sends no will then.
     std::vector<Message> farewell() const override;
     std::string where() const override;
-    std::string planLine(const Point &p, bool writable) const override;
+    std::string planLine(const PlannedValue &v) const override;
 
-    void pointChanged(size_t index) override;
+    void valueChanged(size_t index) override;
     void stationChanged(int station) override;
     void tick() override;
 
@@ -67,14 +82,14 @@ private:
     struct Device {
         int station = 0;
         std::string name;
-        std::vector<size_t> points; // model indexes
+        std::vector<size_t> values; // model indexes
         bool born = false;
         std::vector<size_t> changed; // since the last DDATA
         // Back online and not yet born: waiting for a read of every block since.
         bool waiting = false;
         SystemTime backAt{}; // when the station last came back
         std::chrono::steady_clock::time_point waitSince{};
-        size_t readUpTo = 0; // d.points before it are read since backAt
+        size_t readUpTo = 0; // d.values before it are read since backAt
     };
 
     void onHostState(const std::string &payload);
@@ -101,7 +116,7 @@ private:
     std::string group_, node_, primaryHost_;
     std::map<int, Device> devices_;     // by station
     std::map<std::string, int> byName_; // device name to station
-    std::vector<uint64_t> aliasOf_;     // model index to alias
+    std::vector<uint64_t> aliasOf_;     // model value index to alias
     std::vector<bool> sentGood_;        // the quality hosts were last told, by model index
     // The bdSeq in the will of the connection being made, and of the next one.
     std::atomic<unsigned> willBdSeq_{0};

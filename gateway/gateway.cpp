@@ -1,9 +1,11 @@
 #include "gateway.h"
 
+#include <bitset>
 #include <cstdio>
 
 #include "csv_sink.h"
 #include "homeassistant.h"
+#include "modbus_server.h"
 #include "notify.h"
 #include "rtuplc_host/log.h"
 #include "web_server.h"
@@ -29,6 +31,9 @@ rtuhost::HostSettings hostSettings(const Config &config, const LinePlan &plan)
     return s;
 }
 
+// How often the server's default max-age is brought in line with the polling's pace.
+constexpr std::chrono::seconds kAgeInterval{1};
+
 } // namespace
 
 Gateway::Gateway(const Config &config, const rtuhost::DriverApi &api, const rtuhost::Catalogue &catalogue,
@@ -42,7 +47,13 @@ Gateway::Gateway(const Config &config, const rtuhost::DriverApi &api, const rtuh
     model_->verbose = verbose;
     host_ = std::make_unique<rtuhost::Host>(api, *link_, *model_, hostSettings(config, plan));
     host_->monitor(plan.items);
-    model_->attach(*host_, plan.configured);
+    model_->attach(*host_, plan.values);
+    if (config.modbusServer.enabled) {
+        server_ = std::make_unique<ModbusServer>(config.modbusServer, knownStations(config, plan),
+                                                 serverSerialLine(config.modbusServer, plan.line));
+        host_->share(server_.get(), config.modbusServer.pollShare);
+        model_->modbusStats = &server_->stats();
+    }
 
     dialect_ = makeDialect(*model_);
     MqttSettings settings = settingsOf(config.mqtt);
@@ -78,14 +89,22 @@ bool Gateway::start(std::string *error)
         if (!web_->start(error))
             return false;
     }
+    if (server_) {
+        if (!server_->start(&why)) {
+            *error = where(config_, 0) + why;
+            return false;
+        }
+        for (const std::string &l : server_->listeners())
+            rtuhost::logNotice("modbus server: %s", l.c_str());
+    }
     if (!broker_->client().start(&why)) {
         *error = where(config_, 0) + "mqtt: " + why;
         return false;
     }
     host_->start();
     rtuhost::logNotice("%s: polling %zu values in %d blocks on %s; broker %s, %s", config_.name.c_str(),
-                       host_->points().size(), host_->blockCount(), link_->describe().c_str(), config_.mqtt.url.c_str(),
-                       dialect_->where().c_str());
+                       model_->values().size(), host_->blockCount(), link_->describe().c_str(),
+                       config_.mqtt.url.c_str(), dialect_->where().c_str());
     return true;
 }
 
@@ -94,6 +113,19 @@ void Gateway::turn()
     broker_->tick();
     model_->tick();
     broker_->client().pump();
+    if (server_) {
+        std::bitset<256> offline;
+        for (const auto &[station, silence] : host_->offline())
+            offline.set(size_t(station) & 0xFF);
+        server_->setOffline(offline);
+        const auto now = std::chrono::steady_clock::now();
+        const double polls = model_->pollsPerSecond();
+        if (now >= nextAge_ && polls > 0) {
+            // Two of the line's poll cycles: a value polled in turn is always that fresh.
+            nextAge_ = now + kAgeInterval;
+            server_->setMaxAge(std::chrono::milliseconds(long(2000.0 * std::max(1, host_->blockCount()) / polls)));
+        }
+    }
 }
 
 void Gateway::run(const std::atomic<bool> &stop)
@@ -111,6 +143,9 @@ void Gateway::run(const std::atomic<bool> &stop)
 void Gateway::finish()
 {
     rtuhost::logNotice("stopping");
+    // Other masters' requests still waiting get no answer.
+    if (server_)
+        server_->stop();
     host_->finish(); // writes still open are answered
     turn();
     if (web_)
@@ -124,9 +159,14 @@ std::string Gateway::status() const
     for (const auto &[station, state] : model_->stations())
         online += state.online ? 1 : 0;
     char text[256];
-    std::snprintf(text, sizeof text, "%d/%zu stations online, %.1f polls/s, broker %s, %llu held", online,
-                  model_->stations().size(), model_->pollsPerSecond(), broker_->state().c_str(),
-                  (unsigned long long)broker_->client().stats().held);
+    const int n = std::snprintf(text, sizeof text, "%d/%zu stations online, %.1f polls/s, broker %s, %llu held", online,
+                                model_->stations().size(), model_->pollsPerSecond(), broker_->state().c_str(),
+                                (unsigned long long)broker_->client().stats().held);
+    if (server_ && n > 0 && size_t(n) < sizeof text) {
+        const ModbusFigures f = server_->stats().figures();
+        std::snprintf(text + n, sizeof text - size_t(n), ", %lld masters, %.0f%% from cache", (long long)f.masters,
+                      100.0 * f.hitRatio());
+    }
     return text;
 }
 

@@ -4,6 +4,8 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 
 #include "rtuplc_host/log.h"
@@ -24,8 +26,46 @@ constexpr double kLargest32 = 4294967295.0;
 constexpr const char kNumberTemplate[] = "{{ value_json.value }}";
 constexpr const char kSwitchTemplate[] = "{{ 'ON' if value_json.value else 'OFF' }}";
 constexpr const char kQualityTemplate[] = "{{ 'online' if value_json.quality == 'good' else 'offline' }}";
-// A number entity may send 12.0 for 12; the set topic takes whole numbers.
+// A number entity may send 12.0 for 12; a plain value's set topic takes whole numbers.
 constexpr const char kCommandTemplate[] = "{{ value | int }}";
+constexpr const char kTypedCommandTemplate[] = "{{ value }}";
+// Text goes as JSON, so that no text is read as a number or an object of its own.
+constexpr const char kTextCommandTemplate[] = "{{ {'value': value} | tojson }}";
+// The finest step a number box offers, for a float without decimals.
+constexpr double kFinestStep = 0.001;
+
+struct Range {
+    double min, max, step;
+};
+
+// What a writable number box offers: the item's min and max, else what the registers
+// hold, scaled; steps of its decimals, of its scale, or whole.
+Range rangeOf(const ValueType &t)
+{
+    const bool wide = t.registers == 2;
+    double lo = 0, hi = wide ? kLargest32 : kLargest16, step = 1;
+    switch (t.kind) {
+    case rtuhost::ValueKind::Int16:
+        lo = -32768, hi = 32767;
+        break;
+    case rtuhost::ValueKind::Int32:
+        lo = -2147483648.0, hi = 2147483647;
+        break;
+    case rtuhost::ValueKind::Float32:
+        lo = -3.4e38, hi = 3.4e38, step = kFinestStep;
+        break;
+    default:
+        break;
+    }
+    if (t.scaled()) {
+        const double a = lo * t.scale + t.offset, b = hi * t.scale + t.offset;
+        lo = std::min(a, b), hi = std::max(a, b);
+        step = t.kind == rtuhost::ValueKind::Float32 ? step : std::fabs(t.scale);
+    }
+    if (t.decimals >= 0)
+        step = std::pow(10.0, -t.decimals);
+    return Range{std::isfinite(t.min) ? t.min : lo, std::isfinite(t.max) ? t.max : hi, step};
+}
 
 // Home Assistant's ids take letters, digits, _ and - only.
 std::string idText(const std::string &s)
@@ -56,7 +96,7 @@ HomeAssistant::HomeAssistant(Model &model, MqttClient &mqtt)
       nodeId_(idText("rtuplc_" + model.config().name))
 {
     announced_.insert(prefix_ + "/binary_sensor/" + nodeId_ + '/' + kGatewayObject + kConfig);
-    for (size_t i = 0; i < model_.points().size(); ++i)
+    for (size_t i = 0; i < model_.values().size(); ++i)
         announced_.insert(configTopic(i));
 }
 
@@ -72,15 +112,17 @@ void HomeAssistant::subscribe()
 
 std::string HomeAssistant::component(size_t index) const
 {
-    const PointState &s = model_.points()[index];
-    if (s.point.area->isBit())
+    const ValueState &s = model_.values()[index];
+    if (s.type.kind == rtuhost::ValueKind::Bool)
         return s.writable ? "switch" : "binary_sensor";
+    if (s.type.kind == rtuhost::ValueKind::String)
+        return s.writable ? "text" : "sensor";
     return s.writable ? "number" : "sensor";
 }
 
 std::string HomeAssistant::objectId(size_t index) const
 {
-    return idText(model_.points()[index].path);
+    return idText(model_.values()[index].path);
 }
 
 std::string HomeAssistant::configTopic(size_t index) const
@@ -90,16 +132,18 @@ std::string HomeAssistant::configTopic(size_t index) const
 
 std::string HomeAssistant::configJson(size_t index) const
 {
-    const PointState &s = model_.points()[index];
+    const ValueState &s = model_.values()[index];
+    const ValueType &t = s.type;
     const Config &c = model_.config();
     const int station = s.point.station;
     const std::string stateTopic = topics_ + '/' + s.path;
-    const std::string label =
-        s.point.area->name.toStdString() + ' ' + s.point.area->format(s.point.address).toStdString();
+    const std::string label = s.point.area->name.toStdString() + ' ' + s.path.substr(s.path.rfind('/') + 1);
     std::string name = label;
     if (s.item != nullptr && !s.item->name.empty())
-        // One name for a range of values: each is told apart by its address.
-        name = s.item->text.find("..") == std::string::npos ? s.item->name : s.item->name + ' ' + label;
+        // One name for a range of values: each is told apart by its address. A string is one value.
+        name = s.item->text.find("..") == std::string::npos || t.kind == rtuhost::ValueKind::String
+                   ? s.item->name
+                   : s.item->name + ' ' + label;
     const auto stationName = c.stationNames.find(station);
     const std::string deviceName = stationName != c.stationNames.end() ? stationName->second
                                                                        : c.name + " station " + std::to_string(station);
@@ -120,7 +164,7 @@ std::string HomeAssistant::configJson(size_t index) const
                                {"via_device", q(nodeId_)}}},
     };
     const std::string kind = component(index);
-    if (s.point.area->isBit()) {
+    if (t.kind == rtuhost::ValueKind::Bool) {
         o["value_template"] = kSwitchTemplate;
         o["payload_on"] = s.writable ? "1" : "ON";
         o["payload_off"] = s.writable ? "0" : "OFF";
@@ -128,22 +172,34 @@ std::string HomeAssistant::configJson(size_t index) const
             o["state_on"] = "ON";
             o["state_off"] = "OFF";
         }
+    } else if (t.kind == rtuhost::ValueKind::String) {
+        o["value_template"] = kNumberTemplate;
+        if (s.writable) {
+            o["max"] = 2 * t.registers;
+            o["command_template"] = kTextCommandTemplate;
+        }
     } else {
         o["value_template"] = kNumberTemplate;
         if (s.writable) {
-            o["min"] = 0;
-            o["max"] = s.point.area->kind == rtuhost::Kind::Word ? kLargest16 : kLargest32;
-            o["step"] = 1;
+            const Range r = rangeOf(t);
+            o["min"] = r.min;
+            o["max"] = r.max;
+            o["step"] = r.step;
             o["mode"] = "box";
-            o["command_template"] = kCommandTemplate;
+            o["command_template"] = t.plain ? kCommandTemplate : kTypedCommandTemplate;
         }
     }
     if (s.writable)
         o["command_topic"] = q(stateTopic + "/set");
-    if (s.item != nullptr && !s.item->unit.empty())
-        o["unit_of_measurement"] = q(s.item->unit);
+    const std::string unit = s.item != nullptr ? s.item->unit : std::string();
+    if (!unit.empty())
+        o["unit_of_measurement"] = q(unit);
     if (s.item != nullptr && !s.item->deviceClass.empty())
         o["device_class"] = q(s.item->deviceClass);
+    // A number with a unit is a measurement unless the item says what else.
+    const std::string stateClass = s.item != nullptr ? s.item->stateClass : std::string();
+    if (kind == "sensor" && t.number() && stateClass != "none" && (!stateClass.empty() || !unit.empty()))
+        o["state_class"] = q(stateClass.empty() ? "measurement" : stateClass);
     return QJsonDocument(o).toJson(QJsonDocument::Compact).toStdString();
 }
 
@@ -166,7 +222,7 @@ void HomeAssistant::announce()
                           true,
                           {},
                           {}});
-    for (size_t i = 0; i < model_.points().size(); ++i)
+    for (size_t i = 0; i < model_.values().size(); ++i)
         mqtt_.publish(Message{configTopic(i), configJson(i), kConfigQos, true, {}, {}});
 }
 

@@ -41,9 +41,39 @@ std::string label(const char *key, const std::string &value)
     return std::string(key) + "=\"" + value + '"';
 }
 
+// Other masters served through the gateway's Modbus server.
+void modbusMetrics(Writer &w, const ModbusFigures &m)
+{
+    w.family("modbus_requests_total", "counter", "Requests from other Modbus masters, by function.");
+    for (size_t i = 0; i < ModbusFigures::kFunctions; ++i)
+        w.sample("modbus_requests_total", label("function", ModbusFigures::functionLabel(i)), double(m.requests[i]));
+    w.family("modbus_answers_total", "counter",
+             "Their answers, by outcome: from the cache, from the line (the controller's own, exceptions included), "
+             "or an exception of the gateway's, by code.");
+    w.sample("modbus_answers_total", label("outcome", "cache"), double(m.fromCache));
+    w.sample("modbus_answers_total", label("outcome", "line"), double(m.lineAnswers));
+    for (size_t code = 1; code < ModbusFigures::kExceptionCodes; ++code) {
+        if (m.exceptions[code] == 0)
+            continue;
+        char text[16];
+        std::snprintf(text, sizeof text, "exception_%02zX", code);
+        w.sample("modbus_answers_total", label("outcome", text), double(m.exceptions[code]));
+    }
+    w.one("modbus_forwarded_total", "counter", "Requests put on the line for other masters.", double(m.forwarded));
+    w.one("modbus_cache_hit_ratio", "gauge", "Share of other masters' reads answered from the cache.", m.hitRatio());
+    w.one("modbus_queued_requests", "gauge", "Other masters' requests waiting for the line.", double(m.queued));
+    w.one("modbus_masters", "gauge", "Other masters connected.", double(m.masters));
+    w.one("modbus_line_seconds_total", "counter", "Line time taken by other masters' requests.",
+          double(m.lineMicros) / 1e6);
+    w.one("modbus_connections_refused_total", "counter",
+          "Connections refused: too many, or from a network not allowed.", double(m.refused));
+    w.one("modbus_connections_dropped_total", "counter", "Connections closed: idle, not reading, or not Modbus.",
+          double(m.dropped));
+}
+
 } // namespace
 
-std::string metricsText(const WebFigures &f, const std::map<int, bool> &stations)
+std::string metricsText(const WebFigures &f, const std::map<int, bool> &stations, const std::vector<Gauge> &gauges)
 {
     Writer w;
     const rtuhost::Stats &h = f.host;
@@ -86,6 +116,15 @@ std::string metricsText(const WebFigures &f, const std::map<int, bool> &stations
     w.one("broker_connected", "gauge", "1 when connected to the MQTT broker.", f.brokerUp ? 1 : 0);
     w.one("uptime_seconds", "gauge", "Seconds since the gateway started.", double(f.uptime));
 
+    if (!gauges.empty()) {
+        // A value not read, or bad, is left out: a gap says more than a stale number.
+        w.family("value", "gauge", "Items asked for with metrics: true, as published: the engineering value.");
+        for (const Gauge &g : gauges) {
+            if (g.good)
+                w.sample("value", g.labels, g.value);
+        }
+    }
+
     w.family("poll_cycle_seconds", "histogram",
              "Time of a request on the line, from its first frame to its answer or failure, retries included.");
     uint64_t cumulative = 0;
@@ -98,6 +137,8 @@ std::string metricsText(const WebFigures &f, const std::map<int, bool> &stations
     w.sample("poll_cycle_seconds_bucket", label("le", "+Inf"), double(f.cycle.count));
     w.sample("poll_cycle_seconds_sum", {}, f.cycle.sum);
     w.sample("poll_cycle_seconds_count", {}, double(f.cycle.count));
+    if (f.modbusServer)
+        modbusMetrics(w, f.modbus);
     return w.text();
 }
 

@@ -5,6 +5,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "web_state.h"
 
@@ -12,8 +13,9 @@ namespace rtugw {
 
 extern const char kMetricsContentType[];
 
-// `stations`: station -> online.
-std::string metricsText(const WebFigures &figures, const std::map<int, bool> &stations);
+// `stations`: station -> online; `gauges`: the values asked for with metrics: true.
+std::string metricsText(const WebFigures &figures, const std::map<int, bool> &stations,
+                        const std::vector<Gauge> &gauges = {});
 
 } // namespace rtugw
 

@@ -1,5 +1,9 @@
 #include "model.h"
 
+#include <algorithm>
+#include <cmath>
+
+#include "payload.h"
 #include "rtuplc_host/log.h"
 
 namespace rtugw {
@@ -8,7 +12,7 @@ using rtuhost::Failure;
 using rtuhost::WriteOutcome;
 
 Sink::~Sink() = default;
-void Sink::pointChanged(size_t) {}
+void Sink::valueChanged(size_t) {}
 void Sink::stationChanged(int) {}
 void Sink::tick() {}
 
@@ -21,6 +25,8 @@ namespace {
 
 // The pace is measured over this window.
 constexpr std::chrono::seconds kPaceWindow{1};
+// How often heartbeats are looked for: finer than any interval a user gives in seconds.
+constexpr std::chrono::milliseconds kBeatCheck{100};
 
 // Decimal, signed, or 0x hexadecimal, of any size: what the range checks then judge.
 bool isNumber(const std::string &text)
@@ -45,31 +51,62 @@ Model::Model(const Config &config, const rtuhost::DriverApi &api, const rtuhost:
 {
 }
 
-void Model::attach(rtuhost::Host &host, const std::vector<std::pair<rtuhost::Item, const ItemConfig *>> &items)
+int ValueState::registers(uint16_t *out) const
+{
+    if (type.kind != rtuhost::ValueKind::String) {
+        rtuhost::unpackWords(raw, type.registers, out);
+        return type.registers;
+    }
+    for (int i = 0; i < type.registers; ++i)
+        out[i] = uint16_t(static_cast<unsigned char>(words[size_t(2 * i)]) << 8 |
+                          static_cast<unsigned char>(words[size_t(2 * i + 1)]));
+    return type.registers;
+}
+
+void Model::attach(rtuhost::Host &host, const std::vector<PlannedValue> &values)
 {
     host_ = &host;
     points_.clear();
+    values_.clear();
     byPath_.clear();
+    beating_.clear();
     for (const Point &p : host.points()) {
         PointState s;
         s.point = p;
-        s.path = pathOf(p);
-        byPath_[s.path] = points_.size();
         points_.push_back(s);
         stations_[p.station];
     }
-    // A value named by several items is writable if any of them says so.
-    for (const auto &[item, ic] : items) {
-        for (const Point &p : item.points) {
+    std::vector<std::vector<uint32_t>> feeds(points_.size());
+    for (const PlannedValue &pv : values) {
+        ValueState v;
+        v.path = pv.path;
+        v.point = pv.points.front();
+        v.type = pv.type;
+        v.writable = pv.writable;
+        v.item = pv.item;
+        for (const Point &p : pv.points) {
             const long at = host.pointIndex(p.station, p.area->name, p.address);
-            if (at < 0)
-                continue;
-            PointState &s = points_[size_t(at)];
-            s.writable = s.writable || (ic != nullptr && ic->writable);
-            if (s.item == nullptr)
-                s.item = ic;
+            if (at >= 0) {
+                v.points.push_back(uint32_t(at));
+                feeds[size_t(at)].push_back(uint32_t(values_.size()));
+            }
         }
+        if (v.type.kind == rtuhost::ValueKind::String)
+            v.words.assign(size_t(2 * v.type.registers), '\0');
+        if (v.item != nullptr && v.item->publishEveryMs > 0)
+            beating_.push_back(uint32_t(values_.size()));
+        byPath_[v.path] = values_.size();
+        values_.push_back(std::move(v));
     }
+    feedsFrom_.assign(1, 0);
+    feeds_.clear();
+    for (const std::vector<uint32_t> &f : feeds) {
+        feeds_.insert(feeds_.end(), f.begin(), f.end());
+        feedsFrom_.push_back(uint32_t(feeds_.size()));
+    }
+    isPending_.assign(values_.size(), false);
+    shown_.assign(values_.size(), 0);
+    publishedAt_.assign(values_.size(), {});
 }
 
 void Model::addSink(Sink *sink)
@@ -94,10 +131,110 @@ long Model::find(const std::string &path) const
     return found == byPath_.end() ? -1 : long(found->second);
 }
 
-void Model::changed(size_t index)
+void Model::changed(size_t point, bool reported)
 {
-    for (Sink *s : sinks_)
-        s->pointChanged(index);
+    for (uint32_t i = feedsFrom_[point]; i < feedsFrom_[point + 1]; ++i) {
+        const uint32_t v = feeds_[i];
+        // A value over several points waits for the rest of the reply: never half old, half new.
+        if (values_[v].points.size() == 1) {
+            refresh(v, reported);
+        } else if (!isPending_[v]) {
+            isPending_[v] = true;
+            pending_.push_back(v);
+        }
+    }
+}
+
+void Model::flushPending()
+{
+    for (const uint32_t v : pending_) {
+        isPending_[v] = false;
+        refresh(v, false);
+    }
+    pending_.clear();
+}
+
+void Model::refresh(size_t index, bool reported, bool force)
+{
+    ValueState &s = values_[index];
+    const double deadband = s.item != nullptr ? s.item->deadband : 0;
+    if (s.type.plain && deadband == 0) {
+        // As it always was: the point's unsigned value, told whenever the host reports it.
+        const PointState &p = points_[s.points.front()];
+        if (!force && !reported && p.known == s.known && p.good == s.good && p.error.empty() == s.error.empty())
+            return;
+        s.known = p.known;
+        s.good = p.good;
+        s.raw = p.value;
+        s.error = p.error;
+        s.ts = p.ts;
+    } else {
+        bool known = true, good = true;
+        const std::string *error = nullptr;
+        SystemTime ts{};
+        uint32_t values[rtuhost::kMaxStringRegisters] = {};
+        for (size_t i = 0; i < s.points.size(); ++i) {
+            const PointState &p = points_[s.points[i]];
+            known = known && p.known;
+            if (!p.good && good) {
+                good = false;
+                error = &p.error;
+            }
+            ts = std::max(ts, p.ts);
+            values[i] = p.value;
+        }
+        uint16_t words[rtuhost::kMaxStringRegisters];
+        const int n = rtuhost::wordsOf(s.point.area->kind, values, int(s.points.size()), words);
+        const rtuhost::Reading r = rtuhost::decode(s.type, words);
+        const bool valid = known && r.invalid == nullptr;
+        const bool hasError = !good || (known && !valid);
+        const bool quality = known != s.known || (good && valid) != s.good || hasError == s.error.empty();
+        bool moved = false;
+        if (known && (r.form == rtuhost::Reading::Form::Text || !valid)) {
+            // A string, or words that hold no number (NaN, an infinity): any word changed.
+            uint16_t before[rtuhost::kMaxStringRegisters];
+            s.registers(before);
+            moved = !std::equal(words, words + n, before);
+        } else if (valid) {
+            moved = deadband > 0 ? !(std::fabs(r.number - shown_[index]) < deadband) : r.number != shown_[index];
+        }
+        if (!force && !quality && !moved)
+            return;
+        s.known = known;
+        s.good = good && valid;
+        s.error = !good ? *error : hasError ? r.invalid : std::string();
+        s.ts = ts;
+        if (s.type.kind == rtuhost::ValueKind::String) {
+            for (int i = 0; i < n; ++i) {
+                s.words[size_t(2 * i)] = char(words[i] >> 8);
+                s.words[size_t(2 * i + 1)] = char(words[i] & 0xFF);
+            }
+        } else {
+            s.raw = rtuhost::packWords(words, n);
+        }
+        if (valid)
+            shown_[index] = r.number;
+    }
+    if (s.item != nullptr && s.item->publishEveryMs > 0)
+        publishedAt_[index] = std::chrono::steady_clock::now();
+    for (Sink *sink : sinks_)
+        sink->valueChanged(index);
+}
+
+void Model::heartbeats()
+{
+    if (beating_.empty())
+        return;
+    const auto now = std::chrono::steady_clock::now();
+    if (now - beatChecked_ < kBeatCheck)
+        return;
+    beatChecked_ = now;
+    for (const uint32_t v : beating_) {
+        // Once told, told again when nothing else was for its interval.
+        const auto every = std::chrono::milliseconds(values_[v].item->publishEveryMs);
+        if (publishedAt_[v] != std::chrono::steady_clock::time_point{} && now - publishedAt_[v] >= every)
+            refresh(v, false, true);
+    }
 }
 
 void Model::setStation(int station, bool online)
@@ -141,6 +278,8 @@ void Model::measurePace()
 void Model::tick()
 {
     stampTaken_ = false;
+    flushPending(); // what the driver showed between replies: a write taken into its cache
+    heartbeats();
     measurePace();
     for (Sink *s : sinks_)
         s->tick();
@@ -163,7 +302,7 @@ void Model::valueRead(const Point &p, uint32_t value)
         stampTaken_ = true;
     }
     s.ts = stamp_;
-    changed(size_t(index));
+    changed(size_t(index), true);
 }
 
 // One time per block, not per value: the loop polls tens of thousands of blocks a
@@ -196,8 +335,9 @@ void Model::blockRead(const FRAME_PRO &f)
         s.good = true;
         s.error.clear();
         s.ts = now;
-        changed(index);
+        changed(index, false);
     }
+    flushPending(); // the reply is whole
     setStation(f.station, true);
 }
 
@@ -224,8 +364,9 @@ void Model::requestFailed(const FRAME_PRO &f, const Failure &failure)
             s.good = false;
             s.error = why;
             s.ts = now;
-            changed(index);
+            changed(index, false);
         }
+        flushPending();
     }
     // A station that refuses a request with an exception is alive.
     if (failure.kind == Failure::Kind::Exception)
@@ -244,8 +385,9 @@ void Model::requestFailed(const FRAME_PRO &f, const Failure &failure)
         s.good = false;
         s.error = "station " + std::to_string(f.station) + " silent: " + why;
         s.ts = now;
-        changed(index);
+        changed(index, false);
     }
+    flushPending();
 }
 
 void Model::progress(const rtuhost::Stats &)
@@ -282,10 +424,88 @@ void Model::refuse(const std::string &path, const std::string &why, WriteDone do
     settle(done, refusal);
 }
 
-void Model::write(const std::string &path, const std::string &value, WriteDone done)
+namespace {
+
+// "D_W:100", "D_W:100.3": a value where it starts, as items are written.
+std::string labelOf(const ValueState &v)
+{
+    const std::string label = v.point.label().toStdString();
+    return v.type.bit >= 0 ? label + '.' + std::to_string(v.type.bit) : label;
+}
+
+// The number a plain value's text gives, for its min and max: decimal, signed, or 0x.
+double plainNumber(const std::string &text)
+{
+    const QString t = QString::fromStdString(text).trimmed();
+    return t.startsWith(QLatin1String("0x"), Qt::CaseInsensitive) ? double(t.mid(2).toULongLong(nullptr, 16))
+                                                                  : double(t.toLongLong());
+}
+
+} // namespace
+
+bool Model::encodeWrite(const ValueState &v, const std::string &text, bool isText, rtuhost::WriteRequest *w,
+                        std::string *json, std::string *why) const
+{
+    const ValueType &t = v.type;
+    const rtuhost::Area &area = *v.point.area;
+    w->text = QString::fromStdString(labelOf(v)) + '@' + QString::number(v.point.station);
+    rtuhost::Item &target = w->target;
+    target.text = w->text;
+    target.station = v.point.station;
+    target.area = &area;
+    target.type = t;
+    for (const uint32_t p : v.points)
+        target.points.push_back(points_[p].point);
+    target.first = target.points.front().address;
+    target.last = target.points.back().address;
+    if (t.plain) {
+        QString error;
+        if (isText || !isNumber(text))
+            *why = "\"" + text + "\" is not a number: send a whole number (1234, -5, 0x1F)";
+        else if (!rtuhost::parseValue(QString::fromStdString(text), area.kind, &w->value, &error))
+            *why = error.toStdString();
+        else if (t.limited() && (plainNumber(text) < t.min || plainNumber(text) > t.max))
+            *why = text + " is outside the item's min and max";
+        *json = std::to_string(w->value);
+        return why->empty();
+    }
+    uint16_t current = 0;
+    if (t.bit >= 0) {
+        const PointState &p = points_[v.points.front()];
+        if (!p.known || !p.good) {
+            *why = labelOf(v) + " has not been read since its last failure: the other bits of its word are unknown";
+            return false;
+        }
+        // The driver's view: the word as read, with any write of it still on its way.
+        current = uint16_t(rtuhost::readValue(api_, p.point));
+    }
+    uint16_t words[rtuhost::kMaxStringRegisters];
+    if (!rtuhost::encode(t, text, isText, current, words, why))
+        return false;
+    if (area.kind == rtuhost::Kind::Word && t.registers > 1)
+        w->words.assign(words, words + t.registers);
+    else
+        w->value = rtuhost::packWords(words, t.registers);
+    *json = readingJson(rtuhost::decode(t, words), t);
+    return true;
+}
+
+void Model::write(const std::string &path, const std::string &value, WriteDone done, bool isText)
 {
     const auto refuse = [&](const std::string &why) { this->refuse(path, why, std::move(done)); };
-    // The target: STATION/AREA/ADDR, checked by the driver like a configured item.
+    const long found = find(path);
+    if (found >= 0 && values_[size_t(found)].writable) {
+        rtuhost::WriteRequest w;
+        std::string json, why;
+        if (!encodeWrite(values_[size_t(found)], value, isText, &w, &json, &why))
+            return refuse(why);
+        // Filed first: a write the driver refuses is settled within write().
+        writesOpen_[host_->nextWriteId()] = {std::move(done), json};
+        host_->write(w);
+        return;
+    }
+    // Not a writable value: why, as precisely as the path allows, checked by the driver
+    // like a configured item.
     const size_t first = path.find('/');
     const size_t second = first == std::string::npos ? first : path.find('/', first + 1);
     if (second == std::string::npos || path.find('/', second + 1) != std::string::npos)
@@ -304,37 +524,24 @@ void Model::write(const std::string &path, const std::string &value, WriteDone d
         QStringLiteral("%1:%2@%3").arg(area->name, QString::fromStdString(path.substr(second + 1))).arg(station);
     if (!rtuhost::parseItem(text, station, catalogue_, api_, &target, &error) || target.points.size() != 1)
         return refuse("address outside the area: " + error.toStdString());
-    const Point &p = target.points.front();
-    const long index = host_->pointIndex(p.station, p.area->name, p.address);
-    if (index < 0 || !points_[size_t(index)].writable)
-        return refuse(p.label().toStdString() + "@" + std::to_string(p.station) +
-                      " is not configured writable (writable: true in the gateway's configuration)");
-    rtuhost::WriteRequest w;
-    w.text = text;
-    w.target = target;
-    if (!isNumber(value))
-        return refuse("\"" + value + "\" is not a number: send a whole number (1234, -5, 0x1F)");
-    if (!rtuhost::parseValue(QString::fromStdString(value), p.area->kind, &w.value, &error))
-        return refuse(error.toStdString());
-    // Filed first: a write the driver refuses is settled within write().
-    pending_[host_->nextWriteId()] = std::move(done);
-    host_->write(w);
+    refuse(target.valueLabel(target.values().front()).toStdString() + "@" + std::to_string(station) +
+           " is not configured writable (writable: true in the gateway's configuration)");
 }
 
 void Model::writeSettled(uint64_t id, const rtuhost::WriteRequest &w, WriteOutcome outcome, const QString &detail)
 {
-    const auto found = pending_.find(id);
-    if (found == pending_.end())
+    const auto found = writesOpen_.find(id);
+    if (found == writesOpen_.end())
         return;
-    WriteDone done = std::move(found->second);
-    pending_.erase(found);
+    WriteDone done = std::move(found->second.first);
     WriteAnswer a;
+    a.valueJson = std::move(found->second.second);
+    writesOpen_.erase(found);
     switch (outcome) {
     case WriteOutcome::Acknowledged:
     case WriteOutcome::Broadcast:
     case WriteOutcome::Confirmed:
         a.ok = true;
-        a.value = w.value;
         break;
     case WriteOutcome::Refused:
         a.refused = true;

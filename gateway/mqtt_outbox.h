@@ -40,7 +40,7 @@ struct ValueUpdate {
     int64_t ms = 0;
     bool known = false; // read at least once
     bool good = false;
-    std::string error; // why it is bad
+    std::string error; // why it is bad; a string value's registers come first, two bytes each
 };
 // Makes a value's message; called on whatever thread sends, so it reads nothing that changes.
 using ValueFormatter = std::function<Message(const ValueUpdate &)>;

@@ -71,26 +71,125 @@ std::string jsonString(const std::string &s)
     return out + '"';
 }
 
-std::string valueJson(const ValueUpdate &v)
+namespace {
+
+// The registers an update carries, as many as the type spans.
+int wordsOf(const ValueUpdate &v, const ValueType &t, uint16_t *words)
+{
+    if (t.kind != rtuhost::ValueKind::String) {
+        rtuhost::unpackWords(v.value, t.registers, words);
+        return t.registers;
+    }
+    for (int i = 0; i < t.registers; ++i) {
+        const auto byte = [&](size_t at) { return at < v.error.size() ? static_cast<unsigned char>(v.error[at]) : 0u; };
+        words[i] = uint16_t(byte(size_t(2 * i)) << 8 | byte(size_t(2 * i + 1)));
+    }
+    return t.registers;
+}
+
+std::string rawText(const uint16_t *words, const ValueType &t, bool json)
+{
+    const std::string raw = rtuhost::rawText(t, words, json ? ',' : ' ');
+    return json && t.kind == rtuhost::ValueKind::String ? '[' + raw + ']' : raw;
+}
+
+// Why a value is bad: a string's error comes after its registers.
+std::string errorOf(const ValueUpdate &v, const ValueType &t)
+{
+    if (t.kind != rtuhost::ValueKind::String)
+        return v.error;
+    const size_t bytes = size_t(2 * t.registers);
+    return v.error.size() > bytes ? v.error.substr(bytes) : std::string();
+}
+
+} // namespace
+
+std::string readingJson(const rtuhost::Reading &r, const ValueType &t)
+{
+    if (r.invalid != nullptr)
+        return "null";
+    switch (r.form) {
+    case rtuhost::Reading::Form::Boolean:
+        return r.number != 0 ? "true" : "false";
+    case rtuhost::Reading::Form::Text:
+        return jsonString(r.text);
+    default:
+        return rtuhost::formatNumber(r.number, t);
+    }
+}
+
+std::string valueJson(const ValueUpdate &v, const ValueType &t)
 {
     std::string p;
     p.reserve(96);
     p += "{\"value\":";
-    p += v.known ? std::to_string(v.value) : std::string("null");
+    if (t.plain) {
+        p += v.known ? std::to_string(v.value) : std::string("null");
+    } else if (!v.known) {
+        p += "null";
+    } else {
+        uint16_t words[rtuhost::kMaxStringRegisters];
+        wordsOf(v, t, words);
+        const std::string value = readingJson(rtuhost::decode(t, words), t);
+        const std::string raw = rawText(words, t, true);
+        p += value;
+        if (raw != value) {
+            p += ",\"raw\":";
+            p += raw;
+        }
+    }
     p += v.good ? ",\"quality\":\"good\",\"ts\":\"" : ",\"quality\":\"bad\",\"ts\":\"";
     p += isoTime(v.ms);
     p += '"';
     if (!v.good) {
         p += ",\"error\":";
-        p += jsonString(v.error);
+        p += jsonString(t.kind == rtuhost::ValueKind::String ? errorOf(v, t) : v.error);
     }
     p += '}';
     return p;
 }
 
-ValueUpdate valueUpdate(size_t index, const PointState &s)
+void valueTexts(const ValueUpdate &v, const ValueType &t, std::string *value, std::string *raw)
 {
-    return ValueUpdate{uint32_t(index), s.value, msSinceEpoch(s.ts), s.known, s.good, s.good ? std::string() : s.error};
+    value->clear();
+    raw->clear();
+    if (!v.known)
+        return;
+    if (t.plain) {
+        *value = std::to_string(v.value);
+        return;
+    }
+    uint16_t words[rtuhost::kMaxStringRegisters];
+    wordsOf(v, t, words);
+    const rtuhost::Reading r = rtuhost::decode(t, words);
+    *raw = rawText(words, t, false);
+    if (r.invalid == nullptr)
+        *value = rtuhost::readingText(r, t);
+    if (*raw == *value)
+        raw->clear();
+}
+
+bool valueNumber(const ValueUpdate &v, const ValueType &t, double *number)
+{
+    if (!v.known || t.kind == rtuhost::ValueKind::String)
+        return false;
+    if (t.plain) {
+        *number = v.value;
+        return true;
+    }
+    uint16_t words[2];
+    wordsOf(v, t, words);
+    const rtuhost::Reading r = rtuhost::decode(t, words);
+    *number = r.number;
+    return r.invalid == nullptr;
+}
+
+ValueUpdate valueUpdate(size_t index, const ValueState &s)
+{
+    if (s.type.kind == rtuhost::ValueKind::String)
+        return ValueUpdate{uint32_t(index), 0,      msSinceEpoch(s.ts),
+                           s.known,         s.good, s.good ? s.words : s.words + s.error};
+    return ValueUpdate{uint32_t(index), s.raw, msSinceEpoch(s.ts), s.known, s.good, s.good ? std::string() : s.error};
 }
 
 WriteRequestPayload parseWriteRequest(const std::string &payload)
@@ -100,7 +199,7 @@ WriteRequestPayload parseWriteRequest(const std::string &payload)
     QJsonParseError parseError{};
     const QJsonDocument doc = QJsonDocument::fromJson(body, &parseError);
     if (!doc.isObject()) {
-        // A bare number, as text: the value checks judge it.
+        // A bare value, as text: the value's type judges it.
         r.value = QString::fromUtf8(body).trimmed().toStdString();
         if (r.value.empty())
             r.error = "the payload is empty: send a number, or {\"value\":1234,\"id\":\"...\"}";
@@ -116,19 +215,23 @@ WriteRequestPayload parseWriteRequest(const std::string &payload)
     else if (id.isBool())
         r.idJson = id.toBool() ? "true" : "false";
     const QJsonValue v = o.value(QLatin1String("value"));
-    if (v.isDouble() && exactInteger(v.toDouble()))
-        r.value = std::to_string(int64_t(v.toDouble()));
+    if (v.isDouble())
+        r.value = exactInteger(v.toDouble()) ? std::to_string(int64_t(v.toDouble()))
+                                             : QString::number(v.toDouble(), 'g', 17).toStdString();
     else if (v.isBool())
         r.value = v.toBool() ? "1" : "0";
-    else
-        r.error = "the payload's value is not a whole number: send {\"value\":1234,\"id\":\"...\"}";
+    else if (v.isString()) {
+        r.value = v.toString().toStdString();
+        r.isText = true;
+    } else
+        r.error = "the payload has no value: send {\"value\":1234,\"id\":\"...\"}";
     return r;
 }
 
 std::string answerJson(const std::string &idJson, const WriteAnswer &a)
 {
     if (a.ok)
-        return "{\"id\":" + idJson + ",\"ok\":true,\"value\":" + std::to_string(a.value) + '}';
+        return "{\"id\":" + idJson + ",\"ok\":true,\"value\":" + a.valueJson + '}';
     return "{\"id\":" + idJson + ",\"ok\":false,\"error\":" + jsonString(a.error) + '}';
 }
 

@@ -3,6 +3,7 @@
 #include <httplib.h>
 
 #include "metrics.h"
+#include "modbus_stats.h"
 #include "payload.h"
 #include "rtuplc_host/log.h"
 
@@ -42,7 +43,7 @@ std::string pathFrom(const httplib::Request &req)
 void refuse(httplib::Response &res, int status, const std::string &why)
 {
     res.status = status;
-    res.set_content(answerJson("null", WriteAnswer{false, true, 0, why}), kJson);
+    res.set_content(answerJson("null", WriteAnswer{false, true, {}, why}), kJson);
 }
 
 } // namespace
@@ -110,7 +111,7 @@ void WebPage::routes()
     s.Get("/api/stats",
           [this](const httplib::Request &, httplib::Response &res) { res.set_content(state_.statsJson(), kJson); });
     s.Get("/metrics", [this](const httplib::Request &, httplib::Response &res) {
-        res.set_content(metricsText(state_.figures(), state_.stations()), kMetricsContentType);
+        res.set_content(metricsText(state_.figures(), state_.stations(), state_.gauges()), kMetricsContentType);
     });
     s.Get("/api/events", [this](const httplib::Request &, httplib::Response &res) {
         res.set_header("Cache-Control", "no-store");
@@ -140,6 +141,7 @@ void WebPage::routes()
         auto write = std::make_shared<PendingWrite>();
         write->path = pathFrom(req);
         write->value = request.value;
+        write->isText = request.isText;
         write->refusal = request.error;
         write->idJson = request.idJson;
         state_.queueWrite(write);
@@ -147,7 +149,9 @@ void WebPage::routes()
         if (!write->settled.wait_for(g, kWriteTimeout, [&] { return write->done || stopping_; })) {
             res.status = kGatewayTimeout;
             res.set_content(
-                answerJson(write->idJson, WriteAnswer{false, false, 0,
+                answerJson(write->idJson, WriteAnswer{false,
+                                                      false,
+                                                      {},
                                                       "no answer within " + std::to_string(kWriteTimeout.count()) +
                                                           " s; it may still land"}),
                 kJson);
@@ -183,9 +187,9 @@ void WebPage::stop()
         thread_.join();
 }
 
-void WebPage::pointChanged(size_t index)
+void WebPage::valueChanged(size_t index)
 {
-    state_.pointChanged(index);
+    state_.valueChanged(index);
 }
 
 void WebPage::stationChanged(int)
@@ -205,7 +209,7 @@ void WebPage::takeWrites()
         if (!w->refusal.empty())
             model_.refuse(w->path, w->refusal, done);
         else
-            model_.write(w->path, w->value, done);
+            model_.write(w->path, w->value, done, w->isText);
     }
 }
 
@@ -242,7 +246,11 @@ void WebPage::copyFigures()
             systemNow + std::chrono::duration_cast<std::chrono::system_clock::duration>(silence.nextProbe - steadyNow));
     f.uptime = model_.uptimeSeconds();
     f.cycle = cycle_;
-    f.statsJson = statsJson(f.host, f.mqtt, f.writes, f.pollsPerSecond, f.uptime);
+    if (model_.modbusStats) {
+        f.modbusServer = true;
+        f.modbus = model_.modbusStats->figures();
+    }
+    f.statsJson = withServerFigures(statsJson(f.host, f.mqtt, f.writes, f.pollsPerSecond, f.uptime), model_.modbusStats);
     state_.setFigures(std::move(f));
     state_.setReads(model_.blockReads());
 }

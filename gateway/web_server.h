@@ -32,7 +32,7 @@ public:
     bool start(std::string *error);
     void stop();
 
-    void pointChanged(size_t index) override;
+    void valueChanged(size_t index) override;
     void stationChanged(int station) override;
     void tick() override;
 

@@ -15,19 +15,31 @@ int64_t nowMs()
     return msSinceEpoch(std::chrono::system_clock::now());
 }
 
-std::string metaOf(const PointState &s)
+std::string metaOf(const ValueState &s)
 {
     const Point &p = s.point;
+    const std::string address = s.path.substr(s.path.rfind('/') + 1);
     std::string m = "\"station\":" + std::to_string(p.station) + ",\"area\":" + jsonString(p.area->name.toStdString()) +
-                    ",\"address\":" + jsonString(p.area->format(p.address).toStdString()) +
-                    ",\"path\":" + jsonString(s.path) + ",\"writable\":" + (s.writable ? "true" : "false") +
+                    ",\"address\":" + jsonString(address) + ",\"path\":" + jsonString(s.path) +
+                    ",\"writable\":" + (s.writable ? "true" : "false") +
                     ",\"bits\":" + (p.area->isBit() ? "true" : "false") +
                     ",\"width\":" + std::to_string(p.area->countPerValue() * 16);
+    if (!s.type.plain)
+        m += ",\"type\":" + jsonString(s.type.name());
     if (s.item != nullptr && !s.item->name.empty())
         m += ",\"name\":" + jsonString(s.item->name);
     if (s.item != nullptr && !s.item->unit.empty())
         m += ",\"unit\":" + jsonString(s.item->unit);
     return m;
+}
+
+// name="value" for a gauge's labels, escaped as the text format wants.
+std::string label(const char *key, const std::string &value)
+{
+    std::string v;
+    for (const char c : value)
+        v += c == '\\' ? "\\\\" : c == '"' ? "\\\"" : c == '\n' ? "\\n" : std::string(1, c);
+    return std::string(key) + "=\"" + v + '"';
 }
 
 } // namespace
@@ -48,13 +60,24 @@ WebState::WebState(const Model &model, std::chrono::minutes history)
     : model_(model), historyMs_(std::chrono::duration_cast<std::chrono::milliseconds>(history).count()),
       resolutionMs_(historyMs_ / kSamplesPerValue)
 {
-    const std::vector<PointState> &points = model.points();
-    items_.resize(points.size());
-    for (size_t i = 0; i < points.size(); ++i) {
-        items_[i].meta = metaOf(points[i]);
-        items_[i].value = valueUpdate(i, points[i]);
+    const std::vector<ValueState> &values = model.values();
+    items_.resize(values.size());
+    for (size_t i = 0; i < values.size(); ++i) {
+        const ValueState &v = values[i];
+        items_[i].meta = metaOf(v);
+        items_[i].type = v.type;
+        items_[i].value = valueUpdate(i, v);
+        if (v.item != nullptr && v.item->metrics) {
+            std::string labels = label("station", std::to_string(v.point.station)) + ',' + label("path", v.path);
+            if (!v.item->name.empty())
+                labels += ',' + label("name", v.item->name);
+            if (!v.item->unit.empty())
+                labels += ',' + label("unit", v.item->unit);
+            items_[i].gauge = long(gauges_.size());
+            gauges_.push_back(Gauge{labels, 0, false});
+        }
     }
-    isMarked_.assign(points.size(), false);
+    isMarked_.assign(values.size(), false);
     for (const auto &[station, state] : model.stations())
         stations_[station] = state.online;
 }
@@ -66,7 +89,7 @@ void WebState::trim(std::deque<Sample> &h, int64_t now) const
         h.pop_front();
 }
 
-void WebState::pointChanged(size_t index)
+void WebState::valueChanged(size_t index)
 {
     if (isMarked_[index])
         return;
@@ -82,14 +105,19 @@ void WebState::flush()
         std::lock_guard<std::mutex> g(lock_);
         for (const size_t index : marked_) {
             isMarked_[index] = false;
-            const PointState &s = model_.points()[index];
+            const ValueState &s = model_.values()[index];
             Item &item = items_[index];
             item.value = valueUpdate(index, s);
             item.seq = ++seq_;
-            if (!s.known)
+            double number = 0;
+            const bool isNumber = valueNumber(item.value, s.type, &number);
+            if (item.gauge >= 0)
+                gauges_[size_t(item.gauge)] = Gauge{gauges_[size_t(item.gauge)].labels, number, isNumber && s.good};
+            // A trend draws numbers; a string, or a value never read, has none.
+            if (!s.known || s.type.kind == rtuhost::ValueKind::String)
                 continue;
             const int64_t ms = item.value.ms;
-            const Sample sample{ms, s.value, s.good};
+            const Sample sample{ms, isNumber ? number : 0, s.good && isNumber};
             std::deque<Sample> &h = item.history;
             // Within one step of the sample before the last, the last is replaced: at
             // most one reading per step is kept, the latest, and a change of quality
@@ -135,7 +163,7 @@ void WebState::setReads(const std::vector<SystemTime> &reads)
     if (ms.size() != reads_.size()) { // a block polled for the first time
         blockOf_.resize(items_.size());
         for (size_t i = 0; i < items_.size(); ++i)
-            blockOf_[i] = model_.points()[i].block;
+            blockOf_[i] = model_.blockOf(model_.values()[i]);
         blocksSeq_ = ++seq_;
     }
     reads_ = std::move(ms);
@@ -165,7 +193,7 @@ std::string WebState::itemsJson() const
         if (i > 0)
             json += ',';
         // The topic's payload, with what names the value in front.
-        json += '{' + items_[i].meta + ',' + valueJson(items_[i].value).substr(1);
+        json += '{' + items_[i].meta + ',' + valueJson(items_[i].value, items_[i].type).substr(1);
     }
     return json + ']';
 }
@@ -185,7 +213,8 @@ bool WebState::historyJson(const std::string &path, std::string *json) const
             continue;
         j += first ? "[" : ",[";
         first = false;
-        j += std::to_string(s.ms) + ',' + (s.good ? std::to_string(s.value) : std::string("null")) + ']';
+        j += std::to_string(s.ms) + ',' +
+             (s.good ? rtuhost::formatNumber(s.value, items_[size_t(index)].type) : "null") + ']';
     }
     *json = j + "]}";
     return true;
@@ -195,6 +224,12 @@ std::string WebState::statsJson() const
 {
     std::lock_guard<std::mutex> g(lock_);
     return figures_.statsJson;
+}
+
+std::vector<Gauge> WebState::gauges() const
+{
+    std::lock_guard<std::mutex> g(lock_);
+    return gauges_;
 }
 
 WebFigures WebState::figures() const
@@ -253,7 +288,7 @@ std::string WebState::updatesSince(uint64_t *seen, std::chrono::milliseconds wai
         j += ",\"history_minutes\":" + std::to_string(historyMs_ / 60000) + ",\"items\":[";
         for (size_t i = 0; i < items_.size(); ++i)
             j += (i ? ",{\"i\":" : "{\"i\":") + std::to_string(i) + ',' + items_[i].meta + ',' +
-                 valueJson(items_[i].value).substr(1);
+                 valueJson(items_[i].value, items_[i].type).substr(1);
         j += ']';
     } else {
         std::string changed;
@@ -261,7 +296,7 @@ std::string WebState::updatesSince(uint64_t *seen, std::chrono::milliseconds wai
             if (items_[i].seq <= since)
                 continue;
             changed += changed.empty() ? "{\"i\":" : ",{\"i\":";
-            changed += std::to_string(i) + ',' + valueJson(items_[i].value).substr(1);
+            changed += std::to_string(i) + ',' + valueJson(items_[i].value, items_[i].type).substr(1);
         }
         if (!changed.empty())
             j += ",\"items\":[" + changed + ']';

@@ -24,8 +24,15 @@ namespace rtugw {
 // One reading of a value for the trend; bad readings break the line.
 struct Sample {
     int64_t ms = 0; // since the epoch
-    uint32_t value = 0;
+    double value = 0;
     bool good = true;
+};
+
+// A value /metrics shows as a gauge of its own (metrics: true), as last copied.
+struct Gauge {
+    std::string labels; // station="1",path="1/D_W/100",name="..",unit=".."
+    double value = 0;
+    bool good = false; // a bad or unread value is left out
 };
 
 // Upper bounds (s) of the poll cycle histogram's buckets: from a fast TCP link to a
@@ -52,12 +59,15 @@ struct WebFigures {
     CycleHistogram cycle;
     std::string statsJson;            // as the stats topic carries it
     std::map<int, int64_t> nextProbe; // offline station -> when it is tried next, ms since the epoch
+    bool modbusServer = false;        // the gateway serves other masters:
+    ModbusFigures modbus;             // what its Modbus server did
 };
 
 // A write asked for over HTTP, answered by the loop.
 struct PendingWrite {
     std::string path;
     std::string value; // empty: refused with `refusal`
+    bool isText = false;
     std::string refusal;
     std::string idJson = "null";
     std::mutex lock;
@@ -72,7 +82,7 @@ public:
 
     // On the loop's thread. A changed value is only marked; flush() copies the values
     // marked since, under one lock for them all.
-    void pointChanged(size_t index);
+    void valueChanged(size_t index);
     void flush();
     void stationsChanged();
     void setFigures(WebFigures figures);
@@ -86,6 +96,7 @@ public:
     bool historyJson(const std::string &path, std::string *json) const;
     std::string statsJson() const;
     WebFigures figures() const;
+    std::vector<Gauge> gauges() const;
     std::map<int, bool> stations() const;
     void queueWrite(const std::shared_ptr<PendingWrite> &write);
 
@@ -99,9 +110,11 @@ public:
 private:
     struct Item {
         std::string meta;  // "station":..,"area":.. fields, fixed
+        ValueType type;    // how its payload is made
         ValueUpdate value; // made into its topic's payload when asked for
         uint64_t seq = 0;  // when it last changed
         std::deque<Sample> history;
+        long gauge = -1; // into gauges_, with metrics: true
     };
     std::string stationsJsonLocked() const;
     std::string figuresJsonLocked() const;
@@ -113,6 +126,7 @@ private:
     mutable std::mutex lock_;
     std::condition_variable changed_;
     std::vector<Item> items_;
+    std::vector<Gauge> gauges_;
     std::vector<size_t> marked_; // the loop's own: changed since the last flush()
     std::vector<bool> isMarked_;
     std::map<int, bool> stations_;

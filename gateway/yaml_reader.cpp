@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 
@@ -181,6 +183,22 @@ bool readNumberIn(Reader &r, const Section &s, const char *key, long long lo, lo
                                            : std::string("a whole number") + (*unit ? " of " : "") + unit + " from " +
                                                  std::to_string(lo) + " to " + std::to_string(hi);
     return r.fail(lineOf(e->key), s.path(key), "must be " + range + ", not " + describe(e->value));
+}
+
+bool readReal(Reader &r, const Section &s, const char *key, double *out)
+{
+    const Section::Entry *e = s.find(key);
+    if (!e)
+        return true;
+    const std::string text = e->value.IsScalar() ? e->value.Scalar() : std::string();
+    char *end = nullptr;
+    errno = 0;
+    const double x = text.empty() ? 0 : std::strtod(text.c_str(), &end);
+    if (text.empty() || end != text.c_str() + text.size() || errno == ERANGE || !std::isfinite(x) ||
+        std::isspace(static_cast<unsigned char>(text[0])))
+        return r.fail(lineOf(e->key), s.path(key), "must be a number, e.g. 0.1, not " + describe(e->value));
+    *out = x;
+    return true;
 }
 
 bool readBool(Reader &r, const Section &s, const char *key, bool *out)

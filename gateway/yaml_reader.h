@@ -88,6 +88,8 @@ bool readNumber(Reader &r, const Section &s, const char *key, long long lo, long
     *out = T(n);
     return true;
 }
+// A decimal number, whole or not, e.g. 0.1, -40, 1e-3.
+bool readReal(Reader &r, const Section &s, const char *key, double *out);
 // true or false, and nothing else: YAML's older yes, no, on and off read as booleans to
 // some tools and as text to others.
 bool readBool(Reader &r, const Section &s, const char *key, bool *out);

@@ -13,7 +13,7 @@
 
 namespace rtuhost {
 
-const char kCsvHeader[] = "time,station,item,address,value,quality\n";
+const char kCsvHeader[] = "time,station,item,address,value,raw,quality\n";
 
 namespace {
 
@@ -69,8 +69,9 @@ std::string csvLine(const CsvRow &row)
     line += ',';
     line += csvField(row.address);
     line += ',';
-    if (row.known)
-        line += std::to_string(row.value);
+    line += csvField(row.value);
+    line += ',';
+    line += csvField(row.raw);
     line += row.good ? ",good\n" : ",bad\n";
     return line;
 }
@@ -128,6 +129,7 @@ bool CsvLog::openFile(const std::string &file, std::string *error)
     std::error_code ec;
     if (!parent.empty())
         std::filesystem::create_directories(parent, ec);
+    setAsideOtherColumns(file);
     fd_ = ::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, kFileMode);
     if (fd_ < 0) {
         *error = systemError("cannot open", file);
@@ -148,6 +150,29 @@ bool CsvLog::openFile(const std::string &file, std::string *error)
         close(reader);
     }
     return last == '\n' || writeAll("\n", error);
+}
+
+void CsvLog::setAsideOtherColumns(const std::string &file)
+{
+    // A file begun by a version that wrote other columns keeps them: rows of ours under
+    // its header would be read into the wrong columns. It is renamed FILE.1 (or the
+    // next number free) and a new file begins.
+    const int reader = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (reader < 0)
+        return;
+    char head[sizeof kCsvHeader] = {};
+    const ssize_t n = ::read(reader, head, sizeof head - 1);
+    close(reader);
+    if (n <= 0 || std::string(head, size_t(n)) == kCsvHeader)
+        return;
+    for (int i = 1; i < 1000; ++i) {
+        const std::string aside = file + '.' + std::to_string(i);
+        struct stat st {};
+        if (::stat(aside.c_str(), &st) != 0) {
+            ::rename(file.c_str(), aside.c_str());
+            return;
+        }
+    }
 }
 
 bool CsvLog::append(const CsvRow &row, std::string *error)

@@ -475,9 +475,8 @@ bool Host::serveShared(const std::atomic<bool> &stop)
         f.frameLen = int32_t(r.frame.size());
         f.station = r.frame[0];
         // A broadcast gets no answer: it goes out and the line is free again.
-        const size_t answer = f.station == rtusupport::kBroadcastStation
-                                  ? 0
-                                  : rtuplc::answerLength(r.frame.data(), r.frame.size());
+        const size_t answer =
+            f.station == rtusupport::kBroadcastStation ? 0 : rtuplc::answerLength(r.frame.data(), r.frame.size());
         f.replyLen = int32_t(answer);
         // One attempt: the master that asked retries as it sees fit.
         x = link_.exchange(f, timeoutFor(r.frame.size(), answer), stop);
@@ -850,7 +849,7 @@ void Host::afterRead(const FRAME_PRO &f)
     for (PendingWrite &w : writes_) {
         const Point &p = w.request.target.points.front();
         if (w.state == PendingWrite::State::Acknowledged && covers(f, p))
-            seen.emplace_back(w.id, readValue(api_, p) == w.request.value);
+            seen.emplace_back(w.id, w.request.landed(api_));
     }
     for (const auto &[id, same] : seen) {
         const PendingWrite *w = pending(id);
@@ -1003,7 +1002,7 @@ bool Host::finished() const
     if (!writesSettled() || !recipeIdle)
         return false;
     if (plannedBlocks_ == 0 && slow_.empty())
-        return true; // nothing to poll once writes and recipe are through
+        return !share_; // nothing to poll once writes and recipe are through, unless others ask
     if (!settings_.once && settings_.count <= 0)
         return false;
     for (const SlowItem &s : slow_) {

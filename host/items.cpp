@@ -134,15 +134,47 @@ KEY_ADDRESS Item::key() const
     return k;
 }
 
-bool parseItem(const QString &text, int defaultStation, const Catalogue &catalogue, const DriverApi &api, Item *item,
-               QString *error, bool broadcast)
+namespace {
+
+// ":float32:low-first" after an address: the type and the order of its words.
+bool parseTypeWords(const QString &words, TypeOptions *o, QString *why)
 {
-    static const QRegularExpression form(
-        QStringLiteral("^([A-Za-z0-9_]+):([0-9A-Za-z]+)(?:\\.\\.([0-9A-Za-z]+))?(?:@([0-9]+))?$"));
+    for (const QString &w : words.split(':', Qt::SkipEmptyParts)) {
+        const std::string word = w.toLower().toStdString();
+        if (word == "high-first" || word == "low-first") {
+            o->wordOrder = word;
+            continue;
+        }
+        bool known = false;
+        for (const ValueKind k : {ValueKind::UInt16, ValueKind::Int16, ValueKind::UInt32, ValueKind::Int32,
+                                  ValueKind::Float32, ValueKind::Bool, ValueKind::String})
+            known = known || word == kindName(k);
+        if (!known) {
+            *why = QStringLiteral("\"%1\" is not a type (uint16 int16 uint32 int32 float32 bool string) nor an order "
+                                  "of words (high-first low-first)")
+                       .arg(w);
+            return false;
+        }
+        if (!o->type.empty() && o->type != word) {
+            *why = QStringLiteral("the type is given twice: %1 and %2").arg(QString::fromStdString(o->type), w);
+            return false;
+        }
+        o->type = word;
+    }
+    return true;
+}
+
+} // namespace
+
+bool parseItem(const QString &text, int defaultStation, const Catalogue &catalogue, const DriverApi &api, Item *item,
+               QString *error, bool broadcast, const TypeOptions &options, std::string *option)
+{
+    static const QRegularExpression form(QStringLiteral(
+        "^([A-Za-z0-9_]+):([0-9A-Za-z]+)(?:\\.\\.([0-9A-Za-z]+)|\\.([0-9]+))?((?::[A-Za-z0-9-]+)*)(?:@([0-9]+))?$"));
     const QRegularExpressionMatch m = form.match(text.trimmed());
     if (!m.hasMatch()) {
         *error = QStringLiteral("\"%1\" is not an item: write AREA:ADDRESS or AREA:FIRST..LAST, e.g. D_W:100..109 "
-                                "or X:0..17, optionally followed by @STATION")
+                                "or X:0..17, optionally followed by :TYPE and @STATION")
                      .arg(text);
         return false;
     }
@@ -156,14 +188,14 @@ bool parseItem(const QString &text, int defaultStation, const Catalogue &catalog
     it.text = text;
     it.area = area;
     it.station = defaultStation;
-    if (!m.captured(4).isEmpty()) {
-        it.station = m.captured(4).toInt();
+    if (!m.captured(6).isEmpty()) {
+        it.station = m.captured(6).toInt();
         if ((it.station < kLowestStation && !(broadcast && it.station == kBroadcastStation)) ||
             it.station > kHighestStation) {
             const QString stations = QStringLiteral("%1..%2").arg(kLowestStation).arg(kHighestStation);
             const QString orBroadcast = broadcast ? QStringLiteral(" (or %1, the broadcast)").arg(kBroadcastStation)
                                                   : QString();
-            *error = QStringLiteral("\"%1\": station %2 is not %3%4").arg(text, m.captured(4), stations, orBroadcast);
+            *error = QStringLiteral("\"%1\": station %2 is not %3%4").arg(text, m.captured(6), stations, orBroadcast);
             return false;
         }
     }
@@ -184,8 +216,43 @@ bool parseItem(const QString &text, int defaultStation, const Catalogue &catalog
             return false;
         }
     }
-    for (int a = it.first; a <= it.last; a += area->step())
-        it.points.push_back(Point{it.station, area, a});
+    // The type, from the item's own words and the caller's options; given in both, they must agree.
+    TypeOptions o;
+    std::string key = "type", reason;
+    if (!parseTypeWords(m.captured(5), &o, &why)) {
+        *error = QStringLiteral("\"%1\": %2").arg(text, why);
+        return false;
+    }
+    const auto clash = [&](const std::string &mine, const std::string &theirs, const char *what) {
+        if (!mine.empty() && !theirs.empty() && mine != theirs) {
+            key = what;
+            reason = "given twice, " + mine + " in the item and " + theirs;
+        }
+        return mine.empty() ? theirs : mine;
+    };
+    const std::string type = clash(o.type, options.type, "type");
+    const std::string words = clash(o.wordOrder, options.wordOrder, "word-order");
+    o = TypeOptions(options);
+    o.type = type;
+    o.wordOrder = words;
+    o.bit = m.captured(4).isEmpty() ? -1 : std::min(m.captured(4).toInt(), 99);
+    const int registers = it.last - it.first + 1;
+    if (reason.empty() && resolveType(o, area->kind, area->name.toStdString(), registers, &it.type, &key, &reason))
+        key.clear();
+    if (!key.empty()) {
+        if (option != nullptr)
+            *option = key;
+        *error = QStringLiteral("\"%1\": %2").arg(text, QString::fromStdString(reason));
+        return false;
+    }
+    // A value over several registers of a 16-bit area is polled a register a point.
+    const bool spans = area->kind == Kind::Word && it.type.registers > 1;
+    const int step = spans && it.type.kind != ValueKind::String ? it.type.registers : area->step();
+    for (int a = it.first; a <= it.last; a += step) {
+        for (int r = 0; r < (spans && step > 1 ? step : 1); ++r)
+            it.points.push_back(Point{it.station, area, a + r});
+    }
+    it.last = it.points.back().address;
     // The whole item, checked as the driver will read it.
     const int count = static_cast<int>(it.points.size()) * one;
     int start = 0;
@@ -195,6 +262,23 @@ bool parseItem(const QString &text, int defaultStation, const Catalogue &catalog
     }
     *item = it;
     return true;
+}
+
+std::vector<ValueSpan> Item::values() const
+{
+    if (type.kind == ValueKind::String)
+        return {ValueSpan{0, int(points.size())}};
+    const int n = type.points(area->kind);
+    std::vector<ValueSpan> spans;
+    for (size_t i = 0; i + size_t(n) <= points.size(); i += size_t(n))
+        spans.push_back(ValueSpan{i, n});
+    return spans;
+}
+
+QString Item::valueLabel(const ValueSpan &value) const
+{
+    const QString label = points[value.first].label();
+    return type.bit >= 0 ? label + '.' + QString::number(type.bit) : label;
 }
 
 bool parseInterval(const QString &text, std::chrono::milliseconds *interval, QString *error)
@@ -273,9 +357,49 @@ std::vector<unsigned char> WriteRequest::bytes() const
     if (target.area->isBit())
         return {static_cast<unsigned char>(value ? 1 : 0)};
     std::vector<unsigned char> b; // least significant byte first, as intf_setData takes it
+    if (!words.empty()) {
+        for (const uint16_t w : words) {
+            b.push_back(static_cast<unsigned char>(w & 0xFF));
+            b.push_back(static_cast<unsigned char>(w >> 8));
+        }
+        return b;
+    }
     for (int i = 0; i < 2 * count(); ++i)
         b.push_back(static_cast<unsigned char>((value >> (8 * i)) & 0xFF));
     return b;
+}
+
+bool WriteRequest::landed(const DriverApi &api) const
+{
+    const Point &p = target.points.front();
+    if (words.empty())
+        return readValue(api, p) == value;
+    std::vector<unsigned char> out(2 * words.size());
+    api.getData(p.station, p.area->name, p.address, int(words.size()), out.data());
+    return out == bytes();
+}
+
+bool encodeWrite(const QString &text, bool isText, WriteRequest *w, QString *error)
+{
+    const ValueType &t = w->target.type;
+    const Area &area = *w->target.area;
+    if (t.plain && !isText)
+        return parseValue(text, area.kind, &w->value, error);
+    if (t.bit >= 0) {
+        *error = QStringLiteral("a bit of a register is not written alone here: write the whole register");
+        return false;
+    }
+    uint16_t words[kMaxStringRegisters] = {};
+    std::string why;
+    if (!encode(t, text.trimmed().toStdString(), isText, 0, words, &why)) {
+        *error = QString::fromStdString(why);
+        return false;
+    }
+    if (area.kind == Kind::Word && t.registers > 1)
+        w->words.assign(words, words + t.registers);
+    else
+        w->value = packWords(words, t.registers);
+    return true;
 }
 
 bool parseWrite(const QString &text, int defaultStation, const Catalogue &catalogue, const DriverApi &api,
@@ -288,15 +412,15 @@ bool parseWrite(const QString &text, int defaultStation, const Catalogue &catalo
     }
     WriteRequest w;
     w.text = text;
-    const QString target = text.left(eq);
-    if (target.contains(QLatin1String(".."))) {
+    if (!parseItem(text.left(eq), defaultStation, catalogue, api, &w.target, error, true))
+        return false;
+    // A string is the one value a range names.
+    if (w.target.values().size() != 1) {
         *error = QStringLiteral("\"%1\": a write names one address").arg(text);
         return false;
     }
-    if (!parseItem(target, defaultStation, catalogue, api, &w.target, error, true))
-        return false;
     QString why;
-    if (!parseValue(text.mid(eq + 1), w.target.area->kind, &w.value, &why)) {
+    if (!encodeWrite(text.mid(eq + 1), false, &w, &why)) {
         *error = QStringLiteral("\"%1\": %2").arg(text, why);
         return false;
     }

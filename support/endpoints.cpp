@@ -150,13 +150,16 @@ void serveStream(Simulator::Impl &sim, int fd, std::chrono::microseconds silence
             break;
         if (fds[0].revents)
             break;
+        ssize_t n = 0;
         if (fds[1].revents & POLLIN) {
             uint8_t buf[kReadChunk];
-            const ssize_t n = ::read(fd, buf, sizeof buf);
+            n = ::read(fd, buf, sizeof buf);
             if (n > 0)
                 framer.feed(buf, size_t(n), Clock::now());
-        } else if (fds[1].revents & (POLLHUP | POLLERR)) {
-            // A pty whose other side is closed: wait for the next master to open it.
+        }
+        // A pty whose other side closed reports POLLIN too, and its read fails (EIO) at
+        // once: without this wait the loop would take a core until a master comes.
+        if (n <= 0 && (fds[1].revents & (POLLHUP | POLLERR | POLLIN))) {
             if (sim.stop.waitFor(std::chrono::milliseconds(20)))
                 break;
         }

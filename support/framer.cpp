@@ -16,7 +16,9 @@ int requestLength(const uint8_t *bytes, size_t n)
         return 0;
     switch (bytes[1]) {
     case rtuplc::kReadCoils:
+    case rtuplc::kReadDiscreteInputs:
     case rtuplc::kReadHoldingRegisters:
+    case rtuplc::kReadInputRegisters:
     case rtuplc::kWriteSingleCoil:
     case rtuplc::kWriteSingleRegister:
         return kFixedRequestBytes;

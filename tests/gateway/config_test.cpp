@@ -2,6 +2,8 @@
 // line, the key and the reason; good files get the defaults a user relies on; and the
 // broker password never shows in a message.
 #include "config.h"
+#include "plan.h"
+#include "rtuplc_host/driver_location.h"
 
 #include <gtest/gtest.h>
 
@@ -206,6 +208,51 @@ TEST_F(GatewayConfig, RefusesEveryKindOfMistakeWithPlaceKeyAndReason)
     }
 }
 
+// What an item's words mean, refused at start where it cannot be: by the loader, or once
+// the driver's areas are known, by the plan; always with the file, the line of the key
+// at fault, the key and why.
+TEST_F(GatewayConfig, ImpossibleTypesAreRefusedAtStartWithPlaceKeyAndReason)
+{
+    rtuhost::DriverApi api;
+    std::string why;
+    ASSERT_TRUE(rtuhost::loadDriver(RTUPLC_LIBRARY, &api, &why)) << why;
+    const rtuhost::Catalogue catalogue(api);
+    const struct {
+        const char *what;
+        std::string items; // after kBase's D_W:0..9, from line 5
+        std::string expected;
+    } rows[] = {
+        // clang-format off
+        {"float32 on a bit area", "  - item: M:0\n    type: float32\n", "gw.yaml:6: items.type: \"M:0\": M holds bits: its values are bool, not float32"},
+        {"a string past the area's end", "  - { item: D_W:7990..8005, type: string }\n", "gw.yaml:5: items: \"D_W:7990..8005\": D_W:8005 is out of range"},
+        {"a string longer than a read", "  - { item: D_W:100..164, type: string }\n", "gw.yaml:5: items.item: \"D_W:100..164\": a string spans at most 64 registers"},
+        {".3 on a 32-bit area", "  - D_D:200.3\n", "gw.yaml:5: items.item: \"D_D:200.3\": a bit is named on a 16-bit register"},
+        {"scale 0", "  - item: D_W:100\n    type: int16\n    scale: 0\n", "gw.yaml:7: items.scale: \"D_W:100\": 0 would make every value 0"},
+        {"min above max", "  - item: D_W:100\n    min: 10\n    max: 5\n", "gw.yaml:6: items.min: \"D_W:100\": 10 is above max 5"},
+        {"the type twice", "  - item: D_D:200:float32\n    type: int32\n", "gw.yaml:6: items.type: \"D_D:200:float32\": given twice, float32 in the item and int32"},
+        {"an unknown type", "  - item: D_W:100\n    type: float64\n", "gw.yaml:6: items.type: must be uint16 or int16"},
+        {"a scale that is no number", "  - item: D_W:100\n    scale: tenth\n", "gw.yaml:6: items.scale: must be a number, e.g. 0.1, not \"tenth\""},
+        {"a negative deadband", "  - item: D_W:100\n    deadband: -1\n", "gw.yaml:6: items.deadband: must be 0 or more"},
+        {"a bit written without saying how", "  - item: D_W:100.3\n    writable: true\n", "gw.yaml:6: items.writable: a bit of a register is written by reading the word"},
+        {"read-modify-write on a whole word", "  - item: D_W:100\n    write: read-modify-write\n", "gw.yaml:6: items.write: only a bit of a register"},
+        {"read-modify-write yet not writable", "  - item: D_W:100.3\n    writable: false\n    write: read-modify-write\n", "gw.yaml:7: items.write: writes, and writable: false"},
+        {"a deadband on a bool", "  - item: D_W:100.3\n    deadband: 1\n", "gw.yaml:6: items.deadband: only a number moves by a deadband"},
+        {"a string as a gauge", "  - item: D_W:100..103\n    type: string\n    metrics: true\n", "gw.yaml:7: items.metrics: a gauge is a number"},
+        {"an address with two meanings", "  - { item: D_W:5, type: int16 }\n", "gw.yaml:5: items: 1/D_W/5 is published already, by the item on line 4"},
+        // clang-format on
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        Config c;
+        rtugw::LinePlan plan;
+        std::string error;
+        if (load("gw.yaml", kBase + row.items, &c, &error)) {
+            EXPECT_FALSE(rtugw::makePlan(c, api, catalogue, &plan, &error));
+        }
+        EXPECT_NE(error.find(row.expected), std::string::npos) << error;
+    }
+}
+
 struct GoodFile {
     const char *what;
     std::string file;
@@ -322,7 +369,7 @@ TEST(GatewayConfigKeys, ManualPageDescribesEveryKeyAndNoOther)
             configuration = line == ".SH CONFIGURATION";
         } else if (configuration && line.rfind(".SS ", 0) == 0) {
             section = line == ".SS Top level" ? "" : line.substr(4);
-            if (!section.empty())
+            if (!section.empty() && section.find('.') == std::string::npos)
                 documented[""].insert(section); // a section is a key of the top level
         } else if (configuration && tagLine && std::regex_search(line, m, tag)) {
             documented[section].insert(std::regex_replace(m[1].str(), std::regex(R"(\\)"), ""));

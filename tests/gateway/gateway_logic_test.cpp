@@ -57,13 +57,18 @@ struct Rig {
         config.mqtt.topic = "rtuplc/line1";
         config.mqtt.mode = sparkplug ? MqttConfig::Mode::Sparkplug : MqttConfig::Mode::Plain;
         config.sparkplug.group = "plant";
-        config.items = {ItemConfig{"D_W:500..501", true, 1, {}, {}, {}}, ItemConfig{"M:3", false, 2, {}, {}, {}}};
+        config.items.resize(2);
+        config.items[0].text = "D_W:500..501";
+        config.items[0].writable = true;
+        config.items[0].line = 1;
+        config.items[1].text = "M:3";
+        config.items[1].line = 2;
         EXPECT_TRUE(makePlan(config, api, *catalogue, &plan, &why)) << why;
         link = rtuhost::makeTcpLink("127.0.0.1", 1);
         model = std::make_unique<Model>(config, api, *catalogue);
         host = std::make_unique<rtuhost::Host>(api, *link, *model, rtuhost::HostSettings{});
         host->monitor(plan.items);
-        model->attach(*host, plan.configured);
+        model->attach(*host, plan.values);
         dialect = makeDialect(*model);
         dialect->shapeSession(&settings);
         auto owned = std::make_unique<RecordingClient>();
@@ -215,7 +220,7 @@ TEST(GatewayLogic, AWriteRequestGetsOneAnswer)
     const Case cases[] = {
         // clang-format off
         {"bare number", "1/D_W/500", "1234", ""},
-        {"object with an id", "1/D_W/501", R"({"value":7,"id":"a"})", ""},
+        {"object with an id, the answer says what was written", "1/D_W/501", R"({"value":1234,"id":"a"})", ""},
         {"not a number", "1/D_W/500", "abc", R"(\"abc\" is not a number: send a whole number (1234, -5, 0x1F))"},
         {"out of range", "1/D_W/500", "70000", R"(\"70000\" is not a value here: a 16-bit value takes -32768..65535)"},
         {"empty", "1/D_W/500", "", R"(the payload is empty: send a number, or {\"value\":1234,\"id\":\"...\"})"},
@@ -233,9 +238,7 @@ TEST(GatewayLogic, AWriteRequestGetsOneAnswer)
         if (c.error.empty()) {
             ASSERT_TRUE(rig.client->published.empty()) << "answered before the controller did";
             ASSERT_EQ(rig.host->nextWriteId(), id + 1) << "no write queued";
-            rtuhost::WriteRequest w;
-            w.value = 1234;
-            rig.model->writeSettled(id, w, rtuhost::WriteOutcome::Acknowledged, {});
+            rig.model->writeSettled(id, rtuhost::WriteRequest{}, rtuhost::WriteOutcome::Acknowledged, {});
         }
         ASSERT_EQ(rig.client->published.size(), 2u);
         const Message &result = rig.client->published[0], &response = rig.client->published[1];

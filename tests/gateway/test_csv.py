@@ -15,7 +15,7 @@ import time
 import harness as h
 
 P = "rtuplc/line1"
-HEADER = ["time", "station", "item", "address", "value", "quality"]
+HEADER = ["time", "station", "item", "address", "value", "raw", "quality"]
 
 
 def csv_config(broker, sim, items):
@@ -59,8 +59,8 @@ class CsvLog(h.GatewayTestCase):
             header, rows = read_rows(path)
             self.assertEqual(header, HEADER, "run %d" % run)
             for row in rows:
-                self.assertEqual(len(row), 6, row)
-                self.assertIn(row[5], ("good", "bad"))
+                self.assertEqual(len(row), 7, row)
+                self.assertIn(row[6], ("good", "bad"))
                 int(row[4])
             self.assertNotIn(HEADER, rows, "a second header in the same file")
         self.assertEqual(glob.glob(os.path.join(log_dir, "*")), [path])
@@ -84,7 +84,7 @@ class PollCsv(h.GatewayTestCase):
         header, rows = read_rows(path)
         self.assertEqual(header, HEADER)
         self.assertEqual(len(rows), 2 * 9)
-        self.assertEqual([(int(r[1]), r[2], int(r[3]), int(r[4]), r[5]) for r in rows],
+        self.assertEqual([(int(r[1]), r[2], int(r[3]), int(r[4]), r[6]) for r in rows],
                          [(p["station"], p["item"], p["address"], p["value"], "good") for p in printed])
 
 

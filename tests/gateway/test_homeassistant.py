@@ -19,6 +19,12 @@ ITEMS = [
     {"item": "D_W:500", "writable": True},
     {"item": "D_D:600", "writable": True},
     {"item": "M:0", "writable": True},
+    {"item": "D_W:510", "type": "int16", "scale": 0.1, "decimals": 1, "min": -20, "max": 80, "unit": "°C",
+     "writable": True},
+    {"item": "D_D:520", "type": "float32", "unit": "m³/h"},
+    {"item": "D_W:530.3", "write": "read-modify-write", "name": "Pump 1"},
+    "D_W:531.4",
+    {"item": "D_W:532..533", "type": "string", "writable": True},
 ]
 REQUIRED = ("name", "unique_id", "state_topic", "value_template", "availability", "availability_mode", "device")
 ENV = jinja2.Environment()
@@ -86,6 +92,11 @@ class Discovery(h.GatewayTestCase):
             ("number", "1_D_W_500", {"min": 0, "max": 65535, "command_topic": P + "/1/D_W/500/set"}),
             ("number", "1_D_D_600", {"min": 0, "max": 4294967295, "command_topic": P + "/1/D_D/600/set"}),
             ("switch", "1_M_0", {"command_topic": P + "/1/M/0/set", "payload_on": "1", "payload_off": "0"}),
+            ("number", "1_D_W_510", {"min": -20, "max": 80, "step": 0.1, "unit_of_measurement": "°C"}),
+            ("sensor", "1_D_D_520", {"unit_of_measurement": "m³/h", "state_class": "measurement"}),
+            ("switch", "1_D_W_530_3", {"name": "Pump 1", "command_topic": P + "/1/D_W/530.3/set"}),
+            ("binary_sensor", "1_D_W_531_4", {"state_topic": P + "/1/D_W/531.4"}),
+            ("text", "1_D_W_532", {"max": 4, "command_topic": P + "/1/D_W/532/set"}),
         ]
         configs = self.configs()
         ids = set()
@@ -111,6 +122,8 @@ class Discovery(h.GatewayTestCase):
             ("binary_sensor", "1_X_0", "ON" if h.pattern_coil(1, 1200) else "OFF"),
             ("binary_sensor", "1_X_1", "ON" if h.pattern_coil(1, 1201) else "OFF"),
             ("number", "1_D_D_600", str(h.pattern_reg32(1, 600))),
+            ("number", "1_D_W_510", "%g" % (self.sim.get(1, 510) / 10)),  # tenths
+            ("binary_sensor", "1_D_W_531_4", "ON" if 531 & 16 else "OFF"),  # bit 4
         ]
         for component, object_id, shown in rows:
             with self.subTest(good=object_id):
@@ -149,6 +162,16 @@ class Discovery(h.GatewayTestCase):
         self.assertEqual(h.wait_until(lambda: self.sim.get_coil(1, 2000) == 1, h.ANSWER_TIMEOUT), True)
         self.sub.publish(switch["command_topic"], switch["payload_off"])
         self.assertEqual(h.wait_until(lambda: self.sim.get_coil(1, 2000) == 0, h.ANSWER_TIMEOUT), True)
+        # Typed: an engineering number, text, a bit of a register with its word's other bits kept.
+        # (component, object id, value Home Assistant sends, register, what it then holds)
+        typed = [("number", "1_D_W_510", 21.5, 510, 215), ("text", "1_D_W_532", "HI", 532, 0x4849),
+                 ("switch", "1_D_W_530_3", None, 530, 530 | 8)]
+        for component, object_id, value, register, held in typed:
+            with self.subTest(object_id):
+                c = configs[(component, object_id)]
+                sent = c["payload_on"] if value is None else ENV.from_string(c["command_template"]).render(value=value)
+                self.sub.publish(c["command_topic"], sent)
+                self.assertTrue(h.wait_until(lambda: self.sim.get(1, register) == held, h.ANSWER_TIMEOUT), sent)
 
     def test_announced_again_when_home_assistant_comes_online(self):
         mark = self.sub.mark()

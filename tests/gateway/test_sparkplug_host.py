@@ -1,6 +1,8 @@
 """The node's life as a SCADA host sees it: the death certificate the broker sends when
 the gateway dies carries the bdSeq of the birth it ends, a new connection is a new
-bdSeq, and with a primary host the node is born only while that host is online."""
+bdSeq, and with a primary host the node is born only while that host is online; typed
+values born with their datatype, unit and value, and commands in those datatypes
+landing as the right words."""
 
 import json
 import time
@@ -9,6 +11,7 @@ import harness as h
 import test_sparkplug as spb
 
 STATE = "spBv1.0/STATE/scada1"
+INT16, INT32, FLOAT, DOUBLE, STRING = 2, 3, 9, 10, 12
 QUIET = 1.5  # s to watch for a birth that must not come
 
 
@@ -72,6 +75,41 @@ class NodeLife(spb.SparkplugTestCase):
         self.sub.publish(STATE, host_state(False, age=60))
         self.assertIsNone(self.wait_topic(self.sub, "NDEATH", since=mark, timeout=QUIET))
         self.sub.publish(STATE, "", retain=True)
+
+
+    def test_typed_metrics_are_born_in_their_datatype_and_commands_convert_back(self):
+        items = [{"item": "D_W:400", "type": "int16"},
+                 {"item": "D_W:402", "type": "float32", "unit": "m3/h", "writable": True},
+                 {"item": "D_W:404", "type": "int16", "scale": 0.1, "unit": "°C", "writable": True},
+                 "D_W:406.3",
+                 {"item": "D_W:407..408", "type": "string"},
+                 {"item": "D_W:410", "type": "int32", "writable": True}]
+        for first, words in {400: [0xFFFB], 402: [0x41AC, 0], 404: [215], 406: [8], 407: [0x4142, 0x4300],
+                             410: [0xFFFF, 0xFFF9]}.items():
+            self.sim.command("set 1 %d %s" % (first, " ".join(map(str, words))))
+        gw, _, mark = self.start_node(*spb.sparkplug_config(self.broker, self.sim, items=items), self.sub)
+        birth = self.wait_topic(self.sub, "DBIRTH", "station1", since=mark, timeout=h.START_TIMEOUT)
+        self.assertIsNotNone(birth, gw.log())
+        metrics = {m.name: m for m in birth.metrics}
+        # (metric, datatype, value, engUnit); a signed integer comes as its two's complement
+        rows = [("D_W/400", INT16, -5, None), ("D_W/402", FLOAT, 21.5, "m3/h"), ("D_W/404", DOUBLE, 21.5, "°C"),
+                ("D_W/406.3", spb.BOOLEAN, True, None), ("D_W/407", STRING, "ABC", None), ("D_W/410", INT32, -7, None)]
+        for name, datatype, value, unit in rows:
+            with self.subTest(metric=name):
+                m = metrics[name]
+                got = spb.metric_value(m)
+                signed = got - (1 << 32) if datatype in (INT16, INT32) and got >= 1 << 31 else got
+                units = [v.string_value for k, v in zip(m.properties.keys, m.properties.values) if k == "engUnit"]
+                self.assertEqual((m.datatype, signed, units), (datatype, value, [unit] if unit else []))
+        # (metric, field, value sent, first register, the words it then holds)
+        commands = [("D_W/402", "float_value", 3.25, 402, [0x4050, 0]), ("D_W/404", "double_value", -2.5, 404, [65511]),
+                    ("D_W/410", "int_value", (1 << 32) - 9, 410, [0xFFFF, 0xFFF7])]
+        for name, field, value, first, words in commands:
+            with self.subTest(command=name):
+                command = spb.encode_command([(name, None, field, value)])
+                self.sub.publish(spb.NS + "DCMD/" + spb.NODE + "/station1", command, qos=0)
+                self.assertTrue(h.wait_until(lambda: [self.sim.get(1, first + i) for i in range(len(words))] == words,
+                                             h.ANSWER_TIMEOUT), gw.log())
 
 
 if __name__ == "__main__":

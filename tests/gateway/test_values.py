@@ -1,15 +1,32 @@
 """Values on the broker: every item with the controller's value, changes as they
-happen, and the quality and station status through a silent station and a block the
-controller refuses; and the CSV log, a row for every value and quality published."""
+happen, typed values as the plant means them (every type, word and byte order, at its
+extremes), a deadband and a heartbeat, and the quality and station status through a
+silent station and a block the controller refuses; and the CSV log, a row for every
+value and quality published."""
 
+import json
+import math
 import re
+import struct
 import time
 
 import harness as h
 import test_csv as csvlog
 
 P = "rtuplc/line1"
-ITEMS = ["D_W:100..109", "D_D:200..203", "32C:200..201", "X:0..17", "M:0..15@2", "D_W:300..304@2"]
+ITEMS = ["D_W:100..109", "D_D:200..203", "32C:200..201", "X:0..17", "M:0..15@2", "D_W:300..304@2",
+         {"item": "D_W:400", "type": "int16"},
+         {"item": "D_W:402", "type": "uint32"},
+         {"item": "D_W:404", "type": "int32", "word-order": "low-first"},
+         {"item": "D_W:406", "type": "float32"},
+         {"item": "D_D:408", "type": "float32", "word-order": "low-first"},
+         {"item": "D_W:410", "type": "float32", "byte-order": "low-first"},
+         {"item": "D_W:412", "type": "int16", "scale": 0.1, "offset": -10, "decimals": 1, "unit": "°C"},
+         "D_W:413.3",
+         {"item": "D_W:414..416", "type": "string"},
+         {"item": "D_W:420", "deadband": 5},
+         {"item": "D_W:421", "publish-every": "1s"}]
+HEARTBEAT = 1.0  # s, D_W:421's publish-every
 TIMESTAMP = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$")
 QUIET = 1.0  # s to watch for messages that should not come
 PROMPT = 1.0  # s for a change to arrive: polls take milliseconds on loopback
@@ -34,7 +51,23 @@ EXPECTED = [
     ("2/M/0", h.pattern_coil(2, 2000)),
     ("2/M/15", h.pattern_coil(2, 2015)),
     ("2/D_W/300", h.pattern_register(2, 300)),       # another station's memory
+    ("1/D_W/412", 31.2),                             # 412 tenths less 10
+    ("1/D_W/413.3", bool(413 & 8)),                  # bit 3 of a register
 ]
+
+
+def f32(bits):
+    return struct.unpack(">f", struct.pack(">I", bits))[0]
+
+
+def same(a, b):
+    """Equal, a float as a float32 carries it."""
+    return math.isclose(a, b, rel_tol=1e-7) if isinstance(a, float) and isinstance(b, float) else a == b
+
+
+def text(value):
+    """A published value as the CSV log writes it."""
+    return "" if value is None else json.dumps(value) if isinstance(value, bool) else str(value)
 
 
 class Values(h.GatewayTestCase):
@@ -135,14 +168,72 @@ class Values(h.GatewayTestCase):
                                                            since=again), "station %s back online" % station)
         # The CSV log holds a row for every value message published, bad ones too, and none twice.
         time.sleep(QUIET)
-        published = {(m.json()["ts"], m.topic[len(P) + 1:], "" if m.json()["value"] is None else str(m.json()["value"]),
-                      m.json()["quality"]) for m in self.sub.since() if m.topic.count("/") == 4}
+        published = {(m.json()["ts"], m.topic[len(P) + 1:], text(m.json()["value"]), m.json()["quality"])
+                     for m in self.sub.since() if m.topic.count("/") == 4}
         header, rows = csvlog.read_rows(csvlog.today_file(self.csv_dir))
         logged = {(t, "%s/%s/%s" % (station, item, address), value, quality)
-                  for t, station, item, address, value, quality in rows}
+                  for t, station, item, address, value, raw, quality in rows}
         self.assertEqual((header, len(logged)), (csvlog.HEADER, len(rows)), "a header, then no row twice")
         self.assertEqual(logged, published)
         self.assertEqual({q for _, _, _, q in logged}, {"good", "bad"})
+
+    def test_typed_values_as_the_plant_means_them(self):
+        # (what, registers set from the first: {address: [words]}, topic, value, raw, words of an error)
+        rows = [
+            ("int16 -5", {400: [0xFFFB]}, "1/D_W/400", -5, 65531, None),
+            ("int16 lowest", {400: [0x8000]}, "1/D_W/400", -32768, 32768, None),
+            ("uint32 highest, raw the same", {402: [0xFFFF, 0xFFFF]}, "1/D_W/402", 4294967295, None, None),
+            ("uint32 2^31", {402: [0x8000, 0x0000]}, "1/D_W/402", 2147483648, None, None),
+            ("int32 lowest, low word first", {404: [0x0000, 0x8000]}, "1/D_W/404", -2147483648, 32768, None),
+            ("int32 -1", {404: [0xFFFF, 0xFFFF]}, "1/D_W/404", -1, 4294967295, None),
+            ("float32", {406: [0x41AC, 0x0000]}, "1/D_W/406", 21.5, 0x41AC0000, None),
+            ("float32 -0 is 0", {406: [0x8000, 0x0000]}, "1/D_W/406", 0, 0x80000000, None),
+            ("float32 largest", {406: [0x7F7F, 0xFFFF]}, "1/D_W/406", f32(0x7F7FFFFF), 0x7F7FFFFF, None),
+            ("float32 NaN: no number, bad", {406: [0x7FC0, 0x0000]}, "1/D_W/406", None, 0x7FC00000, "NaN"),
+            ("float32 +infinity", {406: [0x7F80, 0x0000]}, "1/D_W/406", None, 0x7F800000, "+infinity"),
+            ("float32 -infinity", {406: [0xFF80, 0x0000]}, "1/D_W/406", None, 0xFF800000, "-infinity"),
+            ("float32 on D_D, low word first", {408: [0x0000, 0x41AC]}, "1/D_D/408", 21.5, 0x41AC, None),
+            ("float32, bytes swapped", {410: [0xAC41, 0x0000]}, "1/D_W/410", 21.5, 0xAC410000, None),
+            ("tenths less 10", {412: [315]}, "1/D_W/412", 21.5, 315, None),
+            ("negative tenths", {412: [0xFFCE]}, "1/D_W/412", -15, 65486, None),
+            ("bit 3 clear, the others set", {413: [0xFFF7]}, "1/D_W/413.3", False, 65527, None),
+            ("bit 3 set", {413: [0x0008]}, "1/D_W/413.3", True, 8, None),
+            ("a string ends at its NUL", {414: [0x4142, 0x4300, 0x5859]}, "1/D_W/414", "ABC",
+             [0x4142, 0x4300, 0x5859], None),
+        ]
+        for what, registers, topic, value, raw, error in rows:
+            with self.subTest(what):
+                mark = self.sub.mark()
+                for first, words in registers.items():
+                    self.sim.command("set 1 %d %s" % (first, " ".join(str(w) for w in words)))
+                m = self.sub.wait_for(P + "/" + topic, lambda m: same(m.json().get("raw", m.json()["value"]),
+                                                                     value if raw is None else raw), since=mark)
+                self.assertIsNotNone(m, "saw %r" % self.sub.last(P + "/" + topic))
+                got = m.json()
+                self.assertTrue(same(got["value"], value), got)
+                self.assertEqual(("raw" in got, got["quality"]), (raw is not None, "bad" if error else "good"), got)
+                self.assertIn(error or "", got.get("error", ""))
+
+    def test_a_deadband_holds_back_small_changes_and_a_heartbeat_repeats_a_value(self):
+        self.sim.set(1, 420, 100)
+        self.assertIsNotNone(self.good("1/D_W/420", 100))
+        # (set to, published: within 5 of what was last published is not)
+        for set_to, published in ((104, False), (96, False), (105, True), (101, False), (100, True)):
+            with self.subTest(set_to=set_to):
+                mark = self.sub.mark()
+                self.sim.set(1, 420, set_to)
+                if published:
+                    self.assertIsNotNone(self.good("1/D_W/420", set_to, mark))
+                else:
+                    time.sleep(QUIET)
+                    self.assertEqual(self.sub.since(mark, P + "/1/D_W/420"), [])
+        mark = self.sub.mark()
+        time.sleep(2.5 * HEARTBEAT)
+        beats = [m.json() for m in self.sub.since(mark, P + "/1/D_W/421")]
+        self.assertIn(len(beats), (2, 3), "one a second: %r" % beats)
+        self.assertEqual({(b["value"], b["ts"], b["quality"]) for b in beats},
+                         {(h.pattern_register(1, 421), beats[0]["ts"], "good")}, "the same value, its read's time")
+
 
 if __name__ == "__main__":
     h.main()

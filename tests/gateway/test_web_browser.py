@@ -22,7 +22,8 @@ import harness as h
 import test_web as web
 
 P = "rtuplc/line1"
-ITEMS = ["D_W:100..104", {"item": "D_W:500..501", "writable": True, "name": "setpoint"}, "D_D:200", "M:0..7@2"]
+ITEMS = ["D_W:100..104", {"item": "D_W:500..501", "writable": True, "name": "setpoint"}, "D_D:200", "M:0..7@2",
+         {"item": "D_W:300", "type": "int16"}]
 WIDEST = 0xFFFFFFFF  # the longest a value is written, in decimal and in hex
 CHROMIUM_FLAGS = ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
                   "--disable-background-networking", "--disable-component-update", "--disable-sync",
@@ -110,12 +111,13 @@ class Page(h.GatewayTestCase):
         super().setUpClass()
         cls.start_line(stations=(1, 2))
         cls.sim.set32(1, 200, WIDEST)
+        cls.sim.set(1, 300, 0xFFFB)
         folder, config, cls.port = web.web_config(cls.broker, cls.sim, ITEMS)
         cls.start_class_gateway(folder, config, P + "/2/M/7")
         web.wait_http(cls.port, cls.gw)
         cls.browser = cls.keep(Browser())
         cls.browser.call("Page.navigate", url="http://127.0.0.1:%d/" % cls.port)
-        if not cls.browser.wait_js("document.querySelectorAll('#items .row').length == 16", h.START_TIMEOUT):
+        if not cls.browser.wait_js("document.querySelectorAll('#items .row').length == 17", h.START_TIMEOUT):
             raise AssertionError("the table never filled; the gateway's log:\n" + cls.gw.log())
         # Set once: gone if the page were ever reloaded.
         cls.browser.js("window.loadedOnce = true")
@@ -136,14 +138,15 @@ class Page(h.GatewayTestCase):
         expected = [("1/D_W/100", "D_W:100@1", h.pattern_register(1, 100), "0x0064"),
                     ("1/D_W/501", "D_W:501@1", h.pattern_register(1, 501), "0x01F5"),
                     ("1/D_D/200", "D_D:200@1", WIDEST, "0xFFFFFFFF"),
-                    ("2/M/5", "M:5@2", h.pattern_coil(2, 2005), "0x%d" % h.pattern_coil(2, 2005))]
+                    ("2/M/5", "M:5@2", h.pattern_coil(2, 2005), "0x%d" % h.pattern_coil(2, 2005)),
+                    ("1/D_W/300", "D_W:300@1", -5, "0xFFFB")]  # typed: the value signed, its register in hex
         for path, item, value, hexed in expected:
             with self.subTest(path):
                 self.assertTrue(b.wait_js("%s.textContent == '%d'" % (cell(path, "v"), value)),
                                 b.js(cell(path, "v") + ".textContent"))
                 under = self.under_headings(path)
-                self.assertEqual({k: under.get(k) for k in ("item", "decimal", "hex", "quality")},
-                                 {"item": item, "decimal": str(value), "hex": hexed, "quality": "good"})
+                self.assertEqual({k: under.get(k) for k in ("item", "value", "hex", "quality")},
+                                 {"item": item, "value": str(value), "hex": hexed, "quality": "good"})
         cut = b.js("[...document.querySelectorAll('.row.head > div, #items .path, #items .v, #items .hex')]"
                    ".filter((c) => c.scrollWidth > c.clientWidth).map((c) => c.textContent)")
         self.assertEqual(cut, [])

@@ -15,6 +15,11 @@ ITEMS = [
     {"item": "D_D:600", "writable": True},
     {"item": "M:100..103", "writable": True},
     {"item": "D_W:500..501@2", "writable": True},
+    {"item": "D_W:700", "type": "int16", "scale": 0.1, "min": -20, "max": 80, "writable": True},
+    {"item": "D_W:702", "type": "float32", "word-order": "low-first", "writable": True},
+    {"item": "D_D:704", "type": "float32", "writable": True},
+    {"item": "D_W:706..707", "type": "string", "writable": True},
+    {"item": "D_W:708.3", "write": "read-modify-write"},
 ]
 SETTLE = 0.7  # s to wait for a second answer that must not come
 STATS_WAIT = 3.0  # s: the stats come every second
@@ -87,6 +92,28 @@ class Writes(h.GatewayTestCase):
                          "an answer is for its moment, not retained")
         self.assert_counted("writes_ok", ok_before, len(rows))
 
+    def test_engineering_values_land_as_the_right_words(self):
+        # (what, topic, payload, first register, the words it then holds, the value answered and published)
+        rows = [
+            ("tenths", "1/D_W/700", "21.5", 700, [215], 21.5),
+            ("negative tenths, as JSON", "1/D_W/700", payload(-5, "t"), 700, [65486], -5),
+            ("tenths rounded to the nearest step", "1/D_W/700", "21.55", 700, [216], 21.6),
+            ("float32, low word first", "1/D_W/702", payload(1.5, "f"), 702, [0x0000, 0x3FC0], 1.5),
+            ("float32 on D_D, the controller's order", "1/D_D/704", "-3.5", 704, [0xC060, 0x0000], -3.5),
+            ("a string, padded with NUL", "1/D_W/706", json.dumps({"value": "HI", "id": "s"}), 706, [0x4849, 0], "HI"),
+            ("a bit cleared, the other bits kept", "1/D_W/708.3", payload(False, "b"), 708, [0xF0F0], False),
+            ("the bit set again", "1/D_W/708.3", "true", 708, [0xF0F8], True),
+        ]
+        self.sim.set(1, 708, 0xF0F8)  # the word the bit is in, read before the bit is written
+        self.assertIsNotNone(self.sub.wait_for(P + "/1/D_W/708.3", lambda m: m.json().get("raw") == 0xF0F8))
+        for what, topic, body, first, words, value in rows:
+            with self.subTest(what):
+                answer, mark = self.write(topic, body)
+                self.assertEqual((answer.get("ok"), answer.get("value")), (True, value), answer)
+                self.assertEqual([self.sim.get(1, first + i) for i in range(len(words))], words)
+                m = self.sub.wait_for("%s/%s" % (P, topic), lambda m: m.json().get("value") == value, since=mark)
+                self.assertIsNotNone(m, "the written value is published once read back")
+
     def test_refused_writes_send_nothing(self):
         # (why it is refused, topic, payload, id echoed). What gateway_logic_test.cpp's
         # AWriteRequestGetsOneAnswer answers row by row (read only, not a number, empty, out
@@ -102,6 +129,10 @@ class Writes(h.GatewayTestCase):
             ("fraction", "1/D_W/500", "1.5", None),
             ("value given as a string", "1/D_W/500", json.dumps({"value": "12", "id": "str"}), "str"),
             ("JSON without a value", "1/D_W/500", json.dumps({"id": "none"}), "none"),
+            ("above the item's max", "1/D_W/700", "80.1", None),
+            ("beyond the registers once unscaled", "1/D_W/700", payload(-3276.9, "low"), "low"),
+            ("text to a float", "1/D_D/704", json.dumps({"value": "1.5", "id": "t"}), "t"),
+            ("a string longer than its registers", "1/D_W/706", "ABCDE", None),
         ]
         self.sim.set(1, 500, 500)
         before = self.sim.counters()["writes"]

@@ -36,7 +36,7 @@ struct TempDir {
 
 CsvRow row(WallTime t, uint32_t value)
 {
-    return CsvRow{t, 2, "D_W:100..109@2", "D_W:100", true, value, true};
+    return CsvRow{t, 2, "D_W:100..109@2", "D_W:100", std::to_string(value), "", true};
 }
 
 } // namespace
@@ -51,12 +51,13 @@ TEST(CsvLog, LinesReadBackAsWritten)
     const WallTime t = kLateEvening;
     const Case cases[] = {
         // clang-format off
-        {"a good value", row(t, 1234), "2,D_W:100..109@2,D_W:100,1234,good\n"},
-        {"a bad value keeps its last reading", CsvRow{t, 1, "pump", "X:17", true, 1, false}, "1,pump,X:17,1,bad\n"},
-        {"never read: empty value", CsvRow{t, 1, "t", "D_W:0", false, 0, false}, "1,t,D_W:0,,bad\n"},
-        {"a name with a comma and quotes is quoted", CsvRow{t, 1, "tank \"A\", level", "D_W:0", true, 7, true},
-         "1,\"tank \"\"A\"\", level\",D_W:0,7,good\n"},
-        {"all 32 bits", CsvRow{t, 3, "c", "32C:201", true, 4294967295u, true}, "3,c,32C:201,4294967295,good\n"},
+        {"a good value", row(t, 1234), "2,D_W:100..109@2,D_W:100,1234,,good\n"},
+        {"a bad value keeps its last reading", CsvRow{t, 1, "pump", "X:17", "1", "", false}, "1,pump,X:17,1,,bad\n"},
+        {"never read: empty value", CsvRow{t, 1, "t", "D_W:0", "", "", false}, "1,t,D_W:0,,,bad\n"},
+        {"a name with a comma and quotes is quoted", CsvRow{t, 1, "tank \"A\", level", "D_W:0", "7", "", true},
+         "1,\"tank \"\"A\"\", level\",D_W:0,7,,good\n"},
+        {"a typed value beside its words; a string quoted", CsvRow{t, 3, "n", "D_W:300", "a,b", "24876 11362", true},
+         "3,n,D_W:300,\"a,b\",24876 11362,good\n"},
         // clang-format on
     };
     for (const Case &c : cases)
@@ -97,6 +98,19 @@ TEST(CsvLog, ReopenedFileAppendsWithoutASecondHeaderAndEndsACutRow)
     ASSERT_TRUE(again.append(row(kLateEvening, 2), &error)) << error;
     EXPECT_EQ(slurp(file), std::string(kCsvHeader) + csvLine(row(kLateEvening, 1)) + "2026-11-24T23:5\n" +
                                csvLine(row(kLateEvening, 2)));
+}
+
+TEST(CsvLog, AFileBegunWithOtherColumnsIsSetAsideNotAppendedTo)
+{
+    TempDir dir;
+    const fs::path file = dir.path / "poll.csv";
+    const std::string older = "time,station,item,address,value,quality\n2026-11-24T23:00:00.000Z,2,D_W:100,D_W:100,7,good\n";
+    std::ofstream(file) << older;
+    std::string error;
+    CsvLog log(CsvLogSettings{file.string(), false, 0}, [] { return kLateEvening; });
+    ASSERT_TRUE(log.append(row(kLateEvening, 1), &error)) << error;
+    EXPECT_EQ(slurp(file.string() + ".1"), older);
+    EXPECT_EQ(slurp(file), std::string(kCsvHeader) + csvLine(row(kLateEvening, 1)));
 }
 
 TEST(CsvLog, SizeCapRemovesOldestDaysNeverToday)

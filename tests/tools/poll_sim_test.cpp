@@ -111,6 +111,19 @@ TEST(PollStations, LinesAndBroadcastWrites)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     EXPECT_EQ(sim.reg(1, 30), 77);
     EXPECT_EQ(sim.reg(2, 30), 77);
+
+    // Typed: the registers as the plant means them, and engineering values written as their words.
+    sim.setReg(1, 45, 4);
+    sim.setReg(1, 50, 0x4F4B); // "OK"
+    sim.setReg(1, 51, 0);
+    const tooltest::Run t =
+        s.poll({"--once", "--station", "1", "--write", "D_W:40:float32:low-first=21.5", "--write", "D_W:44:int16=-5",
+                "D_W:40:float32:low-first", "D_W:44:int16", "D_W:45.2", "D_W:50..51:string"});
+    ASSERT_EQ(t.exitCode, 0) << t.out << t.err;
+    EXPECT_EQ(std::make_tuple(sim.reg(1, 40), sim.reg(1, 41), sim.reg(1, 44)), std::make_tuple(0, 0x41AC, 0xFFFB));
+    for (const char *line : {"  station 1  D_W:40:float32 = 21.5\n", "  station 1  D_W:44:int16 = -5\n",
+                             "  station 1  D_W:45.2:bool = true\n", "  station 1  D_W:50:string = \"OK\"\n"})
+        EXPECT_NE(t.out.find(line), std::string::npos) << line << t.out;
 }
 
 // A line whose replies do not always answer the request in flight, over TCP and a

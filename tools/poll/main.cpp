@@ -131,13 +131,14 @@ int main(int argc, char **argv)
     if (!o.csvFile.empty()) {
         if (!csv.open(&why))
             return fail(kExitUsage, QStringLiteral("--csv: %1").arg(QString::fromStdString(why)));
-        report.logTo(&csv, &host);
+        report.logTo(&csv);
     }
     host.monitor(items);
     for (const WriteRequest &w : writes)
         host.write(w);
     host.recipe(job);
-    out.setPoints(host.points());
+    report.track(host, items);
+    out.setValues(report.labels(), report.stations());
 
     // What is in force, since our defaults (9600 baud, even parity, port 8000) are
     // not what other Modbus tools assume.

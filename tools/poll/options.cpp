@@ -21,6 +21,10 @@ fast as the line goes):
   D_D:200        a 32-bit value over D200,201  D_D:200..203  the values at 200 and 202
   32C:200..203   four 32-bit counters        M:0..15     sixteen relays
   Areas: X Y M SM S T C (bits), 32C CV TV Z SD D_D D_W (registers).
+A type may follow the address, before @STATION: uint16 int16 uint32 int32 float32
+bool string, then low-first for a 32-bit value whose low half comes first:
+  D_W:100:int16  a signed register          D_D:200:float32  a float
+  D_W:100.3      bit 3 of D100              D_W:300..307:string  16 characters
 
 Connection:
   --tcp HOST[:PORT]      RTU frames over TCP, e.g. to a serial gateway (port: 8000);
@@ -58,6 +62,7 @@ Output (a line per value when first read and when it changes):
   --hex                  values in hexadecimal
   --json                 one JSON object per line: values
                          {"station":1,"item":"D_W","address":100,"value":1234}
+                         (a typed one with "type" and its registers as "raw")
                          and failed requests {"error":"1#D_W100(10)","result":2};
                          other messages go to standard error
   --watch                a live table, redrawn in place
@@ -66,7 +71,7 @@ Output (a line per value when first read and when it changes):
                          with the reason
   --csv FILE             also a row per value change and per change of quality to
                          FILE (appended; header time,station,item,address,value,
-                         quality; times ISO 8601 UTC), for a spreadsheet
+                         raw,quality; times ISO 8601 UTC), for a spreadsheet
 
 Run (default: until Ctrl-C, then summary lines: frames and replies, and the replies
 dropped because they did not answer the request in flight):
@@ -76,8 +81,9 @@ dropped because they did not answer the request in flight):
 
 Writes and recipes:
   --write ITEM=VALUE     write through the driver and confirm by the next poll;
-                         negative values are written as two's complement
-                         (repeatable), e.g. --write D_D:200=-5 --write X:7=1
+                         negative values are written as two's complement, a typed
+                         value as its registers (repeatable), e.g.
+                         --write D_D:200=-5 --write D_W:100:float32=21.5
   --recipe FILE          recipe variables, lines AREA:ADDRESS,LENGTH,OFFSET: length in
                          bits, or in 16-bit registers (a 32-bit value takes two);
                          offset in 16-bit words of the recipe buffer

@@ -52,12 +52,13 @@ QString jsonString(const QString &s)
 
 Output::Output(Mode mode, bool hex) : mode_(mode), hex_(hex), terminal_(isatty(STDOUT_FILENO) != 0) {}
 
-void Output::setPoints(const std::vector<Point> &points)
+void Output::setValues(const std::vector<QString> &labels, const std::vector<int> &stations)
 {
     rows_.clear();
-    for (const Point &p : points) {
+    for (size_t i = 0; i < labels.size(); ++i) {
         Row r;
-        r.point = p;
+        r.label = labels[i];
+        r.station = stations[i];
         rows_.push_back(r);
     }
 }
@@ -78,30 +79,35 @@ QString Output::formatValue(const Point &point, uint32_t v) const
     return text;
 }
 
-void Output::value(const Point &point, uint32_t v)
+void Output::value(size_t row, const Shown &v)
 {
     switch (mode_) {
     case Mode::Lines:
-        put(stdout, QStringLiteral("%1  station %2  %3 = %4")
-                        .arg(timeStamp())
-                        .arg(point.station)
-                        .arg(point.label(), formatValue(point, v)));
+        put(stdout,
+            QStringLiteral("%1  station %2  %3 = %4").arg(timeStamp()).arg(v.point.station).arg(v.label, v.text));
         break;
-    case Mode::Json:
-        put(stdout, QStringLiteral("{\"station\":%1,\"item\":%2,\"address\":%3,\"value\":%4}")
-                        .arg(point.station)
-                        .arg(jsonString(point.area->name))
-                        .arg(point.address)
-                        .arg(v));
+    case Mode::Json: {
+        // A plain value as it always was; a typed one says its type, its bit, its registers.
+        QString extra;
+        if (!v.type.isEmpty())
+            extra += QStringLiteral(",\"type\":%1").arg(jsonString(v.type));
+        if (v.bit >= 0)
+            extra += QStringLiteral(",\"bit\":%1").arg(v.bit);
+        const QString raw = v.raw.isEmpty() ? QString() : QStringLiteral(",\"raw\":%1").arg(v.raw);
+        put(stdout, QStringLiteral("{\"station\":%1,\"item\":%2,\"address\":%3%4,\"value\":%5%6}")
+                        .arg(v.point.station)
+                        .arg(jsonString(v.point.area->name))
+                        .arg(v.point.address)
+                        .arg(extra, v.json, raw));
         break;
+    }
     case Mode::Watch:
-        for (Row &r : rows_) {
-            if (r.point.station == point.station && r.point.area == point.area && r.point.address == point.address) {
-                r.changes += r.known ? 1 : 0;
-                r.known = true;
-                r.value = v;
-                r.changedAt = timeStamp();
-            }
+        if (row < rows_.size()) {
+            Row &r = rows_[row];
+            r.changes += r.known ? 1 : 0;
+            r.known = true;
+            r.text = v.text;
+            r.changedAt = timeStamp();
         }
         dirty_ = true;
         break;
@@ -176,9 +182,9 @@ void Output::refresh(const QString &status, bool force)
                   .arg(QStringLiteral("changes"));
     for (const Row &r : rows_) {
         screen += QStringLiteral("%1 %2 %3 %4 %5\n")
-                      .arg(r.point.station, -8)
-                      .arg(r.point.label(), -14)
-                      .arg(r.known ? formatValue(r.point, r.value) : QStringLiteral("?"), -26)
+                      .arg(r.station, -8)
+                      .arg(r.label, -14)
+                      .arg(r.known ? r.text : QStringLiteral("?"), -26)
                       .arg(r.changedAt, -13)
                       .arg(r.changes);
     }

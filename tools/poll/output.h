@@ -15,6 +15,17 @@ namespace rtupoll {
 
 using rtuhost::Point;
 
+// One value as rtuplc-poll shows it: a point's, or a typed one's over several.
+struct Shown {
+    Point point;   // where it starts
+    QString label; // "D_W:100", "D_W:100.3", "D_D:200:float32"
+    QString type;  // empty for a plain value
+    int bit = -1;  // of a word
+    QString text;  // for people
+    QString json;  // the value in JSON
+    QString raw;   // the registers, in JSON, where they differ; else empty
+};
+
 class Output {
 public:
     enum class Mode { Lines, Json, Watch };
@@ -22,11 +33,11 @@ public:
     Output(Mode mode, bool hex);
 
     Mode mode() const { return mode_; }
-    // The points of the live table, in the order given.
-    void setPoints(const std::vector<Point> &points);
+    // The values of the live table, in the order given: their labels.
+    void setValues(const std::vector<QString> &labels, const std::vector<int> &stations);
 
-    // A value shown for the first time or changed.
-    void value(const Point &point, uint32_t v);
+    // The value `row` of the table shown for the first time or changed.
+    void value(size_t row, const Shown &shown);
     // A request that failed: the block as items are written ("D_W:100..109@1") for
     // people, the driver's description ("1#D_W100(10)") for JSON, and why.
     void failed(const QString &block, const QString &driverText, const QString &why);
@@ -41,9 +52,10 @@ public:
 
 private:
     struct Row {
-        Point point;
+        int station = 1;
+        QString label;
         bool known = false;
-        uint32_t value = 0;
+        QString text;
         QString changedAt;
         int changes = 0;
     };

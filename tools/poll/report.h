@@ -3,8 +3,7 @@
 #ifndef RTUPLC_POLL_REPORT_H
 #define RTUPLC_POLL_REPORT_H
 
-#include <map>
-#include <tuple>
+#include <vector>
 
 #include "output.h"
 #include "rtuplc_host/csv_log.h"
@@ -16,12 +15,14 @@ class Report : public rtuhost::HostEvents {
 public:
     Report(Output &out, bool verbose) : out_(out), verbose_(verbose) {}
 
-    // Rows to `log` for every change of value or quality of the host's points.
-    void logTo(rtuhost::CsvLog *log, rtuhost::Host *host)
-    {
-        csv_ = log;
-        host_ = host;
-    }
+    // The values to show: each item's, in the order given, then each point of the host
+    // no item shows (a write's target, polled to confirm it). After the writes are given.
+    void track(rtuhost::Host &host, const std::vector<rtuhost::Item> &items);
+    // Their labels and stations, for the live table.
+    std::vector<QString> labels() const;
+    std::vector<int> stations() const;
+    // Rows to `log` for every change of value or quality.
+    void logTo(rtuhost::CsvLog *log) { csv_ = log; }
 
     void valueRead(const Point &point, uint32_t value) override;
     void blockRead(const FRAME_PRO &frame) override;
@@ -37,17 +38,30 @@ public:
 private:
     struct Logged {
         bool known = false;
-        uint32_t value = 0;
+        std::string value, raw;
         bool good = false;
     };
-    void logRow(const Point &point, const Logged &now);
+    struct Value {
+        Point point; // where it starts
+        rtuhost::ValueType type;
+        QString label;
+        std::vector<size_t> points; // into the host's points, in address order
+        Logged logged;
+    };
+    void show(size_t value);
+    // Values over several points, shown once the reply that changed them is whole.
+    void flush();
+    void logRow(Value &value, const Logged &now);
     void logQuality(const FRAME_PRO &frame, bool good);
 
     Output &out_;
     bool verbose_;
     rtuhost::CsvLog *csv_ = nullptr;
     rtuhost::Host *host_ = nullptr;
-    std::map<std::tuple<int, QString, int>, Logged> logged_;
+    std::vector<Value> values_;
+    std::vector<std::vector<size_t>> feeds_; // by host point: the values made of it
+    std::vector<uint32_t> raw_;              // by host point: as last reported
+    std::vector<size_t> pending_;
     bool csvFailing_ = false;
 };
 

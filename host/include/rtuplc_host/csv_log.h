@@ -1,5 +1,6 @@
 // A log of value changes to open in a spreadsheet: one row per change,
-// "time,station,item,address,value,quality", times in ISO 8601 UTC with milliseconds.
+// "time,station,item,address,value,raw,quality", times in ISO 8601 UTC with
+// milliseconds; raw, the words as read, only where a type made the value something else.
 //
 // Each row goes to the file with one write() on a file opened for appending, so a
 // process that dies (even by kill -9) leaves every row it wrote whole: the kernel holds
@@ -24,8 +25,8 @@ struct CsvRow {
     int station = 1;
     std::string item;    // as the user named it
     std::string address; // in the area's notation, "D_W:100"
-    bool known = true;   // false: no value was ever read (empty value column)
-    uint32_t value = 0;
+    std::string value;   // as published; empty: no value was ever read
+    std::string raw;     // the words as read, where they differ from the value; else empty
     bool good = true;
 };
 
@@ -55,6 +56,7 @@ public:
     std::string currentFile() const { return current_; }
 
 private:
+    void setAsideOtherColumns(const std::string &file);
     bool openFile(const std::string &file, std::string *error);
     bool writeAll(const std::string &text, std::string *error);
     std::string fileFor(WallTime t) const;

@@ -1,6 +1,7 @@
 // What the user asks to poll and write, in the areas' own notation ("D_W:100..109",
-// "X:0..17" in octal, "D_D:200", "32C:201=70000"), checked by the driver itself
-// before anything is sent.
+// "X:0..17" in octal, "D_D:200", "32C:201=70000"), with a type where the words mean
+// more than an unsigned number ("D_D:200:float32", "D_W:100:int16", "D_W:100.3"),
+// checked by the driver itself before anything is sent.
 #ifndef RTUPLC_HOST_ITEMS_H
 #define RTUPLC_HOST_ITEMS_H
 
@@ -12,15 +13,9 @@
 #include <vector>
 
 #include "driver_location.h"
+#include "value_type.h"
 
 namespace rtuhost {
-
-enum class Kind {
-    Bit,            // one coil per address
-    Word,           // one 16-bit register per address
-    DWordOverWords, // a 32-bit value over two registers, addressed by the first (D_D)
-    DWord,          // a 32-bit value per address (32C)
-};
 
 struct Area {
     QString name; // as the driver names it, e.g. "D_W"
@@ -64,17 +59,29 @@ struct Point {
     int units() const { return area->kind == Kind::DWordOverWords ? 2 : 1; }
 };
 
+// One value of an item: `count` of its points from `first`.
+struct ValueSpan {
+    size_t first = 0;
+    int count = 1;
+};
+
 struct Item {
     QString text;
     int station = 1;
     const Area *area = nullptr;
-    int first = 0; // address of the first and the last value
+    int first = 0; // address of the first and the last point
     int last = 0;
-    std::vector<Point> points;
+    std::vector<Point> points; // what is polled: a register each where a value spans several
     // How often its values are wanted; zero: as fast as the line goes.
     std::chrono::milliseconds every{0};
+    ValueType type; // of each of its values
 
     KEY_ADDRESS key() const;
+    // Its values, in address order: a point each, unless the type spans several
+    // registers of a 16-bit area (a 32-bit value two, a string the whole range).
+    std::vector<ValueSpan> values() const;
+    // "D_W:100", "D_W:100.3": where a value starts, as it is written.
+    QString valueLabel(const ValueSpan &value) const;
 };
 
 // A run of `units` (bits, or 16-bit registers, as the driver counts a block) of `area`
@@ -82,10 +89,15 @@ struct Item {
 // "D_D:200..202@1" (the values at 200 and 202), one value alone as "D_W:5@2".
 QString blockText(const Area &area, int station, int start, int units);
 
-// Reads "AREA:FIRST[..LAST][@STATION]". False with a message naming the problem.
+// Reads "AREA:FIRST[..LAST][.BIT][:TYPE[:WORDS]][@STATION]": TYPE one of uint16 int16
+// uint32 int32 float32 bool string, WORDS high-first or low-first. A 32-bit type on a
+// 16-bit area spans two registers from each address FIRST, FIRST+2 .. LAST; a string
+// spans the whole range. `options` adds what the gateway's keys say. False with a
+// message naming the problem, and in `option` the one at fault, if one is.
 // Station 0, the broadcast, only when `broadcast` allows it: nobody answers a read.
 bool parseItem(const QString &text, int defaultStation, const Catalogue &catalogue, const DriverApi &api, Item *item,
-               QString *error, bool broadcast = false);
+               QString *error, bool broadcast = false, const TypeOptions &options = TypeOptions(),
+               std::string *option = nullptr);
 
 // Reads a time: a number with its unit, "250ms", "10s", "2m"; a bare number is seconds.
 // Zero or less is refused.
@@ -102,15 +114,25 @@ bool parseValue(const QString &text, Kind kind, uint32_t *value, QString *error)
 
 struct WriteRequest {
     QString text;
-    Item target; // one point
+    Item target; // one value: its first point is where the write starts
     uint32_t value = 0;
+    // A value over several registers of a 16-bit area: its registers, in address order,
+    // instead of `value`.
+    std::vector<uint16_t> words;
 
     // Arguments of intf_setData: count (bits, or 16-bit words) and the bytes.
-    int count() const { return target.area->countPerValue(); }
+    int count() const { return words.empty() ? target.area->countPerValue() : int(words.size()); }
     std::vector<unsigned char> bytes() const;
+    // What the write puts where it starts, to compare with what a read brings back.
+    bool landed(const DriverApi &api) const;
 };
 
-// Reads "AREA:ADDR[@STATION]=VALUE"; station 0 writes to every station at once.
+// A write of `text` to the value `type` says: its value or its words. For a plain
+// value, parseValue's; a bit of a register is refused (only the gateway writes one,
+// reading the word first). False with why.
+bool encodeWrite(const QString &text, bool isText, WriteRequest *write, QString *error);
+
+// Reads "AREA:ADDR[.BIT][:TYPE][@STATION]=VALUE"; station 0 writes to every station at once.
 bool parseWrite(const QString &text, int defaultStation, const Catalogue &catalogue, const DriverApi &api,
                 WriteRequest *write, QString *error);
 
