@@ -85,7 +85,15 @@ def rss_mb(pid):
     return float("nan")
 
 
-def web_stats(port):
+def web_stats(port, tries=5):
+    """The gateway's figures from its web API; asked again when an answer comes empty
+    (as one may while the gateway starts)."""
+    for _ in range(tries - 1):
+        try:
+            with urllib.request.urlopen("http://127.0.0.1:%d/api/stats" % port, timeout=2) as r:
+                return json.loads(r.read())
+        except ValueError:
+            time.sleep(0.05)
     with urllib.request.urlopen("http://127.0.0.1:%d/api/stats" % port, timeout=2) as r:
         return json.loads(r.read())
 
