@@ -86,8 +86,8 @@ private:
 
     // The loop meets the connection's thread here.
     std::mutex mu_;
-    Outbox outbox_;              // under mu_
-    std::deque<Message> unsent_; // taken from the outbox but refused by the library: go first; under mu_
+    Outbox outbox_;                    // under mu_
+    std::deque<Message> unsent_;       // taken from the outbox but refused by the library: go first; under mu_
     std::atomic<bool> waiting_{false}; // the connection's thread waits for work
 
     // The connection's thread's own.

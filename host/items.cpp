@@ -458,7 +458,8 @@ uint32_t readValue(const DriverApi &api, const Point &p)
 
 bool sideBySide(const Point &point, const Point &next)
 {
-    return next.station == point.station && next.area == point.area && next.address == point.address + point.area->step();
+    return next.station == point.station && next.area == point.area &&
+           next.address == point.address + point.area->step();
 }
 
 void readValues(const DriverApi &api, const Point *points, size_t n, uint32_t *out)
