@@ -357,9 +357,7 @@ void Host::changed(int station, const QString &item, int addr)
         return;
     }
     if (areaPointsStale_) {
-        areaPoints_.clear();
-        for (const auto &[key, index] : pointIndex_)
-            areaPoints_[{std::get<0>(key), std::get<1>(key)}][std::get<2>(key)] = index;
+        indexAreas();
         lastArea_ = nullptr;
         areaPointsStale_ = false;
     }
@@ -369,14 +367,49 @@ void Host::changed(int station, const QString &item, int addr)
             return;
         lastArea_ = &*area;
     }
-    const auto found = lastArea_->second.find(addr);
-    if (found == lastArea_->second.end())
+    const long found = lastArea_->second.find(addr);
+    if (found < 0)
         return;
     // Shown once the exchange is over; a value we wrote only once a read brings it.
     if (inWrite_)
-        written_.insert(found->second);
+        written_.insert(size_t(found));
     else
-        markDirty(found->second);
+        markDirty(size_t(found));
+}
+
+void Host::indexAreas()
+{
+    // A table by address when the area's points are close together (a range), a hash
+    // when they are few and far apart: a table for one point at 0 and one at 60000
+    // would hold 60,000 cells for two.
+    constexpr size_t kSpreadAllowed = 4, kSmallSpan = 1024;
+    std::map<std::pair<int, QString>, std::vector<std::pair<int, size_t>>> byArea;
+    for (const auto &[key, index] : pointIndex_) // addresses in order within an area
+        byArea[{std::get<0>(key), std::get<1>(key)}].emplace_back(std::get<2>(key), index);
+    areaPoints_.clear();
+    for (const auto &[area, points] : byArea) {
+        AreaPoints &a = areaPoints_[area];
+        a.first = points.front().first;
+        const size_t span = size_t(int64_t(points.back().first) - a.first + 1);
+        if (span <= kSpreadAllowed * points.size() + kSmallSpan) {
+            a.dense.assign(span, -1);
+            for (const auto &[address, index] : points)
+                a.dense[size_t(address - a.first)] = int32_t(index);
+        } else {
+            for (const auto &[address, index] : points)
+                a.sparse[address] = index;
+        }
+    }
+}
+
+long Host::AreaPoints::find(int address) const
+{
+    if (!dense.empty()) {
+        const int64_t at = int64_t(address) - first;
+        return at >= 0 && at < int64_t(dense.size()) ? dense[size_t(at)] : -1;
+    }
+    const auto found = sparse.find(address);
+    return found == sparse.end() ? -1 : long(found->second);
 }
 
 void Host::markDirty(size_t point)

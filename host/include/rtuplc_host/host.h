@@ -274,7 +274,12 @@ private:
     // The points of each station's area by address, for the driver's report of every
     // unit changed: tens of thousands a second on a churning line, mostly from the area
     // reported just before. Made from pointIndex_ when first asked after monitor().
-    using AreaPoints = std::unordered_map<int, size_t>;
+    struct AreaPoints {
+        int first = 0;                          // the lowest address
+        std::vector<int32_t> dense;             // by address - first, -1 for none: when the addresses are close
+        std::unordered_map<int, size_t> sparse; // when they are far apart
+        long find(int address) const;
+    };
     std::map<std::pair<int, QString>, AreaPoints> areaPoints_;
     const std::pair<const std::pair<int, QString>, AreaPoints> *lastArea_ = nullptr;
     bool areaPointsStale_ = true;
@@ -283,6 +288,7 @@ private:
     std::vector<uint32_t> values_; // of reporting_
     std::vector<bool> dirtyMark_;
     void markDirty(size_t point);
+    void indexAreas();            // areaPoints_ from pointIndex_
     std::set<size_t> written_;    // changed by our own writes: shown once a read has them
     std::vector<uint32_t> shown_; // by point: the value reported last
     std::vector<bool> reported_;  // by point: reported at least once
