@@ -7,6 +7,7 @@ rude, harms another or the line."""
 
 import asyncio
 import contextlib
+import inspect
 import json
 import logging
 import os
@@ -101,6 +102,11 @@ def pymodbus_call(client, op, station, address, arg):
     return calls[op]
 
 
+async def done(result):
+    """What a client's call gave, awaited when the client is an asyncio one."""
+    return await result if inspect.isawaitable(result) else result
+
+
 class Pymodbus:
     """A pymodbus client, connected for each request; the asyncio one when `make` makes
     one (its TLS client copes with what TLS 1.3 sends after the handshake)."""
@@ -109,40 +115,27 @@ class Pymodbus:
         self.name, self.make = name, make
 
     def __call__(self, op, station, address, arg):
-        client = self.make()
-        if hasattr(client, "loop"):
-            return asyncio.run(self.ask_async(client, op, station, address, arg))
+        return asyncio.run(self.ask(self.make(), op, station, address, arg))
+
+    async def ask(self, client, op, station, address, arg):
+        await done(client.connect())
         try:
-            client.connect()
             began = time.monotonic()
             try:
-                r = pymodbus_call(client, op, station, address, arg)()
-            except ModbusException as e:
+                r = await done(pymodbus_call(client, op, station, address, arg)())
+            except (ModbusException, asyncio.TimeoutError) as e:
                 r = e
             self.took = time.monotonic() - began  # the request alone, without connecting
             return pymodbus_answer(r, op, arg)
         finally:
-            client.close()
-
-    async def ask_async(self, client, op, station, address, arg):
-        await client.connect()
-        try:
-            began = time.monotonic()
-            try:
-                r = await pymodbus_call(client, op, station, address, arg)()
-            except (ModbusException, asyncio.TimeoutError) as e:
-                r = e
-            self.took = time.monotonic() - began
-            return pymodbus_answer(r, op, arg)
-        finally:
-            await close_async(client)
+            await close(client)
 
 
-async def close_async(client):
-    """Closes an asyncio client and lets its connection end (TLS says goodbye first)."""
-    await client.close()
+async def close(client):
+    """Closes a client; an asyncio one's connection is let end (TLS says goodbye first)."""
+    await done(client.close())
     for _ in range(100):
-        if not (client.protocol and client.protocol.transport):
+        if not (getattr(client, "protocol", None) and client.protocol.transport):
             return
         await asyncio.sleep(0.01)
 
