@@ -27,6 +27,7 @@ from pymodbus.client import AsyncModbusTlsClient, ModbusSerialClient, ModbusTcpC
 from pymodbus.exceptions import ModbusException
 from pymodbus.framer.rtu_framer import ModbusRtuFramer
 from pymodbus.framer.socket_framer import ModbusSocketFramer
+from pymodbus.utilities import computeCRC
 
 P = "rtuplc/line1"
 LIBMODBUS_MASTER = os.environ.get("RTUPLC_LIBMODBUS_MASTER", "")
@@ -216,16 +217,11 @@ def mbap(tid, station, pdu):
 
 
 def crc(frame):
-    value = 0xFFFF
-    for b in frame:
-        value ^= b
-        for _ in range(8):
-            value = (value >> 1) ^ 0xA001 if value & 1 else value >> 1
-    return frame + struct.pack("<H", value)
+    return frame + struct.pack(">H", computeCRC(frame))  # pymodbus's, in the order it sends
 
 
-def read_pdu(address, count, function=3):
-    return struct.pack(">BHH", function, address, count)
+def read_pdu(address, count):
+    return struct.pack(">BHH", 3, address, count)
 
 
 def closed_within(sock, seconds):
@@ -439,9 +435,6 @@ class ModbusServer(h.GatewayTestCase):
                     self.assertLess(master.took, AT_ONCE, "at once, without the line's time-out")
 
     def test_rude_input_is_refused_and_never_reaches_the_line(self):
-        def exception(function, code):
-            return ("exception", function, code)
-
         mega = random.Random(27).randbytes(4 << 20)
         # One of each kind: every function's limits, and each way a header is bad, are the
         # request checks' unit tests (modbus_test.cpp).
@@ -449,11 +442,11 @@ class ModbusServer(h.GatewayTestCase):
         rows = [
             ("protocol id other than 0", "tcp", struct.pack(">HHHB", 1, 1, 6, 1) + read_pdu(110, 1), "closed"),
             ("length field longer than the request", "tcp", struct.pack(">HHHB", 1, 0, 9, 1) + read_pdu(110, 1) +
-             b"\0\0\0", exception(3, 3)),
-            ("an unknown function", "tcp", mbap(1, 1, b"\x41\x00\x00"), exception(0x41, 1)),
+             b"\0\0\0", ("exception", 3, 3)),
+            ("an unknown function", "tcp", mbap(1, 1, b"\x41\x00\x00"), ("exception", 0x41, 1)),
             ("an HTTP request", "tcp", b"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n", "closed"),
             ("megabytes of noise", "tcp", mega, "closed"),
-            ("RTU: reading 126 registers", "rtu", crc(bytes([1]) + read_pdu(0, 126)), exception(3, 3)),
+            ("RTU: reading 126 registers", "rtu", crc(bytes([1]) + read_pdu(0, 126)), ("exception", 3, 3)),
             ("RTU: a frame with a bad CRC", "rtu", bytes([1]) + read_pdu(110, 1) + b"\0\0", "nothing"),
             ("RTU: megabytes of noise", "rtu", mega, "closed"),
             ("TLS without a client certificate", "tls-anonymous", mbap(1, 1, read_pdu(110, 1)), "closed"),
