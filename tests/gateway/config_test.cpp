@@ -245,7 +245,6 @@ TEST_F(GatewayConfig, ImpossibleTypesAreRefusedAtStartWithPlaceKeyAndReason)
         // clang-format off
         {"float32 on a bit area", "  - item: M:0\n    type: float32\n", "gw.yaml:6: items.type: \"M:0\": M holds bits: its values are bool, not float32"},
         {"a string past the area's end", "  - { item: D_W:7990..8005, type: string }\n", "gw.yaml:5: items: \"D_W:7990..8005\": D_W:8005 is out of range"},
-        {"a string longer than a read", "  - { item: D_W:100..164, type: string }\n", "gw.yaml:5: items.item: \"D_W:100..164\": a string spans at most 64 registers"},
         {".3 on a 32-bit area", "  - D_D:200.3\n", "gw.yaml:5: items.item: \"D_D:200.3\": a bit is named on a 16-bit register"},
         {"scale 0", "  - item: D_W:100\n    type: int16\n    scale: 0\n", "gw.yaml:7: items.scale: \"D_W:100\": 0 would make every value 0"},
         {"min above max", "  - item: D_W:100\n    min: 10\n    max: 5\n", "gw.yaml:6: items.min: \"D_W:100\": 10 is above max 5"},

@@ -414,14 +414,13 @@ class ModbusServer(h.GatewayTestCase):
 
     def test_rude_input_is_refused_and_never_reaches_the_line(self):
         mega = random.Random(27).randbytes(4 << 20)
-        # One of each kind: every function's limits, and each way a header is bad, are the
-        # request checks' unit tests (modbus_test.cpp).
+        # One of each kind: every function's limits, an unknown function, and each way a
+        # header is bad, are the request checks' unit tests (modbus_test.cpp).
         # (what, listener, bytes sent, what comes back: an exception, "closed" or "nothing")
         rows = [
             ("protocol id other than 0", "tcp", struct.pack(">HHHB", 1, 1, 6, 1) + read_pdu(110, 1), "closed"),
             ("length field longer than the request", "tcp", struct.pack(">HHHB", 1, 0, 9, 1) + read_pdu(110, 1) +
              b"\0\0\0", ("exception", 3, 3)),
-            ("an unknown function", "tcp", mbap(1, 1, b"\x41\x00\x00"), ("exception", 0x41, 1)),
             ("an HTTP request", "tcp", b"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n", "closed"),
             ("megabytes of noise", "tcp", mega, "closed"),
             ("RTU: reading 126 registers", "rtu", crc(bytes([1]) + read_pdu(0, 126)), ("exception", 3, 3)),
