@@ -250,6 +250,22 @@ Bytes framed(uint16_t tid, uint8_t unit, const Bytes &pdu, bool rtu = false)
     return b;
 }
 
+// What arrives on fd within `wait`, as it came.
+Bytes receiveFrom(int fd, std::chrono::milliseconds wait)
+{
+    Bytes got;
+    pollfd p{fd, POLLIN, 0};
+    while (::poll(&p, 1, int(wait.count())) > 0) {
+        uint8_t buf[512];
+        const ssize_t n = ::read(fd, buf, sizeof buf);
+        if (n <= 0)
+            break;
+        got.insert(got.end(), buf, buf + n);
+        wait = 50ms; // the rest of it, if any
+    }
+    return got;
+}
+
 class Master {
 public:
     explicit Master(int port)
@@ -270,21 +286,7 @@ public:
     }
     void send(const Bytes &b) { ASSERT_EQ(::send(fd_, b.data(), b.size(), MSG_NOSIGNAL), ssize_t(b.size())); }
     void mbap(uint16_t tid, uint8_t unit, const Bytes &pdu) { send(framed(tid, unit, pdu)); }
-    // What arrives within `wait`, as it came.
-    Bytes receive(std::chrono::milliseconds wait = 1000ms)
-    {
-        Bytes got;
-        pollfd p{fd_, POLLIN, 0};
-        while (::poll(&p, 1, int(wait.count())) > 0) {
-            uint8_t buf[512];
-            const ssize_t n = ::recv(fd_, buf, sizeof buf, 0);
-            if (n <= 0)
-                break;
-            got.insert(got.end(), buf, buf + n);
-            wait = 50ms; // the rest of it, if any
-        }
-        return got;
-    }
+    Bytes receive(std::chrono::milliseconds wait = 1000ms) { return receiveFrom(fd_, wait); }
 
 private:
     int fd_ = -1;
@@ -448,16 +450,7 @@ TEST(ModbusServer, ServesAPanelOnTheSerialPort)
     server.heard(polled.data(), polled.size(), values.data(), values.size(), Clock::now());
     const auto ask = [&](const Bytes &frame) {
         EXPECT_EQ(::write(panel, frame.data(), frame.size()), ssize_t(frame.size()));
-        Bytes got;
-        pollfd p{panel, POLLIN, 0};
-        for (int wait = 500; ::poll(&p, 1, wait) > 0; wait = 50) {
-            uint8_t buf[256];
-            const ssize_t n = ::read(panel, buf, sizeof buf);
-            if (n <= 0)
-                break;
-            got.insert(got.end(), buf, buf + n);
-        }
-        return got;
+        return receiveFrom(panel, 500ms);
     };
     EXPECT_EQ(ask(withCrc({1, 0x2B, 0x0E, 1, 0})), withCrc({1, 0xAB, 0x01})) << "an unknown function, after silence";
     std::this_thread::sleep_for(100ms);
