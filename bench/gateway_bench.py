@@ -4,9 +4,10 @@
 Over the unpaced TCP simulator with every value changing at every poll
 (rtuplc-sim --churn), rounds alternate rtuplc-poll, gateway, rtuplc-poll, gateway...
 and the medians are compared: the broker must not slow the line. Over the gateway's
-rounds a fast subscriber (mosquitto_sub, receive time in ns) gives the latency from
-the reply (the payload's "ts", in whole milliseconds) to the subscriber, and
-/proc gives the CPU time per change read and per change published. Two last rounds at
+rounds a fast subscriber (mosquitto_sub, receive time in ns) gives the latency of each
+register's value from the reply that carried it (the simulator's --reply-times, on the
+same clock to the nanosecond) to the subscriber, and /proc gives the CPU time per change
+read and per change published, of the whole process and of its poll loop. Two last rounds at
 stated lighter loads (a line pause) measure latency again where the broker keeps up,
 then the resident memory with the items polled and with the broker gone until the
 gateway holds a full buffer.
@@ -18,7 +19,7 @@ otherwise. Not part of ctest: it takes a few minutes and both cores.
 """
 
 import argparse
-import calendar
+import bisect
 import json
 import os
 import re
@@ -48,6 +49,8 @@ HOLD_TIMEOUT = 120.0       # s for the gateway to fill its buffer with the broke
 FULL_BUFFER = 100000       # messages held while the broker is away
 TICKS = os.sysconf("SC_CLK_TCK")
 CAPTURES = tempfile.mkdtemp(prefix="rtuplc-gwbench-")  # the subscriber's files; the harness removes its own
+REPLY_TIMES = os.path.join(CAPTURES, "replies.txt")    # the simulator's, one line per read answered
+READ_REGISTERS = "3"                                   # the function of a register read, as the simulator logs it
 
 
 # The other shape of line: 22 values in 7 small blocks, far apart so that none merge.
@@ -66,9 +69,10 @@ def items_for(count, shape="big"):
     return items
 
 
-def cpu_seconds(pid):
-    """utime + stime of a process, in seconds."""
-    with open("/proc/%d/stat" % pid) as f:
+def cpu_seconds(pid, thread=None):
+    """utime + stime of a process (or of one of its threads), in seconds."""
+    path = "/proc/%d/stat" % pid if thread is None else "/proc/%d/task/%d/stat" % (pid, thread)
+    with open(path) as f:
         fields = f.read().rsplit(")", 1)[1].split()
     return (int(fields[11]) + int(fields[12])) / TICKS  # fields 14 and 15, after pid and comm
 
@@ -81,7 +85,15 @@ def rss_mb(pid):
     return float("nan")
 
 
-def web_stats(port):
+def web_stats(port, tries=5):
+    """The gateway's figures from its web API; asked again when an answer comes empty
+    (as one may while the gateway starts)."""
+    for _ in range(tries - 1):
+        try:
+            with urllib.request.urlopen("http://127.0.0.1:%d/api/stats" % port, timeout=2) as r:
+                return json.loads(r.read())
+        except ValueError:
+            time.sleep(0.05)
     with urllib.request.urlopen("http://127.0.0.1:%d/api/stats" % port, timeout=2) as r:
         return json.loads(r.read())
 
@@ -137,30 +149,55 @@ def bare_round(broker, seconds, values, burst=None):
     return float(found.group(1)), percentile(latencies, 50), percentile(latencies, 99)
 
 
-def iso_ms(text, seconds_cache={}):
-    """Milliseconds since the epoch of "YYYY-MM-DDTHH:MM:SS.mmmZ"."""
-    head = text[:19]
-    base = seconds_cache.get(head)
-    if base is None:
-        base = seconds_cache[head] = calendar.timegm(time.strptime(head, "%Y-%m-%dT%H:%M:%S")) * 1000
-    return base + int(text[20:23])
+def reply_times(offset):
+    """The register reads the simulator answered from `offset` in its log on: each
+    block's first register, by register; and the times of each block's replies by
+    (first register, its read number), in order. With the fill pattern and --churn a
+    register holds its address plus the reads of its block before, so a value names
+    the reply that carried it."""
+    block_of, times = {}, {}
+    with open(REPLY_TIMES) as f:
+        f.seek(offset)
+        for line in f:
+            parts = line.split()
+            if len(parts) != 6 or parts[2] != READ_REGISTERS:
+                continue
+            first, count, value = int(parts[3]), int(parts[4]), int(parts[5])
+            if first not in times:
+                for a in range(first, first + count):
+                    block_of[a] = first
+            times.setdefault((first, (value - first) & 0xFFFF), []).append(float(parts[0]))
+    return block_of, times
 
 
-def read_capture(path, start, end):
-    """Latencies in ms of the value messages received in [start, end]."""
-    latencies = []
+def read_capture(path, start, end, offset):
+    """The registers' value messages received in [start, end]: how many, the latency of
+    each from the reply that carried it, and that of each reply's first value to arrive
+    (the gateway's own share, with one message's way through the broker), in ms."""
+    block_of, times = reply_times(offset)
+    latencies, received_count, first = [], 0, {}
     with open(path, errors="replace") as f:
         for line in f:
             parts = line.split(" ", 2)
-            if len(parts) < 3:
+            if len(parts) < 3 or '"value":' not in parts[2]:
                 continue
             received = float(parts[0])
             if not start <= received <= end:
                 continue
-            ts = parts[2].find('"ts":"')
-            if ts >= 0:
-                latencies.append(received * 1000.0 - iso_ms(parts[2][ts + 6:ts + 30]))
-    return latencies
+            received_count += 1
+            topic = parts[1].rsplit("/", 2)
+            if len(topic) < 3 or topic[1] != "D_W":
+                continue  # a bit's value does not say which read it came from
+            address = int(topic[2])
+            at = parts[2].find('"value":') + 8
+            value = int(parts[2][at:parts[2].index(",", at)])
+            reply = (block_of.get(address), (value - address) & 0xFFFF)
+            sent = times.get(reply)
+            i = bisect.bisect_right(sent, received) - 1 if sent else -1
+            if i >= 0:
+                latencies.append((received - sent[i]) * 1000.0)
+                first[reply + (i,)] = min(first.get(reply + (i,), latencies[-1]), latencies[-1])
+    return received_count, latencies, list(first.values())
 
 
 def fresh_stats(port, timeout=3.0):
@@ -191,6 +228,7 @@ def gateway_round(broker, sim, items, seconds, pause, name, memory=False, binary
     config["line"]["pause"] = pause
     config["http"] = {"listen": "127.0.0.1:%d" % web_port}
     capture = Capture(broker, CAPTURES, name + ".txt")
+    replies_from = os.path.getsize(REPLY_TIMES)
     gw = h.Gateway(folder, config)
     try:
         if not h.wait_until(lambda: gw.running() and h.port_open(web_port) and
@@ -198,10 +236,10 @@ def gateway_round(broker, sim, items, seconds, pause, name, memory=False, binary
             raise RuntimeError("the gateway published nothing; its log:\n" + gw.log())
         time.sleep(WARM_UP)
         first = fresh_stats(web_port)
-        start, cpu0 = first[0], cpu_seconds(gw.proc.pid)
+        start, cpu0, loop0 = first[0], cpu_seconds(gw.proc.pid), cpu_seconds(gw.proc.pid, gw.proc.pid)
         time.sleep(seconds - 1)
         last = fresh_stats(web_port)
-        end, cpu1 = last[0], cpu_seconds(gw.proc.pid)
+        end, cpu1, loop1 = last[0], cpu_seconds(gw.proc.pid), cpu_seconds(gw.proc.pid, gw.proc.pid)
         out = {"rss_mb": rss_mb(gw.proc.pid)}
         if memory:
             broker.stop()
@@ -212,12 +250,20 @@ def gateway_round(broker, sim, items, seconds, pause, name, memory=False, binary
         gw.stop()
         gw.cleanup()
         capture.finish()
-    latencies = read_capture(capture.path, start, end)
+    received, latencies, firsts = read_capture(capture.path, start, end, replies_from)
     published = rate(first, last, "published")
     dropped = rate(first, last, "buffer_dropped")
-    out.update({"dropped_s": dropped, "polls_s": rate(first, last, "polls"), "published_s": published, "received_s": len(latencies) / (end - start),
-                "p50": percentile(latencies, 50), "p99": percentile(latencies, 99),
-                "cpu_us": (cpu1 - cpu0) / (end - start) / published * 1e6 if published > 0 else float("nan"),
+    polls = rate(first, last, "polls")
+    span = end - start
+    out.update({"dropped_s": dropped, "polls_s": polls, "published_s": published, "received_s": received / span,
+                "p50": percentile(latencies, 50), "p99": percentile(latencies, 99), "timed": len(latencies),
+                "first_p50": percentile(firsts, 50), "first_p99": percentile(firsts, 99),
+                "cpu_us": (cpu1 - cpu0) / span / published * 1e6 if published > 0 else float("nan"),
+                # The poll loop's thread: the line, the driver, the model, the staging of messages.
+                "loop_poll_us": (loop1 - loop0) / span / polls * 1e6 if polls > 0 else float("nan"),
+                # The others: the broker client's connection thread (and the idle web server's).
+                "client_us": ((cpu1 - cpu0) - (loop1 - loop0)) / span / published * 1e6
+                if published > 0 else float("nan"),
                 # Every change read costs the poll loop, published or given way to a newer reading.
                 "cpu_read_us": (cpu1 - cpu0) / (end - start) / (published + dropped) * 1e6
                 if published + dropped > 0 else float("nan"),
@@ -250,9 +296,10 @@ def main():
             sys.exit("missing %s: build rtuplc-gateway rtuplc-sim rtuplc-poll rtuplc_bare_publisher in %s" % (path, BUILD))
     items = items_for(a.items, a.shape)
     count = a.items if a.shape == "big" else 22
+    load_before = os.getloadavg()
     seconds = int(a.seconds)
-    broker = h.Broker().start()
-    sim = h.Simulator(extra_args=["--churn"])
+    broker = h.Broker(log_every_message=False).start()
+    sim = h.Simulator(extra_args=["--churn", "--reply-times", REPLY_TIMES])
     runs = {name: [] for name, _ in GATEWAYS}
     light, moderate = {}, {}
     try:
@@ -265,10 +312,12 @@ def main():
             for name, binary in GATEWAYS:
                 runs[name].append(gateway_round(broker, sim, items, seconds, 0, "full%d" % r, binary=binary))
                 g = runs[name][-1]
-                print("round %d: %s %.1f polls/s, %.0f published/s, %.0f given way/s, %.0f received/s, p50 %.1f ms, "
-                      "p99 %.1f ms, %.2f us CPU/change read, %.0f%% of a core"
+                print("round %d: %s %.1f polls/s, %.0f published/s, %.0f given way/s, %.0f received/s, p50 %.2f ms, "
+                      "p99 %.2f ms (%d timed), %.2f us CPU/change read, %.2f us/change published, poll loop %.2f "
+                      "us/poll, the rest %.2f us/change published, %.0f%% of a core"
                       % (r + 1, name, g["polls_s"], g["published_s"], g["dropped_s"], g["received_s"], g["p50"],
-                         g["p99"], g["cpu_read_us"], 100 * g["cpu_share"]), flush=True)
+                         g["p99"], g["timed"], g["cpu_read_us"], g["cpu_us"], g["loop_poll_us"], g["client_us"],
+                         100 * g["cpu_share"]), flush=True)
         burst = min(count, 125)
         bare_light = bare_round(broker, seconds, count, (burst, a.light_pause * burst / 125.0))
         bare_moderate = bare_round(broker, seconds, count, (burst, a.moderate_pause * burst / 125.0))
@@ -300,6 +349,8 @@ def main():
     print()
     print("Gateway benchmark: %d items (%s), %d rounds of %d s each, rtuplc-sim --churn over TCP, QoS 1"
           % (count, " ".join(items), a.rounds, seconds))
+    print("Load average (1, 5, 15 min) before: %.1f %.1f %.1f, after: %.1f %.1f %.1f"
+          % (load_before + os.getloadavg()))
     print("rtuplc-poll, polls/s (median): %.1f; bare publisher, messages/s (median): %.0f" % (poll_med, bare_med))
     print("bare publisher in bursts of %d as at the light load: %.0f messages/s, latency p50 / p99 %.2f / %.2f ms"
           % (burst, bare_light[0], bare_light[1], bare_light[2]))
@@ -313,20 +364,27 @@ def main():
     row("ratio to the bare publisher (aim >= 0.8)", lambda n: "%.3f" % (med(n, "published_s") / bare_med))
     row("readings given way to a newer one/s, full churn", lambda n: "%.0f" % med(n, "dropped_s"))
     row("received by the subscriber/s, full churn", lambda n: "%.0f" % med(n, "received_s"))
-    row("latency reply -> subscriber, full churn, p50 / p99", lambda n: "%.1f / %.1f ms" % (med(n, "p50"), med(n, "p99")))
+    row("latency reply -> subscriber, full churn, p50 / p99", lambda n: "%.2f / %.2f ms" % (med(n, "p50"), med(n, "p99")))
     row("CPU per change read / per change published, full churn",
         lambda n: "%.2f / %.2f us (%.0f%% of a core)" % (med(n, "cpu_read_us"), med(n, "cpu_us"), 100 * med(n, "cpu_share")))
+    row("the same split: poll loop per poll / the other threads per change published",
+        lambda n: "%.2f / %.2f us" % (med(n, "loop_poll_us"), med(n, "client_us")))
     row("light load (pause %d ms): published/s" % a.light_pause, lambda n: "%.0f" % light[n]["published_s"])
-    row("light load: latency p50 / p99", lambda n: "%.1f / %.1f ms" % (light[n]["p50"], light[n]["p99"]))
-    row("light load: CPU per published change", lambda n: "%.2f us" % light[n]["cpu_us"])
+    row("light load: latency p50 / p99", lambda n: "%.2f / %.2f ms" % (light[n]["p50"], light[n]["p99"]))
+    row("light load: a reply's first value, p50 / p99", lambda n: "%.2f / %.2f ms" % (light[n]["first_p50"], light[n]["first_p99"]))
+    row("light load: CPU per published change (the other threads)",
+        lambda n: "%.2f us (%.2f us)" % (light[n]["cpu_us"], light[n]["client_us"]))
     row("moderate load (pause %d ms): published/s" % a.moderate_pause, lambda n: "%.0f" % moderate[n]["published_s"])
     row("moderate load: readings given way/s", lambda n: "%.0f" % moderate[n]["dropped_s"])
-    row("moderate load: latency p50 / p99", lambda n: "%.1f / %.1f ms" % (moderate[n]["p50"], moderate[n]["p99"]))
-    row("moderate load: CPU per published change", lambda n: "%.2f us" % moderate[n]["cpu_us"])
+    row("moderate load: latency p50 / p99", lambda n: "%.2f / %.2f ms" % (moderate[n]["p50"], moderate[n]["p99"]))
+    row("moderate load: a reply's first value, p50 / p99",
+        lambda n: "%.2f / %.2f ms" % (moderate[n]["first_p50"], moderate[n]["first_p99"]))
+    row("moderate load: CPU per published change (the other threads)",
+        lambda n: "%.2f us (%.2f us)" % (moderate[n]["cpu_us"], moderate[n]["client_us"]))
     row("resident memory, values polled", lambda n: "%.1f MB" % moderate[n]["rss_mb"])
     row("resident memory, broker gone, held", lambda n: "%.1f MB (%d held)" % (moderate[n]["rss_full_mb"], moderate[n]["held"]))
-    print("Latency: receive time (ns) minus the payload's ts, which has whole milliseconds (truncated): "
-          "figures read up to 1 ms high.")
+    print("Latency: each register value's receive time at the subscriber minus the time the simulator wrote the "
+          "reply that carried it, both to the nanosecond on the system clock.")
     return 0
 
 

@@ -32,7 +32,7 @@ void PlainTopics::shapeSession(MqttSettings *s) const
 void PlainTopics::bind(Broker &broker)
 {
     mqtt_ = &broker.client();
-    // The sender thread makes the messages: it gets its own copy of the topics and types.
+    // The connection's thread makes the messages: it gets its own copy of the topics and types.
     std::vector<std::pair<std::string, ValueType>> values;
     values.reserve(model_.values().size());
     for (const ValueState &s : model_.values())

@@ -277,6 +277,7 @@ void Model::measurePace()
 
 void Model::tick()
 {
+    stampTaken_ = false;
     flushPending(); // what the driver showed between replies: a write taken into its cache
     heartbeats();
     measurePace();
@@ -294,7 +295,13 @@ void Model::valueRead(const Point &p, uint32_t value)
     s.value = value;
     s.good = true;
     s.error.clear();
-    s.ts = std::chrono::system_clock::now();
+    // The values of one reply come one after the other, between two turns of the loop:
+    // they were read at the same time, and the clock is asked once for all of them.
+    if (!stampTaken_) {
+        stamp_ = std::chrono::system_clock::now();
+        stampTaken_ = true;
+    }
+    s.ts = stamp_;
     changed(size_t(index), true);
 }
 
@@ -381,6 +388,11 @@ void Model::requestFailed(const FRAME_PRO &f, const Failure &failure)
         changed(index, false);
     }
     flushPending();
+}
+
+void Model::progress(const rtuhost::Stats &)
+{
+    stampTaken_ = false; // the next reply's values are read anew
 }
 
 void Model::exchanged(const FRAME_PRO &f, const rtuhost::Exchange &x)

@@ -142,6 +142,7 @@ public:
     void writeSettled(uint64_t id, const rtuhost::WriteRequest &write, rtuhost::WriteOutcome outcome,
                       const QString &detail) override;
     void exchanged(const FRAME_PRO &frame, const rtuhost::Exchange &exchange) override;
+    void progress(const rtuhost::Stats &stats) override;
 
 private:
     // A point changed: the values made of it are published, or, made of several, once
@@ -184,6 +185,8 @@ private:
     const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
     rtuhost::PollRate pace_{started_};
     double pollsPerSecond_ = 0;
+    SystemTime stamp_{}; // when the values reported since the last turn were read
+    bool stampTaken_ = false;
 };
 
 // "1/X/17" for a point.

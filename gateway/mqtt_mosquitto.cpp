@@ -12,7 +12,10 @@
 #include <cerrno>
 #include <mutex>
 #include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -33,6 +36,20 @@ constexpr auto kConnectTimeout = std::chrono::seconds(10);
 constexpr int kProbeTimeoutMs = 1500;
 constexpr int kSubscribeQos = 1;
 constexpr auto kStopPoll = std::chrono::milliseconds(1);
+// The connection's thread waits this long at most between its turns: the keepalive is
+// checked each turn, and a window that stays full is looked at again.
+constexpr int kIdleWaitMs = 1000;
+constexpr int kWindowFullWaitMs = 10;
+// With the window full the thread waits for a quarter of it to be acknowledged (a
+// PUBACK takes 4 or 5 bytes) rather than waking for each: a write request coming
+// meanwhile waits at most kWindowFullWaitMs.
+constexpr int kAckBytes = 4;
+constexpr int kAcksAtOnce = int(MqttSender::kMaxInflight / 4);
+// After the library refused a message (full, or closing), before it is tried again.
+constexpr int kRefusedWaitMs = 1;
+// Before the CONNACK the library carries the connection itself (the TLS handshake, the
+// broker's answer); this long per turn, woken at once by a disconnect.
+constexpr int kConnectingWaitMs = 100;
 // How long stopping waits for the network thread to end once told to: a thread still in
 // the TCP connect to an address that does not answer may take minutes, and is left to it.
 constexpr auto kNetworkEndWait = std::chrono::seconds(1);
@@ -144,9 +161,18 @@ struct MosquittoMqttClient::Impl {
     {
     }
 
+    ~Impl()
+    {
+        if (wakeFd >= 0)
+            close(wakeFd);
+    }
+
     const MqttSettings s;
     const std::string where; // HOST:PORT, for messages
     mosquitto *mosq = nullptr;
+    // Wakes the connection's thread from its wait: work from the poll loop, a
+    // subscription, a disconnect.
+    const int wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     std::atomic<bool> up{false};
     MqttSender sender;
     std::atomic<long> handed{0}; // handed to libmosquitto, not yet acknowledged
@@ -177,7 +203,13 @@ struct MosquittoMqttClient::Impl {
 
     bool create(std::string *error);
     void connect();
-    void run(); // the network thread
+    void run();   // the network thread
+    void carry(); // its turns once the broker accepted us
+    void wake()
+    {
+        const uint64_t one = 1;
+        static_cast<void>(write(wakeFd, &one, sizeof one));
+    }
     void subscribeAll();
     bool send(const Message &m);
     void event(MqttEvent e) { events.push_back(std::move(e)); } // under mu
@@ -214,7 +246,6 @@ bool MosquittoMqttClient::Impl::create(std::string *error)
     mosquitto_disconnect_v5_callback_set(mosq, onDisconnect);
     mosquitto_publish_v5_callback_set(mosq, onPublish);
     mosquitto_message_v5_callback_set(mosq, onMessage);
-    mosquitto_log_callback_set(mosq, onLog);
     if (!s.username.empty() &&
         mosquitto_username_pw_set(mosq, s.username.c_str(), s.password.empty() ? nullptr : s.password.c_str()) !=
             MOSQ_ERR_SUCCESS) {
@@ -238,6 +269,9 @@ bool MosquittoMqttClient::Impl::create(std::string *error)
 void MosquittoMqttClient::Impl::connect()
 {
     joinNetwork();
+    // The library's log tells why a TLS handshake failed; it is listened to until the
+    // broker accepts us, and no longer: it makes a line of every message sent.
+    mosquitto_log_callback_set(mosq, onLog);
     const Message will = willProvider ? willProvider() : s.will;
     if (will.topic.empty())
         mosquitto_will_clear(mosq);
@@ -276,9 +310,68 @@ void MosquittoMqttClient::Impl::run()
             std::lock_guard<std::mutex> lock(mu);
             handshake.serverHello = handshake.verified = handshake.connectSent = true;
         }
-        mosquitto_loop_forever(mosq, -1, 1);
+        // Until the CONNACK, or the end of the attempt.
+        while (!up && mosquitto_socket(mosq) != -1) {
+            const int rc = mosquitto_loop(mosq, kConnectingWaitMs, 1);
+            if (rc != MOSQ_ERR_SUCCESS && rc != MOSQ_ERR_NO_CONN && mosquitto_socket(mosq) != -1)
+                std::this_thread::sleep_for(std::chrono::milliseconds(kRefusedWaitMs));
+        }
+        if (mosquitto_socket(mosq) != -1)
+            carry();
     }
     networkDone = true;
+}
+
+// The connection's turns, on its own thread: hand the library what waits as far as the
+// window lets, have it written in one go, read what the broker sent (acknowledgements
+// by the dozen), keep the connection alive; then wait for the broker or for work. The
+// library's own loop wakes and writes once a message; this one once a batch.
+void MosquittoMqttClient::Impl::carry()
+{
+    const int sock = mosquitto_socket(mosq);
+    int lowWater = 1; // bytes that make the socket readable
+    const auto setLowWater = [&](int bytes) {
+        if (bytes != lowWater && setsockopt(sock, SOL_SOCKET, SO_RCVLOWAT, &bytes, sizeof bytes) == 0)
+            lowWater = bytes;
+    };
+    while (mosquitto_socket(mosq) == sock) {
+        const MqttSender::Round round = sender.handOver();
+        if (mosquitto_want_write(mosq)) {
+            // Corked, a batch leaves in as few TCP segments as it fills, and the broker
+            // wakes once for it rather than once a message.
+            const int cork = round.sent > 1 ? 1 : 0;
+            if (cork)
+                setsockopt(sock, IPPROTO_TCP, TCP_CORK, &cork, sizeof cork);
+            mosquitto_loop_write(mosq, 1);
+            if (cork && mosquitto_socket(mosq) == sock) {
+                const int uncork = 0;
+                setsockopt(sock, IPPROTO_TCP, TCP_CORK, &uncork, sizeof uncork);
+            }
+            if (mosquitto_socket(mosq) != sock)
+                break;
+        }
+        int waitMs = kIdleWaitMs;
+        if (round.refused)
+            waitMs = kRefusedWaitMs;
+        else if (round.full)
+            waitMs = kWindowFullWaitMs;
+        else if (round.more || !sender.waitForWork())
+            waitMs = 0; // the next batch, or more came meanwhile
+        setLowWater(round.full ? kAcksAtOnce * kAckBytes : 1);
+        pollfd p[2] = {{sock, short(POLLIN | (mosquitto_want_write(mosq) ? POLLOUT : 0)), 0}, {wakeFd, POLLIN, 0}};
+        if (poll(p, 2, waitMs) > 0) {
+            if (p[1].revents & POLLIN) {
+                uint64_t count;
+                static_cast<void>(read(wakeFd, &count, sizeof count));
+            }
+            if (p[0].revents & (POLLIN | POLLERR | POLLHUP))
+                mosquitto_loop_read(mosq, 1);
+            if (mosquitto_socket(mosq) == sock && (p[0].revents & POLLOUT))
+                mosquitto_loop_write(mosq, 1);
+        }
+        if (mosquitto_socket(mosq) == sock)
+            mosquitto_loop_misc(mosq); // the keepalive
+    }
 }
 
 void MosquittoMqttClient::Impl::joinNetwork()
@@ -292,6 +385,7 @@ bool MosquittoMqttClient::Impl::endNetwork()
     closing = true;
     up = false;
     mosquitto_disconnect(mosq);
+    wake(); // the DISCONNECT is written by the connection's thread
     for (const Clock::time_point end = Clock::now() + kNetworkEndWait; !networkDone && Clock::now() < end;)
         std::this_thread::sleep_for(kStopPoll);
     if (!networkDone)
@@ -349,7 +443,7 @@ void MosquittoMqttClient::Impl::subscribeAll()
     mosquitto_subscribe_multiple(mosq, nullptr, int(topics.size()), topics.data(), kSubscribeQos, 0, nullptr);
 }
 
-// Called by the sender thread, which counts the message in flight before.
+// Called by the connection's thread, which counts the message in flight before.
 bool MosquittoMqttClient::Impl::send(const Message &m)
 {
     mosquitto_property *props = nullptr;
@@ -379,6 +473,7 @@ void MosquittoMqttClient::Impl::onConnect(mosquitto *, void *context, int rc, in
         self->refusal = rc;
         return;
     }
+    mosquitto_log_callback_set(self->mosq, nullptr);
     uint16_t receiveMaximum = 0;
     mosquitto_property_read_int16(props, MQTT_PROP_RECEIVE_MAXIMUM, &receiveMaximum, false);
     // The birth goes ahead of everything: of what was held meanwhile, and of what the
@@ -399,7 +494,6 @@ void MosquittoMqttClient::Impl::onConnect(mosquitto *, void *context, int rc, in
     self->backoff = kFirstRetry;
     self->lastFailure.clear();
     self->event(MqttEvent{MqttEvent::Type::Connected, (flags & 1) != 0, {}});
-    self->sender.wake(); // what is held goes now
 }
 
 void MosquittoMqttClient::Impl::onDisconnect(mosquitto *mosq, void *context, int rc, const mosquitto_property *)
@@ -481,7 +575,6 @@ MosquittoMqttClient::MosquittoMqttClient(const MqttSettings &settings) : impl_(n
 MosquittoMqttClient::~MosquittoMqttClient()
 {
     Impl &d = *impl_;
-    d.sender.stop();
     if (d.mosq && !d.endNetwork()) {
         // Still in a TCP connect that may last minutes: the thread keeps what it uses,
         // and the process, which is ending, does not wait for it.
@@ -509,9 +602,12 @@ bool MosquittoMqttClient::start(std::string *error)
             }
         }
     }
+    if (d.wakeFd < 0) {
+        *error = "cannot make the broker client's wake-up: " + errnoText(errno);
+        return false;
+    }
     if (!d.create(error))
         return false;
-    d.sender.start();
     d.connect();
     return true;
 }
@@ -532,8 +628,10 @@ void MosquittoMqttClient::subscribe(const std::string &filter)
         std::lock_guard<std::mutex> lock(impl_->mu);
         impl_->filters.push_back(filter);
     }
-    if (impl_->up)
+    if (impl_->up) {
         mosquitto_subscribe_v5(impl_->mosq, nullptr, filter.c_str(), kSubscribeQos, 0, nullptr);
+        impl_->wake(); // written by the connection's thread
+    }
 }
 
 void MosquittoMqttClient::publish(Message m, Outbox::Kind kind)
@@ -551,7 +649,8 @@ void MosquittoMqttClient::pump()
     Impl &d = *impl_;
     if (!d.mosq)
         return;
-    d.sender.flush();
+    if (d.sender.flush())
+        d.wake();
     if (d.up)
         return;
     bool due, late;
@@ -618,7 +717,6 @@ void MosquittoMqttClient::stop(const std::vector<Message> &last, std::chrono::mi
     if (!d.mosq)
         return;
     disconnect(last, timeout);
-    d.sender.stop();
 }
 
 void MosquittoMqttClient::disconnect(const std::vector<Message> &last, std::chrono::milliseconds timeout)
@@ -630,6 +728,7 @@ void MosquittoMqttClient::disconnect(const std::vector<Message> &last, std::chro
         for (const Message &m : last)
             publish(m, Outbox::Kind::Event);
         d.sender.flush();
+        d.wake();
         while (d.up && !d.sender.idle() && Clock::now() < deadline)
             std::this_thread::sleep_for(kStopPoll);
     }

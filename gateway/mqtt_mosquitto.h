@@ -1,8 +1,8 @@
 // The broker client on libmosquitto (MQTT 5). Each connection runs on a network thread
-// of the client's own, which makes the connection (TCP, TLS) and then carries it until
-// it ends; the sender thread hands queued messages to libmosquitto as fast as the broker
-// takes them. The network thread only fills the queues that takeIncoming() and
-// takeEvents() empty.
+// of the client's own, which makes the connection (TCP, TLS), then carries it until it
+// ends: it hands queued messages to libmosquitto as fast as the broker takes them, many
+// at a time, and reads the broker's answers. The network thread only fills the queues
+// that takeIncoming() and takeEvents() empty.
 #ifndef RTUPLC_GATEWAY_MQTT_MOSQUITTO_H
 #define RTUPLC_GATEWAY_MQTT_MOSQUITTO_H
 

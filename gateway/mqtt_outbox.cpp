@@ -50,9 +50,18 @@ void Outbox::push(ValueUpdate v, bool conflate)
         values_.resize(size_t(v.key) + 1);
     TopicState &topic = values_[v.key];
     if (conflate && topic.held > 0) {
-        Entry &previous = at(topic.latest);
-        if (previous.replaceable)
-            drop(previous); // not pointed at by anything that outlives it: its topic is still held
+        Entry &waiting = at(topic.latest);
+        if (waiting.replaceable) {
+            // The newer reading takes the waiting one's place in the line: a value that
+            // changes at every read is still sent in its turn, never pushed back for ever.
+            waiting.value = v.value;
+            waiting.ms = v.ms;
+            waiting.known = v.known;
+            waiting.good = v.good;
+            waiting.payload = std::move(v.error);
+            ++dropped_;
+            return;
+        }
     }
     replace(topic, seq);
     Entry e;

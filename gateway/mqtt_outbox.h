@@ -55,9 +55,10 @@ public:
     // latest message of each topic and every event are kept even past the capacity.
     void push(Message m, Kind kind);
     // With `conflate`, a reading of the same value that came in with `conflate` too and is
-    // still waiting goes at once: while the broker is there but slower than the line,
-    // it gets each value's latest reading rather than a backlog of stale ones. Readings
-    // held while it was away are kept in order, dropped only when over capacity.
+    // still waiting gives way at once, the newer taking its place in the line: while the
+    // broker is there but slower than the line, it gets each value's latest reading
+    // rather than a backlog of stale ones. Readings held while it was away are kept in
+    // order, dropped only when over capacity.
     void push(ValueUpdate v, bool conflate = false);
 
     // What take() hands out: a message, or a value still to be formatted (by open(),

@@ -18,14 +18,10 @@ constexpr long kNoReceiveMaximum = 65535; // the broker did not say: MQTT's defa
 // A completion the library never reports must not stop the flow for ever: after this
 // long with the window full, the connection's own count is taken instead.
 constexpr auto kWindowResync = std::chrono::seconds(1);
-// Held messages the sender takes out of the outbox at once: the poll loop waits for
-// the outbox's lock no longer than this many take a moment.
-constexpr long kSendBatch = 64;
-// How long the sender sleeps when nothing wakes it: it is woken when the loop hands
-// over messages and when the broker connects; an acknowledgement that frees room in a
-// full window may come unannounced, and is noticed this soon.
-constexpr auto kSenderNap = std::chrono::milliseconds(50);
-constexpr auto kWindowNap = std::chrono::milliseconds(1);
+// Messages handed to the library at a time, then written: the poll loop waits for the
+// outbox's lock no longer than this many take a moment, and the broker starts on the
+// first of a reply's values while the next are made.
+constexpr long kSendBatch = 32;
 // Messages waiting, with the broker there, before a waiting reading gives way to the
 // same value's next one: eight full replies' values go out whole, a tenth of a second
 // of what a broker on the same machine takes. Behind by more, every value's latest
@@ -37,27 +33,6 @@ constexpr size_t kWholeBurst = 1000;
 MqttSender::MqttSender(size_t capacity, const std::atomic<bool> &brokerUp, Send send, Pending pending)
     : up_(brokerUp), send_(std::move(send)), pending_(std::move(pending)), outbox_(capacity)
 {
-}
-
-MqttSender::~MqttSender()
-{
-    stop();
-}
-
-void MqttSender::start()
-{
-    thread_ = std::thread([this] { loop(); });
-}
-
-void MqttSender::stop()
-{
-    {
-        std::lock_guard<std::mutex> lock(mu_);
-        quit_ = true;
-    }
-    cv_.notify_one();
-    if (thread_.joinable())
-        thread_.join();
 }
 
 void MqttSender::setFormatter(ValueFormatter formatter)
@@ -76,10 +51,10 @@ void MqttSender::publishValue(ValueUpdate v)
     stagedValues_.push_back(std::move(v));
 }
 
-void MqttSender::flush()
+bool MqttSender::flush()
 {
     if (stagedValues_.empty() && stagedMessages_.empty())
-        return;
+        return false;
     {
         std::lock_guard<std::mutex> lock(mu_);
         // A broker that is there but has fallen behind the line by more than a burst
@@ -98,7 +73,7 @@ void MqttSender::flush()
     }
     stagedValues_.clear();
     stagedMessages_.clear();
-    cv_.notify_one();
+    return waiting_.exchange(false);
 }
 
 void MqttSender::connected(long receiveMaximum, const Message &birth)
@@ -118,9 +93,7 @@ void MqttSender::connected(long receiveMaximum, const Message &birth)
 
 void MqttSender::done(bool delivered)
 {
-    // No lock here: the library may hold its own while it tells us, and the sender calls it.
-    if (inFlight_.fetch_sub(1) >= window_.load())
-        cv_.notify_one();
+    inFlight_.fetch_sub(1);
     if (delivered)
         published_.fetch_add(1, std::memory_order_relaxed);
 }
@@ -143,53 +116,63 @@ uint64_t MqttSender::dropped()
     return outbox_.dropped();
 }
 
-void MqttSender::loop()
+MqttSender::Round MqttSender::handOver()
 {
-    std::vector<Outbox::Held> taken;
-    std::vector<Message> batch;
-    std::unique_lock<std::mutex> lock(mu_);
-    while (!quit_) {
-        if (!up_ || (unsent_.empty() && outbox_.size() == 0)) {
-            cv_.wait_for(lock, kSenderNap);
-            continue;
-        }
-        // The library is called without our lock: its callbacks run under its own.
-        lock.unlock();
+    Round r;
+    waiting_.store(false);
+    if (up_.load()) {
         const long room = roomInLibrary() ? std::min(window_.load() - inFlight_.load(), kSendBatch) : 0;
-        lock.lock();
         if (room <= 0) {
-            cv_.wait_for(lock, kWindowNap);
-            continue;
+            r.full = true;
+            return r;
         }
-        for (; long(batch.size()) < room && !unsent_.empty(); unsent_.pop_front())
-            batch.push_back(std::move(unsent_.front()));
-        while (long(batch.size() + taken.size()) < room) {
-            std::optional<Outbox::Held> h = outbox_.take();
-            if (!h)
-                break;
-            taken.push_back(std::move(*h));
+        {
+            std::lock_guard<std::mutex> lock(mu_);
+            for (; long(batch_.size()) < room && !unsent_.empty(); unsent_.pop_front())
+                batch_.push_back(std::move(unsent_.front()));
+            while (long(batch_.size() + taken_.size()) < room) {
+                std::optional<Outbox::Held> h = outbox_.take();
+                if (!h)
+                    break;
+                taken_.push_back(std::move(*h));
+            }
         }
-        lock.unlock();
-        for (Outbox::Held &h : taken)
-            batch.push_back(outbox_.open(std::move(h)));
-        taken.clear();
+        if (batch_.empty() && taken_.empty())
+            return r;
+        // Made into messages without the lock: the poll loop may hand over meanwhile.
+        for (Outbox::Held &h : taken_)
+            batch_.push_back(outbox_.open(std::move(h)));
+        taken_.clear();
         size_t sent = 0;
-        for (; sent < batch.size(); ++sent) {
+        for (; sent < batch_.size(); ++sent) {
             inFlight_.fetch_add(1);
-            if (!send_(batch[sent])) {
+            if (!send_(batch_[sent])) {
                 inFlight_.fetch_sub(1);
                 break;
             }
         }
-        lock.lock();
-        const bool refused = sent < batch.size();
-        // Refused by the library (full, or closing): they go first next time, in their order.
-        for (size_t i = batch.size(); i-- > sent;)
-            unsent_.push_front(std::move(batch[i]));
-        batch.clear();
-        if (refused)
-            cv_.wait_for(lock, kWindowNap);
+        r.sent += sent;
+        if (sent < batch_.size()) {
+            // Refused by the library (full, or closing): they go first next time, in their order.
+            std::lock_guard<std::mutex> lock(mu_);
+            for (size_t i = batch_.size(); i-- > sent;)
+                unsent_.push_front(std::move(batch_[i]));
+            batch_.clear();
+            r.refused = true;
+            return r;
+        }
+        r.more = long(sent) == room;
+        batch_.clear();
     }
+    return r;
+}
+
+bool MqttSender::waitForWork()
+{
+    std::lock_guard<std::mutex> lock(mu_);
+    const bool nothing = unsent_.empty() && outbox_.size() == 0;
+    waiting_.store(nothing);
+    return nothing;
 }
 
 bool MqttSender::roomInLibrary()

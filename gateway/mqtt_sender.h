@@ -1,8 +1,7 @@
-// The broker client's sender thread: it hands the outbox's messages to the library as
-// fast as the broker takes them, so that the poll loop never waits for the library,
-// whose every hand-over takes the locks its network thread holds while it reads and writes.
-// The poll loop stages what it publishes and hands it over once a turn; the connection
-// tells the sender when the broker is there and how many messages it lets fly.
+// What the broker client has to send, and how much of it may fly: the poll loop stages
+// what it publishes and hands it over once a turn; the connection's own thread takes it
+// from here as fast as the broker acknowledges, in batches, so that the poll loop never
+// waits for the library and the library writes many messages at once.
 #ifndef RTUPLC_GATEWAY_MQTT_SENDER_H
 #define RTUPLC_GATEWAY_MQTT_SENDER_H
 
@@ -10,12 +9,10 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <mutex>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -36,24 +33,33 @@ public:
 
     // `brokerUp` is the connection's: whether the broker is there now.
     MqttSender(size_t capacity, const std::atomic<bool> &brokerUp, Send send, Pending pending);
-    ~MqttSender();
     MqttSender(const MqttSender &) = delete;
     MqttSender &operator=(const MqttSender &) = delete;
 
-    void start();
-    void stop(); // returns once the thread has ended
     void setFormatter(ValueFormatter formatter);
 
-    // The poll loop's side: staged in order, handed over by flush().
+    // The poll loop's side: staged in order, handed over by flush(), which says whether
+    // the connection's thread waits for work and must be woken.
     void publish(Message m, Outbox::Kind kind);
     void publishValue(ValueUpdate v);
-    void flush();
+    bool flush();
 
     // The connection's side. A new connection: `receiveMaximum` is what the broker
     // grants (0: it did not say), `birth` goes ahead of everything held (none when its
-    // topic is empty). The sender starts when woken after the broker is up.
+    // topic is empty).
     void connected(long receiveMaximum, const Message &birth);
-    void wake() { cv_.notify_one(); }
+    // Hands the library the next batch of what waits, in order, as far as the window
+    // lets; what it handed.
+    struct Round {
+        size_t sent = 0;
+        bool more = false;    // a whole batch went: more may wait
+        bool full = false;    // the window is full: wait for acknowledgements
+        bool refused = false; // the library took no more: try again shortly
+    };
+    Round handOver();
+    // Before the connection's thread waits: true when nothing waits, and the next
+    // flush() then asks for it to be woken.
+    bool waitForWork();
     // A message the connection handed over itself, counted in flight like the sender's.
     void handedOver() { inFlight_.fetch_add(1); }
     // A message handed over is done with: acknowledged (`delivered`) or given up.
@@ -66,7 +72,6 @@ public:
     uint64_t dropped();
 
 private:
-    void loop();
     bool roomInLibrary();
 
     const std::atomic<bool> &up_;
@@ -79,18 +84,20 @@ private:
     std::vector<ValueUpdate> stagedValues_;
     std::vector<std::pair<size_t, std::pair<Message, Outbox::Kind>>> stagedMessages_;
 
-    // The loop meets the sender here.
+    // The loop meets the connection's thread here.
     std::mutex mu_;
-    std::condition_variable cv_;
-    Outbox outbox_;              // under mu_
-    std::deque<Message> unsent_; // taken from the outbox but refused by the library: go first; under mu_
-    bool quit_ = false;          // under mu_
-    std::thread thread_;
+    Outbox outbox_;                    // under mu_
+    std::deque<Message> unsent_;       // taken from the outbox but refused by the library: go first; under mu_
+    std::atomic<bool> waiting_{false}; // the connection's thread waits for work
+
+    // The connection's thread's own.
+    std::vector<Outbox::Held> taken_;
+    std::vector<Message> batch_;
+    std::chrono::steady_clock::time_point windowFullSince_{};
 
     std::atomic<uint64_t> published_{0}; // acknowledged by the broker (QoS 1) or written (QoS 0)
     std::atomic<long> inFlight_{0};      // handed over, not yet acknowledged or written
     std::atomic<long> window_{kMaxInflight};
-    std::chrono::steady_clock::time_point windowFullSince_{}; // the sender thread's
 };
 
 } // namespace rtugw

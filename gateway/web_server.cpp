@@ -22,6 +22,9 @@ constexpr std::chrono::milliseconds kEventInterval{100};
 constexpr std::chrono::milliseconds kKeepAlive{15000};
 // The line's figures are copied for the page a few times a second, not every exchange.
 constexpr std::chrono::milliseconds kFiguresInterval{250};
+// The values changed since are copied for the pages as often as the pages are told: a
+// line polled as fast as it answers changes every value many times in between.
+constexpr std::chrono::milliseconds kValuesInterval = kEventInterval;
 // A write waits behind the exchange in progress and its retries; past this, the
 // request is answered with a time-out (the write may still land).
 constexpr std::chrono::seconds kWriteTimeout{10};
@@ -254,10 +257,13 @@ void WebPage::copyFigures()
 
 void WebPage::tick()
 {
-    state_.flush();
+    const auto now = std::chrono::steady_clock::now();
+    if (now - lastValues_ >= kValuesInterval) {
+        lastValues_ = now;
+        state_.flush();
+    }
     takeWrites();
     observeCycles();
-    const auto now = std::chrono::steady_clock::now();
     if (now - lastFigures_ >= kFiguresInterval) {
         lastFigures_ = now;
         copyFigures();

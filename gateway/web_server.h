@@ -49,6 +49,7 @@ private:
     std::thread thread_;
     std::atomic<bool> stopping_{false};
     std::chrono::steady_clock::time_point lastFigures_{};
+    std::chrono::steady_clock::time_point lastValues_{};
     uint64_t finishedSeen_ = 0;
     std::chrono::microseconds cycleSeen_{0};
     CycleHistogram cycle_;

@@ -72,9 +72,11 @@ bool isWriteFrame(const FRAME_PRO &f)
     return f.frameLen > 1 && rtuplc::isWriteFunction(f.frame[1]);
 }
 
+// What comes before the first '_' ("D" of "D_W"), or the whole name; asked at every poll.
 QString prefixOf(const QString &regName)
 {
-    return regName.section('_', 0, 0);
+    const int underscore = regName.indexOf(QLatin1Char('_'));
+    return underscore < 0 ? regName : regName.left(underscore);
 }
 
 } // namespace
@@ -178,6 +180,8 @@ void Host::monitor(const std::vector<Item> &items)
             points_.push_back(p);
         }
     }
+    areaPointsStale_ = true;
+    unitOrderStale_ = true;
 }
 
 long Host::pointIndex(int station, const QString &area, int address) const
@@ -192,19 +196,40 @@ Host::Block &Host::block(const FRAME_PRO &f)
     const auto found = blockIndex_.find(key);
     if (found != blockIndex_.end())
         return found->second;
-    // Blocks are few and fixed once planned: each is resolved once.
+    // Blocks are few and fixed once planned: each is resolved once, from the points of
+    // its station's area in the order of their units, not from all of them.
     Block &b = blockIndex_[key];
-    const QString prefix = prefixOf(f.regName);
-    for (size_t i = 0; i < points_.size(); ++i) {
-        const Point &p = points_[i];
-        if (p.station != f.station || p.area->cachePrefix() != prefix)
-            continue;
-        const int64_t first = p.firstUnit(), end = first + p.units();
-        if (end > f.startAddr && first < int64_t(f.startAddr) + f.len)
-            b.touching.push_back(i);
-        if (covers(f, p))
-            b.in.push_back(i);
+    if (unitOrderStale_) {
+        unitOrder_.clear();
+        widest_ = 1;
+        for (size_t i = 0; i < points_.size(); ++i) {
+            unitOrder_[{points_[i].station, points_[i].area->cachePrefix()}].push_back(i);
+            widest_ = std::max(widest_, points_[i].units());
+        }
+        for (auto &[area, order] : unitOrder_)
+            std::stable_sort(order.begin(), order.end(),
+                             [this](size_t x, size_t y) { return points_[x].firstUnit() < points_[y].firstUnit(); });
+        unitOrderStale_ = false;
     }
+    const auto area = unitOrder_.find({f.station, std::get<1>(key)});
+    if (area == unitOrder_.end())
+        return b;
+    const std::vector<size_t> &order = area->second;
+    const int64_t start = f.startAddr, stop = start + f.len;
+    // A point that starts before the block may still reach into it.
+    auto at = std::lower_bound(order.begin(), order.end(), start - widest_ + 1,
+                               [this](size_t i, int64_t unit) { return points_[i].firstUnit() < unit; });
+    for (; at != order.end() && points_[*at].firstUnit() < stop; ++at) {
+        const Point &p = points_[*at];
+        const int64_t first = p.firstUnit(), end = first + p.units();
+        if (end > start)
+            b.touching.push_back(*at);
+        if (first >= start && end <= stop) // covers(f, p)
+            b.in.push_back(*at);
+    }
+    // In the order of the points, as the events report them.
+    std::sort(b.touching.begin(), b.touching.end());
+    std::sort(b.in.begin(), b.in.end());
     return b;
 }
 
@@ -331,11 +356,70 @@ void Host::changed(int station, const QString &item, int addr)
             filledWords_.insert(addr);
         return;
     }
-    const auto found = pointIndex_.find(PointKey{station, item, addr});
-    if (found == pointIndex_.end())
+    if (areaPointsStale_) {
+        indexAreas();
+        lastArea_ = nullptr;
+        areaPointsStale_ = false;
+    }
+    if (lastArea_ == nullptr || lastArea_->first.first != station || lastArea_->first.second != item) {
+        const auto area = areaPoints_.find({station, item});
+        if (area == areaPoints_.end())
+            return;
+        lastArea_ = &*area;
+    }
+    const long found = lastArea_->second.find(addr);
+    if (found < 0)
         return;
     // Shown once the exchange is over; a value we wrote only once a read brings it.
-    (inWrite_ ? written_ : dirty_).insert(found->second);
+    if (inWrite_)
+        written_.insert(size_t(found));
+    else
+        markDirty(size_t(found));
+}
+
+void Host::indexAreas()
+{
+    // A table by address when the area's points are close together (a range), a hash
+    // when they are few and far apart: a table for one point at 0 and one at 60000
+    // would hold 60,000 cells for two.
+    constexpr size_t kSpreadAllowed = 4, kSmallSpan = 1024;
+    std::map<std::pair<int, QString>, std::vector<std::pair<int, size_t>>> byArea;
+    for (const auto &[key, index] : pointIndex_) // addresses in order within an area
+        byArea[{std::get<0>(key), std::get<1>(key)}].emplace_back(std::get<2>(key), index);
+    areaPoints_.clear();
+    for (const auto &[area, points] : byArea) {
+        AreaPoints &a = areaPoints_[area];
+        a.first = points.front().first;
+        const size_t span = size_t(int64_t(points.back().first) - a.first + 1);
+        if (span <= kSpreadAllowed * points.size() + kSmallSpan) {
+            a.dense.assign(span, -1);
+            for (const auto &[address, index] : points)
+                a.dense[size_t(address - a.first)] = int32_t(index);
+        } else {
+            for (const auto &[address, index] : points)
+                a.sparse[address] = index;
+        }
+    }
+}
+
+long Host::AreaPoints::find(int address) const
+{
+    if (!dense.empty()) {
+        const int64_t at = int64_t(address) - first;
+        return at >= 0 && at < int64_t(dense.size()) ? dense[size_t(at)] : -1;
+    }
+    const auto found = sparse.find(address);
+    return found == sparse.end() ? -1 : long(found->second);
+}
+
+void Host::markDirty(size_t point)
+{
+    if (dirtyMark_.size() <= point)
+        dirtyMark_.resize(points_.size());
+    if (dirtyMark_[point])
+        return;
+    dirtyMark_[point] = true;
+    dirty_.push_back(point);
 }
 
 bool Host::run(const std::atomic<bool> &stop)
@@ -373,6 +457,8 @@ void Host::start()
         if (writes_[i].state == PendingWrite::State::Queued)
             issue(writes_[i]);
     }
+    for (const size_t i : dirty_)
+        dirtyMark_[i] = false;
     dirty_.clear(); // a written value shows once the controller has it
     startedAt_ = Clock::now();
 }
@@ -761,7 +847,8 @@ void Host::afterRead(const FRAME_PRO &f)
     // The driver reports changes of what it monitors; a slow item's values, read once,
     // are compared here.
     if (f.reqKind == RTUPLC_KIND_CONDITION_READ)
-        dirty_.insert(b.touching.begin(), b.touching.end());
+        for (const size_t i : b.touching)
+            markDirty(i);
     if (!b.read) {
         // The first read of a block completes the values in it; one that spans two
         // blocks is complete once both were read.
@@ -772,7 +859,7 @@ void Host::afterRead(const FRAME_PRO &f)
         for (size_t i : b.touching) {
             if (!complete_[i] && complete(points_[i])) {
                 complete_[i] = true;
-                dirty_.insert(i); // first sight of the value
+                markDirty(i); // first sight of the value
             }
         }
     }
@@ -783,7 +870,7 @@ void Host::afterRead(const FRAME_PRO &f)
         for (const QueuedWrite &q : driverQueue_)
             queued = queued || (q.station == p.station && q.area == p.area->name && q.address == p.address);
         if (!queued && covers(f, p)) {
-            dirty_.insert(*it);
+            markDirty(*it);
             it = written_.erase(it);
         } else {
             ++it;
@@ -828,22 +915,36 @@ void Host::afterWrite(const FRAME_PRO &f, bool ok, const QString &why)
 
 void Host::showDirty()
 {
-    if (settings_.once) {
-        dirty_.clear(); // everything is reported once at the end
-        return;
+    // In the order of the points, as the driver mostly reports them already.
+    reporting_.swap(dirty_);
+    for (const size_t i : reporting_)
+        dirtyMark_[i] = false;
+    if (!std::is_sorted(reporting_.begin(), reporting_.end()))
+        std::sort(reporting_.begin(), reporting_.end());
+    if (settings_.once)
+        reporting_.clear(); // everything is reported once at the end
+    // A run of points side by side (a reply's, mostly) is read from the driver at once.
+    values_.resize(reporting_.size());
+    for (size_t run = 0; run < reporting_.size();) {
+        size_t end = run + 1;
+        while (end < reporting_.size() && reporting_[end] == reporting_[end - 1] + 1 &&
+               sideBySide(points_[reporting_[end - 1]], points_[reporting_[end]]))
+            ++end;
+        readValues(api_, &points_[reporting_[run]], end - run, &values_[run]);
+        run = end;
     }
-    for (size_t i : dirty_) {
-        const Point &p = points_[i];
+    for (size_t k = 0; k < reporting_.size(); ++k) {
+        const size_t i = reporting_[k];
         if (!complete_[i] || written_.count(i))
             continue; // reported when its first read arrives
-        const uint32_t v = readValue(api_, p);
+        const uint32_t v = values_[k];
         if (reported_[i] && shown_[i] == v)
             continue;
         reported_[i] = true;
         shown_[i] = v;
-        events_.valueRead(p, v);
+        events_.valueRead(points_[i], v);
     }
-    dirty_.clear();
+    reporting_.clear();
 }
 
 QString Host::blockOf(const FRAME_PRO &f, const QString &driverText) const

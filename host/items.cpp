@@ -428,17 +428,54 @@ bool parseWrite(const QString &text, int defaultStation, const Catalogue &catalo
     return true;
 }
 
+namespace {
+
+// A value from what intf_getData gives for it: a byte per bit, two bytes (low first) per
+// 16-bit word.
+uint32_t decodeValue(const Area &area, const unsigned char *bytes)
+{
+    if (area.isBit())
+        return bytes[0] ? 1 : 0;
+    uint32_t v = 0;
+    for (int i = 0; i < 2 * area.countPerValue(); ++i)
+        v |= uint32_t(bytes[i]) << (8 * i);
+    return v;
+}
+
+int bytesPerValue(const Area &area)
+{
+    return area.isBit() ? 1 : 2 * area.countPerValue();
+}
+
+} // namespace
+
 uint32_t readValue(const DriverApi &api, const Point &p)
 {
     unsigned char out[4] = {};
-    const int count = p.area->countPerValue();
-    api.getData(p.station, p.area->name, p.address, count, out);
-    if (p.area->isBit())
-        return out[0] ? 1 : 0;
-    uint32_t v = 0;
-    for (int i = 0; i < 2 * count; ++i)
-        v |= uint32_t(out[i]) << (8 * i);
-    return v;
+    api.getData(p.station, p.area->name, p.address, p.area->countPerValue(), out);
+    return decodeValue(*p.area, out);
+}
+
+bool sideBySide(const Point &point, const Point &next)
+{
+    return next.station == point.station && next.area == point.area &&
+           next.address == point.address + point.area->step();
+}
+
+void readValues(const DriverApi &api, const Point *points, size_t n, uint32_t *out)
+{
+    // A reply's worth at a time: a driver call a value costs more than the copying.
+    constexpr size_t kValuesAtOnce = 128;
+    unsigned char bytes[kValuesAtOnce * 4] = {};
+    for (size_t done = 0; done < n;) {
+        const Point &first = points[done];
+        const size_t take = std::min(n - done, kValuesAtOnce);
+        const int width = bytesPerValue(*first.area);
+        api.getData(first.station, first.area->name, first.address, int(take) * first.area->countPerValue(), bytes);
+        for (size_t i = 0; i < take; ++i)
+            out[done + i] = decodeValue(*first.area, bytes + i * size_t(width));
+        done += take;
+    }
 }
 
 } // namespace rtuhost

@@ -66,6 +66,11 @@ bool answerFrames(Simulator::Impl &sim, RtuFramer &framer, int fd)
             if (!writeAll(fd, piece.bytes.data(), piece.bytes.size(), kWriteTimeout))
                 return false;
         }
+        if (!answer->pieces.empty()) {
+            std::lock_guard<std::mutex> lock(sim.logMutex);
+            if (sim.replySent)
+                sim.replySent(*frame, answer->pieces.back().bytes);
+        }
         ++sim.counters.replies;
     }
     return true;

@@ -414,6 +414,12 @@ void Simulator::setLog(std::function<void(const std::string &)> log)
     impl_->log = std::move(log);
 }
 
+void Simulator::setReplySent(ReplySent hook)
+{
+    std::lock_guard<std::mutex> lock(impl_->logMutex);
+    impl_->replySent = std::move(hook);
+}
+
 int Simulator::tcpPort() const
 {
     std::lock_guard<std::mutex> lock(impl_->endpointMutex);

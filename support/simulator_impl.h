@@ -59,6 +59,7 @@ struct Simulator::Impl {
 
     std::mutex logMutex;
     std::function<void(const std::string &)> log;
+    Simulator::ReplySent replySent; // under logMutex
 
     AtomicCounters counters;
     std::atomic<bool> animate{false};

@@ -56,7 +56,7 @@ const Scenario kScenarios[] = {
     {"a reading replaced longest ago goes first", 3, "#1=1 #1=2 #2=1 #2=2 a=1", "#1=2 #2=2 a=1", 2},
     {"the latest reading of each value is kept past the capacity", 1, "#1=1 #2=1 #1=2 #2=2", "#1=2 #2=2", 2},
     {"a value sent in full starts afresh", 1, "#1=1 < #1=2 #1=3", "#1=1 #1=3", 1},
-    {"with the broker there a waiting reading gives way", 10, "~#1=1 ~#2=1 ~#1=2", "#2=1 #1=2", 1},
+    {"with the broker there a waiting reading gives way to the next in its place", 10, "~#1=1 ~#2=1 ~#1=2", "#1=2 #2=1", 1},
     {"readings held while it was away are not given way", 10, "#1=1 ~#1=2 ~#1=3", "#1=1 #1=3", 1},
     {"a reading already sent is not given way", 10, "~#1=1 < ~#1=2", "#1=1 #1=2", 0},
     // clang-format on

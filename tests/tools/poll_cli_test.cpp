@@ -6,6 +6,8 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <set>
+#include <sstream>
 
 #include "poll_process.h"
 #include "rtuplc_support/memory.h"
@@ -81,7 +83,8 @@ std::string after(const std::string &line, const std::string &prefix)
 
 TEST(SimProgram, ServesTheHostOverTcpAndAPtyUntilStopped)
 {
-    tooltest::Child sim({RTUPLC_SIM, "--tcp", "127.0.0.1:0", "--pty", "--station", "1,2"});
+    const std::string replies = tooltest::writeFile("replies.txt", "");
+    tooltest::Child sim({RTUPLC_SIM, "--tcp", "127.0.0.1:0", "--pty", "--station", "1,2", "--reply-times", replies});
     const std::string tcp = after(sim.lineContaining("rtuplc-sim: serving tcp "), "rtuplc-sim: serving tcp ");
     const std::string pty = after(sim.lineContaining("rtuplc-sim: serving pty "), "rtuplc-sim: serving pty ");
     ASSERT_FALSE(tcp.empty());
@@ -123,6 +126,18 @@ TEST(SimProgram, ServesTheHostOverTcpAndAPtyUntilStopped)
     const tooltest::Run end = sim.wait();
     EXPECT_EQ(end.exitCode, 0);
     EXPECT_NE(end.err.find("2 writes"), std::string::npos) << end.err;
+
+    // Each read answered, with what names the reply a value came in (the benchmark's
+    // clock of a reply): station, function, first address, count, first value.
+    const std::string times = tooltest::readFile(replies);
+    std::set<std::string> reads; // "STATION FUNCTION FIRST COUNT VALUE", the time left out
+    std::istringstream lines(times);
+    for (std::string line; std::getline(lines, line);)
+        reads.insert(line.substr(line.find(' ') + 1));
+    // The writes of Y:6 and D_W:50 are no reads; the reads that confirm them are.
+    for (const char *read : {"1 3 100 2 100", "2 3 7 1 1007", "1 1 1200 8 0", "1 1 6 1 1", "1 3 50 1 5"})
+        EXPECT_EQ(reads.count(read), 1u) << read << " in:\n" << times;
+    EXPECT_EQ(reads.size(), 5u) << times;
 }
 
 TEST(PollBuiltIn, RunsAgainstItsOwnSimulatorUntilCtrlC)

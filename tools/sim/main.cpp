@@ -90,6 +90,11 @@ Output:
   --dump                print the memory that differs from the fill when stopping
                         (SIGUSR1 prints it at any time)
   --verbose             print every frame received and sent
+  --reply-times FILE    write a line to FILE for every read answered, as its last
+                        byte goes: the time (seconds since the epoch, to the
+                        nanosecond), station, function, first address, count and
+                        the first value read; for benchmarks that time what a host
+                        does with a reply
   --version             print the version and exit
   --help
 
@@ -159,6 +164,7 @@ struct Options {
     bool dump = false;
     bool verbose = false;
     bool control = false;
+    std::string replyTimes;
 };
 
 // Returns -1 when parsing went through, else the exit code.
@@ -268,6 +274,9 @@ int parse(int argc, char **argv, Options &o)
             o.dump = true;
         } else if (a == "--verbose") {
             o.verbose = true;
+        } else if (a == "--reply-times") {
+            if (!value(&o.replyTimes))
+                return usageError("--reply-times needs a file");
         } else {
             return usageError("unknown option \"" + a + "\"");
         }
@@ -388,6 +397,53 @@ void controlLoop(ControlGate *gate)
     ::kill(::getpid(), SIGTERM);
 }
 
+// --reply-times: one line per read answered. Written in large pieces, but never more
+// than a tenth of a second behind, so that a benchmark reads a run's replies soon after.
+class ReplyTimes {
+public:
+    bool open(const std::string &path)
+    {
+        file_ = std::fopen(path.c_str(), "w");
+        if (file_ != nullptr)
+            std::setvbuf(file_, nullptr, _IOFBF, kBuffer);
+        return file_ != nullptr;
+    }
+    ~ReplyTimes()
+    {
+        if (file_ != nullptr)
+            std::fclose(file_);
+    }
+    // Under the simulator's lock: one endpoint at a time.
+    void sent(const std::vector<uint8_t> &request, const std::vector<uint8_t> &reply)
+    {
+        constexpr size_t kReadReplyHeader = 3; // station, function, byte count
+        constexpr long kNsPerSecond = 1000000000;
+        const uint8_t function = reply.size() > 1 ? reply[1] : 0;
+        if ((function != kReadCoils && function != kReadRegisters) || request.size() < 6 ||
+            reply.size() < kReadReplyHeader + 2)
+            return; // a write, or an exception
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        const unsigned first = unsigned(request[2] << 8 | request[3]), count = unsigned(request[4] << 8 | request[5]);
+        const unsigned value = function == kReadCoils ? reply[kReadReplyHeader] & 1U
+                                                      : unsigned(reply[kReadReplyHeader] << 8 | reply[4]);
+        std::fprintf(file_, "%lld.%09ld %u %u %u %u %u\n", (long long)now.tv_sec, now.tv_nsec, unsigned(reply[0]),
+                     unsigned(function), first, count, value);
+        const long ns = now.tv_sec % 1000 * kNsPerSecond + now.tv_nsec;
+        if (ns - flushed_ >= kFlushEveryNs || ns < flushed_) {
+            std::fflush(file_);
+            flushed_ = ns;
+        }
+    }
+
+private:
+    static constexpr uint8_t kReadCoils = 0x01, kReadRegisters = 0x03;
+    static constexpr size_t kBuffer = 1 << 20;
+    static constexpr long kFlushEveryNs = 100000000;
+    std::FILE *file_ = nullptr;
+    long flushed_ = 0;
+};
+
 void printCounters(const rtusupport::Counters &c)
 {
     std::ostringstream text;
@@ -415,6 +471,7 @@ int main(int argc, char **argv)
         sigaddset(&signals, s);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
+    ReplyTimes replyTimes; // outlives the simulator's threads, which write to it
     rtusupport::Simulator sim;
     try {
         sim.setStations(o.stations);
@@ -434,6 +491,13 @@ int main(int argc, char **argv)
         sim.setSeed(o.seed);
     if (o.verbose)
         sim.setLog([](const std::string &line) { rtuhost::logMessage(rtuhost::LogPriority::Debug, line); });
+    if (!o.replyTimes.empty()) {
+        if (!replyTimes.open(o.replyTimes))
+            return usageError("--reply-times: cannot write " + o.replyTimes + ": " + std::strerror(errno));
+        sim.setReplySent([&replyTimes](const std::vector<uint8_t> &request, const std::vector<uint8_t> &reply) {
+            replyTimes.sent(request, reply);
+        });
+    }
 
     std::string error;
     for (const TcpEndpoint &t : o.tcp) {
@@ -483,6 +547,7 @@ int main(int argc, char **argv)
         gControl.sim = nullptr;
     }
     sim.stop();
+    sim.setReplySent({});
     if (!o.ptyLink.empty())
         ::unlink(o.ptyLink.c_str());
     if (o.dump)

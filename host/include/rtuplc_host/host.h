@@ -271,7 +271,24 @@ private:
     std::vector<Item> items_;
     std::vector<Point> points_;
     std::map<PointKey, size_t> pointIndex_;
-    std::set<size_t> dirty_;
+    // The points of each station's area by address, for the driver's report of every
+    // unit changed: tens of thousands a second on a churning line, mostly from the area
+    // reported just before. Made from pointIndex_ when first asked after monitor().
+    struct AreaPoints {
+        int first = 0;                          // the lowest address
+        std::vector<int32_t> dense;             // by address - first, -1 for none: when the addresses are close
+        std::unordered_map<int, size_t> sparse; // when they are far apart
+        long find(int address) const;
+    };
+    std::map<std::pair<int, QString>, AreaPoints> areaPoints_;
+    const std::pair<const std::pair<int, QString>, AreaPoints> *lastArea_ = nullptr;
+    bool areaPointsStale_ = true;
+    // Points to report after the exchange, each once: dirtyMark_ says which are listed.
+    std::vector<size_t> dirty_, reporting_;
+    std::vector<uint32_t> values_; // of reporting_
+    std::vector<bool> dirtyMark_;
+    void markDirty(size_t point);
+    void indexAreas();            // areaPoints_ from pointIndex_
     std::set<size_t> written_;    // changed by our own writes: shown once a read has them
     std::vector<uint32_t> shown_; // by point: the value reported last
     std::vector<bool> reported_;  // by point: reported at least once
@@ -305,6 +322,11 @@ private:
     void settleSlowReads(const FRAME_PRO &f, bool allOfStation);
     std::map<BlockKey, Block> blockIndex_;
     Block &block(const FRAME_PRO &f);
+    // Each station's area's points (by cache prefix) in the order of their first unit,
+    // and the most units a point takes: block() finds a block's points by a search.
+    std::map<std::pair<int, QString>, std::vector<size_t>> unitOrder_;
+    int widest_ = 1;
+    bool unitOrderStale_ = true;
     int blocks_ = 0;        // monitored now: the stations online
     int plannedBlocks_ = 0; // monitored with every station
 

@@ -138,6 +138,11 @@ bool parseWrite(const QString &text, int defaultStation, const Catalogue &catalo
 
 // The value the driver shows for a point (intf_getData), unsigned.
 uint32_t readValue(const DriverApi &api, const Point &point);
+// The same for n points side by side (each where the one before ends, in one area of
+// one station), read from the driver at once into out[0..n).
+void readValues(const DriverApi &api, const Point *points, size_t n, uint32_t *out);
+// Whether `next` starts where `point` ends, in the same area of the same station.
+bool sideBySide(const Point &point, const Point &next);
 
 } // namespace rtuhost
 

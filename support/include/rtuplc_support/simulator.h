@@ -91,6 +91,11 @@ public:
     void setPacing(const std::optional<SerialLine> &line);
     // Receives one line per frame received and sent, in hex; empty switches it off.
     void setLog(std::function<void(const std::string &)> log);
+    // Called as the last byte of each reply is written, with the request it answers and
+    // the reply: for a benchmark that times what a host does with a reply on the
+    // simulator's clock. Empty switches it off.
+    using ReplySent = std::function<void(const std::vector<uint8_t> &request, const std::vector<uint8_t> &reply)>;
+    void setReplySent(ReplySent hook);
 
     // Each start adds an endpoint, served until stop(). False, with a reason, when the
     // endpoint cannot be opened.
