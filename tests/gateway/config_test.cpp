@@ -68,6 +68,7 @@ TEST_F(GatewayConfig, RefusesEveryKindOfMistakeWithPlaceKeyAndReason)
     const std::string url = "mqtt:\n  url: mqtt://127.0.0.1\n";
     const std::string tls = "mqtt:\n  url: mqtts://broker\n";
     const std::string pw = std::string("  password: ") + kSecret + "\n";
+    const std::string mbs = kBase + "modbus-server:\n";
     const std::vector<BadFile> rows = {
         // clang-format off
         // Folder none/ is not there: nothing is written, the file is missing.
@@ -180,6 +181,25 @@ TEST_F(GatewayConfig, RefusesEveryKindOfMistakeWithPlaceKeyAndReason)
         {"log rotate unknown", "", kBase + "log:\n  rotate: weekly\n", {"gw.yaml:6: log.rotate: must be daily or never"}},
         {"log size unreadable", "", kBase + "log:\n  max-size: lots\n", {"gw.yaml:6: log.max-size:", "\"lots\""}},
         {"log size too small", "", kBase + "log:\n  max-size: 10K\n", {"log.max-size:", "from 1M"}},
+        // the Modbus server: one reachable from other machines needs allow: or TLS
+        {"server open beyond loopback", "", mbs + "  tcp: 0.0.0.0:502\n",
+         {"gw.yaml:6: modbus-server.tcp: 0.0.0.0:502 can be reached from other machines"}},
+        {"server RTU open beyond loopback", "", mbs + "  tls: { cert: ca.pem, key: ca.pem, ca: ca.pem }\n"
+         "  rtu-over-tcp: 10.0.0.5:1503\n", {"gw.yaml:7: modbus-server.rtu-over-tcp:"}},
+        {"server key typo", "", mbs + "  max-connection: 8\n",
+         {"gw.yaml:6: modbus-server.max-connection: unknown key"}},
+        {"server TLS without its authority", "", mbs + "  tls: { cert: ca.pem, key: ca.pem }\n",
+         {"modbus-server.tls.ca: missing"}},
+        {"server table not writable", "", mbs + "  writable: [input:0..9]\n",
+         {"gw.yaml:6: modbus-server.writable: input cannot be written"}},
+        {"server allow not a network", "", mbs + "  allow: [plant]\n",
+         {"gw.yaml:6: modbus-server.allow: must be like"}},
+        {"server settings without serial", "", mbs + "  settings: 9600,8,EVEN,1\n",
+         {"gw.yaml:6: modbus-server.settings: only with"}},
+        {"server poll share over 1", "", mbs + "  poll-share: 1.5\n", {"modbus-server.poll-share: must be a share"}},
+        {"server time-out of nothing", "", mbs + "  request-timeout: 1ms\n",
+         {"modbus-server.request-timeout: must be from"}},
+        {"server queue without room", "", mbs + "  queue: 0\n", {"modbus-server.queue:"}},
         // a password next to a mistake: the key is named, never the value
         {"password given twice", "", kBase + "mqtt:\n  username: u\n" + pw + pw, {"gw.yaml:8: mqtt.password: given twice"}},
         {"secret as another key's value", "", kBase + "mqtt:\n  username: u\n" + pw + "  qos: " + kSecret + "\n",
@@ -225,7 +245,6 @@ TEST_F(GatewayConfig, ImpossibleTypesAreRefusedAtStartWithPlaceKeyAndReason)
         // clang-format off
         {"float32 on a bit area", "  - item: M:0\n    type: float32\n", "gw.yaml:6: items.type: \"M:0\": M holds bits: its values are bool, not float32"},
         {"a string past the area's end", "  - { item: D_W:7990..8005, type: string }\n", "gw.yaml:5: items: \"D_W:7990..8005\": D_W:8005 is out of range"},
-        {"a string longer than a read", "  - { item: D_W:100..164, type: string }\n", "gw.yaml:5: items.item: \"D_W:100..164\": a string spans at most 64 registers"},
         {".3 on a 32-bit area", "  - D_D:200.3\n", "gw.yaml:5: items.item: \"D_D:200.3\": a bit is named on a 16-bit register"},
         {"scale 0", "  - item: D_W:100\n    type: int16\n    scale: 0\n", "gw.yaml:7: items.scale: \"D_W:100\": 0 would make every value 0"},
         {"min above max", "  - item: D_W:100\n    min: 10\n    max: 5\n", "gw.yaml:6: items.min: \"D_W:100\": 10 is above max 5"},
@@ -264,6 +283,7 @@ TEST_F(GatewayConfig, GoodFilesGetTheirDefaults)
 {
     using std::make_tuple;
     using std::tie;
+    const std::string mbs = kBase + "modbus-server:\n";
     const std::vector<GoodFile> rows = {
         // clang-format off
         {"defaults", "line7.yaml", kBase,
@@ -320,6 +340,22 @@ TEST_F(GatewayConfig, GoodFilesGetTheirDefaults)
              EXPECT_EQ(tie(c.log.csvDir, c.log.maxBytes), make_tuple(dir + "/logs", uint64_t(5) * 1024 * 1024));
              EXPECT_EQ(c.stationNames.at(2), "press");
          }},
+        {"server with every key, on loopback", "gw.yaml",
+         mbs + "  tcp: 127.0.0.1:1502\n  rtu-over-tcp: '[::1]:1503'\n  writable: [holding:1..2]\n  max-age: 250ms\n"
+               "  poll-share: 0.8\n  queue: 4\n  request-timeout: 2s\n  max-connections: 8\n  idle-timeout: 5m\n"
+               "  cache: false\n", nullptr},
+        {"server beyond loopback, allowed", "gw.yaml", mbs + "  tcp: 0.0.0.0:502\n  allow: [10.0.0.0/8]\n", nullptr},
+        {"server TLS beyond loopback", "gw.yaml",
+         mbs + "  tls: { listen: 0.0.0.0:802, cert: ca.pem, key: ca.pem, ca: ca.pem }\n", nullptr},
+        {"server section empty: read-only Modbus TCP on loopback", "gw.yaml", mbs,
+         [](const Config &c, const std::string &) {
+             const rtugw::ModbusServerConfig &m = c.modbusServer;
+             EXPECT_EQ(tie(m.enabled, m.tcp.on, m.tcp.text, m.rtuOverTcp.on, m.tls.on, m.cache),
+                       make_tuple(true, true, "127.0.0.1:1502", false, false, true));
+             EXPECT_EQ(tie(m.queue, m.requestTimeoutMs, m.maxConnections, m.idleTimeoutMs, m.maxAgeMs),
+                       make_tuple(16, 1000ll, 64, 60000ll, 0ll));
+             EXPECT_TRUE(m.writable.empty());
+         }},
         {"discovery in plain mode, names free", "gw.yaml",
          kBase + "homeassistant:\nstations:\n  1: { name: a/b }\n  2: { name: a/b }\n",
          [](const Config &c, const std::string &) {
@@ -333,7 +369,8 @@ TEST_F(GatewayConfig, GoodFilesGetTheirDefaults)
         std::string error;
         ASSERT_TRUE(load(row.file, row.yaml, &c, &error)) << row.what << ": " << error;
         SCOPED_TRACE(row.what);
-        row.check(c, dir_);
+        if (row.check)
+            row.check(c, dir_);
     }
 }
 

@@ -23,10 +23,10 @@ class GatewayTestCase(unittest.TestCase):
         return thing
 
     @classmethod
-    def start_line(cls, stations=(1,), topics="rtuplc/line1/#", user="reader"):
+    def start_line(cls, stations=(1,), topics="rtuplc/line1/#", user="reader", extra_args=()):
         """For the whole class: cls.broker, cls.sim with these stations, and cls.sub on topics."""
         cls.broker = cls.keep(Broker().start())
-        cls.sim = cls.keep(Simulator(stations=stations))
+        cls.sim = cls.keep(Simulator(stations=stations, extra_args=extra_args))
         cls.sub = cls.keep(Subscriber(cls.broker, topics, user=user))
 
     @classmethod

@@ -1,33 +1,41 @@
-// The gateway's Modbus server in parts: no malformed request passes the checks, the
-// cache never answers with a value older than asked, from before a write, or for
-// another station, table or address, and the configuration refuses a server open to
-// other machines without a list of client networks.
+// The gateway's Modbus server: no malformed request passes the checks, the cache never
+// answers with a value older than asked, from before a write, or for another station,
+// table or address; client networks are parsed as written. Then its core on loopback,
+// with the test as the gateway's loop: what a master is answered at the gateway without
+// line time, what goes on the line and comes back as the controller said it, and that a
+// reply reaches the master and transaction that asked, once, in time or not at all.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/socket.h>
+#include <termios.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
+#include <bitset>
+#include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "config.h"
 #include "config_server.h"
 #include "modbus_cache.h"
 #include "modbus_pdu.h"
+#include "modbus_server.h"
+#include "rtuplc_support/modbus.h"
 
 using namespace rtugw;
+using namespace std::chrono_literals;
 using Bytes = std::vector<uint8_t>;
+using Outcome = rtuhost::Exchange::Outcome;
 
 namespace {
 
 Bytes withCrc(Bytes frame)
 {
-    const uint16_t crc = rtuplc::crc16(frame.data(), frame.size());
-    frame.push_back(uint8_t(crc & 0xFF));
-    frame.push_back(uint8_t(crc >> 8));
+    rtusupport::appendCrc(frame);
     return frame;
 }
 
@@ -231,61 +239,226 @@ TEST(ModbusServerConfig, WritableRangesAndClientNetworks)
         EXPECT_FALSE(isLoopbackHost(host)) << host;
 }
 
-// The section as a file gives it: mistakes named with file, line and key; a server
-// reachable from other machines without allow: or TLS is refused.
-TEST(ModbusServerConfig, SectionIsCheckedLikeTheRest)
+// A PDU as it goes over a Modbus TCP connection, or an RTU-over-TCP one.
+Bytes framed(uint16_t tid, uint8_t unit, const Bytes &pdu, bool rtu = false)
 {
-    const std::string dir = std::filesystem::temp_directory_path() / ("rtuplc-mbcfg-" + std::to_string(getpid()));
-    std::filesystem::create_directories(dir);
-    std::ofstream(dir + "/x.pem") << "pem\n";
-    const std::string base = "line:\n  tcp: 127.0.0.1:8000\nitems:\n  - D_W:0..9\nmodbus-server:\n";
-    struct Row {
-        const char *what;
-        std::string section;
-        std::string error; // empty: loads
-    };
+    Bytes b;
+    if (rtu)
+        mb::appendRtu(b, unit, pdu.data(), pdu.size());
+    else
+        mb::appendMbap(b, tid, unit, pdu.data(), pdu.size());
+    return b;
+}
+
+// What arrives on fd within `wait`, as it came.
+Bytes receiveFrom(int fd, std::chrono::milliseconds wait)
+{
+    Bytes got;
+    pollfd p{fd, POLLIN, 0};
+    while (::poll(&p, 1, int(wait.count())) > 0) {
+        uint8_t buf[512];
+        const ssize_t n = ::read(fd, buf, sizeof buf);
+        if (n <= 0)
+            break;
+        got.insert(got.end(), buf, buf + n);
+        wait = 50ms; // the rest of it, if any
+    }
+    return got;
+}
+
+class Master {
+public:
+    explicit Master(int port)
+    {
+        fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_port = htons(uint16_t(port));
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(::connect(fd_, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
+    }
+    ~Master() { close(); }
+    void close()
+    {
+        if (fd_ >= 0)
+            ::close(fd_);
+        fd_ = -1;
+    }
+    void send(const Bytes &b) { ASSERT_EQ(::send(fd_, b.data(), b.size(), MSG_NOSIGNAL), ssize_t(b.size())); }
+    void mbap(uint16_t tid, uint8_t unit, const Bytes &pdu) { send(framed(tid, unit, pdu)); }
+    Bytes receive(std::chrono::milliseconds wait = 1000ms) { return receiveFrom(fd_, wait); }
+
+private:
+    int fd_ = -1;
+};
+
+struct Rig {
+    Rig()
+    {
+        config.enabled = true;
+        config.tcp = {true, "127.0.0.1:0", "127.0.0.1", 0, 1};
+        config.rtuOverTcp = {true, "127.0.0.1:0", "127.0.0.1", 0, 1};
+        config.writable = {{false, 100, 109, 0}};
+        config.requestTimeoutMs = 300;
+        config.queue = 2;
+        config.maxAgeMs = 1000;
+        server = std::make_unique<ModbusServer>(config, std::vector<int>{1, 2}, rtusupport::SerialLine{});
+        std::string error;
+        EXPECT_TRUE(server->start(&error)) << error;
+    }
+    // The loop's turn: takes what waits within `wait` and answers it with `line`;
+    // the frame taken, empty when none.
+    Bytes turn(const std::function<rtuhost::Exchange(const Bytes &)> &line, std::chrono::milliseconds wait = 300ms)
+    {
+        rtuhost::SharedRequest r;
+        const auto until = Clock::now() + wait;
+        while (!server->take(&r)) {
+            if (Clock::now() >= until)
+                return {};
+            std::this_thread::sleep_for(1ms);
+        }
+        const rtuhost::Exchange x = line(r.frame);
+        if (x.outcome == Outcome::Reply)
+            server->heard(r.frame.data(), r.frame.size(), x.reply.data(), x.reply.size(), Clock::now());
+        server->answered(r, x, 1000us);
+        return r.frame;
+    }
+
+    ModbusServerConfig config;
+    std::unique_ptr<ModbusServer> server;
+};
+
+rtuhost::Exchange says(Outcome outcome, Bytes reply = {}, std::chrono::milliseconds after = 0ms)
+{
+    std::this_thread::sleep_for(after);
+    rtuhost::Exchange x;
+    x.outcome = outcome;
+    x.reply = reply.empty() ? reply : withCrc(reply);
+    return x;
+}
+
+struct Row {
+    const char *what;
+    bool rtu; // over the rtu-over-tcp listener, else Modbus TCP
+    uint8_t station;
+    Bytes pdu;    // the master's request
+    Bytes onLine; // the RTU frame expected on the line (without CRC); empty: nothing goes there
+    std::function<rtuhost::Exchange()> line; // what the controller does with it
+    Bytes answer;                            // the PDU the master gets; empty: silence
+};
+
+TEST(ModbusServer, AnswersAtTheGatewayOrWithTheControllersOwnWords)
+{
+    Rig rig;
+    std::bitset<256> offline;
+    offline.set(2);
+    rig.server->setOffline(offline);
+    // What the polling read lately: holding 0..3 of station 1.
+    const Bytes polled = withCrc({1, 3, 0, 0, 0, 4}), values = withCrc({1, 3, 8, 0, 1, 0, 2, 0, 3, 0, 4});
+    rig.server->heard(polled.data(), polled.size(), values.data(), values.size(), Clock::now());
+    const auto at = [](uint8_t a) { return Bytes{3, 1, a, 0, 2}; };
+    const auto onLine = [](uint8_t a) { return Bytes{1, 3, 1, a, 0, 2}; };
     const std::vector<Row> rows = {
         // clang-format off
-        {"every key, on loopback",     "  tcp: 127.0.0.1:1502\n  rtu-over-tcp: '[::1]:1503'\n  writable: [holding:1..2]\n"
-                                       "  max-age: 250ms\n  poll-share: 0.8\n  queue: 4\n  request-timeout: 2s\n"
-                                       "  max-connections: 8\n  idle-timeout: 5m\n  cache: false\n", ""},
-        {"beyond loopback, allowed",   "  tcp: 0.0.0.0:502\n  allow: [10.0.0.0/8]\n", ""},
-        {"TLS beyond loopback",        "  tls: { listen: 0.0.0.0:802, cert: x.pem, key: x.pem, ca: x.pem }\n", ""},
-        {"beyond loopback, open",      "  tcp: 0.0.0.0:502\n", "gw.yaml:6: modbus-server.tcp: 0.0.0.0:502 can be reached from other machines"},
-        {"RTU beyond loopback, open",  "  tls: { cert: x.pem, key: x.pem, ca: x.pem }\n  rtu-over-tcp: 10.0.0.5:1503\n",
-                                       "gw.yaml:7: modbus-server.rtu-over-tcp:"},
-        {"a typo",                     "  max-connection: 8\n", "gw.yaml:6: modbus-server.max-connection: unknown key"},
-        {"TLS without its authority",  "  tls: { cert: x.pem, key: x.pem }\n", "modbus-server.tls.ca: missing"},
-        {"a table not writable",       "  writable: [input:0..9]\n", "gw.yaml:6: modbus-server.writable: input cannot be written"},
-        {"an address not a network",   "  allow: [plant]\n", "gw.yaml:6: modbus-server.allow: must be like"},
-        {"settings without serial",    "  settings: 9600,8,EVEN,1\n", "gw.yaml:6: modbus-server.settings: only with"},
-        {"a share over 1",             "  poll-share: 1.5\n", "modbus-server.poll-share: must be a share"},
-        {"a time-out of nothing",      "  request-timeout: 1ms\n", "modbus-server.request-timeout: must be from"},
-        {"no room in the queue",       "  queue: 0\n", "modbus-server.queue:"},
+        {"read lately: from the cache", false, 1, {3, 0, 1, 0, 2}, {}, nullptr, {3, 4, 0, 2, 0, 3}},
+        {"a station not served: 0A", false, 9, {3, 0, 0, 0, 1}, {}, nullptr, {0x83, 0x0A}},
+        {"a station not served over RTU: silence", true, 9, {3, 0, 0, 0, 1}, {}, nullptr, {}},
+        {"a station offline: 0B at once", false, 2, {3, 0, 0, 0, 1}, {}, nullptr, {0x83, 0x0B}},
+        {"a write outside writable: 02", false, 1, {6, 0, 200, 0, 1}, {}, nullptr, {0x86, 0x02}},
+        {"a write half outside: 02", false, 1, {0x10, 0, 109, 0, 2, 4, 0, 1, 0, 2}, {}, nullptr, {0x90, 0x02}},
+        {"a malformed request: 03", false, 1, {3, 0, 0, 0, 200}, {}, nullptr, {0x83, 0x03}},
+        {"a write inside writable: the echo", false, 1, {6, 0, 100, 0, 7}, {1, 6, 0, 100, 0, 7},
+         [] { return says(Outcome::Reply, {1, 6, 0, 100, 0, 7}); }, {6, 0, 100, 0, 7}},
+        // Each read at an address of its own: one the line answered is in the cache.
+        {"a read not polled: the controller's reply", false, 1, at(1), onLine(1),
+         [] { return says(Outcome::Reply, {1, 3, 4, 0xAB, 0xCD, 0x12, 0x34}); }, {3, 4, 0xAB, 0xCD, 0x12, 0x34}},
+        {"the same over RTU", true, 1, at(2), onLine(2),
+         [] { return says(Outcome::Reply, {1, 3, 4, 0xAB, 0xCD, 0x12, 0x34}); }, {3, 4, 0xAB, 0xCD, 0x12, 0x34}},
+        {"the controller refuses: its exception", false, 1, at(3), onLine(3),
+         [] { return says(Outcome::Exception, {1, 0x83, 0x02}); }, {0x83, 0x02}},
+        {"the controller is silent: 0B", false, 1, at(4), onLine(4), [] { return says(Outcome::NoReply); }, {0x83, 0x0B}},
+        {"the line too slow: 0B, never the late reply", false, 1, at(5), onLine(5),
+         [] { return says(Outcome::Reply, {1, 3, 4, 0, 0, 0, 0}, 500ms); }, {0x83, 0x0B}},
         // clang-format on
     };
+    Master tcp(rig.server->boundPort("tcp")), rtu(rig.server->boundPort("rtu-over-tcp"));
+    uint16_t tid = 100;
     for (const Row &row : rows) {
-        const std::string path = dir + "/gw.yaml";
-        std::ofstream(path, std::ios::trunc) << base << row.section;
-        Config c;
-        std::string error;
-        EXPECT_EQ(loadConfig(path, &c, &error), row.error.empty()) << row.what << ": " << error;
-        if (!row.error.empty()) {
-            EXPECT_NE(error.find(row.error), std::string::npos) << row.what << ": " << error;
-        }
+        SCOPED_TRACE(row.what);
+        Master &m = row.rtu ? rtu : tcp;
+        ++tid;
+        m.send(framed(tid, row.station, row.pdu, row.rtu));
+        const Bytes taken = rig.turn([&](const Bytes &) { return row.line(); }, row.onLine.empty() ? 50ms : 300ms);
+        EXPECT_EQ(taken, row.onLine.empty() ? Bytes{} : withCrc(row.onLine));
+        const Bytes expected = row.answer.empty() ? Bytes{} : framed(tid, row.station, row.answer, row.rtu);
+        EXPECT_EQ(m.receive(row.answer.empty() ? 200ms : 1000ms), expected);
     }
-    // An empty section serves Modbus TCP on loopback with the agreed defaults.
-    std::ofstream(dir + "/gw.yaml", std::ios::trunc) << base;
-    Config c;
+    EXPECT_EQ(rig.server->stats().queued.load(), 0) << "every request left the line's queue";
+}
+
+// Several masters and several requests each: replies in each master's order, with its
+// transaction ids, whatever order the line answers in; beyond the queue, busy; a master
+// that left has nothing waiting for the line.
+TEST(ModbusServer, EachReplyGoesToItsOwnMasterAndTransactionOnce)
+{
+    Rig rig;
+    const int port = rig.server->boundPort("tcp");
+    Master a(port), b(port), gone(port);
+    const auto read = [](uint8_t address) { return Bytes{3, 1, address, 0, 1}; };
+    for (uint16_t tid : {11, 12, 13})
+        a.mbap(tid, 1, read(uint8_t(tid)));
+    std::this_thread::sleep_for(50ms); // a's first, in the line's queue
+    b.mbap(21, 1, read(21));
+    gone.mbap(31, 1, read(31));
+    std::this_thread::sleep_for(50ms);
+    gone.close();
+    std::vector<rtuhost::SharedRequest> taken(3);
+    for (auto &r : taken)
+        ASSERT_TRUE(rig.server->take(&r));
+    std::this_thread::sleep_for(50ms);
+    rtuhost::SharedRequest none;
+    EXPECT_FALSE(rig.server->take(&none)) << "a's third was refused busy, gone's dropped with it";
+    // The line answers in reverse, each with the address it was asked for as its value.
+    for (auto r = taken.rbegin(); r != taken.rend(); ++r)
+        rig.server->answered(*r, says(Outcome::Reply, {1, 3, 2, 0, r->frame[3]}), 1000us);
+    Bytes expectA = framed(11, 1, {3, 2, 0, 11});
+    for (const Bytes &more : {framed(12, 1, {3, 2, 0, 12}), framed(13, 1, {0x83, 0x06})})
+        expectA.insert(expectA.end(), more.begin(), more.end());
+    EXPECT_EQ(a.receive(), expectA);
+    EXPECT_EQ(b.receive(), framed(21, 1, {3, 2, 0, 21}));
+    EXPECT_EQ(a.receive(100ms), Bytes{}) << "answered once";
+}
+
+// The serial listener on a pseudo-terminal, as a panel wired to the gateway sees it:
+// frames ended by their length, or by silence for a function it does not know, and a
+// quiet line between them is no reason to let go of the port.
+TEST(ModbusServer, ServesAPanelOnTheSerialPort)
+{
+    int panel = -1, port = -1;
+    ASSERT_EQ(openpty(&panel, &port, nullptr, nullptr, nullptr), 0);
+    termios raw{};
+    tcgetattr(panel, &raw);
+    cfmakeraw(&raw);
+    tcsetattr(panel, TCSANOW, &raw);
+    ModbusServerConfig config;
+    config.enabled = true;
+    config.serial = ttyname(port);
+    ModbusServer server(config, {1}, rtusupport::SerialLine{});
     std::string error;
-    ASSERT_TRUE(loadConfig(dir + "/gw.yaml", &c, &error)) << error;
-    const ModbusServerConfig &m = c.modbusServer;
-    EXPECT_EQ(std::make_tuple(m.enabled, m.tcp.on, m.tcp.text, m.rtuOverTcp.on, m.tls.on, m.cache),
-              std::make_tuple(true, true, "127.0.0.1:1502", false, false, true));
-    EXPECT_EQ(std::make_tuple(m.queue, m.requestTimeoutMs, m.maxConnections, m.idleTimeoutMs, m.maxAgeMs),
-              std::make_tuple(16, 1000ll, 64, 60000ll, 0ll));
-    EXPECT_TRUE(m.writable.empty()) << "a read-only server unless told";
-    std::filesystem::remove_all(dir);
+    ASSERT_TRUE(server.start(&error)) << error;
+    const Bytes polled = withCrc({1, 3, 0, 0, 0, 1}), values = withCrc({1, 3, 2, 0x12, 0x34});
+    server.heard(polled.data(), polled.size(), values.data(), values.size(), Clock::now());
+    const auto ask = [&](const Bytes &frame) {
+        EXPECT_EQ(::write(panel, frame.data(), frame.size()), ssize_t(frame.size()));
+        return receiveFrom(panel, 500ms);
+    };
+    EXPECT_EQ(ask(withCrc({1, 0x2B, 0x0E, 1, 0})), withCrc({1, 0xAB, 0x01})) << "an unknown function, after silence";
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(ask(withCrc({1, 3, 0, 0, 0, 1})), values) << "the port still served after a quiet moment";
+    EXPECT_EQ(ask(withCrc({7, 3, 0, 0, 0, 1})), Bytes{}) << "a station not served says nothing";
+    server.stop();
+    ::close(panel);
+    ::close(port);
 }
 
 } // namespace

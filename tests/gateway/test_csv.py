@@ -36,11 +36,6 @@ def read_rows(path):
 
 
 class CsvLog(h.GatewayTestCase):
-    @classmethod
-    def setUpClass(cls):
-        super().setUpClass()
-        cls.broker = cls.keep(h.Broker().start())
-
     def test_kill_9_in_a_burst_leaves_a_readable_file(self):
         # Every value the simulator returns has changed by the next read: a row per value per poll.
         sim = self.own(h.Simulator(extra_args=["--churn"]))

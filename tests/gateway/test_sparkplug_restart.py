@@ -1,8 +1,8 @@
 """A Sparkplug node that survives its own restart: the next bdSeq is kept on disk, so a
 restart after kill -9 is born with the one after the dead session's; a death
 certificate of the live session brings new births, an older one changes nothing; and
-a station back from a silence is born with values read since, never older ones (block
-by block in gateway_logic_test.cpp; here on a real line)."""
+a station back from a silence dies alone and is born with values read since, never
+older ones (block by block in gateway_logic_test.cpp; here on a real line)."""
 
 import os
 import shutil
@@ -77,10 +77,9 @@ class Restart(spb.SparkplugTestCase):
 
 class BackFromSilence(spb.SparkplugTestCase):
     def test_a_station_back_from_silence_is_born_with_values_read_since(self):
-        broker = self.own(h.Broker().start())
-        sim = self.own(h.Simulator(stations=(1, 2)))
-        sub = self.own(h.Subscriber(broker, "spBv1.0/#", user="reader"))
-        folder, config = spb.sparkplug_config(broker, sim, items=["D_W:100..101", "D_W:300..301@2", "M:0..1@2"])
+        self.own_line(stations=(1, 2))
+        sim, sub = self.sim, self.sub
+        folder, config = spb.sparkplug_config(self.broker, sim, items=["D_W:100..101", "D_W:300..301@2", "M:0..1@2"])
         gw, _, mark = self.start_node(folder, config, sub)
         born = self.wait_topic(sub, "DBIRTH", "press", since=mark, timeout=h.START_TIMEOUT)
         old = {m.name: spb.metric_value(m) for m in born.metrics}
@@ -88,6 +87,7 @@ class BackFromSilence(spb.SparkplugTestCase):
         mark = sub.mark()
         sim.stations(1)
         self.assertIsNotNone(self.wait_topic(sub, "DDEATH", "press", since=mark), "no DDEATH; log:\n" + gw.log())
+        self.assertIsNone(self.wait_topic(sub, "DDEATH", "station1", since=mark, timeout=0.1), "only the silent dies")
         # Changed while nobody could read it.
         sim.coil(2, 2000, not old["M/0"])
         sim.set(2, 300, 4321)

@@ -7,6 +7,7 @@ import json
 import re
 
 import harness as h
+import test_web as web
 
 P = "rtuplc/line1"
 ITEMS = ["D_W:100..109", "D_W:100..109@2", "M:0..15@2", {"item": "D_W:500@2", "writable": True}]
@@ -15,12 +16,7 @@ BACK = 3.0  # s: the longest pause between tries (probe-max, 1 s) and a pass, wi
 
 
 def http_get(port, path):
-    conn = http.client.HTTPConnection(h.LOOPBACK, port, timeout=15)
-    try:
-        conn.request("GET", path)
-        return conn.getresponse().read().decode("utf-8")
-    finally:
-        conn.close()
+    return web.http_request(port, "GET", path)[2]
 
 
 def first_event(port):
@@ -47,12 +43,9 @@ class Stations(h.GatewayTestCase):
     def setUpClass(cls):
         super().setUpClass()
         cls.start_line(stations=(1, 2), user="operator")  # it writes too
-        folder, config = h.base_config(cls.broker, cls.sim, ITEMS)
-        cls.port = h.free_port()
-        config["http"] = {"listen": "%s:%d" % (h.LOOPBACK, cls.port)}
+        folder, config, cls.port = web.web_config(cls.broker, cls.sim, ITEMS, token=None)
         cls.start_class_gateway(folder, config, P + "/1/status", P + "/2/status")
-        if not h.wait_until(lambda: h.port_open(cls.port), h.START_TIMEOUT):
-            raise AssertionError("the page never listened; the gateway's log:\n" + cls.gw.log())
+        web.wait_http(cls.port, cls.gw)
 
     def statuses(self, station, since):
         return [m.payload for m in self.sub.since(since, "%s/%d/status" % (P, station))]

@@ -1,8 +1,7 @@
 """Values on the broker: every item with the controller's value, changes as they
-happen, typed values as the plant means them (every type, word and byte order, at its
-extremes), a deadband and a heartbeat, and the quality and station status through a
-silent station and a block the controller refuses; and the CSV log, a row for every
-value and quality published."""
+happen, typed values as the plant means them, a deadband and a heartbeat, and the
+quality and station status through a silent station and a block the controller
+refuses; and the CSV log, a row for every value and quality published."""
 
 import json
 import math
@@ -20,7 +19,6 @@ ITEMS = ["D_W:100..109", "D_D:200..203", "32C:200..201", "X:0..17", "M:0..15@2",
          {"item": "D_W:404", "type": "int32", "word-order": "low-first"},
          {"item": "D_W:406", "type": "float32"},
          {"item": "D_D:408", "type": "float32", "word-order": "low-first"},
-         {"item": "D_W:410", "type": "float32", "byte-order": "low-first"},
          {"item": "D_W:412", "type": "int16", "scale": 0.1, "offset": -10, "decimals": 1, "unit": "°C"},
          "D_W:413.3",
          {"item": "D_W:414..416", "type": "string"},
@@ -178,26 +176,20 @@ class Values(h.GatewayTestCase):
         self.assertEqual({q for _, _, _, q in logged}, {"good", "bad"})
 
     def test_typed_values_as_the_plant_means_them(self):
+        # Each type's extremes in each order are value_type_test.cpp's; here what the gateway
+        # adds: the item's keys reach the type, raw beside a value, JSON floats, no number bad.
         # (what, registers set from the first: {address: [words]}, topic, value, raw, words of an error)
         rows = [
             ("int16 -5", {400: [0xFFFB]}, "1/D_W/400", -5, 65531, None),
-            ("int16 lowest", {400: [0x8000]}, "1/D_W/400", -32768, 32768, None),
             ("uint32 highest, raw the same", {402: [0xFFFF, 0xFFFF]}, "1/D_W/402", 4294967295, None, None),
-            ("uint32 2^31", {402: [0x8000, 0x0000]}, "1/D_W/402", 2147483648, None, None),
             ("int32 lowest, low word first", {404: [0x0000, 0x8000]}, "1/D_W/404", -2147483648, 32768, None),
-            ("int32 -1", {404: [0xFFFF, 0xFFFF]}, "1/D_W/404", -1, 4294967295, None),
             ("float32", {406: [0x41AC, 0x0000]}, "1/D_W/406", 21.5, 0x41AC0000, None),
             ("float32 -0 is 0", {406: [0x8000, 0x0000]}, "1/D_W/406", 0, 0x80000000, None),
             ("float32 largest", {406: [0x7F7F, 0xFFFF]}, "1/D_W/406", f32(0x7F7FFFFF), 0x7F7FFFFF, None),
             ("float32 NaN: no number, bad", {406: [0x7FC0, 0x0000]}, "1/D_W/406", None, 0x7FC00000, "NaN"),
-            ("float32 +infinity", {406: [0x7F80, 0x0000]}, "1/D_W/406", None, 0x7F800000, "+infinity"),
-            ("float32 -infinity", {406: [0xFF80, 0x0000]}, "1/D_W/406", None, 0xFF800000, "-infinity"),
             ("float32 on D_D, low word first", {408: [0x0000, 0x41AC]}, "1/D_D/408", 21.5, 0x41AC, None),
-            ("float32, bytes swapped", {410: [0xAC41, 0x0000]}, "1/D_W/410", 21.5, 0xAC410000, None),
             ("tenths less 10", {412: [315]}, "1/D_W/412", 21.5, 315, None),
-            ("negative tenths", {412: [0xFFCE]}, "1/D_W/412", -15, 65486, None),
             ("bit 3 clear, the others set", {413: [0xFFF7]}, "1/D_W/413.3", False, 65527, None),
-            ("bit 3 set", {413: [0x0008]}, "1/D_W/413.3", True, 8, None),
             ("a string ends at its NUL", {414: [0x4142, 0x4300, 0x5859]}, "1/D_W/414", "ABC",
              [0x4142, 0x4300, 0x5859], None),
         ]

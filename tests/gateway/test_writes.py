@@ -118,8 +118,9 @@ class Writes(h.GatewayTestCase):
         # (why it is refused, topic, payload, id echoed). What gateway_logic_test.cpp's
         # AWriteRequestGetsOneAnswer answers row by row (read only, not a number, empty, out
         # of range) and what the host's item and value reading refuses for rtuplc-poll too
-        # (poll_cli_test.cpp: X:18, D_W:8005, a bit of 2) stay there; here the edges of the
-        # values and the paths that reach the line.
+        # (poll_cli_test.cpp: X:18, D_W:8005, a bit of 2) and what a type refuses to encode
+        # (value_type_test.cpp) stay there; here the edges of the values and the paths that
+        # reach the line.
         rows = [
             ("unknown area", "1/QQ/1", "1", None),
             ("station not configured", "9/D_W/500", "1", None),
@@ -130,9 +131,7 @@ class Writes(h.GatewayTestCase):
             ("value given as a string", "1/D_W/500", json.dumps({"value": "12", "id": "str"}), "str"),
             ("JSON without a value", "1/D_W/500", json.dumps({"id": "none"}), "none"),
             ("above the item's max", "1/D_W/700", "80.1", None),
-            ("beyond the registers once unscaled", "1/D_W/700", payload(-3276.9, "low"), "low"),
             ("text to a float", "1/D_D/704", json.dumps({"value": "1.5", "id": "t"}), "t"),
-            ("a string longer than its registers", "1/D_W/706", "ABCDE", None),
         ]
         self.sim.set(1, 500, 500)
         before = self.sim.counters()["writes"]

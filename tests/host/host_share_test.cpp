@@ -11,6 +11,7 @@
 
 #include "host_fixture.h"
 #include "rtuplc_link.h"
+#include "rtuplc_support/modbus.h"
 
 using namespace rtuhost;
 using namespace std::chrono_literals;
@@ -19,9 +20,7 @@ namespace {
 
 std::vector<uint8_t> withCrc(std::vector<uint8_t> frame)
 {
-    const uint16_t crc = rtuplc::crc16(frame.data(), frame.size());
-    frame.push_back(uint8_t(crc & 0xFF));
-    frame.push_back(uint8_t(crc >> 8));
+    rtusupport::appendCrc(frame);
     return frame;
 }
 

@@ -17,6 +17,7 @@ using namespace rtuhost;
 
 constexpr double kNot = std::numeric_limits<double>::quiet_NaN();
 
+// As TypeOptions, with every field defaulted so that a row names only what it sets.
 struct Opt {
     const char *type = "";
     const char *words = ""; // word order
@@ -25,23 +26,14 @@ struct Opt {
     double scale = kNot, offset = kNot;
     int decimals = -1;
     double min = kNot, max = kNot;
+    TypeOptions options() const { return {type, words, bytes, bit, scale, offset, decimals, min, max}; }
 };
 
 ValueType typeOf(const Opt &o, Kind kind, int registers = 1)
 {
-    TypeOptions t;
-    t.type = o.type;
-    t.wordOrder = o.words;
-    t.byteOrder = o.bytes;
-    t.bit = o.bit;
-    t.scale = o.scale;
-    t.offset = o.offset;
-    t.decimals = o.decimals;
-    t.min = o.min;
-    t.max = o.max;
     ValueType v;
     std::string option, why;
-    EXPECT_TRUE(resolveType(t, kind, "D_W", registers, &v, &option, &why)) << option << ": " << why;
+    EXPECT_TRUE(resolveType(o.options(), kind, "D_W", registers, &v, &option, &why)) << option << ": " << why;
     return v;
 }
 
@@ -195,17 +187,9 @@ TEST(ValueType, ImpossibleTypesAreRefusedNamingTheOption)
     };
     for (const Row &r : rows) {
         SCOPED_TRACE(r.what);
-        TypeOptions t;
-        t.type = r.opt.type;
-        t.wordOrder = r.opt.words;
-        t.byteOrder = r.opt.bytes;
-        t.bit = r.opt.bit;
-        t.scale = r.opt.scale;
-        t.min = r.opt.min;
-        t.max = r.opt.max;
         ValueType v;
         std::string option, why;
-        EXPECT_FALSE(resolveType(t, r.kind, "D_W", r.registers, &v, &option, &why));
+        EXPECT_FALSE(resolveType(r.opt.options(), r.kind, "D_W", r.registers, &v, &option, &why));
         EXPECT_EQ(option, r.option);
         EXPECT_NE(why.find(r.why), std::string::npos) << why;
     }
