@@ -255,16 +255,23 @@ void ModbusServer::openSerial(Listener &l)
         return;
     }
     tcflush(fd, TCIOFLUSH);
+    l.fd = fd;
+    adopt(l, fd).permanent = true;
+}
+
+ModbusServer::Connection &ModbusServer::adopt(Listener &l, int fd)
+{
     auto c = std::make_unique<Connection>();
     c->key = nextConnection_++;
     c->fd = fd;
     c->listener = &l;
     c->framing = l.transport->framing(context_);
     c->stream = l.transport->stream(fd, context_);
-    c->permanent = true;
-    l.fd = fd;
+    c->lastActivity = Clock::now();
     watch(*c);
-    connections_.emplace(c->key, std::move(c));
+    Connection &kept = *c;
+    connections_.emplace(kept.key, std::move(c));
+    return kept;
 }
 
 void ModbusServer::setOffline(const std::bitset<256> &offline)
@@ -445,16 +452,8 @@ void ModbusServer::accept(Listener &l)
         }
         const int one = 1;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-        auto c = std::make_unique<Connection>();
-        c->key = nextConnection_++;
-        c->fd = fd;
-        c->listener = &l;
-        c->framing = l.transport->framing(context_);
-        c->stream = l.transport->stream(fd, context_);
-        c->lastActivity = Clock::now();
         ++stats_.masters;
-        watch(*c);
-        connections_.emplace(c->key, std::move(c));
+        adopt(l, fd);
     }
 }
 

@@ -88,6 +88,8 @@ private:
     void serve();
     void accept(Listener &l);
     void openSerial(Listener &l);
+    // A connection on `fd`, from listener `l`, watched and kept.
+    Connection &adopt(Listener &l, int fd);
     void readFrom(Connection &c, Clock::time_point now);
     void handle(Connection &c, const Incoming &in, Clock::time_point now);
     void reply(Connection &c, const Head &head, const uint8_t *pdu, size_t n);
