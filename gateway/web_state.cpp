@@ -1,5 +1,8 @@
 #include "web_state.h"
 
+#include <algorithm>
+#include <limits>
+
 #include "payload.h"
 
 namespace rtugw {
@@ -7,8 +10,12 @@ namespace rtugw {
 namespace {
 
 // Samples kept per value over the history window: a trend needs no more points than a
-// screen is wide, and 1,000 values stay within a few tens of megabytes.
-constexpr int64_t kSamplesPerValue = 1200;
+// screen is wide. Many values share a budget instead, so that the trends of a big line
+// stay within about 10 MB however long it runs (16 bytes a sample): 10,000 values keep
+// 60 samples each, one every 10 s of a 10-minute window.
+constexpr size_t kSamplesPerValue = 1200;
+constexpr size_t kMinSamplesPerValue = 60;
+constexpr size_t kTrendBudget = 600000;
 
 int64_t nowMs()
 {
@@ -56,11 +63,30 @@ void CycleHistogram::add(double seconds)
     }
 }
 
+void Trend::add(const Sample &s, int64_t resolution, size_t capacity)
+{
+    const size_t n = ring_.size();
+    if (n > 1 && s.ms - at(n - 2).ms < resolution && at(n - 1).good() == s.good() && at(n - 2).good() == s.good()) {
+        slot(n - 1) = s;
+    } else if (n < capacity) {
+        ring_.push_back(s); // the ring is still in order: head_ is 0
+    } else if (capacity > 0) {
+        ring_[head_] = s;
+        head_ = (head_ + 1) % n;
+    }
+}
+
 WebState::WebState(const Model &model, std::chrono::minutes history)
-    : model_(model), historyMs_(std::chrono::duration_cast<std::chrono::milliseconds>(history).count()),
-      resolutionMs_(historyMs_ / kSamplesPerValue)
+    : model_(model), historyMs_(std::chrono::duration_cast<std::chrono::milliseconds>(history).count())
 {
     const std::vector<ValueState> &values = model.values();
+    size_t trended = 0;
+    for (const ValueState &v : values)
+        trended += v.type.kind != rtuhost::ValueKind::String;
+    trendSamples_ = historyMs_ == 0 ? 0
+                                    : std::clamp(kTrendBudget / std::max<size_t>(trended, 1), kMinSamplesPerValue,
+                                                 kSamplesPerValue);
+    resolutionMs_ = trendSamples_ == 0 ? 0 : historyMs_ / int64_t(trendSamples_);
     items_.resize(values.size());
     for (size_t i = 0; i < values.size(); ++i) {
         const ValueState &v = values[i];
@@ -80,13 +106,6 @@ WebState::WebState(const Model &model, std::chrono::minutes history)
     isMarked_.assign(values.size(), false);
     for (const auto &[station, state] : model.stations())
         stations_[station] = state.online;
-}
-
-void WebState::trim(std::deque<Sample> &h, int64_t now) const
-{
-    // The newest sample older than the window stays: it is the value at the window's start.
-    while (h.size() > 1 && h[1].ms < now - historyMs_)
-        h.pop_front();
 }
 
 void WebState::valueChanged(size_t index)
@@ -116,18 +135,8 @@ void WebState::flush()
             // A trend draws numbers; a string, or a value never read, has none.
             if (!s.known || s.type.kind == rtuhost::ValueKind::String)
                 continue;
-            const int64_t ms = item.value.ms;
-            const Sample sample{ms, isNumber ? number : 0, s.good && isNumber};
-            std::deque<Sample> &h = item.history;
-            // Within one step of the sample before the last, the last is replaced: at
-            // most one reading per step is kept, the latest, and a change of quality
-            // always stays.
-            if (h.size() > 1 && ms - h[h.size() - 2].ms < resolutionMs_ && h.back().good == s.good &&
-                h[h.size() - 2].good == s.good)
-                h.back() = sample;
-            else
-                h.push_back(sample);
-            trim(h, ms);
+            const double bad = std::numeric_limits<double>::quiet_NaN();
+            item.history.add(Sample{item.value.ms, s.good && isNumber ? number : bad}, resolutionMs_, trendSamples_);
         }
     }
     marked_.clear();
@@ -207,14 +216,16 @@ bool WebState::historyJson(const std::string &path, std::string *json) const
     std::lock_guard<std::mutex> g(lock_);
     std::string j = "{\"path\":" + jsonString(path) + ",\"window\":" + std::to_string(historyMs_ / 1000) +
                     ",\"now\":" + std::to_string(now) + ",\"points\":[";
-    bool first = true;
-    for (const Sample &s : items_[size_t(index)].history) {
-        if (s.ms < now - historyMs_ && &s != &items_[size_t(index)].history.front())
-            continue;
-        j += first ? "[" : ",[";
-        first = false;
-        j += std::to_string(s.ms) + ',' +
-             (s.good ? rtuhost::formatNumber(s.value, items_[size_t(index)].type) : "null") + ']';
+    // The newest sample older than the window is its start: the value it opens with.
+    const Trend &h = items_[size_t(index)].history;
+    size_t from = 0;
+    while (from + 1 < h.size() && h.at(from + 1).ms < now - historyMs_)
+        ++from;
+    for (size_t i = from; i < h.size(); ++i) {
+        const Sample &s = h.at(i);
+        j += i == from ? "[" : ",[";
+        j += std::to_string(s.ms) + ',' + (s.good() ? rtuhost::formatNumber(s.value, items_[size_t(index)].type) : "null") +
+             ']';
     }
     *json = j + "]}";
     return true;

@@ -9,7 +9,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -21,11 +20,28 @@
 
 namespace rtugw {
 
-// One reading of a value for the trend; bad readings break the line.
+// One reading of a value for the trend; a bad reading (NaN) breaks the line.
 struct Sample {
     int64_t ms = 0; // since the epoch
     double value = 0;
-    bool good = true;
+    bool good() const { return value == value; }
+};
+
+// A value's trend: its latest samples, at most `capacity`, oldest first. Fixed once
+// full, so that a value changing at every read for days costs what it did after one
+// window, and nothing at all until it is first read.
+class Trend {
+public:
+    // Within `resolution` of the sample before the last, the last is replaced: at most
+    // one reading per step is kept, the latest, and a change of quality always stays.
+    void add(const Sample &s, int64_t resolution, size_t capacity);
+    size_t size() const { return ring_.size(); }
+    const Sample &at(size_t i) const { return ring_[(head_ + i) % ring_.size()]; }
+
+private:
+    Sample &slot(size_t i) { return ring_[(head_ + i) % ring_.size()]; }
+    std::vector<Sample> ring_;
+    size_t head_ = 0; // the oldest, once the ring is full
 };
 
 // A value /metrics shows as a gauge of its own (metrics: true), as last copied.
@@ -113,16 +129,16 @@ private:
         ValueType type;    // how its payload is made
         ValueUpdate value; // made into its topic's payload when asked for
         uint64_t seq = 0;  // when it last changed
-        std::deque<Sample> history;
+        Trend history;
         long gauge = -1; // into gauges_, with metrics: true
     };
     std::string stationsJsonLocked() const;
     std::string figuresJsonLocked() const;
-    void trim(std::deque<Sample> &h, int64_t nowMs) const;
 
     const Model &model_;
     const int64_t historyMs_;
-    const int64_t resolutionMs_; // samples closer than this replace each other
+    size_t trendSamples_ = 0;    // kept per value, from a budget shared by them all
+    int64_t resolutionMs_ = 0;   // samples closer than this replace each other
     mutable std::mutex lock_;
     std::condition_variable changed_;
     std::vector<Item> items_;

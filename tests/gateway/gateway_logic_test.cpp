@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,6 +17,7 @@
 #include "payload.h"
 #include "plan.h"
 #include "rtuplc_host/driver_location.h"
+#include "web_state.h"
 
 using namespace rtugw;
 
@@ -251,6 +253,38 @@ TEST(GatewayLogic, AWriteRequestGetsOneAnswer)
         EXPECT_EQ(response.topic, "reply/here");
         EXPECT_EQ(response.payload, result.payload);
         EXPECT_EQ(response.correlation, "42");
+    }
+}
+
+// A trend keeps one reading per step, never loses a change of quality, and once full
+// gives up its oldest: its memory is set by its capacity, not by how long it runs.
+TEST(GatewayLogic, TrendKeepsOneReadingAStepWithinItsCapacity)
+{
+    const double bad = std::numeric_limits<double>::quiet_NaN();
+    struct Case {
+        const char *name;
+        size_t capacity;
+        std::vector<Sample> in;   // resolution 10 ms
+        std::vector<int64_t> out; // the times kept, oldest first
+    };
+    const std::vector<Case> cases = {
+        // clang-format off
+        {"readings within a step replace the last", 10, {{0, 1}, {5, 2}, {8, 3}, {12, 4}},       {0, 8, 12}},
+        {"a step apart, each stays",                10, {{0, 1}, {10, 2}, {20, 3}},              {0, 10, 20}},
+        {"a bad reading breaks the line and stays", 10, {{0, 1}, {1, 2}, {2, bad}, {3, 4}},      {0, 1, 2, 3}},
+        {"full: the oldest gives way",              3,  {{0, 1}, {10, 2}, {20, 3}, {30, 4}, {40, 5}}, {20, 30, 40}},
+        {"no history kept",                         0,  {{0, 1}, {10, 2}},                       {}},
+        // clang-format on
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        Trend t;
+        for (const Sample &s : c.in)
+            t.add(s, 10, c.capacity);
+        std::vector<int64_t> kept;
+        for (size_t i = 0; i < t.size(); ++i)
+            kept.push_back(t.at(i).ms);
+        EXPECT_EQ(kept, c.out);
     }
 }
 
