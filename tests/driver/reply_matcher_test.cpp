@@ -7,19 +7,13 @@
 #include <string>
 
 #include "rtuplc_link.h"
+#include "rtuplc_support/modbus.h"
 
 namespace {
 
 using rtuplc::MatchVerdict;
+using rtusupport::withCrc;
 using Bytes = std::vector<uint8_t>;
-
-Bytes withCrc(Bytes b)
-{
-    const uint16_t c = rtuplc::crc16(b.data(), b.size());
-    b.push_back(uint8_t(c & 0xFF));
-    b.push_back(uint8_t(c >> 8));
-    return b;
-}
 
 FRAME_PRO request(const Bytes &head) // station, function, address, quantity (+ data)
 {

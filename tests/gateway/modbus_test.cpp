@@ -30,14 +30,9 @@ using namespace rtugw;
 using namespace std::chrono_literals;
 using Bytes = std::vector<uint8_t>;
 using Outcome = rtuhost::Exchange::Outcome;
+using rtusupport::withCrc;
 
 namespace {
-
-Bytes withCrc(Bytes frame)
-{
-    rtusupport::appendCrc(frame);
-    return frame;
-}
 
 struct PduRow {
     const char *what;

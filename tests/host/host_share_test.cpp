@@ -16,13 +16,9 @@
 using namespace rtuhost;
 using namespace std::chrono_literals;
 
-namespace {
+using rtusupport::withCrc;
 
-std::vector<uint8_t> withCrc(std::vector<uint8_t> frame)
-{
-    rtusupport::appendCrc(frame);
-    return frame;
-}
+namespace {
 
 std::vector<uint8_t> readRegisters(int station, int address, int count)
 {

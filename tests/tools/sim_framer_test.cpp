@@ -10,16 +10,11 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 using Clock = rtusupport::RtuFramer::Clock;
+using rtusupport::withCrc;
 constexpr std::chrono::milliseconds kSilence{50};
 
-Bytes framed(Bytes b)
-{
-    rtusupport::appendCrc(b);
-    return b;
-}
-
-const Bytes kRead = framed({0x01, 0x03, 0x00, 0x64, 0x00, 0x0A});
-const Bytes kWrite = framed({0x01, 0x10, 0x00, 0x0A, 0x00, 0x02, 0x04, 0x00, 0x01, 0x00, 0x02});
+const Bytes kRead = withCrc({0x01, 0x03, 0x00, 0x64, 0x00, 0x0A});
+const Bytes kWrite = withCrc({0x01, 0x10, 0x00, 0x0A, 0x00, 0x02, 0x04, 0x00, 0x01, 0x00, 0x02});
 
 // Back to back frames are split by their own length; a frame in pieces is joined.
 TEST(SimFramer, SplitsAndJoinsFramesByTheirOwnLength)
@@ -55,7 +50,7 @@ TEST(SimFramer, DiscardsABadCrcAndAStaleFragment)
 TEST(SimFramer, UnknownFunctionIsAFrameOnceTheLineFallsSilent)
 {
     rtusupport::RtuFramer f(kSilence);
-    const Bytes odd = framed({0x01, 0x2B, 0x0E, 0x01, 0x00});
+    const Bytes odd = withCrc({0x01, 0x2B, 0x0E, 0x01, 0x00});
     const auto t = Clock::now();
     f.feed(odd.data(), odd.size(), t);
     EXPECT_EQ(f.next(t), std::nullopt);

@@ -37,6 +37,11 @@ constexpr uint16_t kCoilOff = 0x0000;
 
 // Appends the CRC, low byte first.
 void appendCrc(std::vector<uint8_t> &frame);
+inline std::vector<uint8_t> withCrc(std::vector<uint8_t> frame)
+{
+    appendCrc(frame);
+    return frame;
+}
 // "illegal data address" and so on; "exception N" for codes without a name.
 const char *exceptionName(uint8_t code);
 
