@@ -13,15 +13,10 @@ namespace {
 class BadInput : public DriverTest {
 protected:
     // Counts of everything a refused call must leave alone.
-    static QString state()
+    static auto state()
     {
-        return QStringLiteral("w%1 c%2 m%3 a%4 f%5 r%6")
-            .arg(driver.writeList.size())
-            .arg(driver.conditionList.size())
-            .arg(driver.monitorList.size())
-            .arg(driver.dataAreas.size())
-            .arg(driver.frameList.size())
-            .arg(driver.rcpReqs.size());
+        return std::make_tuple(driver.writeList.size(), driver.conditionList.size(), driver.monitorList.size(),
+                               driver.dataAreas.size(), driver.frameList.size(), driver.rcpReqs.size());
     }
 };
 
@@ -65,7 +60,7 @@ TEST_F(BadInput, RefusedCallsChangeNothing)
     };
     for (const Row &r : rows) {
         restart("1#0#0#3#64");
-        const QString before = state();
+        const auto before = state();
         EXPECT_EQ(r.call(), r.result) << r.what;
         EXPECT_EQ(state(), before) << r.what;
     }

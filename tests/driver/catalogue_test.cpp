@@ -62,13 +62,8 @@ TEST(Properties, ParsingTable)
         EXPECT_EQ(intf_initProperty(nullptr, 0, nullptr, &err, r.text.constData(), nullptr), 1)
             << r.text.left(30).constData();
         EXPECT_EQ(err, 0);
-        EXPECT_EQ(QStringLiteral("%1 %2 %3 %4 %5 %6")
-                      .arg(driver.driverId)
-                      .arg(driver.localWriteMode)
-                      .arg(driver.retryTimes)
-                      .arg(driver.maxBlockLen)
-                      .arg(driver.maxWordLen)
-                      .arg(driver.maxBitLen),
+        EXPECT_EQ(QString::asprintf("%d %d %d %d %d %d", driver.driverId, driver.localWriteMode, driver.retryTimes,
+                                    driver.maxBlockLen, driver.maxWordLen, driver.maxBitLen),
                   r.fields)
             << r.text.left(30).constData();
     }
@@ -89,14 +84,9 @@ TEST(Properties, ReinitEmptiesTrafficKeepsRecipeAndCallback)
     intf_setData(1, "D_W", 0, 1, v, 2);
     driver.handshakeFlag = 1;
     intf_initProperty(nullptr, 0, nullptr, nullptr, "1#0#0#3#64", nullptr);
-    EXPECT_EQ(QStringLiteral("w%1 a%2 f%3 h%4 v%5 r%6")
-                  .arg(driver.writeList.size())
-                  .arg(driver.dataAreas.size())
-                  .arg(driver.frameList.size())
-                  .arg(driver.handshakeFlag)
-                  .arg(driver.rcpVars.size())
-                  .arg(driver.rcpReqs.size()),
-              "w0 a0 f0 h0 v1 r1");
+    EXPECT_EQ(std::make_tuple(driver.writeList.size(), driver.dataAreas.size(), driver.frameList.size(),
+                              driver.handshakeFlag, driver.rcpVars.size(), driver.rcpReqs.size()),
+              std::make_tuple(0, 0, 0, 0, 1, 1));
     EXPECT_EQ(driver.addrValueChangeCallBack, &recordReport);
     intf_setAddrValueChangeCallBack(nullptr);
 }

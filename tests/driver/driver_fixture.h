@@ -8,6 +8,7 @@
 #include <QStringList>
 
 #include <ostream>
+#include <tuple>
 #include <vector>
 
 #include "rtuplc_support/frames.h"
