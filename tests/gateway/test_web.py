@@ -1,6 +1,7 @@
 """The gateway's JSON API and /metrics, with a plain HTTP client: the same payloads as
-the topics, writes behind the token answered as the result topic answers them, and
-metrics a Prometheus parser reads."""
+the topics, writes behind the token answered as the result topic answers them, metrics
+a Prometheus parser reads, and a station switched off tried now and then, as /metrics
+and the page's events tell it."""
 
 import http.client
 import json
@@ -14,6 +15,7 @@ import harness as h
 P = "rtuplc/line1"
 TOKEN = "tok-7f3a9c"
 HISTORY_STEP = 600 / 1200 + 0.1  # s
+BACK = 3.0  # s: the longest pause between tries (probe-max, 1 s) and a pass, with room
 ITEMS = ["D_W:100..103", {"item": "D_W:500..501", "writable": True, "name": "setpoint", "unit": "rpm"}, "M:0..3@2"]
 
 
@@ -41,6 +43,20 @@ def web_config(broker, sim, items, token=TOKEN, listen_host=h.LOOPBACK):
     return folder, config, port
 
 
+def first_event(port):
+    """The page's first update: every station and the figures."""
+    conn = http.client.HTTPConnection(h.LOOPBACK, port, timeout=15)
+    try:
+        conn.request("GET", "/api/events")
+        r = conn.getresponse()
+        while True:
+            line = r.fp.readline().decode("utf-8")
+            if line.startswith("data:"):
+                return json.loads(line[5:])
+    finally:
+        conn.close()
+
+
 def wait_http(port, gw):
     if not h.wait_until(lambda: h.port_open(port), h.START_TIMEOUT):
         raise AssertionError("the page never listened; the gateway's log:\n" + gw.log())
@@ -54,6 +70,12 @@ class Api(h.GatewayTestCase):
         folder, config, cls.port = web_config(cls.broker, cls.sim, ITEMS)
         cls.start_class_gateway(folder, config, P + "/2/M/3")
         wait_http(cls.port, cls.gw)
+
+    def samples(self):
+        """{(name, labels): value} of /metrics, as Prometheus reads them."""
+        text = http_request(self.port, "GET", "/metrics")[2]
+        return {(s.name, tuple(sorted(s.labels.items()))): s.value
+                for f in text_string_to_metric_families(text) for s in f.samples}
 
     def get_json(self, path):
         status, _, body = http_request(self.port, "GET", path)
@@ -134,10 +156,7 @@ class Api(h.GatewayTestCase):
         self.assertEqual(status, 200)
         self.assertTrue(headers["Content-Type"].startswith("text/plain; version=0.0.4"))
         families = {f.name: f for f in text_string_to_metric_families(text)}
-        samples = {}
-        for f in families.values():
-            for s in f.samples:
-                samples[(s.name, tuple(sorted(s.labels.items())))] = s.value
+        samples = self.samples()
         prefix = "rtuplc_gateway_"
         # Family, type: what monitoring will graph and alert on.
         counters = "polls accepted retries failures replies_dropped writes published buffer_dropped"
@@ -157,11 +176,26 @@ class Api(h.GatewayTestCase):
         self.assertEqual(buckets[-1][0], float("inf"))
         self.assertEqual(counts[-1], samples[(prefix + "poll_cycle_seconds_count", ())])
         self.assertGreater(counts[-1], 0)
-        # A station that falls silent shows down.
+        # A station that falls silent shows down, its values bad once, and it is tried now
+        # and then rather than polled: the tries count up, and /metrics and the page's
+        # events say when the next is, until it answers again.
+        mark = self.sub.mark()
         self.sim.stations(1)
         self.addCleanup(self.sim.stations, 1, 2)
-        down = 'rtuplc_gateway_station_up{station="2"} 0'
-        self.assertTrue(h.wait_until(lambda: down in http_request(self.port, "GET", "/metrics")[2], h.START_TIMEOUT))
+        up, probes = prefix + "station_up", (prefix + "probes_total", ())
+        self.assertTrue(h.wait_until(lambda: self.samples().get((up, (("station", "2"),))) == 0, h.START_TIMEOUT))
+        tries = self.samples()[probes]
+        self.assertTrue(h.wait_until(lambda: self.samples()[probes] >= tries + 2, BACK), "no tries while offline")
+        next_probe = lambda s: {k[1] for k in s if k[0] == prefix + "station_next_probe_seconds"}
+        self.assertEqual(next_probe(self.samples()), {(("station", "2"),)})
+        event = first_event(self.port)
+        self.assertEqual({s["station"]: s["online"] for s in event["stations"]}, {1: True, 2: False})
+        self.assertIn("2", event["figures"]["next_probe"])
+        for topic in ("2/M/0", "2/M/3"):
+            bads = [m for m in self.sub.since(mark, P + "/" + topic) if m.json().get("quality") == "bad"]
+            self.assertEqual(len(bads), 1, "%s: bad once, not at every try" % topic)
+        self.sim.stations(1, 2)
+        self.assertTrue(h.wait_until(lambda: not next_probe(self.samples()), BACK))
 
 
 class ReadOnlyAndExposure(h.GatewayTestCase):
