@@ -1,6 +1,6 @@
 // The host loop's tests run against the built driver, loaded as a host loads it, and
-// the simulator on a loopback TCP port: the set-up they share, and a way to serve the
-// loop until something is seen.
+// the simulator on a loopback TCP port: the set-up they share, items and writes read as
+// a user writes them, and a way to serve the loop until something is seen.
 #ifndef RTUPLC_TESTS_HOST_FIXTURE_H
 #define RTUPLC_TESTS_HOST_FIXTURE_H
 
@@ -10,6 +10,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "rtuplc_host/host.h"
 #include "rtuplc_host/link.h"
@@ -25,6 +26,22 @@ protected:
         sim.fill(rtusupport::Fill::Pattern);
         ASSERT_TRUE(sim.startTcp("127.0.0.1", 0, &why)) << why;
         link = rtuhost::makeTcpLink("127.0.0.1", sim.tcpPort());
+    }
+
+    std::vector<rtuhost::Item> items(const std::vector<const char *> &texts)
+    {
+        std::vector<rtuhost::Item> out(texts.size());
+        QString error;
+        for (size_t i = 0; i < texts.size(); ++i)
+            EXPECT_TRUE(rtuhost::parseTimedItem(texts[i], 1, *catalogue, api, &out[i], &error)) << error.toStdString();
+        return out;
+    }
+    rtuhost::WriteRequest request(const char *text)
+    {
+        rtuhost::WriteRequest w;
+        QString error;
+        EXPECT_TRUE(rtuhost::parseWrite(text, 1, *catalogue, api, &w, &error)) << error.toStdString();
+        return w;
     }
 
     // Serves the loop until `done` or `most` has passed.

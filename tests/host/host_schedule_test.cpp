@@ -59,19 +59,6 @@ protected:
         settings.probeMax = 600ms;
     }
 
-    std::vector<Item> items(const std::vector<const char *> &texts)
-    {
-        std::vector<Item> out;
-        for (const char *t : texts) {
-            Item item;
-            QString error;
-            EXPECT_TRUE(parseTimedItem(QString::fromLatin1(t), 1, *catalogue, api, &item, &error))
-                << error.toStdString();
-            out.push_back(item);
-        }
-        return out;
-    }
-
     // Polls stations 1 and 2 with 2 switched off, until the host takes it for offline.
     void startWithStation2Off(Host &host)
     {
@@ -174,11 +161,8 @@ TEST_F(HostSchedule, AWriteToAnOfflineStationIsTriedAtOnceAndSaysSo)
     Recorder events;
     Host host(api, *link, events, settings);
     ASSERT_NO_FATAL_FAILURE(startWithStation2Off(host));
-    WriteRequest w;
-    QString error;
-    ASSERT_TRUE(parseWrite("D_W:500@2=5", 1, *catalogue, api, &w, &error)) << error.toStdString();
     const auto asked = Clock::now();
-    host.write(w);
+    host.write(request("D_W:500@2=5"));
     serve(host, 2s, [&] { return !events.writes.empty(); });
     ASSERT_EQ(events.writes.size(), 1u);
     EXPECT_EQ(events.writes[0].first, WriteOutcome::Failed);

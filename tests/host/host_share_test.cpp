@@ -75,14 +75,6 @@ protected:
         settings.margin = 40ms;
         settings.retries = 2;
     }
-    std::vector<Item> items(const char *text)
-    {
-        Item item;
-        QString error;
-        EXPECT_TRUE(parseTimedItem(QString::fromLatin1(text), 1, *catalogue, api, &item, &error))
-            << error.toStdString();
-        return {item};
-    }
 };
 
 TEST_F(HostShare, TheHostsOwnPollingKeepsItsShareOfTheLineWhileOthersFloodIt)
@@ -110,7 +102,7 @@ TEST_F(HostShare, TheHostsOwnPollingKeepsItsShareOfTheLineWhileOthersFloodIt)
         share.endless = true;
         share.endlessFrame = readRegisters(1, 0, 10); // as long as the host's own block
         Host host(api, *link, events, settings);
-        host.monitor(items("D_W:0..9@1"));
+        host.monitor(items({"D_W:0..9@1"}));
         host.share(&share, row.pollShare);
         host.start();
         serve(host, 5s, [&] { return events.own + events.shared >= 150; });
@@ -175,7 +167,7 @@ TEST_F(HostShare, TheHostsOwnRepliesAreToldWithTheRequestTheyAnswer)
     Share share;
     sim.setReg(1, 3, 0x1234);
     Host host(api, *link, events, settings);
-    host.monitor(items("D_W:0..9@1"));
+    host.monitor(items({"D_W:0..9@1"}));
     host.share(&share);
     host.start();
     serve(host, 2s, [&] { return share.told.size() >= 3; });

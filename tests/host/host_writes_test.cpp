@@ -14,6 +14,7 @@
 #include "host_fixture.h"
 
 using namespace rtuhost;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -40,21 +41,6 @@ protected:
         settings.margin = std::chrono::milliseconds(50);
         settings.retries = 2;
         settings.confirmWrites = false;
-    }
-
-    WriteRequest request(const char *text)
-    {
-        WriteRequest w;
-        QString error;
-        EXPECT_TRUE(parseWrite(QString::fromLatin1(text), 1, *catalogue, api, &w, &error)) << error.toStdString();
-        return w;
-    }
-
-    // Serves the loop until `done` or a few seconds have passed.
-    template <class Done>
-    void serve(Host &host, Done done)
-    {
-        HostAgainstSimulator::serve(host, std::chrono::seconds(5), done);
     }
 
     Recorder events;
@@ -90,7 +76,7 @@ TEST_F(HostLayer, EachWriteIsSettledOnceByTheFrameThatCarriesIt)
         for (const char *w : row.writes)
             ids.push_back(host.write(request(w)));
         host.start();
-        serve(host, [&] { return recorder.outcomes.size() >= row.writes.size(); });
+        serve(host, 5s, [&] { return recorder.outcomes.size() >= row.writes.size(); });
         std::vector<WriteOutcome> byId;
         for (uint64_t id : ids)
             byId.push_back(recorder.outcomes.count(id) ? recorder.outcomes[id] : O::Unfinished);
@@ -104,16 +90,13 @@ TEST_F(HostLayer, AWrittenValueIsReportedOnlyOnceAReadBringsIt)
 {
     sim.setStations({1});
     Host host(api, *link, events, settings);
-    Item item;
-    QString error;
-    ASSERT_TRUE(parseItem("D_W:500", 1, *catalogue, api, &item, &error));
-    host.monitor({item});
+    host.monitor(items({"D_W:500"}));
     host.start();
-    serve(host, [&] { return !events.log.empty(); });
+    serve(host, 5s, [&] { return !events.log.empty(); });
     ASSERT_EQ(events.log, std::vector<std::string>{"value D_W:500=500"});
 
     host.write(request("D_W:500=9"));
-    serve(host, [&] { return events.log.size() >= 3; });
+    serve(host, 5s, [&] { return events.log.size() >= 3; });
     // The cache shows the value at once; the host says so only after the controller
     // acknowledged it and a read brought it back.
     EXPECT_EQ(events.log, (std::vector<std::string>{"value D_W:500=500", "write 1 ack", "value D_W:500=9"}));
