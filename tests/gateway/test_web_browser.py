@@ -2,12 +2,9 @@
 protocol, against the gateway on the simulator. The table fills with the controller's
 values under headings that say what they are, a change updates its cell in place without
 reloading, a silent station shows offline, the trend has points and draws nothing without,
-and a write from the page lands with the token and is refused without it. A screenshot is
-left in the working directory to look at."""
+and a write from the page lands with the token and is refused without it."""
 
-import base64
 import json
-import os
 import re
 import shutil
 import subprocess
@@ -29,7 +26,6 @@ CHROMIUM_FLAGS = ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic
                   "--disable-background-networking", "--disable-component-update", "--disable-sync",
                   "--remote-debugging-address=127.0.0.1", "--remote-debugging-port=0", "--window-size=1400,900"]
 BROWSER_TIMEOUT = 20.0  # s: chromium's first start on a loaded CI machine is slow
-SCREENSHOT = "rtuplc-gateway-page.png"
 FLUID_WATCH = 3.0           # s of frames watched with 1,000 values changing
 FLUID_MEAN_FRAME_MS = 100   # a page redrawn under ten times a second is no longer live
 
@@ -198,7 +194,6 @@ class Page(h.GatewayTestCase):
         cases = [
             ("the token", web.TOKEN, "1/D_W/500", 777, "acknowledged 777", 777),
             ("no token", "", "1/D_W/500", 888, "refused: ", 777),
-            ("a wrong token", "nope", "1/D_W/501", 999, "refused: ", h.pattern_register(1, 501)),
         ]
         for what, token, path, value, answer, register in cases:
             with self.subTest(what):
@@ -217,7 +212,7 @@ class Page(h.GatewayTestCase):
         self.assertTrue(b.wait_js("%s.textContent == 'bad'" % cell("2/M/0", "q")))
         self.assertTrue(b.js("document.getElementById('station-1').classList.contains('online')"))
 
-    def test_7_a_thousand_changing_values_stay_fluid(self):
+    def test_6_a_thousand_changing_values_stay_fluid(self):
         # Every value changes on every read: the page gets a full batch ten times a second.
         sim = self.own(h.Simulator(extra_args=["--churn"]))
         b = self.show_page_of_a_gateway(sim, ["D_W:1000..1999"])
@@ -232,7 +227,7 @@ class Page(h.GatewayTestCase):
         self.assertLess(sum(gaps) / len(gaps), FLUID_MEAN_FRAME_MS, "frames of %s ms" % sorted(gaps)[-5:])
         self.assertNotEqual(b.js(cell("1/D_W/1500", "v") + ".textContent"), first)
 
-    def test_8_a_value_never_answered_draws_no_trend_and_read_only_says_how_to_write(self):
+    def test_7_a_value_never_answered_draws_no_trend_and_read_only_says_how_to_write(self):
         # Station 3 never answers; no token file.
         b = self.show_page_of_a_gateway(self.sim, ["D_W:0@3"], token=None)
         self.assertTrue(b.wait_js("%s?.textContent == 'bad'" % cell("3/D_W/0", "q"), h.START_TIMEOUT))
@@ -242,13 +237,6 @@ class Page(h.GatewayTestCase):
         self.assertTrue(b.wait_js("document.getElementById('trendnote').textContent == 'waiting for a good reading'"))
         self.assertEqual(painted(b, -1), 0)
         self.assertIn("writes need http.token-file", b.js("document.getElementById('writeauth').textContent"))
-
-    def test_6_screenshot(self):
-        # For a person to look at: the page as a technician sees it.
-        time.sleep(1.5)
-        shot = self.browser.call("Page.captureScreenshot", format="png")
-        with open(os.path.join(os.getcwd(), SCREENSHOT), "wb") as f:
-            f.write(base64.b64decode(shot["data"]))
 
 
 if __name__ == "__main__":
