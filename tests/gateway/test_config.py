@@ -40,8 +40,6 @@ ROWS = [
      "line1.yaml:9: mqtt.tpoic"),
     ("item address outside its area", ["--config", "{config}"], ("- D_W:100..109", "- D_W:8000"), 2,
      "line1.yaml:12: items: \"D_W:8000\""),
-    ("a type its area cannot hold", ["--config", "{config}"], ("- M:0..15@2", "- { item: M:0..15@2, type: float32 }"),
-     2, "line1.yaml:13: items.type: \"M:0..15@2\": M holds bits"),
     ("unknown option", ["--config", "{config}", "--bogus"], None, 2, "--bogus"),
     ("no configuration", [], None, 2, "--config"),
     ("--config without its file", ["--config"], None, 2, "--config"),
