@@ -1,7 +1,8 @@
 """Sparkplug B, read by a decoder of its own: the payload's .proto compiled by protoc
 for Python at test time, so that what the gateway encodes is checked by other code.
 Births declare every value, data follows by alias, a host's rebirth request is served,
-and commands write only what may be written."""
+commands write only what may be written, and a station back from a silence dies alone
+and is born with values read since, never older ones."""
 
 import importlib
 import os
@@ -247,6 +248,28 @@ class Sparkplug(SparkplugTestCase):
         counted = self.wait_topic(self.sub, "NDATA", since=mark, timeout=h.ANSWER_TIMEOUT, predicate=lambda p: any(
             m.name == "Stats/Writes refused" and m.long_value >= ours for m in p.metrics))
         self.assertIsNotNone(counted, "refused commands not counted")
+
+    def test_a_station_back_from_silence_dies_alone_and_is_born_with_values_read_since(self):
+        # Block by block in gateway_logic_test.cpp; here on a real line.
+        mark = self.sub.mark()
+        self.sim.stations(1)
+        self.addCleanup(self.sim.stations, 1, 2)
+        self.assertIsNotNone(self.wait_topic(self.sub, "DDEATH", "press", since=mark), "no DDEATH; log:\n" + self.gw.log())
+        self.assertIsNone(self.wait_topic(self.sub, "DDEATH", "station1", since=mark, timeout=0.1), "only the silent dies")
+        # Changed while nobody could read it.
+        now = {"M/0": not self.sim.get_coil(2, 2000), "D_W/300": 4321}
+        self.sim.coil(2, 2000, now["M/0"])
+        self.sim.set(2, 300, now["D_W/300"])
+        self.addCleanup(self.sim.set, 2, 300, h.pattern_register(2, 300))
+        mark = self.sub.mark()
+        self.sim.stations(1, 2)
+        birth = self.wait_topic(self.sub, "DBIRTH", "press", since=mark, timeout=h.START_TIMEOUT)
+        self.assertIsNotNone(birth, "no DBIRTH; log:\n" + self.gw.log())
+        metrics = {m.name: m for m in birth.metrics}
+        for name, value in now.items():
+            with self.subTest(metric=name):
+                if quality_of(metrics[name]) != BAD:
+                    self.assertEqual(metric_value(metrics[name]), value, "a value from before the silence born good")
 
     def test_a_value_refused_while_its_station_answers_is_bad_then_good(self):
         alias = self.alias("station1", "D_W/100")

@@ -2,11 +2,10 @@
 the gateway dies carries the bdSeq of the birth it ends, a new connection is a new
 bdSeq, and with a primary host the node is born only while that host is online; typed
 values born with their datatype, unit and value, and commands in those datatypes
-landing as the right words. A node that survives its own restart: the next bdSeq is
-kept on disk, so a restart after kill -9 is born with the one after the dead session's;
-a death certificate of the live session brings new births, an older one changes
-nothing; and a station back from a silence dies alone and is born with values read
-since, never older ones (block by block in gateway_logic_test.cpp; here on a real line)."""
+landing as the right words. And a node that survives its own restart: the next bdSeq
+is kept on disk, so a restart after kill -9 is born with the one after the dead
+session's; a death certificate of the live session brings new births, an older one
+changes nothing."""
 
 import json
 import os
@@ -178,34 +177,6 @@ class Restart(spb.SparkplugTestCase):
                 if reborn:
                     self.assertEqual(spb.bdseq_of(birth), born, "a rebirth keeps the bdSeq")
                     self.assertIsNotNone(self.wait_topic(self.sub, "DBIRTH", "station1", since=mark))
-
-
-class BackFromSilence(spb.SparkplugTestCase):
-    def test_a_station_back_from_silence_is_born_with_values_read_since(self):
-        self.own_line(stations=(1, 2))
-        sim, sub = self.sim, self.sub
-        folder, config = spb.sparkplug_config(self.broker, sim, items=["D_W:100..101", "D_W:300..301@2", "M:0..1@2"])
-        gw, _, mark = self.start_node(folder, config, sub)
-        born = self.wait_topic(sub, "DBIRTH", "press", since=mark, timeout=h.START_TIMEOUT)
-        old = {m.name: spb.metric_value(m) for m in born.metrics}
-        self.assertEqual(old["M/0"], bool(h.pattern_coil(2, 2000)))
-        mark = sub.mark()
-        sim.stations(1)
-        self.assertIsNotNone(self.wait_topic(sub, "DDEATH", "press", since=mark), "no DDEATH; log:\n" + gw.log())
-        self.assertIsNone(self.wait_topic(sub, "DDEATH", "station1", since=mark, timeout=0.1), "only the silent dies")
-        # Changed while nobody could read it.
-        sim.coil(2, 2000, not old["M/0"])
-        sim.set(2, 300, 4321)
-        mark = sub.mark()
-        sim.stations(1, 2)
-        birth = self.wait_topic(sub, "DBIRTH", "press", since=mark, timeout=h.START_TIMEOUT)
-        self.assertIsNotNone(birth, "no DBIRTH; log:\n" + gw.log())
-        metrics = {m.name: m for m in birth.metrics}
-        for name, now in (("M/0", not old["M/0"]), ("D_W/300", 4321)):
-            with self.subTest(metric=name):
-                m = metrics[name]
-                if spb.quality_of(m) != spb.BAD:
-                    self.assertEqual(spb.metric_value(m), now, "a value from before the silence born good")
 
 
 if __name__ == "__main__":
