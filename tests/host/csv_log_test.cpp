@@ -1,5 +1,6 @@
 // The CSV log: rows a spreadsheet reads back as written, a file per day, the oldest
-// days removed past the size limit, and a file that survives a row cut short.
+// days removed past the size limit, and a file found at start appended to when it is
+// ours, even after a row cut short, and set aside when it is not.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -83,34 +84,32 @@ TEST(CsvLog, ADayPerFileWithOneHeaderEach)
     EXPECT_EQ(log.currentFile(), (dir.path / "rtuplc-line1-2026-11-25.csv").string());
 }
 
-TEST(CsvLog, ReopenedFileAppendsWithoutASecondHeaderAndEndsACutRow)
+// A file found at start: ours is appended to without a second header, the start of a
+// row a power cut left ended first; one begun with other columns (an older version's)
+// is set aside as FILE.1, not given rows under a heading they do not fit.
+TEST(CsvLog, AFileFoundAtStartIsAppendedToOrSetAside)
 {
-    TempDir dir;
-    const fs::path file = dir.path / "poll.csv";
-    std::string error;
-    {
+    const std::string ours = std::string(kCsvHeader) + csvLine(row(kLateEvening, 1)), cut = "2026-11-24T23:5";
+    const std::string older = "time,station,item,address,value,quality\n"
+                              "2026-11-24T23:00:00.000Z,2,D_W:100,D_W:100,7,good\n";
+    const std::string added = csvLine(row(kLateEvening, 2));
+    const struct {
+        const char *what;
+        std::string found, after, setAside;
+    } cases[] = {
+        {"ours, cut short", ours + cut, ours + cut + "\n" + added, ""},
+        {"begun with other columns", older, std::string(kCsvHeader) + added, older},
+    };
+    for (const auto &c : cases) {
+        TempDir dir;
+        const fs::path file = dir.path / "poll.csv";
+        std::ofstream(file) << c.found;
         CsvLog log(CsvLogSettings{file.string(), false, 0}, [] { return kLateEvening; });
-        ASSERT_TRUE(log.append(row(kLateEvening, 1), &error)) << error;
+        std::string error;
+        ASSERT_TRUE(log.append(row(kLateEvening, 2), &error)) << error;
+        EXPECT_EQ(slurp(file), c.after) << c.what;
+        EXPECT_EQ(slurp(file.string() + ".1"), c.setAside) << c.what;
     }
-    // What a power cut can leave: the start of a row.
-    std::ofstream(file, std::ios::app) << "2026-11-24T23:5";
-    CsvLog again(CsvLogSettings{file.string(), false, 0}, [] { return kLateEvening; });
-    ASSERT_TRUE(again.append(row(kLateEvening, 2), &error)) << error;
-    EXPECT_EQ(slurp(file), std::string(kCsvHeader) + csvLine(row(kLateEvening, 1)) + "2026-11-24T23:5\n" +
-                               csvLine(row(kLateEvening, 2)));
-}
-
-TEST(CsvLog, AFileBegunWithOtherColumnsIsSetAsideNotAppendedTo)
-{
-    TempDir dir;
-    const fs::path file = dir.path / "poll.csv";
-    const std::string older = "time,station,item,address,value,quality\n2026-11-24T23:00:00.000Z,2,D_W:100,D_W:100,7,good\n";
-    std::ofstream(file) << older;
-    std::string error;
-    CsvLog log(CsvLogSettings{file.string(), false, 0}, [] { return kLateEvening; });
-    ASSERT_TRUE(log.append(row(kLateEvening, 1), &error)) << error;
-    EXPECT_EQ(slurp(file.string() + ".1"), older);
-    EXPECT_EQ(slurp(file), std::string(kCsvHeader) + csvLine(row(kLateEvening, 1)));
 }
 
 TEST(CsvLog, SizeCapRemovesOldestDaysNeverToday)
