@@ -37,17 +37,14 @@ struct Served {
     std::vector<std::string> link;
 };
 
-class PollOnce : public ::testing::TestWithParam<bool>, protected Served {
-protected:
-    void SetUp() override
-    {
-        sim.fill(rtusupport::Fill::Pattern);
-        ASSERT_TRUE(start(GetParam()));
-    }
-};
-
-TEST_P(PollOnce, RecipeRoundTripThroughTheController)
+// Over TCP: the writes and reads a recipe makes cross a pty in the other tests here,
+// against the simulator, and in poll_standard_slave_test, against libmodbus.
+TEST(PollOnce, RecipeRoundTripThroughTheController)
 {
+    Served s;
+    rtusupport::Simulator &sim = s.sim;
+    sim.fill(rtusupport::Fill::Pattern);
+    ASSERT_TRUE(s.start(false));
     const std::string recipe = tooltest::writeFile("recipe.csv", "# area:address,length,offset\n"
                                                                  "D_W:300,4,0\n"
                                                                  "D_W:304,2,4\n"
@@ -59,7 +56,7 @@ TEST_P(PollOnce, RecipeRoundTripThroughTheController)
                                                                  "32C:210,123456789\nM:10,1\nM:12,1\n");
     const std::string out = tooltest::writeFile("out.csv", "");
     const tooltest::Run r =
-        poll({"D_W:0", "--recipe", recipe, "--recipe-download", values, "--recipe-upload", out, "--once"});
+        s.poll({"D_W:0", "--recipe", recipe, "--recipe-download", values, "--recipe-upload", out, "--once"});
     ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
     // The upload reads the controller back; a value missing from VALUES.csv is sent as 0.
     EXPECT_EQ(sim.reg32(kStation, 9710), 123456789u);
@@ -70,13 +67,10 @@ TEST_P(PollOnce, RecipeRoundTripThroughTheController)
 
     // An upload on its own reads what the controller holds now.
     sim.setReg(kStation, 302, 777);
-    const tooltest::Run up = poll({"--recipe", recipe, "--recipe-upload", out});
+    const tooltest::Run up = s.poll({"--recipe", recipe, "--recipe-upload", out});
     ASSERT_EQ(up.exitCode, 0) << up.out << up.err;
     EXPECT_NE(tooltest::readFile(out).find("D_W:302,777\n"), std::string::npos);
 }
-
-INSTANTIATE_TEST_SUITE_P(Link, PollOnce, ::testing::Values(false, true),
-                         [](const ::testing::TestParamInfo<bool> &i) { return i.param ? "Pty" : "Tcp"; });
 
 // Two stations, text output: each value shown once per change with its station; a
 // broadcast write reaches every station.
