@@ -4,18 +4,20 @@
 Over the unpaced TCP simulator with every value changing at every poll
 (rtuplc-sim --churn), rounds alternate rtuplc-poll, gateway, rtuplc-poll, gateway...
 and the medians are compared: the broker must not slow the line. Over the gateway's
-rounds a fast subscriber (mosquitto_sub, receive time in ns) gives the latency of each
-register's value from the reply that carried it (the simulator's --reply-times, on the
-same clock to the nanosecond) to the subscriber, and /proc gives the CPU time per change
-read and per change published, of the whole process and of its poll loop. Two last rounds at
-stated lighter loads (a line pause) measure latency again where the broker keeps up,
-then the resident memory with the items polled and with the broker gone until the
-gateway holds a full buffer.
+rounds a subscriber of its own (bench/stamp_subscriber.c, receive time in ns) gives
+the latency of each register's value from the reply that carried it (the simulator's
+--reply-times, on the same clock to the nanosecond) to the subscriber, and /proc gives
+the CPU time per change read and per change published, of the whole process and of its
+poll loop. Two last rounds at stated lighter loads (a line pause) measure latency again
+where the broker keeps up, then the resident memory with the items polled (once the
+page's trends hold a whole window) and with the broker gone until the gateway holds a
+full buffer.
 
     bench/gateway_bench.py [--seconds 10] [--rounds 3] [--items 10000]
 
-Binaries from build-bench/ unless RTUPLC_GATEWAY, RTUPLC_SIM, RTUPLC_POLL say
-otherwise. Not part of ctest: it takes a few minutes and both cores.
+Binaries from build-bench/ unless RTUPLC_GATEWAY, RTUPLC_SIM, RTUPLC_POLL,
+RTUPLC_BARE_PUBLISHER, RTUPLC_STAMP_SUBSCRIBER say otherwise. Not part of ctest: it
+takes a few minutes and both cores.
 """
 
 import argparse
@@ -38,15 +40,16 @@ os.environ.setdefault("RTUPLC_GATEWAY", os.path.join(BUILD, "rtuplc-gateway"))
 os.environ.setdefault("RTUPLC_SIM", os.path.join(BUILD, "rtuplc-sim"))
 POLL = os.environ.get("RTUPLC_POLL", os.path.join(BUILD, "rtuplc-poll"))
 BARE = os.environ.get("RTUPLC_BARE_PUBLISHER", os.path.join(BUILD, "bench", "rtuplc_bare_publisher"))
+SUBSCRIBER = os.environ.get("RTUPLC_STAMP_SUBSCRIBER", os.path.join(BUILD, "bench", "rtuplc_stamp_subscriber"))
 sys.path.insert(0, os.path.join(ROOT, "support/python"))
 import loopback_line as h  # noqa: E402  (needs the environment above)
 
 PREFIX = "rtuplc/line1"
-MOSQUITTO_SUB = "/usr/bin/mosquitto_sub"
 WORD_ITEMS = 8000          # D_W registers; the rest of the items are bits of M
 WARM_UP = 2.0              # s after the first values before a round is measured
 HOLD_TIMEOUT = 120.0       # s for the gateway to fill its buffer with the broker gone
 FULL_BUFFER = 100000       # messages held while the broker is away
+TREND_WINDOW = 65.0        # s: the memory round's one-minute trend window full, and a little
 TICKS = os.sysconf("SC_CLK_TCK")
 CAPTURES = tempfile.mkdtemp(prefix="rtuplc-gwbench-")  # the subscriber's files; the harness removes its own
 REPLY_TIMES = os.path.join(CAPTURES, "replies.txt")    # the simulator's, one line per read answered
@@ -100,7 +103,10 @@ def web_stats(port, tries=5):
 
 def poll_round(sim, items, seconds):
     """rtuplc-poll on the items for `seconds`; its polls per second."""
-    run = subprocess.run([POLL, "--tcp", "127.0.0.1:%d" % sim.port, "--json", "--duration", str(seconds)] + items,
+    # The gateway's time-outs and probing (loopback_line.base_config), for a station off.
+    timing = ["--timeout", "100", "--retries", "2", "--probe-interval", "500ms", "--probe-max", "1s"]
+    run = subprocess.run([POLL, "--tcp", "127.0.0.1:%d" % sim.port, "--json", "--duration", str(seconds)] + timing +
+                         items,
                          stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, timeout=seconds + 30)
     found = re.search(r"([\d.]+) polls/s", run.stderr)
     if not found:
@@ -109,14 +115,13 @@ def poll_round(sim, items, seconds):
 
 
 class Capture:
-    """mosquitto_sub writing "receive-time topic payload" lines to a file."""
+    """The stamp subscriber: "receive-time topic payload" lines, in a file once it ends."""
 
     def __init__(self, broker, folder, name):
         self.path = os.path.join(folder, name)
         self.file = open(self.path, "w")
-        self.proc = subprocess.Popen([MOSQUITTO_SUB, "-h", "127.0.0.1", "-p", str(broker.port), "-u", "reader",
-                                      "-P", h.USERS["reader"], "-q", "1", "-R", "-t", PREFIX + "/#",
-                                      "-F", "%U %t %p"], stdout=self.file, stderr=subprocess.DEVNULL)
+        self.proc = subprocess.Popen([SUBSCRIBER, "127.0.0.1", str(broker.port), "reader", h.USERS["reader"],
+                                      PREFIX + "/#"], stdout=self.file, stderr=subprocess.DEVNULL)
         time.sleep(0.3)  # subscribed before the gateway starts
 
     def finish(self):
@@ -227,9 +232,14 @@ def gateway_round(broker, sim, items, seconds, pause, name, memory=False, binary
     folder, config = h.base_config(broker, sim, items, qos=1, buffer=FULL_BUFFER)
     config["line"]["pause"] = pause
     config["http"] = {"listen": "127.0.0.1:%d" % web_port}
+    if memory:
+        # Memory is read once the page's trends hold a whole window, as they do after
+        # the first minutes of a gateway in service: a one-minute window, to be quick.
+        config["http"]["history"] = 1
     capture = Capture(broker, CAPTURES, name + ".txt")
     replies_from = os.path.getsize(REPLY_TIMES)
     gw = h.Gateway(folder, config)
+    gw_started = time.time()
     try:
         if not h.wait_until(lambda: gw.running() and h.port_open(web_port) and
                             web_stats(web_port).get("published", 0) > 0, h.START_TIMEOUT * 3):
@@ -240,6 +250,8 @@ def gateway_round(broker, sim, items, seconds, pause, name, memory=False, binary
         time.sleep(seconds - 1)
         last = fresh_stats(web_port)
         end, cpu1, loop1 = last[0], cpu_seconds(gw.proc.pid), cpu_seconds(gw.proc.pid, gw.proc.pid)
+        if memory:
+            time.sleep(max(0.0, gw_started + TREND_WINDOW - time.time()))
         out = {"rss_mb": rss_mb(gw.proc.pid)}
         if memory:
             broker.stop()
@@ -282,6 +294,8 @@ def main():
     ap.add_argument("--items", type=int, default=10000, help="values polled (default 10000)")
     ap.add_argument("--shape", choices=("big", "small"), default="big",
                     help="big: --items values in 125-value blocks; small: 22 values in 7 small blocks")
+    ap.add_argument("--station-off", action="store_true",
+                    help="a second station polled too, switched off (D_W:0..9@2): probed, never answering")
     ap.add_argument("--compare", metavar="NAME=PATH", action="append", default=[],
                     help="another rtuplc-gateway binary measured in the same rounds (e.g. an older build)")
     ap.add_argument("--moderate-pause", type=int, default=12,
@@ -291,10 +305,10 @@ def main():
     a = ap.parse_args()
     for c in a.compare:
         GATEWAYS.append(tuple(c.split("=", 1)))
-    for path in [g for _, g in GATEWAYS] + [h.SIM, POLL, MOSQUITTO_SUB, BARE]:
+    for path in [g for _, g in GATEWAYS] + [h.SIM, POLL, SUBSCRIBER, BARE]:
         if not os.access(path, os.X_OK):
-            sys.exit("missing %s: build rtuplc-gateway rtuplc-sim rtuplc-poll rtuplc_bare_publisher in %s" % (path, BUILD))
-    items = items_for(a.items, a.shape)
+            sys.exit("missing %s: build rtuplc-gateway rtuplc-sim rtuplc-poll rtuplc_bare_publisher rtuplc_stamp_subscriber in %s" % (path, BUILD))
+    items = items_for(a.items, a.shape) + (["D_W:0..9@2"] if a.station_off else [])
     count = a.items if a.shape == "big" else 22
     load_before = os.getloadavg()
     seconds = int(a.seconds)
@@ -351,6 +365,7 @@ def main():
           % (count, " ".join(items), a.rounds, seconds))
     print("Load average (1, 5, 15 min) before: %.1f %.1f %.1f, after: %.1f %.1f %.1f"
           % (load_before + os.getloadavg()))
+    print("Items: %s" % " ".join(items))
     print("rtuplc-poll, polls/s (median): %.1f; bare publisher, messages/s (median): %.0f" % (poll_med, bare_med))
     print("bare publisher in bursts of %d as at the light load: %.0f messages/s, latency p50 / p99 %.2f / %.2f ms"
           % (burst, bare_light[0], bare_light[1], bare_light[2]))
@@ -381,7 +396,7 @@ def main():
         lambda n: "%.2f / %.2f ms" % (moderate[n]["first_p50"], moderate[n]["first_p99"]))
     row("moderate load: CPU per published change (the other threads)",
         lambda n: "%.2f us (%.2f us)" % (moderate[n]["cpu_us"], moderate[n]["client_us"]))
-    row("resident memory, values polled", lambda n: "%.1f MB" % moderate[n]["rss_mb"])
+    row("resident memory, values polled, a full trend window", lambda n: "%.1f MB" % moderate[n]["rss_mb"])
     row("resident memory, broker gone, held", lambda n: "%.1f MB (%d held)" % (moderate[n]["rss_full_mb"], moderate[n]["held"]))
     print("Latency: each register value's receive time at the subscriber minus the time the simulator wrote the "
           "reply that carried it, both to the nanosecond on the system clock.")

@@ -86,6 +86,10 @@ protected:
             if (errno == 0 || errno == EISCONN) {
                 const int one = 1;
                 setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+                // Blocking from now on, every call that must not wait says so itself:
+                // waiting for a reply is then one call, not a poll and a read.
+                fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+                receiveTimeout_ = -1;
                 fd_ = fd;
             } else {
                 why = errnoText();
@@ -105,9 +109,28 @@ protected:
         fd_ = -1;
     }
 
+    ssize_t awaitBytes(uint8_t *buf, size_t size, int ms) override
+    {
+        if (ms <= 0)
+            return readNow(buf, size);
+        // The time-out is set only when it changes: polling at one pace, it never does.
+        if (ms != receiveTimeout_) {
+            const timeval tv{ms / 1000, (ms % 1000) * 1000};
+            if (setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0)
+                return -1;
+            receiveTimeout_ = ms;
+        }
+        const ssize_t n = ::recv(fd_, buf, size, 0);
+        if (n < 0 && errno == EWOULDBLOCK)
+            errno = EAGAIN;
+        return n;
+    }
+    ssize_t readNow(uint8_t *buf, size_t size) override { return ::recv(fd_, buf, size, MSG_DONTWAIT); }
+
 private:
     std::string host_;
     int port_;
+    int receiveTimeout_ = -1; // ms, as last set on the socket
 };
 
 class SerialLink : public Link {
@@ -225,11 +248,25 @@ std::chrono::microseconds Link::guard() const
     return std::clamp<std::chrono::microseconds>(g, std::max(silence(), std::chrono::microseconds(1000)), kMaxGuard);
 }
 
+ssize_t Link::awaitBytes(uint8_t *buf, size_t size, int ms)
+{
+    pollfd p{fd_, POLLIN, 0};
+    const int ready = ::poll(&p, 1, ms);
+    if (ready == 0)
+        errno = EAGAIN;
+    return ready > 0 ? readNow(buf, size) : -1;
+}
+
+ssize_t Link::readNow(uint8_t *buf, size_t size)
+{
+    return ::read(fd_, buf, size);
+}
+
 bool Link::drain(bool late)
 {
     uint8_t buf[512];
     for (;;) {
-        const ssize_t n = ::read(fd_, buf, sizeof buf);
+        const ssize_t n = readNow(buf, sizeof buf);
         if (n > 0) {
             matcher_.discard(buf, size_t(n), late);
             continue;
@@ -314,11 +351,8 @@ bool Link::keepQuiet(const FRAME_PRO &frame, Exchange &x, const std::atomic<bool
     while (!stop) {
         if (Clock::now() >= quietUntil)
             break;
-        pollfd p{fd_, POLLIN, 0};
-        if (::poll(&p, 1, std::min(msLeft(quietUntil) + 1, 100)) <= 0)
-            continue;
         uint8_t buf[512];
-        const ssize_t n = ::read(fd_, buf, sizeof buf);
+        const ssize_t n = awaitBytes(buf, sizeof buf, std::min(msLeft(quietUntil) + 1, 100));
         if (n <= 0) {
             if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
                 closeOnFailure();
@@ -394,26 +428,22 @@ Exchange Link::exchange(const FRAME_PRO &frame, std::chrono::microseconds timeou
     if (expectsReply)
         owed_.push_back(Owed{bytes, sentAt, until});
     while (expectsReply && !matcher_.answered() && !stop) {
-        pollfd p{fd_, POLLIN, 0};
-        const int ready = ::poll(&p, 1, std::min(msLeft(until), 100));
-        if (ready > 0) {
-            uint8_t buf[512];
-            const ssize_t r = ::read(fd_, buf, sizeof buf);
-            if (r > 0) {
-                x.bytesSeen += size_t(r);
-                // A slave that answers twice sends the copy right after the reply: later
-                // than the transmission of a reply plus this slack it is an answer. To
-                // the same request sent again, a copy carries the very values asked for,
-                // so it is no copy to skip: a single block polled flat out gets identical
-                // replies back to back.
-                const bool copyPossible = bytes != lastTakenFrame_ &&
-                                          Clock::now() - lastTaken_ < (timeout - margin_) + kCopyWindow;
-                matcher_.feed(buf, size_t(r), copyPossible);
-            } else if (r == 0 || (errno != EAGAIN && errno != EINTR)) {
-                x.detail = r == 0 ? "the connection was closed" : errnoText();
-                closeOnFailure();
-                break;
-            }
+        uint8_t buf[512];
+        const ssize_t r = awaitBytes(buf, sizeof buf, std::min(msLeft(until), 100));
+        if (r > 0) {
+            x.bytesSeen += size_t(r);
+            // A slave that answers twice sends the copy right after the reply: later
+            // than the transmission of a reply plus this slack it is an answer. To
+            // the same request sent again, a copy carries the very values asked for,
+            // so it is no copy to skip: a single block polled flat out gets identical
+            // replies back to back.
+            const bool copyPossible = bytes != lastTakenFrame_ &&
+                                      Clock::now() - lastTaken_ < (timeout - margin_) + kCopyWindow;
+            matcher_.feed(buf, size_t(r), copyPossible);
+        } else if (r == 0 || (errno != EAGAIN && errno != EINTR)) {
+            x.detail = r == 0 ? "the connection was closed" : errnoText();
+            closeOnFailure();
+            break;
         } else if (Clock::now() >= until) {
             break;
         }

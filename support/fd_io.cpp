@@ -14,7 +14,7 @@ bool writeAll(int fd, const uint8_t *bytes, size_t n, std::chrono::milliseconds 
     const auto until = Clock::now() + timeout;
     size_t done = 0;
     while (done < n) {
-        ssize_t w = ::send(fd, bytes + done, n - done, MSG_NOSIGNAL);
+        ssize_t w = ::send(fd, bytes + done, n - done, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (w < 0 && errno == ENOTSOCK) // a pty or a serial device
             w = ::write(fd, bytes + done, n - done);
         if (w > 0) {

@@ -13,6 +13,8 @@
 #include <deque>
 #include <memory>
 #include <string>
+
+#include <sys/types.h>
 #include <vector>
 
 #include "rtuplc_link.h"
@@ -76,6 +78,11 @@ protected:
     virtual void afterExchange() {}
     virtual void closeOnFailure() {}
     virtual std::chrono::microseconds silence() const { return std::chrono::microseconds(0); }
+    // Reads what has come, waiting up to `ms` for the first byte: > 0 the bytes read, 0
+    // the peer closed, -1 with errno (EAGAIN: nothing came in time). A wait and a read.
+    virtual ssize_t awaitBytes(uint8_t *buf, size_t size, int ms);
+    // Reads what is waiting without blocking.
+    virtual ssize_t readNow(uint8_t *buf, size_t size);
 
     int fd_ = -1;
 
