@@ -190,10 +190,10 @@ def read_capture(path, start, end, offset):
             if not start <= received <= end:
                 continue
             received_count += 1
-            topic = parts[1].rsplit("/", 2)
-            if len(topic) < 3 or topic[1] != "D_W":
-                continue  # a bit's value does not say which read it came from
-            address = int(topic[2])
+            topic = parts[1].rsplit("/", 3)
+            if len(topic) < 4 or topic[1] != "1" or topic[2] != "D_W":
+                continue  # a bit's value does not say which read it came from; station 2 is off
+            address = int(topic[3])
             at = parts[2].find('"value":') + 8
             value = int(parts[2][at:parts[2].index(",", at)])
             reply = (block_of.get(address), (value - address) & 0xFFFF)
