@@ -66,6 +66,8 @@ public:
     void done(bool delivered);
     // Nothing waits, nothing is in flight.
     bool idle();
+    // Messages that may await their PUBACK at once, as the broker granted.
+    long window() const { return window_.load(); }
 
     uint64_t published() const { return published_.load(std::memory_order_relaxed); }
     size_t held();

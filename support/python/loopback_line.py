@@ -134,7 +134,7 @@ class Broker:
     """mosquitto in a temporary directory: a plain listener, optionally a TLS one,
     accounts with passwords, an ACL, and persistence that survives a restart."""
 
-    def __init__(self, tls=False, require_certificate=False, log_every_message=True):
+    def __init__(self, tls=False, require_certificate=False, log_every_message=True, max_inflight=1000):
         self.dir = tempfile.mkdtemp(prefix="rtuplc-broker-")
         # The tests read every message in the log when one fails; a benchmark's broker
         # logs what a plant's does, not a few lines per message.
@@ -143,6 +143,7 @@ class Broker:
         self.tls = tls
         self.tls_port = free_port() if tls else None
         self.require_certificate = require_certificate
+        self.max_inflight = max_inflight  # None: mosquitto's own default, 20
         self.proc = None
         self.certs = make_certificates(self.dir) if tls else None
         self._write_files()
@@ -171,7 +172,7 @@ class Broker:
             "acl_file " + self.path("acl"),
             # As a plant's broker for a busy line is set up: QoS 1 messages flow in a
             # window wider than mosquitto's 20, and a slow subscriber's queue is not cut.
-            "max_inflight_messages 1000",
+        ] + (["max_inflight_messages %d" % self.max_inflight] if self.max_inflight else []) + [
             "max_queued_messages 0",
             "persistence true",
             "persistence_location " + self.dir + "/",
