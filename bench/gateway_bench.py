@@ -104,7 +104,7 @@ def web_stats(port, tries=5):
 def poll_round(sim, items, seconds):
     """rtuplc-poll on the items for `seconds`; its polls per second."""
     # The gateway's time-outs and probing (loopback_line.base_config), for a station off.
-    timing = ["--timeout", "100", "--retries", "2", "--probe-interval", "500ms", "--probe-max", "1s"]
+    timing = [a for key, value in h.LINE_TIMING.items() for a in ("--" + key, str(value))]
     run = subprocess.run([POLL, "--tcp", "127.0.0.1:%d" % sim.port, "--json", "--duration", str(seconds)] + timing +
                          items,
                          stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, timeout=seconds + 30)

@@ -35,6 +35,9 @@ ANSWER_TIMEOUT = 5.0   # s for an MQTT message or a simulator answer
 STOP_TIMEOUT = 5.0     # s for a process to end after SIGTERM
 SESSION_EXPIRY = 300   # s a persistent subscriber's session outlives it
 LINE_PAUSE_MS = 2      # between exchanges on the line
+# The line's time-outs and probing in base_config: a silent station noticed within a
+# second and tried again twice a second. Keys as the gateway's line: and rtuplc-poll's options.
+LINE_TIMING = {"timeout": 100, "retries": 2, "probe-interval": "500ms", "probe-max": "1s"}
 
 # Accounts of the broker; the gateway's own may read and write its topics, the
 # reader only reads them, the operator reads them and publishes write requests.
@@ -328,8 +331,8 @@ def base_config(broker, sim, items, name="line1", user="gateway", **mqtt_keys):
     mqtt_section.update(mqtt_keys)
     # A short pause between exchanges: polling flat out on loopback would take a core
     # from the broker and the test itself on a two-core machine.
-    line = {"tcp": "%s:%d" % (LOOPBACK, sim.port if sim else free_port()), "timeout": 100, "retries": 2,
-            "station": 1, "pause": LINE_PAUSE_MS, "probe-interval": "500ms", "probe-max": "1s"}
+    line = {"tcp": "%s:%d" % (LOOPBACK, sim.port if sim else free_port()), "station": 1, "pause": LINE_PAUSE_MS}
+    line.update(LINE_TIMING)
     return folder, {"name": name, "line": line, "mqtt": mqtt_section, "items": list(items)}
 
 
