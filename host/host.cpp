@@ -919,10 +919,12 @@ void Host::showDirty()
     reporting_.swap(dirty_);
     for (const size_t i : reporting_)
         dirtyMark_[i] = false;
+    if (settings_.once) {
+        reporting_.clear(); // everything is reported once at the end
+        return;
+    }
     if (!std::is_sorted(reporting_.begin(), reporting_.end()))
         std::sort(reporting_.begin(), reporting_.end());
-    if (settings_.once)
-        reporting_.clear(); // everything is reported once at the end
     // A run of points side by side (a reply's, mostly) is read from the driver at once.
     values_.resize(reporting_.size());
     for (size_t run = 0; run < reporting_.size();) {
